@@ -1,0 +1,55 @@
+/* ssat.h - debug shell: a registry of modules and their commands, by which an operator looks into a running process.
+ *
+ * A command's help text doubles as the description of its arguments: each integer conversion in it (%d, %x, also %i, %u,
+ * %X, %o and with flags, width or length: "0x%x", "%ld") names one integer argument, in order; "%%" names none. Handlers
+ * run on the thread master's thread, one at a time: whoever calls ssat_exec() sees to that. All functions may be called
+ * from any thread. Modules and commands live as long as the process.
+ */
+#ifndef SSAT_H
+#define SSAT_H
+
+#include <stdarg.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct ssat_module ssat_module;
+
+enum { SSAT_EINVAL = -1, SSAT_ENOENT = -2, SSAT_ENOMEM = -3, SSAT_EARGS = -4 };
+
+/* `argc` is the number of arguments that the help text names; those that the operator left out are 0. */
+typedef int32_t (*ssat_handler)(int32_t argc, const int32_t *argv);
+
+/* Makes the module, or takes the one of that name (registering again is allowed), and gives its handle. `name` is
+ * copied, not empty and up to 127 characters. 0, EINVAL, ENOMEM. */
+int32_t ssat_lib_init(const char *name, ssat_module **module);
+/* Registers a command; one of the same name is replaced where it stands (the last one wins). `flags` must be 0, the
+ * name not empty. Texts are copied. 0, EINVAL, ENOMEM. */
+int32_t ssat_reg_mod_cmd(ssat_module *module, const char *command, uint32_t flags, const char *help,
+                         ssat_handler handler);
+
+/* Prints to whoever asked: to the client whose handler runs on this thread, or else to standard output. Returns the
+ * number of characters, or a negative value when the client has gone (then, and for the rest of the handler's run) or
+ * the text cannot be formatted. */
+int32_t ssat_vprint(const char *format, va_list args) __attribute__((format(printf, 1, 0)));
+
+/* Server side, also for tests and tools: visits modules in the order of their names and commands in the order of their
+ * registration, as they stood at the start. The walk ends at the first non-zero result, which is returned. EINVAL,
+ * ENOMEM. */
+typedef int32_t (*ssat_visitor)(const char *module, const char *command, const char *help, void *args);
+int32_t ssat_for_each(ssat_visitor visitor, void *args);
+/* Where the output of a handler goes, print by print. `size` bytes (never 0), perhaps not terminated; a non-zero result
+ * means the client has gone: the sink is not called again. */
+typedef int32_t (*ssat_sink)(const char *text, uint32_t size, void *args);
+/* Runs a command on the calling thread as for a client: its prints go to `sink`. *result takes what the handler returned
+ * (may be null). 0; ENOENT for an unknown module or command, EARGS for more arguments than the help text names, EINVAL,
+ * ENOMEM: then nothing ran. */
+int32_t ssat_exec(const char *module, const char *command, int32_t argc, const int32_t *argv, ssat_sink sink,
+                  void *args, int32_t *result);
+
+#ifdef __cplusplus
+}
+#endif
+#endif
