@@ -1,0 +1,265 @@
+// The keyed caches: open-addressing sets of record pointers, keyed by the first bytes of the record.
+//
+// Four layers, each small: `keyed_cache` is the memory and its rules, on bytes; `keyed_table` adds what depends on the
+// key's length (find, insert, remove); `key_length` says which records are cached and by which key; `family` is the
+// array of tables of one record type that libsw_ebridge_hash.cpp exports under the family's name.
+//
+// A bucket is live, deleted or empty (two flag bits). Bucket counts are powers of two, probing is triangular and ends
+// at the first empty bucket; a table is at most 77 % occupied, deleted buckets included, so there always is one. Beside
+// its record each bucket keeps the record's hash: a probe looks at a record only when the whole hash agrees, and growth
+// looks at none.
+#pragma once
+
+#include <algorithm>
+#include <bit>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "lookup2.hpp"
+#include "sw_ebridge.h"
+
+namespace sw
+{
+
+// ---- memory and rules -----------------------------------------------------------------------------------------------
+
+struct keyed_cache {
+    uint32_t bucket_count;
+    uint32_t size;         // live buckets
+    uint32_t occupied;     // live and deleted buckets
+    uint32_t upper_bound;  // occupied buckets at which an insertion first makes room
+    uint32_t *flags;       // sixteen buckets a word, two bits each: enum bucket_state
+    void **keys;           // records
+    uint32_t *hashes;      // of the records
+};
+
+enum bucket_state : uint32_t { BUCKET_LIVE = 0, BUCKET_DELETED = 1, BUCKET_EMPTY = 2 };
+
+constexpr uint32_t NO_BUCKET = UINT32_MAX;
+
+// 77 % of the bucket count, rounded; in integers because small targets have no floating point unit.
+constexpr uint32_t upper_bound_of(uint32_t bucket_count)
+{
+    return static_cast<uint32_t>((static_cast<uint64_t>(bucket_count) * 77 + 50) / 100);
+}
+
+inline uint32_t state_of(const uint32_t *flags, uint32_t bucket) { return flags[bucket / 16] >> (bucket % 16 * 2) & 3; }
+
+inline void set_state(uint32_t *flags, uint32_t bucket, bucket_state state)
+{
+    const uint32_t shift = bucket % 16 * 2;
+    flags[bucket / 16] = (flags[bucket / 16] & ~(3u << shift)) | static_cast<uint32_t>(state) << shift;
+}
+
+// Makes room for one more record: drops the deleted marks when fewer than half of the buckets are live, else doubles
+// the buckets. False without memory; the table is then as it was.
+bool keyed_cache_make_room(keyed_cache &cache);
+
+// Frees the arrays and leaves an empty table. The records are the caller's.
+void keyed_cache_clear(keyed_cache &cache);
+
+// The first live bucket from `bucket` on, or `end`.
+inline uint32_t next_live(const keyed_cache &cache, uint32_t bucket, uint32_t end)
+{
+    while (bucket < end) {
+        const uint32_t word = cache.flags[bucket / 16] >> (bucket % 16 * 2);
+        const uint32_t live = ~(word | word >> 1) & (0x55555555u >> (bucket % 16 * 2));
+        if (live != 0)
+            return std::min(bucket + static_cast<uint32_t>(std::countr_zero(live)) / 2, end);
+        bucket = (bucket / 16 + 1) * 16;
+    }
+    return end;
+}
+
+// Visits the live buckets of a range in their order until a result is not 0, and returns that; else 0. The table is
+// looked at afresh after each visit, so a visitor may remove.
+template <class Record>
+int32_t keyed_cache_walk(const keyed_cache &cache, uint32_t first, uint32_t count,
+                         int32_t (*visit)(Record *record, void *arg, int32_t position), void *arg)
+{
+    const uint32_t end = static_cast<uint32_t>(std::min<uint64_t>(uint64_t{first} + count, cache.bucket_count));
+    for (uint32_t i = next_live(cache, first, end); i < end; i = next_live(cache, i + 1, end)) {
+        const int32_t result = visit(static_cast<Record *>(cache.keys[i]), arg, static_cast<int32_t>(i));
+        if (result != 0)
+            return result;
+    }
+    return 0;
+}
+
+// ---- what depends on the key ----------------------------------------------------------------------------------------
+
+// The operations for keys of `Length` bytes. Tests give a worse hash than the default.
+template <size_t Length, uint32_t (*Hash)(const void *) = lookup2_of<Length>>
+struct keyed_table {
+    static bool holds(const keyed_cache &cache, uint32_t bucket, uint32_t hash, const void *key)
+    {
+        return cache.hashes[bucket] == hash && state_of(cache.flags, bucket) == BUCKET_LIVE &&
+               std::memcmp(cache.keys[bucket], key, Length) == 0;
+    }
+
+    static uint32_t find_bucket(const keyed_cache &cache, const void *key)
+    {
+        if (cache.bucket_count == 0)
+            return NO_BUCKET;
+        const uint32_t hash = Hash(key);
+        const uint32_t mask = cache.bucket_count - 1;
+        uint32_t bucket = hash & mask;
+        for (uint32_t step = 1; !holds(cache, bucket, hash, key); ++step) {
+            if (state_of(cache.flags, bucket) == BUCKET_EMPTY)
+                return NO_BUCKET;
+            bucket = (bucket + step) & mask;
+        }
+        return bucket;
+    }
+
+    static void *find(const keyed_cache &cache, const void *key)
+    {
+        const uint32_t bucket = find_bucket(cache, key);
+        return bucket == NO_BUCKET ? nullptr : cache.keys[bucket];
+    }
+
+    // Stores the pointer unless an equal key is stored. True when it was stored.
+    static bool insert(keyed_cache &cache, void *record)
+    {
+        if (cache.occupied >= cache.upper_bound && !keyed_cache_make_room(cache))
+            return false;
+        const uint32_t hash = Hash(record);
+        const uint32_t mask = cache.bucket_count - 1;
+        uint32_t bucket = hash & mask;
+        uint32_t reusable = NO_BUCKET;  // first deleted bucket on the way
+        for (uint32_t step = 1; state_of(cache.flags, bucket) != BUCKET_EMPTY; ++step) {
+            if (holds(cache, bucket, hash, record))
+                return false;
+            if (reusable == NO_BUCKET && state_of(cache.flags, bucket) == BUCKET_DELETED)
+                reusable = bucket;
+            bucket = (bucket + step) & mask;
+        }
+        if (reusable == NO_BUCKET)
+            ++cache.occupied;
+        else
+            bucket = reusable;
+        cache.keys[bucket] = record;
+        cache.hashes[bucket] = hash;
+        set_state(cache.flags, bucket, BUCKET_LIVE);
+        ++cache.size;
+        return true;
+    }
+
+    // Takes the record of that key out and returns it, or null.
+    static void *remove(keyed_cache &cache, const void *key)
+    {
+        const uint32_t bucket = find_bucket(cache, key);
+        if (bucket == NO_BUCKET)
+            return nullptr;
+        set_state(cache.flags, bucket, BUCKET_DELETED);
+        --cache.size;
+        return cache.keys[bucket];
+    }
+};
+
+// ---- which records, by which key ------------------------------------------------------------------------------------
+
+#define SW_END_OF(record, member) (offsetof(record, member) + sizeof(record::member))
+
+// Length of the key at the start of a record. The map items of evlans and eports differ by one key word: an eport's
+// application key has two ids.
+template <class Record>
+inline constexpr size_t key_length = 0;
+template <>
+inline constexpr size_t key_length<sw_ebridge_list_item> = SW_END_OF(sw_ebridge_list_item, user_name);
+template <>
+inline constexpr size_t key_length<sw_evlan_attr> = SW_END_OF(sw_evlan_attr, evlan_id);
+template <>
+inline constexpr size_t key_length<sw_eport_attr> = SW_END_OF(sw_eport_attr, eport_id);
+template <>
+inline constexpr size_t key_length<sw_ematch_item> = offsetof(sw_ematch_item, action_type);
+template <>
+inline constexpr size_t key_length<sw_evlan_index_map> = SW_END_OF(sw_evlan_index_map, key);
+template <>
+inline constexpr size_t key_length<sw_eport_index_map> = SW_END_OF(sw_eport_index_map, key);
+template <>
+inline constexpr size_t key_length<sw_vlan_pvid_entry> = SW_END_OF(sw_vlan_pvid_entry, ifx);
+
+#undef SW_END_OF
+
+// ---- the tables of one record type ----------------------------------------------------------------------------------
+
+template <class Record>
+class family
+{
+  public:
+    using visitor = int32_t (*)(Record *record, void *arg, int32_t position);
+    using table = keyed_table<key_length<Record>>;
+
+    // Makes the tables, all empty. Once made they stay for the life of the process: a later call keeps them and what
+    // they hold. 0; -1 without memory.
+    static int32_t init(uint32_t count)
+    {
+        if (tables_ != nullptr || count == 0)
+            return 0;
+        tables_ = static_cast<keyed_cache *>(std::calloc(count, sizeof(keyed_cache)));
+        if (tables_ == nullptr)
+            return -1;
+        count_ = count;
+        return 0;
+    }
+
+    static bool exists(uint32_t number) { return number < count_; }
+
+    static int32_t insert(uint32_t number, Record *record)
+    {
+        if (exists(number) && record != nullptr)
+            table::insert(tables_[number], record);
+        return 0;
+    }
+
+    static void *remove(uint32_t number, const Record *key)
+    {
+        return exists(number) && key != nullptr ? table::remove(tables_[number], key) : nullptr;
+    }
+
+    static Record *find(uint32_t number, const Record *key)
+    {
+        return exists(number) && key != nullptr ? static_cast<Record *>(table::find(tables_[number], key)) : nullptr;
+    }
+
+    static int32_t traverse(uint32_t number, int32_t first, uint32_t count, visitor visit, void *arg)
+    {
+        if (!exists(number) || visit == nullptr || first < 0)
+            return 0;
+        return keyed_cache_walk(tables_[number], static_cast<uint32_t>(first), count, visit, arg);
+    }
+
+    static uint32_t size(uint32_t number) { return exists(number) ? tables_[number].size : 0; }
+
+    // Copies the record over the stored one of its key, or stores a copy. The stored record; null without memory.
+    static Record *create(uint32_t number, const Record *record)
+    {
+        if (!exists(number) || record == nullptr)
+            return nullptr;
+        Record *stored = find(number, record);
+        if (stored != nullptr) {
+            std::memmove(stored, record, sizeof(Record));  // the caller may hand in the stored record itself
+            return stored;
+        }
+        stored = static_cast<Record *>(std::malloc(sizeof(Record)));
+        if (stored == nullptr)
+            return nullptr;
+        std::memcpy(stored, record, sizeof(Record));
+        if (table::insert(tables_[number], stored))
+            return stored;
+        std::free(stored);
+        return nullptr;
+    }
+
+    static void destroy(uint32_t number, const Record *key) { std::free(remove(number, key)); }
+
+  private:
+    static_assert(key_length<Record> != 0, "not a cached record");
+
+    static constinit inline keyed_cache *tables_ = nullptr;
+    static constinit inline uint32_t count_ = 0;
+};
+
+}  // namespace sw

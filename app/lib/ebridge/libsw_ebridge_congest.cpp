@@ -1,0 +1,86 @@
+// Congestion: registers each user as a producer of its record topics once its congestion connection is up.
+#include <cstdio>
+#include <cstdlib>
+
+#include "connecting.hpp"
+#include "export.hpp"
+#include "libcgstctrl.h"
+#include "logging.hpp"
+
+namespace
+{
+
+// Databases whose congestion connection has come up; apart from the data connections' word, never cleared.
+constinit uint32_t congestion_db_flags = 0;
+
+// The congestion library keeps what it is given, so module names and topics live as long as the process.
+struct module_name {
+    char text[40];  // "libvlan_" and the user's name
+    module_name *next;
+};
+
+constinit module_name *module_names = nullptr;
+
+constexpr libcgstctrl_topic topics[] = {
+    {.descriptor = &u_bridge__evlan_session__descriptor, .params = {}},
+    {.descriptor = &u_bridge__eport_session__descriptor, .params = {}},
+    {.descriptor = &u_bridge__port_vid__descriptor, .params = {}},
+};
+
+// The kept name of a user's module, made on first use. Null without memory.
+const char *module_name_of(const char *user_name)
+{
+    auto *fresh = static_cast<module_name *>(std::malloc(sizeof(module_name)));
+    if (fresh == nullptr)
+        return nullptr;
+    std::snprintf(fresh->text, sizeof fresh->text, "libvlan_%s", user_name);
+    for (const module_name *known = module_names; known != nullptr; known = known->next) {
+        if (std::strcmp(known->text, fresh->text) == 0) {
+            std::free(fresh);
+            return known->text;
+        }
+    }
+    fresh->next = module_names;
+    module_names = fresh;
+    return fresh->text;
+}
+
+}  // namespace
+
+SW_EXPORT int32_t sw_ebridge_mom_connected_for_congestion_callback(qz_mom_handle *, void *connecting_args)
+{
+    auto *ca = static_cast<sw_ebridge_connecting_args *>(connecting_args);
+    if (const int32_t rv = sw::check_connecting_args(SW_HERE, ca); rv != 0)
+        return rv;
+    const auto *list_args = static_cast<sw::list_args *>(ca->args2);
+    sw::note_connected(SW_HERE, congestion_db_flags, ca);
+    sw_ebridge_congestion_init(list_args->user_name);
+    sw::free_connecting_args(ca);
+    return 0;
+}
+
+SW_EXPORT int32_t sw_ebridge_congestion_init(const char *user_name)
+{
+    if (user_name == nullptr) {
+        SW_LOG(error, "Assert:Bad args.");
+        return -2;
+    }
+    const sw_ebridge_list_item *user = sw_ebridge_list_item_get(user_name);
+    if (user == nullptr) {
+        SW_LOG(error, "Assert:No user named '%s'.\n", user_name);
+        return -2;
+    }
+    const char *module = module_name_of(user_name);
+    if (module == nullptr) {
+        SW_LOG(error, "Assert:malloc module name failed.");
+        return -4;
+    }
+    SW_LOG(info, "user: %s, mom_db: %d\n", module, user->mod_db);
+    if (const int32_t rv = libcgstctrl_gen_init(user->mom_handle, user->mod_db, module, nullptr); rv != 0) {
+        SW_LOG(error, "Assert:MOM ctrl failed, error is %d.", rv);
+        return rv;
+    }
+    for (const libcgstctrl_topic &topic : topics)
+        libcgstctrl_gen_topic_reg(user->mom_handle, user->mod_db, module, &topic, 0);
+    return 0;
+}

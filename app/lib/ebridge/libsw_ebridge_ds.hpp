@@ -1,0 +1,13 @@
+// Diagnosis state that the evlan and eport sides share.
+#pragma once
+
+#include "sw_ebridge.h"
+
+namespace sw
+{
+
+// How long a released id waits for its owner to come back; the debug shell's "delay" sets the seconds.
+extern qz_mom_timeval evlan_delay_del_timeval;
+extern qz_mom_timeval eport_delay_del_timeval;
+
+}  // namespace sw

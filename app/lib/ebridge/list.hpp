@@ -1,0 +1,42 @@
+// Circular doubly linked lists with the link inside the element. A link on no list points at itself.
+#pragma once
+
+#include <cstddef>
+
+#include "sw_ebridge.h"
+
+namespace sw
+{
+
+inline void list_init(sw_list_head *link)
+{
+    link->next = link;
+    link->prev = link;
+}
+
+inline void list_add(sw_list_head *link, sw_list_head *after)
+{
+    link->next = after->next;
+    link->prev = after;
+    after->next->prev = link;
+    after->next = link;
+}
+
+inline void list_add_head(sw_list_head *head, sw_list_head *link) { list_add(link, head); }
+inline void list_add_tail(sw_list_head *head, sw_list_head *link) { list_add(link, head->prev); }
+
+inline void list_unlink(sw_list_head *link)
+{
+    link->prev->next = link->next;
+    link->next->prev = link->prev;
+    list_init(link);
+}
+
+// Takes every element off the list, so that unlinking one later touches nothing but itself.
+inline void list_scatter(sw_list_head *head)
+{
+    while (head->next != head)
+        list_unlink(head->next);
+}
+
+}  // namespace sw

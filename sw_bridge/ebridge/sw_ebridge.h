@@ -1,0 +1,730 @@
+/* sw_ebridge.h - the extended-bridge library (libsw_bridge).
+ *
+ * Switch applications register as named users, obtain and release bridge ids (evlans, eports) from the allocator
+ * service through session records in the message store, and hear what all other users obtain and release.
+ *
+ * Conventions
+ *  1. Users. An application registers once per name with sw_ebridge_init(); a name has at most 31 characters. A process
+ *     may hold several users. Only the first 31 characters of a name take part in any look-up.
+ *  2. Results. int32_t codes: 0 success; -1 a table is missing or could not be made, or an item was not found; -2 bad
+ *     argument or unknown user; -3 a platform registration failed; -4 no memory for callback arguments or a map item;
+ *     -5 no memory for a record, or an id that the local database does not hold; -6, returned by a visitor of
+ *     sw_ebridge_list_for_each(), stops that walk. Other negative values are the store client's (qz_mom.h), unchanged.
+ *  3. Threads. The library takes no lock. In a process everything that touches it runs on one thread, that of the
+ *     thread master of the users' store handle (qz_thread.h): callbacks, timers and shell handlers do by construction,
+ *     other threads hand their calls over with qz_thread_call() or qz_thread_call_wait(). Initialisation comes first.
+ *  4. Callbacks run on that thread. They may call the library, except to register a new user: many run inside a walk over
+ *     the users. Their int32_t result is looked at only where said.
+ *  5. Ownership. What is passed in is copied where it is kept, except callback arguments, which stay the caller's and
+ *     must live as long as they may be used. What is returned belongs to the library; a record stays valid until it is
+ *     deleted. Nothing that was made at initialisation is ever freed.
+ *  6. Strings are NUL-terminated. The name "" is accepted. A null name is an unknown user.
+ *  7. Null pointers are refused with -2 (or a null result) and a message; nothing dereferences them.
+ *  8. Slots. Registry, local databases and index maps exist six times, numbered 0 to 5 ("inst"). Calls without a slot
+ *     number use slot 0; chip drivers use one slot per unit.
+ *  9. Messages. Every failure is logged before the return, in a line that begins "Assert:" and names its call site.
+ * 10. Ids are unsigned 32-bit values: the type in the top byte, the number within the type in the low 24 bits. Record
+ *     fields that hold one are int32_t; shifts and comparisons are done on the unsigned value.
+ * 11. IPv4 words are in network byte order, in records, items and texts alike.
+ */
+#ifndef SW_EBRIDGE_H
+#define SW_EBRIDGE_H
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include "p_libpub.pb-c.h"
+#include "qz_mom.h"
+#include "s_bridge.pb-c.h"
+#include "u_bridge.pb-c.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum {
+    SW_EBRIDGE_NAME_SIZE = 32,   /* user name, terminator included */
+    SW_EBRIDGE_SLOTS = 6,        /* tables of the registry, the local databases and the index maps */
+    SW_EBRIDGE_APP_DB = 4,       /* store database of the applications ("app_db") */
+    SW_EBRIDGE_UDP_DB = 8,       /* store database of the data plane ("udp_db") */
+    SW_EBRIDGE_WALK_STOP = -6,   /* a visitor's result that stops sw_ebridge_list_for_each() */
+    SW_EBRIDGE_ERR_RECORDS = 5,  /* length of an error ring */
+    SW_EBRIDGE_RELEASE_EVENT = 2 /* event of the release callbacks: the session is gone */
+};
+
+/* Link of a circular doubly linked list; a link that is on no list points at itself. */
+typedef struct sw_list_head {
+    struct sw_list_head *next;
+    struct sw_list_head *prev;
+} sw_list_head;
+
+/* A callback given for a scan or a subscription: called with the store handle, the notification and the argument given
+ * beside it, before the library applies the change. */
+typedef qz_mom_msg_cb sw_ebridge_mom_func;
+
+/* ---- users: arguments and instance record ----------------------------------------------------------------------- */
+
+struct sw_vlan_pvid_entry;
+
+/* A VLAN (or routed subinterface) was granted: `vlan_id` is the number; -1 when the request was refused. */
+typedef int32_t (*sw_vlan_reply_func)(UBridge__VlanAppIndex *index, int32_t vlan_id);
+/* Another evlan was granted; evlan_id -1 when the request was refused. */
+typedef int32_t (*sw_evlan_reply_func)(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan);
+typedef int32_t (*sw_eport_reply_func)(UBridge__EportAppIndex *app, UBridge__EportIndex *eport);
+/* A session was removed or expired; event is SW_EBRIDGE_RELEASE_EVENT. */
+typedef int32_t (*sw_evlan_release_reply_func)(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan, int32_t event);
+typedef int32_t (*sw_eport_release_reply_func)(UBridge__EportAppIndex *app, UBridge__EportIndex *eport, int32_t event);
+typedef int32_t (*sw_ematch_reply_func)(UBridge__EmatchEntry *entry);
+/* The default VLAN of a port changed. -6 keeps it from the users after this one. */
+typedef int32_t (*sw_pvid_change_func)(uint32_t ifx, uint16_t new_pvid, uint16_t old_pvid,
+                                       struct sw_vlan_pvid_entry *change);
+typedef int32_t (*sda_evlan_func)(uint32_t unit, UBridge__EvlanIndex *evlan, SBridge__EvlanSdkIndex *sdk);
+typedef int32_t (*sda_eport_func)(uint32_t unit, UBridge__EportIndex *eport, UBridge__EportSdkIndex *sdk);
+typedef int32_t (*sda_vlan_port_change_func)(uint32_t unit, uint32_t vid, uint32_t lphyid, uint32_t op);
+typedef int32_t (*sda_vlan_fid_change_func)(uint32_t unit, uint32_t vid, uint32_t old_fid, uint32_t new_fid);
+
+/* Arguments of sw_ebridge_init(), read during the call only. Zero it, then set what is wanted; every callback may be
+ * null. */
+typedef struct ebridge_args {
+    const char *user_name;      /* mandatory, shorter than 32 characters */
+    qz_mom_handle *handle;      /* store handle of the user; must outlive the process's use of the library */
+    uint32_t mom_db;            /* the user's own database: sessions, port VLANs, congestion; 0 none */
+    uint32_t evlan_attr_mom_db; /* database of evlan attribute records */
+    uint32_t eport_attr_mom_db; /* database of eport attribute records */
+    uint32_t ematch_mom_db;     /* database of match rules */
+    uint8_t auto_subscribe;     /* non-zero: connect, subscribe and scan by itself, see sw_ebridge_init() */
+    uint8_t auto_scan;          /* non-zero: the same */
+    uint32_t evlan_data_type;   /* whose evlans: 0 own only; 2 all; odd: VLANs of all; other even: none */
+    uint32_t eport_data_type;   /* whose eports: 0 own only; 1 all; other: none */
+    sw_vlan_reply_func vlan_reply;
+    sw_evlan_reply_func evlan_reply;
+    sw_eport_reply_func eport_reply;
+    sw_evlan_release_reply_func evlan_release_reply;
+    sw_eport_release_reply_func eport_release_reply;
+    sw_ematch_reply_func ematch_reply;
+    sw_pvid_change_func pvid_change;
+    sda_evlan_func sda_evlan_create;
+    void *reserved_evlan; /* copied, never called */
+    sda_evlan_func sda_evlan_destroy;
+    sda_eport_func sda_eport_create;
+    void *reserved_eport; /* copied, never called */
+    sda_eport_func sda_eport_destroy;
+    sda_vlan_port_change_func sda_vlan_port_change;
+    sda_vlan_fid_change_func sda_vlan_fid_change;
+} ebridge_args;
+
+/* Instance record of a user: written at initialisation, read by all other calls. */
+typedef struct sw_ebridge_list_item {
+    char user_name[SW_EBRIDGE_NAME_SIZE]; /* key, NUL-padded */
+    qz_mom_handle *mom_handle;
+    uint32_t mod_db; /* ebridge_args.mom_db */
+    uint32_t evlan_attr_mom_db;
+    uint32_t eport_attr_mom_db;
+    uint32_t ematch_mom_db;
+    uint32_t evlan_data_type;
+    uint32_t eport_data_type;
+    uint32_t auto_subscribe;
+    uint32_t auto_scan;
+    sw_vlan_reply_func vlan_reply;
+    sw_evlan_reply_func evlan_reply;
+    sw_eport_reply_func eport_reply;
+    sw_evlan_release_reply_func evlan_release_reply;
+    sw_eport_release_reply_func eport_release_reply;
+    sw_ematch_reply_func ematch_reply;
+    sw_pvid_change_func pvid_change;
+    sda_evlan_func sda_evlan_create;
+    void *reserved_evlan;
+    sda_evlan_func sda_evlan_destroy;
+    sda_eport_func sda_eport_create;
+    void *reserved_eport;
+    sda_eport_func sda_eport_destroy;
+    sda_vlan_port_change_func sda_vlan_port_change;
+    sda_vlan_fid_change_func sda_vlan_fid_change;
+    sw_ebridge_mom_func subscribe_callback; /* match rules: who hears of the subscription */
+    void *subscribe_args;
+    sw_ebridge_mom_func scan_callback; /* match rules: who hears of the scan's end */
+    void *scan_args;
+    void *mom_ds_args[8];    /* callback argument pairs, see sw_evlan_get_mom_ds_args(); the first four are eport's */
+    sw_list_head eport_maps; /* the user's eport index map items */
+    sw_list_head evlan_maps; /* the user's evlan index map items */
+    uint8_t age_timer_armed; /* 1 while the age timer is pending */
+    int32_t stat;            /* age timers armed so far */
+} sw_ebridge_list_item;
+
+/* ---- evlan records ---------------------------------------------------------------------------------------------- */
+
+/* Ports of a VLAN, bit i of word w standing for port w * 32 + i. Printed only: never allocated or freed here. */
+typedef struct sw_vlan_ports {
+    uint32_t port[17];
+    uint32_t untag_port[17];
+    uint32_t flooding_port[17];
+    uint32_t apport[8]; /* aggregate ports */
+    uint32_t untag_apport[8];
+    uint32_t flooding_apport[8];
+} sw_vlan_ports;
+
+/* Attributes of an evlan as one user holds them: argument of the attribute calls and record of the local database. */
+typedef struct sw_evlan_attr {
+    char user_name[SW_EBRIDGE_NAME_SIZE]; /* key, NUL-padded */
+    uint32_t evlan_id;                    /* key */
+    uint32_t attr_flags;                  /* copied and compared, never merged or printed */
+    uint32_t class_id;
+    uint32_t type; /* evlan type of the attributes: decides which view is copied */
+    union {
+        struct {
+            int32_t fid; /* filtering database */
+            bool svl;    /* shared VLAN learning */
+        } underlay;      /* VLAN and L3INTF_SUB */
+        struct {
+            int32_t vnid;
+            int32_t mcid;
+            int32_t uucid;
+            int32_t bcid;
+            int32_t l3iif;
+            int32_t mapping_vni;
+            int32_t mapping_evlan;
+            uint32_t ing_flex_cnt_id;
+            uint32_t egr_flex_cnt_id;
+        } overlay; /* all other types */
+        uint32_t words[9];
+    } attr;
+    sw_vlan_ports *ports; /* or null */
+    sw_list_head link;
+} sw_evlan_attr;
+
+/* Direction of an index map item. */
+enum sw_index_map_kind {
+    SW_INDEX_MAP_APP2UDP = 0, /* application key to bridge id */
+    SW_INDEX_MAP_UDP2APP = 1,
+    SW_INDEX_MAP_UDP2SDK = 2, /* bridge id to chip key */
+    SW_INDEX_MAP_SDK2UDP = 3
+};
+
+/* Bits of ds_flag. */
+enum {
+    SW_INDEX_MAP_GRANTED = 1,  /* filled from a granted reply */
+    SW_INDEX_MAP_REQUESTED = 2 /* the application has an active request for it */
+};
+
+/* Item of the evlan index map. Key words that a kind does not use are 0.
+ *   kind 0: key type, keyid       value evlan_id
+ *   kind 1: key evlan_id          value type, keyid
+ *   kind 2: key evlan_id          value SDK type, vsi, vid
+ *   kind 3: key SDK type, vsi, vid   value evlan_id */
+typedef struct sw_evlan_index_map {
+    uint32_t kind; /* enum sw_index_map_kind */
+    uint32_t key[3];
+    uint32_t value[3];
+    uint32_t session_arg; /* database that the session reply came from */
+    uint32_t priority;    /* UBridge__ResPriority of the answered request */
+    char user_name[SW_EBRIDGE_NAME_SIZE];
+    uint32_t ds_flag;  /* SW_INDEX_MAP_* bits */
+    sw_list_head link; /* in the owner's list of map items */
+} sw_evlan_index_map;
+
+/* ---- eport, match rule and pvid records ------------------------------------------------------------------------- */
+
+/* IP address of an attribute record. */
+typedef struct sw_ebridge_ip {
+    uint8_t address[16]; /* IPv4 in the first four bytes */
+    uint32_t is_ipv6;
+} sw_ebridge_ip;
+
+/* Attributes of an eport as one user holds them. The two views share storage: VLAN bitmaps exist on underlay eports
+ * only (PORT, LOCAL_PORT, AP). */
+typedef struct sw_eport_attr {
+    char user_name[SW_EBRIDGE_NAME_SIZE]; /* key, NUL-padded */
+    uint32_t eport_id;                    /* key */
+    uint32_t attr_flags;                  /* copied and compared only */
+    uint32_t attr_flags2;                 /* copied and compared only */
+    uint32_t vlan_filter;                 /* UBridge__VlanFilterType */
+    union {
+        struct {
+            uint16_t pvid;
+            uint16_t carried16;
+            uint32_t vt_key;
+            uint32_t carried32;
+            uint32_t vbmp[128];  /* member VLANs, bit v % 32 of word v / 32 */
+            uint32_t ubmp[128];  /* untagged VLANs */
+            uint32_t mcbmp[128]; /* multicast VLANs */
+        } underlay;
+        struct {
+            uint32_t match_vid;
+            uint32_t match_port;
+            uint32_t nhop;
+            uint32_t mpath_flag;
+            uint32_t encap;
+            uint32_t dip;
+            uint32_t peer_mode;
+            uint32_t evlan_id; /* pseudowires: peer_eport_id */
+            uint32_t split_horizon;
+            uint32_t mtu;
+            uint32_t class_id;
+            uint32_t match_inner_vid;
+            uint32_t egr_vlan_action;
+            uint32_t ovid;
+            uint32_t ing_flex_cnt_id;
+            uint32_t egr_flex_cnt_id;
+            sw_ebridge_ip sip;
+            uint8_t is_tagged;
+        } overlay;
+    } attr;
+} sw_eport_attr;
+
+/* Item of the eport index map.
+ *   kind 0: key type, keyid1, keyid2   value eport_id
+ *   kind 1: key eport_id               value type, keyid1, keyid2
+ *   kind 2: key eport_id               value SDK type, vport
+ *   kind 3: key 0, vport               value eport_id */
+typedef struct sw_eport_index_map {
+    uint32_t kind;
+    uint32_t key[4];
+    uint32_t value[3];
+    uint32_t carried[2]; /* copied on update */
+    uint32_t priority;
+    char user_name[SW_EBRIDGE_NAME_SIZE];
+    uint32_t ds_flag;
+    sw_list_head link;
+} sw_eport_index_map;
+
+/* A match rule of one user. All before action_type is the key, compared byte by byte: zero the item before it is built.
+ */
+typedef struct sw_ematch_item {
+    sw_ebridge_list_item *user;
+    int32_t match_type;
+    uint32_t match_flag;
+    int32_t match_priority; /* 0 to 7 */
+    int32_t evlan1;
+    int32_t evlan2;
+    int32_t eport;
+    uint32_t ipv4;
+    int32_t vnid;
+    int32_t label;
+    uint32_t ip_mask;
+    uint8_t mac[8]; /* 6 bytes and 2 zero bytes */
+    uint32_t frame_type;
+    uint32_t ether_type;
+    uint8_t ip[16];
+    uint32_t ip_ver; /* 0 IPv4, 1 IPv6 */
+    int32_t match_id;
+    uint8_t mask[8]; /* 6 bytes and 2 zero bytes */
+    int32_t action_type;
+    int32_t new_evlan1;
+    int32_t new_evlan2;
+    int32_t new_eport;
+    int32_t new_vnid;
+    int32_t new_pri;
+    int32_t l3_iif;
+    int32_t flag;
+    int32_t result;         /* as it came in the entry */
+    uint32_t mom_db;        /* where the user's record lives */
+    int32_t current_result; /* last published */
+    int32_t final_result;   /* last calculated */
+} sw_ematch_item;
+
+/* Default VLAN of a port; also the change record of the pvid_change callback. */
+typedef struct sw_vlan_pvid_entry {
+    uint32_t ifx; /* key: interface index */
+    uint16_t new_pvid;
+    uint16_t old_pvid; /* before the last change */
+} sw_vlan_pvid_entry;
+
+/* ---- hash containers --------------------------------------------------------------------------------------------- *
+ * sw_switch_hash: a chained table of item pointers with the caller's hash and compare functions. It never frees an
+ * item. */
+
+typedef uint32_t (*sw_switch_hash_func)(const void *item_or_key);
+typedef int32_t (*sw_switch_compare_func)(const void *item, const void *key); /* 0 when equal */
+typedef int32_t (*sw_switch_visitor)(void *item, void *arg);
+
+typedef struct sw_switch_hash_node {
+    sw_list_head all;    /* in the list of all items */
+    sw_list_head bucket; /* in its bucket */
+    void *item;
+} sw_switch_hash_node;
+
+typedef struct sw_switch_hash {
+    uint32_t bucket_count;
+    uint32_t item_count;
+    uint32_t warning_threshold; /* items in one bucket above which an insertion prints a warning; 0 off */
+    uint8_t *bucket_items;      /* items per bucket, wrapping at 256 */
+    sw_list_head *buckets;
+    sw_list_head all;
+    sw_switch_hash_func hash;
+    sw_switch_compare_func compare;
+} sw_switch_hash;
+
+/* A table for `expected` items (expected / 0.75 buckets; 0: 1365 buckets), or null: no memory, a negative count, or a
+ * null function. */
+sw_switch_hash *sw_switch_create_hash(int32_t expected, sw_switch_hash_func hash, sw_switch_compare_func compare);
+/* Adds an item first (or last) in its bucket and in the list of all items; equal items may repeat. 0, or -12 without
+ * memory. */
+int32_t sw_switch_hash_insert_item(sw_switch_hash *table, void *item);
+int32_t sw_switch_hash_insert_item_tail(sw_switch_hash *table, void *item);
+/* The first item of the key's bucket that compares equal, or null. */
+void *sw_switch_hash_find_item(sw_switch_hash *table, const void *key);
+/* The same under a second name. */
+void *sw_switch_hash_get_all_item(sw_switch_hash *table, const void *key);
+/* Removes that item's node; the item is the caller's to free. _rt: 0, or -1 when none matched. */
+void sw_switch_hash_del_item(sw_switch_hash *table, const void *key);
+int32_t sw_switch_hash_del_item_rt(sw_switch_hash *table, const void *key);
+/* Visits all items in list order until a visitor's result is not 0, and returns that (else 0). A visitor may delete the
+ * item that it is given. */
+int32_t sw_switch_hash_each_item_op(sw_switch_hash *table, sw_switch_visitor visitor, void *arg);
+/* The same over buckets `first` to first + count - 1, as far as they exist. */
+int32_t sw_switch_hash_each_item_op_with_index(sw_switch_hash *table, int32_t first, uint32_t count,
+                                               sw_switch_visitor visitor, void *arg);
+/* The first item for which the matcher returns 0, or null. */
+void *sw_switch_hash_find_item_op(sw_switch_hash *table, sw_switch_visitor matcher, void *arg);
+/* Number of buckets. */
+uint32_t sw_switch_hash_get_table_size(const sw_switch_hash *table);
+/* Frees the table; nodes that are still in it are not freed. */
+void sw_switch_destroy_hash(sw_switch_hash *table);
+
+/* Keyed caches: open-addressing sets of record pointers, one family per record type. The key is the first bytes of the
+ * record. For each family:
+ *   _hash_init                 makes that many empty tables: 0; -1 without memory, and then nothing is left behind
+ *   _hash_insert               stores the pointer unless an equal key is stored; 0, also when there was no memory
+ *   _hash_remove               takes the record of that key out; the record itself is not freed
+ *   _hash_find                 the stored record, or null
+ *   _hash_traverse             visits the records in bucket order until a result is not 0, and returns that; else 0
+ *   _hash_traverse_with_index  the same over `count` buckets from `first` on; nothing when first is negative
+ *   _hash_size                 number of records
+ *   _cache_create              copies the record over a stored one of the same key, or stores a copy of it;
+ *                              *stored takes the stored record, null when nothing could be stored
+ *   _cache_destroy             removes the record of that key and frees it
+ * A table that does not exist is empty. Tables grow as needed and never shrink. A visitor may remove the record that it
+ * is given, and must not insert. */
+
+/* users of a table (six tables), key: user name, 32 bytes */
+typedef int32_t (*sw_ebridge_list_item_visitor)(sw_ebridge_list_item *record, void *arg, int32_t position);
+int32_t sw_ebridge_list_item_hash_init(uint32_t tables);
+int32_t sw_ebridge_list_item_hash_insert(uint32_t table, sw_ebridge_list_item *record);
+void sw_ebridge_list_item_hash_remove(uint32_t table, const sw_ebridge_list_item *key);
+sw_ebridge_list_item *sw_ebridge_list_item_hash_find(uint32_t table, const sw_ebridge_list_item *key);
+int32_t sw_ebridge_list_item_hash_traverse(uint32_t table, sw_ebridge_list_item_visitor visitor, void *arg);
+int32_t sw_ebridge_list_item_hash_traverse_with_index(uint32_t table, int32_t first, uint32_t count,
+                                                      sw_ebridge_list_item_visitor visitor, void *arg);
+uint32_t sw_ebridge_list_item_hash_size(uint32_t table);
+void sw_ebridge_list_item_cache_create(uint32_t table, sw_ebridge_list_item **stored,
+                                       const sw_ebridge_list_item *record);
+void sw_ebridge_list_item_cache_destroy(uint32_t table, const sw_ebridge_list_item *key);
+
+/* evlan attribute records (six tables), key: user name and evlan_id, 36 bytes */
+typedef int32_t (*sw_evlan_visitor)(sw_evlan_attr *record, void *arg, int32_t position);
+int32_t sw_evlan_hash_init(uint32_t tables);
+int32_t sw_evlan_hash_insert(uint32_t table, sw_evlan_attr *record);
+void sw_evlan_hash_remove(uint32_t table, const sw_evlan_attr *key);
+sw_evlan_attr *sw_evlan_hash_find(uint32_t table, const sw_evlan_attr *key);
+int32_t sw_evlan_hash_traverse(uint32_t table, sw_evlan_visitor visitor, void *arg);
+int32_t sw_evlan_hash_traverse_with_index(uint32_t table, int32_t first, uint32_t count, sw_evlan_visitor visitor,
+                                          void *arg);
+uint32_t sw_evlan_hash_size(uint32_t table);
+void sw_evlan_cache_create(uint32_t table, sw_evlan_attr **stored, const sw_evlan_attr *record);
+void sw_evlan_cache_destroy(uint32_t table, const sw_evlan_attr *key);
+
+/* eport attribute records (six tables), key: user name and eport_id, 36 bytes */
+typedef int32_t (*sw_eport_visitor)(sw_eport_attr *record, void *arg, int32_t position);
+int32_t sw_eport_hash_init(uint32_t tables);
+int32_t sw_eport_hash_insert(uint32_t table, sw_eport_attr *record);
+void sw_eport_hash_remove(uint32_t table, const sw_eport_attr *key);
+sw_eport_attr *sw_eport_hash_find(uint32_t table, const sw_eport_attr *key);
+int32_t sw_eport_hash_traverse(uint32_t table, sw_eport_visitor visitor, void *arg);
+int32_t sw_eport_hash_traverse_with_index(uint32_t table, int32_t first, uint32_t count, sw_eport_visitor visitor,
+                                          void *arg);
+uint32_t sw_eport_hash_size(uint32_t table);
+void sw_eport_cache_create(uint32_t table, sw_eport_attr **stored, const sw_eport_attr *record);
+void sw_eport_cache_destroy(uint32_t table, const sw_eport_attr *key);
+
+/* match rules (one table), key: all before action_type, 92 bytes on the 32-bit target */
+typedef int32_t (*sw_ematch_item_visitor)(sw_ematch_item *record, void *arg, int32_t position);
+int32_t sw_ematch_item_hash_init(uint32_t tables);
+int32_t sw_ematch_item_hash_insert(uint32_t table, sw_ematch_item *record);
+void sw_ematch_item_hash_remove(uint32_t table, const sw_ematch_item *key);
+sw_ematch_item *sw_ematch_item_hash_find(uint32_t table, const sw_ematch_item *key);
+int32_t sw_ematch_item_hash_traverse(uint32_t table, sw_ematch_item_visitor visitor, void *arg);
+int32_t sw_ematch_item_hash_traverse_with_index(uint32_t table, int32_t first, uint32_t count,
+                                                sw_ematch_item_visitor visitor, void *arg);
+uint32_t sw_ematch_item_hash_size(uint32_t table);
+void sw_ematch_item_cache_create(uint32_t table, sw_ematch_item **stored, const sw_ematch_item *record);
+void sw_ematch_item_cache_destroy(uint32_t table, const sw_ematch_item *key);
+
+/* evlan index map (six tables), key: kind and key words, 16 bytes */
+typedef int32_t (*sw_evlan_index_map_visitor)(sw_evlan_index_map *record, void *arg, int32_t position);
+int32_t sw_evlan_index_map_hash_init(uint32_t tables);
+int32_t sw_evlan_index_map_hash_insert(uint32_t table, sw_evlan_index_map *record);
+void sw_evlan_index_map_hash_remove(uint32_t table, const sw_evlan_index_map *key);
+sw_evlan_index_map *sw_evlan_index_map_hash_find(uint32_t table, const sw_evlan_index_map *key);
+int32_t sw_evlan_index_map_hash_traverse(uint32_t table, sw_evlan_index_map_visitor visitor, void *arg);
+int32_t sw_evlan_index_map_hash_traverse_with_index(uint32_t table, int32_t first, uint32_t count,
+                                                    sw_evlan_index_map_visitor visitor, void *arg);
+uint32_t sw_evlan_index_map_hash_size(uint32_t table);
+void sw_evlan_index_map_cache_create(uint32_t table, sw_evlan_index_map **stored, const sw_evlan_index_map *record);
+void sw_evlan_index_map_cache_destroy(uint32_t table, const sw_evlan_index_map *key);
+
+/* eport index map (six tables), key: kind and key words, 20 bytes */
+typedef int32_t (*sw_eport_index_map_visitor)(sw_eport_index_map *record, void *arg, int32_t position);
+int32_t sw_eport_index_map_hash_init(uint32_t tables);
+int32_t sw_eport_index_map_hash_insert(uint32_t table, sw_eport_index_map *record);
+void sw_eport_index_map_hash_remove(uint32_t table, const sw_eport_index_map *key);
+sw_eport_index_map *sw_eport_index_map_hash_find(uint32_t table, const sw_eport_index_map *key);
+int32_t sw_eport_index_map_hash_traverse(uint32_t table, sw_eport_index_map_visitor visitor, void *arg);
+int32_t sw_eport_index_map_hash_traverse_with_index(uint32_t table, int32_t first, uint32_t count,
+                                                    sw_eport_index_map_visitor visitor, void *arg);
+uint32_t sw_eport_index_map_hash_size(uint32_t table);
+void sw_eport_index_map_cache_create(uint32_t table, sw_eport_index_map **stored, const sw_eport_index_map *record);
+void sw_eport_index_map_cache_destroy(uint32_t table, const sw_eport_index_map *key);
+
+/* port default VLANs (one table), key: interface index, 4 bytes */
+typedef int32_t (*sw_vlan_pvid_entry_visitor)(sw_vlan_pvid_entry *record, void *arg, int32_t position);
+int32_t sw_vlan_pvid_entry_hash_init(uint32_t tables);
+int32_t sw_vlan_pvid_entry_hash_insert(uint32_t table, sw_vlan_pvid_entry *record);
+void sw_vlan_pvid_entry_hash_remove(uint32_t table, const sw_vlan_pvid_entry *key);
+sw_vlan_pvid_entry *sw_vlan_pvid_entry_hash_find(uint32_t table, const sw_vlan_pvid_entry *key);
+int32_t sw_vlan_pvid_entry_hash_traverse(uint32_t table, sw_vlan_pvid_entry_visitor visitor, void *arg);
+int32_t sw_vlan_pvid_entry_hash_traverse_with_index(uint32_t table, int32_t first, uint32_t count,
+                                                    sw_vlan_pvid_entry_visitor visitor, void *arg);
+uint32_t sw_vlan_pvid_entry_hash_size(uint32_t table);
+void sw_vlan_pvid_entry_cache_create(uint32_t table, sw_vlan_pvid_entry **stored, const sw_vlan_pvid_entry *record);
+void sw_vlan_pvid_entry_cache_destroy(uint32_t table, const sw_vlan_pvid_entry *key);
+
+/* ---- initialisation and registry -------------------------------------------------------------------------------- */
+
+/* Registers a user in table 0: sw_ebridge_init_inst(0, args). */
+int32_t sw_ebridge_init(const ebridge_args *args);
+/* Sets up logging, registers the user, and makes the process-wide tables when they are missing. With mom_db it opens
+ * the congestion connection on that database. With auto_subscribe or auto_scan it opens the data connection - on
+ * database 8 when evlan_data_type or eport_data_type is set, else on mom_db - and follows reconnections (on database 8
+ * only when both types are set, else on mom_db). When the data connection is up, the session tables are subscribed, and
+ * scanned once all subscriptions are confirmed. The words that say which databases are up and which subscriptions are
+ * confirmed are process-wide and never cleared. Users of one process on different databases, or with different sets of
+ * callbacks, therefore do not all reach the scan: keep the users of a process alike, or set both automatic flags to 0
+ * and subscribe and scan by hand. With n subscribed users in a process each change is applied n times. Subscribe
+ * through one of them. A second call for a name replaces the user's settings and returns 0; nothing else is done again,
+ * and map items linked to the user's lists leave them. 0; -2 bad argument; -1 tables; -3 reconnect handler; or the
+ * store's code. A failure undoes nothing. */
+int32_t sw_ebridge_init_inst(uint32_t table, const ebridge_args *args);
+
+/* Makes the six tables of the registry on the first call. 0; -1 if one is missing. */
+int32_t sw_ebridge_list_init(void);
+sw_ebridge_list_item *sw_ebridge_list_item_get_inst(uint32_t table, const char *user_name);
+sw_ebridge_list_item *sw_ebridge_list_item_get(const char *user_name);
+/* Stores a copy of the record, over an existing one of its name, with empty lists. 0; -2 null; -5 not stored. */
+int32_t sw_ebridge_list_add_inst(uint32_t table, const sw_ebridge_list_item *record);
+int32_t sw_ebridge_list_add(const sw_ebridge_list_item *record);
+/* Visits the users of a table until a visitor returns -6. 0; -1 no such table; -2 null visitor. */
+int32_t sw_ebridge_list_for_each(uint32_t table, sw_ebridge_list_item_visitor visitor, void *arg);
+/* Prints every user of every table. */
+int32_t sw_ebridge_list_item_ut_dump(void);
+/* Makes the registry and the local databases, and registers a blank user of that name (may be null) if there is none.
+ */
+int32_t sw_ebridge_attr_db_init(uint32_t table, const char *user_name);
+/* Makes the index maps. 0 or -1. */
+int32_t sw_ebridge_map_db_init(uint32_t table);
+
+/* ---- store sessions --------------------------------------------------------------------------------------------- */
+
+/* Argument of a connection request; owned by the callback once the request is accepted. */
+typedef struct sw_ebridge_connecting_args {
+    uint32_t args; /* flag of the database: 0x1000000 for database 4, 0x2000000 for any other */
+    void *args2;   /* the request's own block: user name and flags */
+} sw_ebridge_connecting_args;
+
+/* Callbacks of the store client; called by it, and by tests. */
+int32_t sw_ebridge_mom_connected_callback(qz_mom_handle *handle, void *connecting_args);
+int32_t sw_ebridge_mom_subscribed_callback(qz_mom_handle *handle, const qz_mom_notification *msg, void *args);
+int32_t sw_ebridge_mom_reconnect_cb(qz_mom_handle *handle, uint32_t db, int32_t type, void *instance);
+/* Registers the reconnect handler of a user. 0, -2, -3. */
+int32_t sw_bridge_reg_reconnect(const char *user_name);
+/* Subscribes by hand all that the user has callbacks for, in its own database. 0, -2. */
+int32_t sw_ebridge_data_subscribe(const char *user_name);
+
+/* ---- congestion ------------------------------------------------------------------------------------------------- */
+
+int32_t sw_ebridge_mom_connected_for_congestion_callback(qz_mom_handle *handle, void *connecting_args);
+/* Registers the user as producer of evlan sessions, eport sessions and port pvids. 0; -2; -4 no memory; or the
+ * congestion library's code. */
+int32_t sw_ebridge_congestion_init(const char *user_name);
+
+/* ---- logging ---------------------------------------------------------------------------------------------------- */
+
+/* Levels: 0 off, 1 errors, 2 warnings, 4 info, 5 and more debug. Plain words, read without a lock. */
+extern uint32_t g_sw_vlan_file_zlog_level;
+extern uint32_t g_sw_vlan_std_zlog_level;
+struct qz_zlog_category;
+extern struct qz_zlog_category *g_sw_vlan_file_zlog_category;
+extern struct qz_zlog_category *g_sw_vlan_std_zlog_category;
+
+/* Reads the levels from the debug file (text such as 0x17: file level 1, standard output level 7) and opens the two
+ * categories. Without a file: file 1, standard output 0; an empty file: 4 and 4. 0. */
+int32_t sw_vlan_debug_init(const char *user_name, const char *path);
+/* The same for the user of `args` with "/etc/libvlan_<user>_dbg", and registers the debug-shell commands. 0. */
+int32_t lib_vlan_debug_init(const ebridge_args *args);
+/* Sends descriptors 0, 1 and 2 into /data/collect/<name>.log; only if that folder is made by this call. 0 or negative.
+ */
+int32_t sw_bridge_logging_redirect2collectfile(const char *name);
+/* Brings standard output back. 0. */
+int32_t sw_bridge_logging_redirect2std(void);
+
+/* ---- evlan: ids and local database ------------------------------------------------------------------------------ */
+
+/* 1 for VLAN and L3INTF_SUB, else 0. */
+int32_t sw_evlan_type_underlay(uint32_t evlan_type);
+int32_t sw_evlan_id_underlay(uint32_t evlan_id);
+
+int32_t sw_evlan_db_init(void);
+/* Zeroes the record and sets its key. */
+void sw_evlan_init(sw_evlan_attr *record, const char *user_name, uint32_t evlan_id);
+/* Record of (user, evlan_id), or null; the user must be registered in the slot. */
+sw_evlan_attr *sw_evlan_db_get_item(uint32_t inst, const char *user_name, uint32_t evlan_id);
+/* Existing or new record; of `record` only the evlan_id is read, so a new one has all attributes 0. Null: unknown user
+ * or no memory. _new sets *created to 1 when it made one, and leaves it alone otherwise. */
+sw_evlan_attr *sw_evlan_db_insert_item(uint32_t inst, const char *user_name, const sw_evlan_attr *record);
+sw_evlan_attr *sw_evlan_db_insert_item_new(uint32_t inst, const char *user_name, const sw_evlan_attr *record,
+                                           uint8_t *created);
+void sw_evlan_db_delete_item(uint32_t inst, const char *user_name, uint32_t evlan_id);
+/* The same as the inserts, after making sure that the databases exist and the user is registered. */
+sw_evlan_attr *sw_evlan_attr_db_verify(uint32_t inst, const UBridge__EvlanIndex *index);
+sw_evlan_attr *sw_evlan_attr_db_verify_new(uint32_t inst, const UBridge__EvlanIndex *index, uint8_t *created);
+/* Copies attr_flags, class_id, type and the view that src's type names. 0; -2 for null, or for an underlay source with
+ * ports (after the copy). */
+int32_t sw_evlan_attr_copy(sw_evlan_attr *dst, const sw_evlan_attr *src);
+/* 0 equal; other when attr_flags, class_id, type or any of the nine attribute words differ; -2 null. */
+int32_t sw_evlan_attr_cmp(const sw_evlan_attr *a, const sw_evlan_attr *b);
+/* The evlan as all users of slot 0 hold it together, or null when none does. One static record: valid until the next
+ * merge. */
+sw_evlan_attr *sw_evlan_attr_merge(uint32_t evlan_id);
+
+/* Arguments of the dump visitors; zero it, then set the filters. */
+typedef struct sw_ebridge_dump_args {
+    uint32_t type; /* only this type; 0 any */
+    uint32_t id;   /* only this id; 0 any */
+    uint32_t reserved[3];
+    uint32_t count;        /* records printed so far */
+    const char *user_name; /* only this user; null any */
+    void *reserved2;
+} sw_ebridge_dump_args;
+
+int32_t sw_evlan_attr_db_ut_dump_op(sw_evlan_attr *record, void *dump_args, int32_t position);
+int32_t sw_evlan_attr_db_ut_dump(int32_t evlan_type, uint32_t evlan_id);
+int32_t sda_evlan_attr_db_ut_dump(int32_t evlan_type, uint32_t evlan_id);
+int32_t sw_vlan_attr_db_ut_dump(int32_t vid);
+/* db_type 0 prints all, 1 the local database, 2 the index map. */
+int32_t sw_evlan_db_ut_dump(int32_t db_type, int32_t evlan_type, uint32_t evlan_id);
+int32_t sw_vlan_db_ut_dump(int32_t db_type, int32_t vid);
+
+/* ---- evlan: index map ------------------------------------------------------------------------------------------- */
+
+int32_t sw_evlan_index_map_db_init(void);
+/* Zero the key of an item and set it: kind 0 from a message whose first field is a UBridge__EvlanAppIndex (an evlan
+ * session), kind 1 from an evlan_id. */
+void sw_evlan_index_map_init_appkey(sw_evlan_index_map *item, const UBridge__EvlanSession *session);
+void sw_evlan_index_map_init_udpkey(sw_evlan_index_map *item, uint32_t evlan_id);
+sw_evlan_index_map *sw_evlan_index_map_get_item(uint32_t inst, const sw_evlan_index_map *key);
+/* Stores a copy at the head of its user's list. Null without memory. */
+sw_evlan_index_map *sw_evlan_index_map_create_item(uint32_t inst, const sw_evlan_index_map *item);
+/* Replaces values, user, session_arg and priority of a stored item (not ds_flag), or creates it. */
+sw_evlan_index_map *sw_evlan_index_map_update_item(uint32_t inst, const sw_evlan_index_map *item);
+/* 0, also when absent; -2 bad argument. */
+int32_t sw_evlan_index_map_delete_item(uint32_t inst, const sw_evlan_index_map *key);
+/* Translations in slot 0. 0 found (evlan_id 0: requested, not granted yet); -1 not mapped; -2 null. */
+int32_t sw_evlan_app2udp(const UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *out);
+int32_t sw_evlan_udp2app(const UBridge__EvlanIndex *index, UBridge__EvlanAppIndex *out);
+int32_t sw_evlan_index_map_dump_op(sw_evlan_index_map *item, void *dump_args, int32_t position);
+int32_t sw_evlan_res_db_ut_dump(uint32_t type, uint32_t id);
+int32_t sw_vlan_res_db_ut_dump(int32_t vid);
+
+/* ---- evlan: request, release, reply ----------------------------------------------------------------------------- */
+
+/* Asks for an evlan id under the key (type, keyid) of `app_index`, whose t_user is the requester. `request_value` 0:
+ * any id of the type; else the id wanted, type in its top byte. The answer comes to the callbacks of the users that
+ * follow the sessions. 0; -2 bad argument; -4 no memory; or the store's code (the key then stays marked as requested).
+ */
+int32_t sw_evlan_request(UBridge__EvlanAppIndex *app_index, int32_t request_value, UBridge__ResPriority priority);
+/* Releases the requester's id: VLAN and L3INTF_SUB at once, other types after the release delay (40 s by default), so
+ * that a restarting application can take its id back. Delayed, `app_index->t_user` must live until the delay is over.
+ * 0; -2; or the store's code. */
+int32_t sw_evlan_release(UBridge__EvlanAppIndex *app_index);
+/* Releases at once. */
+int32_t sw_evlan_release_direct(UBridge__EvlanAppIndex *app_index);
+/* delayed 1 or 0. */
+int32_t sw_evlan_release_exec(UBridge__EvlanAppIndex *app_index, uint32_t delayed);
+/* Plain VLANs: type 112 (L3INTF_SUB) stays, any other means VLAN. */
+int32_t sw_vlan_request(UBridge__VlanAppIndex *vlan_index, int32_t vid, UBridge__ResPriority priority);
+int32_t sw_vlan_release(UBridge__VlanAppIndex *vlan_index);
+
+/* Callbacks of the store client: a delayed release is over (args: its UBridge__EvlanAppIndex); a session changed (args:
+ * a sw_ebridge_callback_args). */
+int32_t sw_evlan_release_callback(qz_mom_handle *ctx, const qz_mom_notification *msg, void *args);
+int32_t sw_vlan_mom_msg_evlan_session_reply(qz_mom_handle *ctx, const qz_mom_notification *msg, void *args);
+/* Applies one session change of database `db`: add 1 written, 0 removed. 0; -2 not answered yet, or no session. */
+int32_t sw_evlan_session_reply(uint32_t db, UBridge__EvlanSession *session, int32_t add);
+
+/* ---- evlan: scan and subscribe ---------------------------------------------------------------------------------- */
+
+/* What a scan or subscription carries through the store client: made on first use per instance and (database, command),
+ * overwritten by later calls, never freed. */
+typedef struct sw_ebridge_callback_args {
+    void *arg;
+    sw_ebridge_mom_func func; /* or null */
+} sw_ebridge_callback_args;
+
+/* The instance's slot for the argument pair of (database 4 or 8, command 29 or 30); null for any other pair. */
+void **sw_evlan_get_mom_ds_args(int32_t mom_db, uint32_t cmd, sw_ebridge_list_item *inst);
+/* Reads the session table once: `func` (may be null) is called for every session and for the end, and the sessions are
+ * applied. 0; -2 unknown user or a database other than 4 and 8; -4; or the store's code. */
+int32_t sw_evlan_data_scan_with_db(const char *user_name, int32_t mom_db, sw_ebridge_mom_func func, void *args);
+int32_t sw_evlan_data_scan(const char *user_name, sw_ebridge_mom_func func, void *args);
+/* Follows the session table: `func` (may be null) hears the confirmation and every answer, removal and expiry. */
+int32_t sw_evlan_subscribe_db_exec(const char *user_name, int32_t mom_db, sw_ebridge_mom_func func, void *args);
+int32_t sw_evlan_subscribe_with_db(const char *user_name, int32_t mom_db, sw_ebridge_mom_func func, void *args);
+int32_t sw_evlan_subscribe(const char *user_name, sw_ebridge_mom_func func, void *args);
+int32_t sw_vlan_subscribe(const char *user_name, sw_ebridge_mom_func func, void *args);
+
+/* ---- eport, pvid and match rule tables -------------------------------------------------------------------------- */
+
+/* Make the tables; each 0 or -1. */
+int32_t sw_eport_db_init(void);
+int32_t sw_eport_index_map_db_init(void);
+int32_t sw_vlan_pvid_db_init(void);
+/* Makes the rule table and registers a blank user of that name (may be null) in registry table `list` if there is none.
+ */
+int32_t sw_ebridge_match_db_init(int32_t list, const char *user_name);
+
+/* ---- diagnosis -------------------------------------------------------------------------------------------------- */
+
+/* Counters of the request protocol, since start or the last reset. */
+typedef struct sw_diagnosis_stat {
+    uint32_t evlan_request;
+    uint32_t evlan_add_reply;
+    uint32_t evlan_del_reply;
+    uint32_t evlan_auto_release; /* refused requests */
+    uint32_t evlan_total_release;
+    uint32_t evlan_reply_vlancb;
+    uint32_t evlan_reply_evlancb;
+    uint32_t evlan_release_cb;
+    uint32_t evlan_err_msg;
+    uint32_t eport_request;
+    uint32_t eport_add_reply;
+    uint32_t eport_del_reply;
+    uint32_t eport_auto_release;
+    uint32_t eport_total_release;
+    uint32_t eport_reply_cb;
+    uint32_t eport_release_cb;
+    uint32_t eport_err_msg;
+} sw_diagnosis_stat;
+
+extern sw_diagnosis_stat g_diagnosis_stat;
+
+/* Stores a copy in the ring of the last five refused requests: kind 1, id -1, type and key as values, ds_flag 1. */
+void sw_evlan_record_err_msg(const sw_evlan_index_map *record);
+/* The ring; the n-th entry ever (from 0) stands at n modulo 5. */
+sw_evlan_index_map *sw_evlan_get_err_msg_array(void);
+/* Sets the two release delays in seconds. 0. */
+int32_t sw_ebridge_delay_time_set(int32_t evlan_seconds, int32_t eport_seconds);
+
+#ifdef __cplusplus
+}
+#endif
+#endif
