@@ -1,0 +1,103 @@
+// Runs each test in a process of its own: the library's tables live as long as the process, so a test that starts from
+// nothing needs a new one. With one test selected (as ctest does) it runs right here.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+// Exit status of one test run in a child; 1 when it died.
+int run_in_child(const std::string &name)
+{
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child < 0)
+        return 1;
+    if (child == 0) {
+        testing::GTEST_FLAG(filter) = name;
+        std::exit(RUN_ALL_TESTS());
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+}
+
+// gtest decides what its filter selects only inside RUN_ALL_TESTS(), so the parent does it again here.
+bool one_name(const std::string &filter) { return filter.find_first_of("*?:-") == std::string::npos; }
+
+bool matches(const std::string &pattern, const std::string &name)
+{
+    size_t p = 0, n = 0, star = std::string::npos, mark = 0;
+    while (n < name.size()) {
+        if (p < pattern.size() && (pattern[p] == '?' || pattern[p] == name[n])) {
+            ++p, ++n;
+        } else if (p < pattern.size() && pattern[p] == '*') {
+            star = p++;
+            mark = n;
+        } else if (star != std::string::npos) {
+            p = star + 1;
+            n = ++mark;
+        } else {
+            return false;
+        }
+    }
+    while (p < pattern.size() && pattern[p] == '*')
+        ++p;
+    return p == pattern.size();
+}
+
+bool any_matches(const std::string &patterns, const std::string &name)
+{
+    for (size_t begin = 0; begin <= patterns.size();) {
+        const size_t end = std::min(patterns.find(':', begin), patterns.size());
+        if (matches(patterns.substr(begin, end - begin), name))
+            return true;
+        begin = end + 1;
+    }
+    return false;
+}
+
+bool filter_selects(const std::string &filter, const std::string &name)
+{
+    const size_t minus = filter.find('-');
+    const std::string wanted = filter.substr(0, minus);
+    if (!any_matches(wanted.empty() ? "*" : wanted, name))
+        return false;
+    return minus == std::string::npos || !any_matches(filter.substr(minus + 1), name);
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    testing::InitGoogleTest(&argc, argv);
+    const std::string filter = testing::GTEST_FLAG(filter);
+    if (testing::GTEST_FLAG(list_tests) || one_name(filter))
+        return RUN_ALL_TESTS();
+
+    int run = 0;
+    std::vector<std::string> failed;
+    auto *unit = testing::UnitTest::GetInstance();
+    for (int s = 0; s < unit->total_test_suite_count(); ++s) {
+        auto *suite = unit->GetTestSuite(s);
+        for (int t = 0; t < suite->total_test_count(); ++t) {
+            const std::string name = std::string(suite->name()) + "." + suite->GetTestInfo(t)->name();
+            if (!filter_selects(filter, name))
+                continue;
+            ++run;
+            if (run_in_child(name) != 0)
+                failed.push_back(name);
+        }
+    }
+    std::printf("%d passed, %zu failed\n", run - static_cast<int>(failed.size()), failed.size());
+    for (const auto &name : failed)
+        std::printf("FAILED %s\n", name.c_str());
+    return failed.empty() ? 0 : 1;
+}
