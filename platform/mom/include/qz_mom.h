@@ -7,7 +7,7 @@
  * Conventions
  *  1. Handles. Opened from a URL, tied to one thread master (qz_thread.h); all callbacks of a handle run on that
  *     master's thread, one at a time, and never from inside a call of this client. All handles of one process that
- * serve users of one library share one master.
+ *     serve users of one library share one master.
  *  2. Codes. 0 means taken over: it will be applied in order, or its failure reported to the call's callback (or, where
  *     the caller gave none, logged). Any other value means that nothing happened.
  *  3. Order. Writes of one handle to one record are applied, and heard by everyone, in call order. A write of several
@@ -17,10 +17,15 @@
  *  5. Threads. Every call may come from any thread. Set QZ_THREAD_CHECK=1 (qz_thread.h) to have the asynchronous ones
  *     abort when they meet another thread than the master's.
  *  6. Patterns. Where a call takes a pattern, key fields at their default (0, "", absent) match anything; elsewhere the
- *     key is taken exactly as it stands.
- *  7. Null. A null handle, record or mandatory callback is refused with QZ_MOM_EINVAL, never a crash.
+ *     key is taken exactly as it stands. A pattern, too, carries its key message, if only an empty one.
+ *  7. Null. A null handle, record, key message or mandatory callback is refused with QZ_MOM_EINVAL, never a crash.
  *  8. Bounds. What waits to be delivered to a handle is bounded (qz_mom_set_queue_limits); past the hard limit the
- *     writes that would add to it are refused with QZ_MOM_EFULL.
+ *     calls that would add to it are refused with QZ_MOM_EFULL. Only the ends of expiry calls already accepted may come
+ *     on top.
+ *  9. Keys. The key of a record that is delivered is read from its key text (see below). So an address in a key that
+ *     was written as zeros comes back as null.
+ * 10. Foreign data. Records whose key text or content is not of the type asked for are skipped; each is logged once per
+ *     delivery that it is left out of.
  */
 #ifndef QZ_MOM_H
 #define QZ_MOM_H
@@ -136,8 +141,9 @@ int32_t qz_mom_client_set_reconnect_cb(qz_mom_handle *handle, uint32_t db, qz_mo
 
 /* Writes the whole record in one piece and clears its mark. Subscribers hear command 1. */
 int32_t qz_mom_set(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, qz_mom_msg_cb cb, void *args);
-/* Writes the named fields (numbers of the record's descriptor, `count` >= 1) of a hash record, creates it when absent,
- * leaves its other fields alone and clears its mark. Subscribers hear command 4 (count 1) or 6. */
+/* Writes the named fields (numbers of the record's descriptor, not the key's, `count` >= 1; a number given twice counts
+ * once) of a hash record, creates it when absent, leaves its other fields alone and clears its mark. Writing the set
+ * member of a oneof clears the other members. Subscribers hear command 4 (one field) or 6. */
 int32_t qz_mom_hmset(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, const uint32_t *fields,
                      uint32_t count, qz_mom_msg_cb cb, void *args);
 /* Like hmset, but leaves the mark alone, and writes nothing where no record is (which is no failure). */
@@ -149,7 +155,9 @@ int32_t qz_mom_del(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *r
 /* ---- reading and following -------------------------------------------------------------------------------------- */
 
 /* Delivers each record that matches and exists throughout the scan once (command 6 for a hash record, 1 for a record
- * written whole), then exactly one notification with `end` 1. `flags` must be 0. */
+ * written whole), then exactly one notification with `end` 1. A table may be larger than the queue: it is read piece by
+ * piece, each in its turn between the other notifications, so that a scan never shows a record older than it was heard
+ * before. `flags` must be 0. */
 int32_t qz_mom_scan(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *pattern, uint32_t flags,
                     qz_mom_msg_cb cb, void *args);
 /* Follows all records that match. Command 29 confirms, exactly once per call and never for a reconnection. A call with
@@ -158,7 +166,8 @@ int32_t qz_mom_subscribe(qz_mom_handle *handle, uint32_t db, const ProtobufCMess
                          qz_mom_msg_cb cb, void *args);
 /* Follows single fields: cbs[i] hears every write that names fields[i], whether or not it changes it (a whole-record
  * write names them all), and every removal and expiry of a matching record. Each notification carries the whole record.
- * `args` may be null (all arguments null). One command 29 confirms the call, to cbs[0]. */
+ * `args` may be null (all arguments null). One command 29 confirms the call, to cbs[0]. What replaces an earlier
+ * subscription here is the same database, pattern, field, callback and argument. */
 int32_t qz_mom_subscribe_field(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *pattern, uint32_t flags,
                                const uint32_t *fields, const qz_mom_msg_cb *cbs, void *const *args, uint32_t count);
 /* Ends the subscriptions of this database, pattern, callback and argument, whole or by field. Command 28 confirms, once
@@ -168,11 +177,12 @@ int32_t qz_mom_unsubscribe(qz_mom_handle *handle, uint32_t db, const ProtobufCMe
 
 /* ---- expiry marks ----------------------------------------------------------------------------------------------- *
  * A mark fires once, within a second of its time, whoever set it: the record is removed and subscribers hear command
- * 27 with the record as it last was. set and hmset clear a mark; hmupdate does not. */
+ * 27 with the record as it last was. set and hmset clear a mark; hmupdate does not. While a subscriber has no room for
+ * the news, its mark waits. Modes 3 and 4 take records of u_bridge.evlan_session and u_bridge.eport_session only. */
 
 /* Marks one record or all that match (`mode`). An accepted call ends with exactly one notification to `cb` with `end`
- * 2, once none of its marks is left: fired, cleared, replaced by another call, or their records deleted. `cb` may be
- * null. */
+ * 2, once none of its marks is left: fired, cleared, replaced by another call, or their records deleted; at once when
+ * nothing matched. A delay of 0 fires before any later call is applied. `cb` may be null. */
 int32_t qz_mom_pexpire(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, int32_t mode,
                        const qz_mom_timeval *delay, qz_mom_msg_cb cb, void *args);
 /* Returns when the marks are set; nothing tells of their end. */
@@ -182,7 +192,7 @@ int32_t qz_mom_pexpire_sync(qz_mom_handle *handle, uint32_t db, const ProtobufCM
 int32_t qz_mom_clear_expire(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, qz_mom_msg_cb cb,
                             void *args);
 /* Deletes, of the records that match, exactly those that still carry a mark (subscribers hear command 3). `cb` is
- * called once, with `end` 2, when that is done. mode: QZ_MOM_EXPIRE_*. */
+ * called once, with `end` 2, when that is done; it may be null. mode: QZ_MOM_EXPIRE_*. */
 int32_t qz_mom_del_expire(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, int32_t mode,
                           qz_mom_msg_cb cb, void *args);
 

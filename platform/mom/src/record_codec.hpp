@@ -1,0 +1,51 @@
+// Records as bytes: what a store keeps of a record, and the record made from it again.
+#ifndef MOM_RECORD_CODEC_HPP
+#define MOM_RECORD_CODEC_HPP
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "message_access.hpp"
+
+namespace mom
+{
+
+// How a record was written: field by field (hmset), or in one piece (set). It keeps that form as long as it lives.
+enum class form : uint8_t { hash, whole };
+
+// One field as it stands on the wire, tag included; no bytes at all for a field at its default.
+struct encoded_field {
+    uint32_t number;
+    std::string bytes;
+};
+
+// What a record holds beside its key. Never changed once made: the record and all that tells of it share one.
+struct content {
+    struct part {
+        uint32_t number;
+        size_t size;
+    };
+    form kind;
+    std::string bytes;        // the encoded fields, one after the other
+    std::vector<part> parts;  // where each ends, in the order of their numbers; empty for a whole record
+};
+
+// True when the message can be packed and its key be read: no null where a value is promised, no endless nesting.
+bool encodable(const ProtobufCMessage *message);
+
+content encode_whole(const ProtobufCMessage &record);
+// The named fields, in the order of their numbers. A named member of a oneof that is set comes with the others, empty,
+// for they are gone.
+std::vector<encoded_field> encode_fields(const ProtobufCMessage &record, std::span<const uint32_t> numbers);
+// `base` with the given fields written over it; null for a record that does not exist yet.
+content merge(const content *base, const std::vector<encoded_field> &fields);
+
+// The record of that key; null when the key or the content is not of that type. The key always comes from the key
+// text, whatever the content says. Throws std::bad_alloc.
+message_ptr decode(const ProtobufCMessageDescriptor &type, std::string_view key, const content &body);
+
+}  // namespace mom
+#endif
