@@ -1,0 +1,102 @@
+// The allocator's decisions: which id a request gets. No store, no clock, no log: service.cpp brings requests in and
+// carries answers out.
+//
+// One id per key. Holders that ask for the same key share its id; the id is free again when the last of them has let
+// go. The kinds of key are alike for all bridge ids: an evlan's is (type, keyid), an eport's (type, keyid1, keyid2).
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <map>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "id_pool.hpp"
+
+namespace ebridged
+{
+
+struct id_key {
+    uint32_t type = 0;
+    uint32_t key1 = 0;
+    uint32_t key2 = 0;  // 0 for evlans
+    auto operator<=>(const id_key &) const = default;
+};
+
+struct id_key_hash {
+    size_t operator()(const id_key &key) const noexcept;
+};
+
+// A type that ids exist of, and its numbers as long as nobody says otherwise.
+struct id_type {
+    uint32_t type;
+    number_range numbers;
+};
+
+// The types of evlans. VLAN and routed subinterface numbers are VLAN ids.
+std::span<const id_type> evlan_types();
+
+enum class verdict {
+    granted,
+    bad_type,      // a type that does not exist, or a wanted id of another type
+    out_of_range,  // the wanted number must not be given
+    taken,         // the wanted id belongs to another key
+    shared,        // the key has another id, and others hold it
+    none_left
+};
+
+// What an operator is told.
+const char *verdict_text(verdict v);
+
+struct decision {
+    verdict why = verdict::granted;
+    int32_t reply = -1;  // what is answered: the id, or -1
+};
+
+class allocator
+{
+  public:
+    explicit allocator(std::span<const id_type> types);
+
+    // Decides a request. `wanted` is the type in the top byte and a number: that id or none; number 0: the id that the
+    // key has, or any. A refused holder holds the key no longer: the answer in its record is what counts, and -1 is no
+    // id. `holder` is any text that names it; `now`, in microseconds, must not go back.
+    decision request(std::string_view holder, const id_key &key, uint32_t wanted, int64_t now);
+    // The holder lets go of the key. Nothing when it does not hold it.
+    void release(std::string_view holder, const id_key &key, int64_t now);
+    // Takes over a grant that was answered before this allocator existed; ranges do not matter. False changes nothing:
+    // the id belongs to another key, the key has another id already, or the id is not one of the key's type.
+    bool adopt(std::string_view holder, const id_key &key, uint32_t id);
+    // Full ids or plain numbers: the low 24 bits count; 0 as the lower end means 1. False for an unknown type.
+    bool set_range(uint32_t type, uint32_t min, uint32_t max);
+    // Back to the type's own numbers.
+    bool reset_range(uint32_t type);
+
+    uint32_t id_of(const id_key &key) const;      // 0: none
+    const id_key *key_of(uint32_t id) const;      // null: nobody's
+    size_t holders_of(const id_key &key) const;   // 0: not held
+    size_t size() const { return held_.size(); }  // keys held
+
+  private:
+    struct held_id {
+        uint32_t id;
+        std::vector<std::string> holders;
+    };
+    using entries = std::unordered_map<id_key, held_id, id_key_hash>;
+
+    decision decide(std::string_view holder, const id_key &key, uint32_t wanted, int64_t now);
+    decision grant_new(std::string_view holder, const id_key &key, uint32_t wanted, int64_t now);
+    decision grant_held(std::string_view holder, entries::iterator held, uint32_t wanted, int64_t now);
+    verdict may_take(id_pool &pool, uint32_t number) const;
+    void free_id(uint32_t id, int64_t now);
+
+    std::span<const id_type> types_;
+    std::map<uint32_t, id_pool> pools_;  // by type
+    entries held_;
+    std::unordered_map<uint32_t, id_key> key_of_;  // id -> key
+};
+
+}  // namespace ebridged

@@ -1,0 +1,56 @@
+/* ebridged.h - the allocator service inside a process of one's own.
+ *
+ * The service answers the session records of the databases that it is told: it decides which id each request gets,
+ * writes the answer into the same record, and mirrors every answered session into the data-plane database (8). The
+ * program `ebridged` runs it beside a store server; on the embedded store ("mem:NAME"), which one process has for
+ * itself, a program starts it with these calls.
+ *
+ * Calls come on the thread of the handle's master, or while no thread runs it. C and C++.
+ */
+#ifndef EBRIDGED_H
+#define EBRIDGED_H
+
+#include <stdint.h>
+
+#include "qz_mom.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct ebridged_service ebridged_service;
+
+enum ebridged_log_level { EBRIDGED_LOG_ERROR = 1, EBRIDGED_LOG_INFO = 2, EBRIDGED_LOG_DEBUG = 3 };
+
+/* One line, without its newline; valid during the call. */
+typedef void (*ebridged_log_func)(enum ebridged_log_level level, const char *line, void *args);
+
+/* Zero it, then set what is wanted. Read during the call; `log_args` stays the caller's. */
+typedef struct ebridged_options {
+    const uint32_t *databases; /* whose session tables are served; null: database 4 alone */
+    uint32_t database_count;
+    ebridged_log_func log; /* null: errors go to standard error, the rest nowhere */
+    void *log_args;
+} ebridged_options;
+
+typedef struct ebridged_stat {
+    uint32_t serving;  /* 1 once all sessions of the store are known and requests are answered */
+    uint32_t sessions; /* known sessions */
+    uint32_t keys;     /* keys that hold an id */
+    uint32_t waiting;  /* writes that the store could not take yet; they are tried again until it does */
+    uint64_t answered; /* answers decided since the start, refusals included */
+    uint64_t refused;
+} ebridged_stat;
+
+/* Starts the service on a handle, which may have other users and must outlive it; `options` may be null. It serves once
+ * it has read the session tables (ebridged_get_stat()); requests written before that are answered then. 0, or the
+ * store's code; *service is set on 0 only. */
+int32_t ebridged_start(qz_mom_handle *handle, const ebridged_options *options, ebridged_service **service);
+/* Ends it. Ids stay granted: the next service reads them from the sessions. Null is allowed. */
+void ebridged_stop(ebridged_service *service);
+void ebridged_get_stat(const ebridged_service *service, ebridged_stat *stat);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,156 @@
+// The allocator service: follows session tables with the store client, has allocator.hpp decide, writes the answers.
+//
+// Start. Per served database: subscribe ranges and sessions, and when both are confirmed scan both. Nothing is decided
+// before every table is read: then granted ids are taken over from the answered sessions, in the order of their key
+// texts, and every request is answered (again). A change that is heard meanwhile outweighs what a scan delivers.
+//
+// Writes. What the store cannot take yet is remembered as "this session's answer is due" or "this mirror is due", not
+// as a write: when its turn comes it is written as things stand then. Nothing is lost, and nothing old is written late.
+//
+// Callbacks carry a number instead of a pointer, so that one that comes after the end finds nobody and does nothing.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "allocator.hpp"
+#include "ebridged.h"
+#include "qz_mom.h"
+#include "u_bridge.pb-c.h"
+
+namespace ebridged
+{
+
+// What a session is known by, apart from its database.
+struct session_name {
+    std::string user;
+    uint32_t type = 0;
+    uint32_t keyid = 0;
+    bool operator==(const session_name &) const = default;
+};
+
+struct session_id {
+    uint32_t db = 0;
+    session_name name;
+    bool operator==(const session_id &) const = default;
+};
+
+struct session_id_hash {
+    size_t operator()(const session_id &id) const noexcept;
+};
+
+// The parts of a session record that the service carries.
+struct session {
+    int32_t request_value = 0;
+    int32_t priority = 0;
+    int32_t request = 0;
+    int32_t reply_value = 0;
+    int32_t reply = 0;
+};
+
+class service
+{
+  public:
+    service(qz_mom_handle *handle, const ebridged_options *options);
+    ~service();
+    service(const service &) = delete;
+    service &operator=(const service &) = delete;
+
+    int32_t start();
+    void stat(ebridged_stat *out) const;
+
+  private:
+    // What has to be done once before requests are answered. The tables of a database are read when it is followed.
+    enum class step { follow_ranges, follow_sessions, read_ranges, read_sessions, read_mirrors };
+    enum class progress { waiting, under_way, done };
+    struct start_task {
+        uint32_t db;
+        step what;
+        progress state = progress::waiting;
+    };
+    // A record of the mirror database, and the database that it says it came from.
+    struct mirror_record {
+        session_name name;
+        uint32_t origin = 0;
+    };
+    // A session as the store has it at the start, by key text.
+    struct found_session {
+        session_id id;
+        session content;
+        bool live = false;      // heard as a change: a scan's older copy does not count
+        bool gone = false;      // removed meanwhile
+        bool conflict = false;  // its id cannot be its own
+    };
+    enum class duty { answer, mirror };
+    struct due {
+        duty what;
+        session_id id;
+    };
+
+    // Callbacks of the store client and of the master; the argument is the service's number.
+    static int32_t on_session(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
+    static int32_t on_session_scan(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
+    static int32_t on_range(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
+    static int32_t on_mirror_scan(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
+    static int32_t on_written(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
+    static void on_retry(void *number);
+    static service *find(void *number);  // null: it has ended
+    void *number_arg() const;
+
+    // service.cpp: the start
+    int32_t advance();
+    bool may_begin(const start_task &task) const;
+    int32_t begin(const start_task &task);
+    void finish(uint32_t db, step what, int32_t error);
+    void begin_serving();
+    void adopt_found();
+    void answer_found();
+    void remove_orphan_mirrors();
+    // service.cpp: changes
+    void session_heard(const qz_mom_notification &msg, bool live);
+    void note_found(const qz_mom_notification &msg, const session_id &id, const session *content, bool live);
+    void session_written(const session_id &id, const session &content);
+    void session_removed(const session_id &id);
+    void answer(const session_id &id, const session &content, const decision &made);
+    void range_heard(const qz_mom_notification &msg);
+    void mirror_heard(const qz_mom_notification &msg);
+    // outbox.cpp: writes
+    const std::pair<const session_id, session> *to_mirror(const session_name &name) const;
+    void put(duty what, const session_id &id);
+    void send_due();
+    int32_t send(const due &next);
+    int32_t send_answer(const session_id &id);
+    int32_t send_mirror(const session_name &name);
+    void write_failed(const qz_mom_notification &msg);
+    void retry_later();
+    static bool passes(int32_t code);  // a code that may be another one next time
+
+    void log(ebridged_log_level level, const char *format, ...) __attribute__((format(printf, 3, 4)));
+
+    static constexpr uint32_t MIRROR_DB = 8;
+
+    qz_mom_handle *handle_;
+    ebridged_log_func log_;
+    void *log_args_;
+    uintptr_t number_;  // of this service, for callbacks
+    allocator allocator_{evlan_types()};
+    std::vector<uint32_t> databases_;  // whose sessions are answered
+    std::vector<start_task> tasks_;
+    bool serving_ = false;
+    std::map<std::pair<uint32_t, std::string>, found_session> found_;  // until serving; by database and key text
+    std::vector<mirror_record> mirrors_;                               // until serving
+    std::unordered_map<session_id, session, session_id_hash> sessions_;
+    std::deque<due> due_;
+    bool retry_pending_ = false;
+    uint64_t answered_ = 0;
+    uint64_t refused_ = 0;
+};
+
+// Reads the key of a session record; false when it has none.
+bool read_session_id(uint32_t db, const UBridge__EvlanSession &record, session_id *out);
+
+}  // namespace ebridged
