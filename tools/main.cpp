@@ -1,0 +1,169 @@
+// ebridge, the command: its arguments, and which descriptor its results go to.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cstdio>
+
+#include "config.hpp"
+#include "report.hpp"
+#include "run.hpp"
+#include "sw_ebridge.h"
+
+using namespace ebridge_tool;
+
+namespace
+{
+
+enum exit_status { ALL_EQUAL = 0, SOMETHING_DIFFERS = 1, BAD_INPUT = 2 };
+
+constexpr const char *RUN_FOOTER =
+    "One user requests an id for each VLAN and VXLAN map of CONFIG; a second one hears every answer and reads\n"
+    "everything back. Both, the store and the id allocator run inside this command: nothing else is touched.\n"
+    "Tables that have no meaning yet are counted as skipped.\n"
+    "\n"
+    "Examples:\n"
+    "  ebridge run leaf.json                        a table of what was granted and read back\n"
+    "  ebridge run --json leaf.json | jq .tables    the same for programs\n"
+    "  ebridge run --dump leaf.json                 and what the library holds afterwards\n"
+    "  ebridge run --range VXLAN=1-10 leaf.json     with ten VXLAN ids only: what is refused?\n"
+    "\n"
+    "Exit status:\n"
+    "  0  all that was requested was granted and read back equal\n"
+    "  1  something was refused or differs; each such entry is named on standard error\n"
+    "  2  CONFIG is missing, is no JSON or makes no sense, or an argument is wrong; nothing was requested";
+
+struct arguments {
+    std::string config;
+    bool json = false;
+    bool dump = false;
+    std::vector<range_setting> ranges;
+};
+
+// A type by its name or number; 0 when there is none.
+uint32_t read_type(const std::string &text)
+{
+    const auto *named = protobuf_c_enum_descriptor_get_value_by_name(&u_bridge__evlan_type__descriptor, text.c_str());
+    uint32_t number = named ? static_cast<uint32_t>(named->value) : 0;
+    if (!named)
+        std::from_chars(text.data(), text.data() + text.size(), number);
+    const auto known =
+        protobuf_c_enum_descriptor_get_value(&u_bridge__evlan_type__descriptor, static_cast<int>(number));
+    return known ? number : 0;
+}
+
+// "TYPE=MIN-MAX".
+range_setting read_range(const std::string &text)
+{
+    const size_t equals = text.find('=');
+    const size_t dash = text.find('-', equals == std::string::npos ? 0 : equals);
+    range_setting range{};
+    if (equals != std::string::npos && dash != std::string::npos) {
+        const char *end = text.data() + text.size();
+        range.type = read_type(text.substr(0, equals));
+        const auto min = std::from_chars(text.data() + equals + 1, text.data() + dash, range.min);
+        const auto max = std::from_chars(text.data() + dash + 1, end, range.max);
+        const bool whole =
+            min.ec == std::errc() && max.ec == std::errc() && min.ptr == text.data() + dash && max.ptr == end;
+        if (whole && range.type != 0 && range.min >= 1 && range.min <= range.max && range.max <= 0xffffff)
+            return range;
+    }
+    throw CLI::ValidationError("--range", text + " is not TYPE=MIN-MAX, as in VXLAN=1-1000");
+}
+
+// -1: go on; otherwise the exit status.
+int read_arguments(int argc, char **argv, arguments *out)
+{
+    CLI::App app{"ebridge - try out and look into the extended bridge"};
+    app.require_subcommand(1);
+    app.footer("Example:\n  ebridge run leaf.json    see ebridge run --help");
+    CLI::App *run = app.add_subcommand("run", "Bring up a switch configuration and read it back");
+    run->footer(RUN_FOOTER);
+    run->add_option("CONFIG", out->config, "configuration in the config_db.json form")->required()->type_name("");
+    run->add_flag("--json", out->json, "print one JSON object, and nothing else, on standard output");
+    run->add_flag("--dump", out->dump, "print the library's users and tables at the end");
+    std::vector<std::string> ranges;
+    run->add_option("--range", ranges, "numbers that the allocator may give, may be repeated")
+        ->type_name("TYPE=MIN-MAX");
+    try {
+        app.parse(argc, argv);
+        std::ranges::transform(ranges, std::back_inserter(out->ranges), read_range);
+    } catch (const CLI::CallForHelp &help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError &error) {
+        std::fprintf(stderr, "ebridge: %s (see ebridge run --help)\n", printable(error.what()).c_str());
+        return BAD_INPUT;
+    }
+    return -1;
+}
+
+// With --json standard output is the object's alone: whatever else is printed there, by the library's log for instance,
+// goes to standard error. Returns the descriptor for the object, or -1.
+int keep_output_clean()
+{
+    std::fflush(stdout);
+    const int result = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+    if (result < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
+        return -1;
+    return result;
+}
+
+bool write_all(int fd, std::string text)
+{
+    text += '\n';
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t wrote = write(fd, text.data() + done, text.size() - done);
+        if (wrote < 0)
+            return false;
+        done += static_cast<size_t>(wrote);
+    }
+    return true;
+}
+
+int complain(const std::string &line, int status)
+{
+    std::fprintf(stderr, "ebridge: %s\n", line.c_str());
+    return status;
+}
+
+int run(const arguments &given)
+{
+    switch_config config;
+    run_result result;
+    std::string error;
+    if (!read_config(given.config, &config, &error))
+        return complain(error, BAD_INPUT);
+    const int json_output = given.json ? keep_output_clean() : -1;
+    if (given.json && json_output < 0)
+        return complain("standard output cannot be kept apart", SOMETHING_DIFFERS);
+    const run_options options{.ranges = given.ranges, .progress = show_progress};
+    const bool ran = run_config(config, options, &result, &error);
+    end_progress();
+    if (!ran)
+        return complain(error, SOMETHING_DIFFERS);
+    for (const std::string &problem : result.problems)
+        std::fprintf(stderr, "%s\n", problem.c_str());
+    if (given.json && !write_all(json_output, to_json(config, result)))
+        return complain("the result cannot be written", SOMETHING_DIFFERS);
+    if (!given.json)
+        print_table(stdout, config, result);
+    std::fflush(stdout);
+    if (given.dump) {
+        sw_ebridge_list_item_ut_dump();
+        sw_evlan_db_ut_dump(0, 0, 0);
+    }
+    return result.all_equal() ? ALL_EQUAL : SOMETHING_DIFFERS;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    arguments given;
+    if (const int status = read_arguments(argc, argv, &given); status >= 0)
+        return status;
+    return run(given);
+}

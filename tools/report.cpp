@@ -1,0 +1,65 @@
+// What "ebridge run" tells. See report.hpp.
+#include "report.hpp"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+namespace ebridge_tool
+{
+
+namespace
+{
+bool progress_shown = false;
+}
+
+void show_progress(size_t answered, size_t all)
+{
+    static const bool terminal = isatty(STDERR_FILENO) == 1;
+    if (!terminal)
+        return;
+    std::fprintf(stderr, "\r%zu of %zu answered", answered, all);
+    std::fflush(stderr);
+    progress_shown = true;
+}
+
+void end_progress()
+{
+    if (progress_shown)
+        std::fputs("\r\x1b[K", stderr);
+    progress_shown = false;
+}
+
+void print_table(std::FILE *out, const switch_config &config, const run_result &result)
+{
+    size_t width = sizeof "TABLE" - 1;
+    for (const table_result &table : result.tables)
+        width = std::max(width, table.name.size());
+    for (const skipped_table &table : config.skipped)
+        width = std::max(width, printable(table.name).size());
+    const int column = static_cast<int>(width);
+    std::fprintf(out, "%-*s  %9s  %9s  %9s  %9s\n", column, "TABLE", "REQUESTED", "GRANTED", "REFUSED", "VERIFIED");
+    for (const table_result &table : result.tables)
+        std::fprintf(out, "%-*s  %9zu  %9zu  %9zu  %9zu\n", column, table.name.c_str(), table.requested, table.granted,
+                     table.refused, table.verified);
+    for (const skipped_table &table : config.skipped)
+        std::fprintf(out, "%-*s  %9zu  skipped\n", column, printable(table.name).c_str(), table.entries);
+    std::fprintf(out, "%.3f seconds\n", result.seconds);
+}
+
+std::string to_json(const switch_config &config, const run_result &result)
+{
+    nlohmann::ordered_json tables = nlohmann::ordered_json::object();
+    for (const table_result &table : result.tables)
+        tables[table.name] = {{"requested", table.requested},
+                              {"granted", table.granted},
+                              {"refused", table.refused},
+                              {"verified", table.verified}};
+    nlohmann::ordered_json skipped = nlohmann::ordered_json::object();
+    for (const skipped_table &table : config.skipped)
+        skipped[table.name] = table.entries;
+    return nlohmann::ordered_json{{"tables", tables}, {"skipped", skipped}, {"seconds", result.seconds}}.dump();
+}
+
+}  // namespace ebridge_tool

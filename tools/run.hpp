@@ -1,0 +1,48 @@
+// "ebridge run": one user requests everything that a configuration names, a second one hears it and reads it back.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "config.hpp"
+
+namespace ebridge_tool
+{
+
+// A range record that is written before anything is requested.
+struct range_setting {
+    uint32_t type;
+    uint32_t min;
+    uint32_t max;
+};
+
+struct run_options {
+    std::vector<range_setting> ranges{};
+    int64_t patience_usec = 30'000'000;  // without any answer for so long, what is open counts as refused
+    bool serve = true;                   // false: no allocator in this process, so that nobody answers
+    // Called now and then with what is answered and what there is in all; may be null.
+    void (*progress)(size_t answered, size_t all) = nullptr;
+};
+
+struct table_result {
+    std::string name;
+    size_t requested = 0;
+    size_t granted = 0;
+    size_t refused = 0;
+    size_t verified = 0;
+};
+
+struct run_result {
+    std::vector<table_result> tables;   // those that the configuration has, also empty ones
+    std::vector<std::string> problems;  // a line for each entry that was refused or differs
+    double seconds = 0;
+
+    bool all_equal() const;
+};
+
+// False when the run itself failed, with one line in *error. To be called once in a process: the library's users and
+// tables live as long as that.
+bool run_config(const switch_config &config, const run_options &options, run_result *out, std::string *error);
+
+}  // namespace ebridge_tool
