@@ -59,30 +59,25 @@ bool keyed_cache_make_room(keyed_cache &cache);
 // Frees the arrays and leaves an empty table. The records are the caller's.
 void keyed_cache_clear(keyed_cache &cache);
 
-// The first live bucket from `bucket` on, or `end`.
-inline uint32_t next_live(const keyed_cache &cache, uint32_t bucket, uint32_t end)
-{
-    while (bucket < end) {
-        const uint32_t word = cache.flags[bucket / 16] >> (bucket % 16 * 2);
-        const uint32_t live = ~(word | word >> 1) & (0x55555555u >> (bucket % 16 * 2));
-        if (live != 0)
-            return std::min(bucket + static_cast<uint32_t>(std::countr_zero(live)) / 2, end);
-        bucket = (bucket / 16 + 1) * 16;
-    }
-    return end;
-}
+// One bit, the lower of its pair, for each live bucket of a word of flags.
+constexpr uint32_t live_pairs(uint32_t flags) { return ~(flags | flags >> 1) & 0x55555555; }
 
-// Visits the live buckets of a range in their order until a result is not 0, and returns that; else 0. The table is
-// looked at afresh after each visit, so a visitor may remove.
+// Visits the live buckets of a range in their order until a result is not 0, and returns that; else 0. A bucket's state
+// is looked at right before its visit, so a visitor may remove.
 template <class Record>
 int32_t keyed_cache_walk(const keyed_cache &cache, uint32_t first, uint32_t count,
                          int32_t (*visit)(Record *record, void *arg, int32_t position), void *arg)
 {
-    const uint32_t end = static_cast<uint32_t>(std::min<uint64_t>(uint64_t{first} + count, cache.bucket_count));
-    for (uint32_t i = next_live(cache, first, end); i < end; i = next_live(cache, i + 1, end)) {
-        const int32_t result = visit(static_cast<Record *>(cache.keys[i]), arg, static_cast<int32_t>(i));
-        if (result != 0)
-            return result;
+    const uint64_t end = std::min<uint64_t>(uint64_t{first} + count, cache.bucket_count);
+    for (uint32_t base = first / 16 * 16; base < end; base += 16) {
+        for (uint32_t live = live_pairs(cache.flags[base / 16]); live != 0; live &= live - 1) {
+            const uint32_t bucket = base + static_cast<uint32_t>(std::countr_zero(live)) / 2;
+            if (bucket < first || bucket >= end || state_of(cache.flags, bucket) != BUCKET_LIVE)
+                continue;
+            const int32_t result = visit(static_cast<Record *>(cache.keys[bucket]), arg, static_cast<int32_t>(bucket));
+            if (result != 0)
+                return result;
+        }
     }
     return 0;
 }

@@ -332,19 +332,58 @@ TEST_F(KeyedCache, TheFirstInsertionWithoutMemoryLeavesNothing)
     EXPECT_TRUE(table::insert(cache, &r));
 }
 
-TEST_F(KeyedCache, NextLiveFindsEveryBucketAndNoneBeyondTheEnd)
+struct walk {
+    std::vector<int32_t> positions;
+    const record *removed = nullptr;
+    sw::keyed_cache *cache = nullptr;
+};
+
+int32_t note_position(record *, void *arg, int32_t position)
+{
+    static_cast<walk *>(arg)->positions.push_back(position);
+    return 0;
+}
+
+TEST_F(KeyedCache, WalksFindEveryLiveBucketOfTheRangeAndNoOther)
 {
     grow_to(64);
     for (uint32_t bucket : {0u, 15u, 16u, 17u, 31u, 63u})
         insert(bucket, bucket);
-    std::vector<uint32_t> found;
-    for (uint32_t i = sw::next_live(cache, 0, 64); i < 64; i = sw::next_live(cache, i + 1, 64))
-        found.push_back(i);
-    EXPECT_EQ(found, (std::vector<uint32_t>{0, 15, 16, 17, 31, 63}));
-    EXPECT_EQ(sw::next_live(cache, 1, 15), 15u);
-    EXPECT_EQ(sw::next_live(cache, 1, 16), 15u);
-    EXPECT_EQ(sw::next_live(cache, 32, 40), 40u);
-    EXPECT_EQ(sw::next_live(cache, 64, 64), 64u);
+    table::remove(cache, insert(20, 20));
+    const auto range = [&](uint32_t first, uint32_t count) {
+        walk w;
+        EXPECT_EQ(sw::keyed_cache_walk(cache, first, count, note_position, &w), 0);
+        return w.positions;
+    };
+    using positions = std::vector<int32_t>;
+    EXPECT_EQ(range(0, UINT32_MAX), (positions{0, 15, 16, 17, 31, 63}));
+    EXPECT_EQ(range(1, 14), positions{});
+    EXPECT_EQ(range(1, 15), positions{15});
+    EXPECT_EQ(range(15, 1), positions{15});
+    EXPECT_EQ(range(16, 1), positions{16});
+    EXPECT_EQ(range(17, 14), positions{17});
+    EXPECT_EQ(range(32, 31), positions{});
+    EXPECT_EQ(range(63, UINT32_MAX), positions{63});
+    EXPECT_EQ(range(64, 1), positions{});
+}
+
+int32_t remove_another(record *, void *arg, int32_t position)
+{
+    auto *w = static_cast<walk *>(arg);
+    w->positions.push_back(position);
+    table::remove(*w->cache, w->removed);
+    return 0;
+}
+
+TEST_F(KeyedCache, AWalkDoesNotMeetARecordThatItsVisitorRemoved)
+{
+    grow_to(16);
+    insert(1, 1);
+    const record *neighbour = insert(2, 2);
+    insert(3, 3);
+    walk w{{}, neighbour, &cache};
+    EXPECT_EQ(sw::keyed_cache_walk(cache, 0, 16, remove_another, &w), 0);
+    EXPECT_EQ(w.positions, (std::vector<int32_t>{1, 3}));
 }
 
 }  // namespace

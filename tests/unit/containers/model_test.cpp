@@ -117,19 +117,23 @@ class keyed_run
     // Visits all, removing every seventh of the visited.
     void walk()
     {
-        size_t visited = 0;
+        visited_ = 0;
         const size_t expected = model_.size();
-        const uint32_t end = cache_.bucket_count;
-        for (uint32_t i = sw::next_live(cache_, 0, end); i < end; i = sw::next_live(cache_, i + 1, end)) {
-            const auto known = model_.find(number_of(cache_.keys[i]));
-            ASSERT_NE(known, model_.end());
-            EXPECT_EQ(known->second, cache_.keys[i]);
-            if (++visited % 7 == 0) {
-                EXPECT_EQ(table::remove(cache_, cache_.keys[i]), known->second);
-                model_.erase(known);
-            }
+        EXPECT_EQ(sw::keyed_cache_walk(cache_, 0, UINT32_MAX, visit, this), 0);
+        EXPECT_EQ(visited_, expected);
+    }
+
+    static int32_t visit(keyed_record *record, void *arg, int32_t)
+    {
+        auto *run = static_cast<keyed_run *>(arg);
+        const auto known = run->model_.find(number_of(record));
+        if (known == run->model_.end() || known->second != record)
+            return -1;
+        if (++run->visited_ % 7 == 0) {
+            EXPECT_EQ(table::remove(run->cache_, record), record);
+            run->model_.erase(known);
         }
-        EXPECT_EQ(visited, expected);
+        return 0;
     }
 
     void check_all()
@@ -154,6 +158,7 @@ class keyed_run
     std::vector<keyed_record> records_;
     sw::keyed_cache cache_{};
     std::unordered_map<uint32_t, keyed_record *> model_;
+    size_t visited_ = 0;
 };
 
 template <uint32_t (*Hash)(const void *)>

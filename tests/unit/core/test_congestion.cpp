@@ -183,6 +183,27 @@ TEST_F(Congestion, ModuleNameThatWasHandedOverStays)
     EXPECT_STREQ("libvlan_second", static_cast<const char *>(producers[1].args));
 }
 
+TEST_F(Congestion, ModuleNameIsKeptOncePerUser)
+{
+    release(connecting("user", 6));
+    EXPECT_EQ(0, sw_ebridge_congestion_init("user"));
+    EXPECT_EQ(0, sw_ebridge_congestion_init("user"));
+    const auto producers = recording::calls_of("libcgstctrl_gen_init");
+    ASSERT_EQ(2u, producers.size());
+    EXPECT_EQ(producers[0].args, producers[1].args);
+}
+
+TEST_F(Congestion, SetUpWithoutMemoryForTheModuleName)
+{
+    release(connecting("user", 6));
+    recording::fail_allocation(1);
+    EXPECT_EQ(-4, sw_ebridge_congestion_init("user"));
+    recording::fail_allocation(0);
+    expect_line("Assert:malloc module name failed.", kError, kFile, "sw_ebridge_congestion_init");
+    EXPECT_THAT(recording::calls(), IsEmpty());
+    EXPECT_EQ(0, sw_ebridge_congestion_init("user"));
+}
+
 TEST_F(Congestion, FailedProducerHasNoTopics)
 {
     release(connecting("user", 6));

@@ -462,6 +462,18 @@ TEST_F(Connections, SameConfirmationTwiceDoesNotReplaceTheOther)
     EXPECT_THAT(recording::calls(), IsEmpty());
 }
 
+// The store's argument pair outlives the confirmation, so the arguments can be handed back after they were freed.
+TEST_F(Connections, ConfirmationThatComesTwiceIsTakenOnce)
+{
+    const auto sa = subscribing(kApp);
+    ASSERT_EQ(1u, sa.size());
+    EXPECT_EQ(0, subscribed(notification(), sa[0]));
+    recording::reset();
+    const auto freed = freed_by([&] { EXPECT_EQ(0, subscribed(notification(), sa[0])); });
+    EXPECT_THAT(freed, IsEmpty());
+    EXPECT_THAT(recording::calls(), IsEmpty());
+}
+
 // A later cycle finds its confirmations in place and scans at the first of them.
 TEST_F(Connections, ConfirmationsAreNeverForgotten)
 {

@@ -1,5 +1,5 @@
 // Logging: which class is written at which level to which category, the set-up from a debug file, the set-up of a user.
-#include <sys/stat.h>
+#include <cerrno>
 
 #include "core_fixture.hpp"
 #include "logging.hpp"
@@ -186,9 +186,9 @@ TEST(DebugFileFromNothing, SetUpTellsWhatItFound)
     const auto path = folder.write("levels", "0x45");
     EXPECT_EQ(0, sw_vlan_debug_init("user", path.c_str()));
     const auto text = format(
-        "sw_vlan_zlog inited!!!, user: user, app: unit_core, dbg_file: %s, file_level: 4, "
+        "sw_vlan_zlog inited!!!, user: user, app: %s, dbg_file: %s, file_level: 4, "
         "std_level: 5, g_sw_vlan_file_zlog_category: 0x%p, g_sw_vlan_std_zlog_category: 0x%p\n",
-        path.c_str(), static_cast<void *>(g_sw_vlan_file_zlog_category),
+        program_invocation_short_name, path.c_str(), static_cast<void *>(g_sw_vlan_file_zlog_category),
         static_cast<void *>(g_sw_vlan_std_zlog_category));
     expect_line(text, kInfo, "app/lib/ebridge/libsw_ebridge_debug.cpp", "sw_vlan_debug_init");
     EXPECT_EQ(2u, recording::log().size());
@@ -266,6 +266,14 @@ TEST(DebugFileFromNothing, SecondSetUpReadsAgainWhenTheFileCategoryIsMissing)
 // ---- the set-up of a user
 
 constexpr char kNoOwnRoot[] = "no root folder of the test's own: ";
+
+TEST(UserSetUp, RefusesNull)
+{
+    EXPECT_EQ(-2, lib_vlan_debug_init(nullptr));
+    const auto args = args_of(nullptr);
+    EXPECT_EQ(-2, lib_vlan_debug_init(&args));
+    EXPECT_THAT(recording::calls(), IsEmpty());
+}
 
 TEST(UserSetUp, ReadsTheUsersDebugFile)
 {

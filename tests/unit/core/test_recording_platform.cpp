@@ -17,11 +17,14 @@ std::string at(const char *text, Args... args)
     return out;
 }
 
+const int kTarget = 0;
+
 TEST(RecordingPlatform, FormatterKnowsStandardConversions)
 {
     EXPECT_EQ("-7|007|1f|0x1f|x|abc|  ab", at("%d|%03u|%x|0x%x|%c|%s|%4.2s", -7, 7u, 31u, 31u, 'x', "abc", "abc"));
     EXPECT_EQ("  5|abc|123456789012|%", at("%*d|%.*s|%lld|%%", 3, 5, 3, "abcdef", 123456789012ll));
-    EXPECT_EQ(format("%p", static_cast<const void *>("x" + 1)).substr(0, 2), at("%p", "x").substr(0, 2));
+    const void *const somewhere = &kTarget;
+    EXPECT_EQ(format("%p", somewhere), at("%p", somewhere));
 }
 
 TEST(RecordingPlatform, FormatterKnowsAddressesAndCopiesUnknownConversions)

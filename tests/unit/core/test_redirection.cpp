@@ -234,6 +234,13 @@ TEST_F(Redirection, OverlongNameIsAFileThatCannotBeOpened)
     EXPECT_LE(out.size(), 4096 + sizeof " open failed\n");
 }
 
+TEST_F(Redirection, NullNameIsRefused)
+{
+    EXPECT_EQ(-2, sw_bridge_logging_redirect2collectfile(nullptr));
+    expect_line("Assert:Bad args.", kError, kFile, kRedirect);
+    EXPECT_FALSE(std::filesystem::exists("/data/collect"));
+}
+
 TEST_F(Redirection, ReturnWithoutRedirectionOnlyFlushes)
 {
     int32_t result = -1;

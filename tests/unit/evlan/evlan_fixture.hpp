@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -75,20 +76,30 @@ inline int32_t hear(const std::string &what)
     return SW_EBRIDGE_WALK_STOP;
 }
 
+// What a callback is handed can be encoded: it is a message of its type.
+template <typename Message>
+void expect_message(const Message *message, const ProtobufCMessageDescriptor &type)
+{
+    EXPECT_EQ(message->base.descriptor, &type);
+}
+
 template <size_t N>
 struct ears {
     static int32_t vlan_reply(UBridge__VlanAppIndex *index, int32_t vlan_id)
     {
+        expect_message(index, u_bridge__vlan_app_index__descriptor);
         return hear(format("%s hears vlan %s/%d/%d: %d", ear_names[N].c_str(), index->user, index->type, index->keyid,
                            vlan_id));
     }
     static int32_t evlan_reply(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan)
     {
+        expect_message(evlan, u_bridge__evlan_index__descriptor);
         return hear(format("%s hears evlan %s/%d/%d: %s 0x%x", ear_names[N].c_str(), app->t_user, app->type, app->keyid,
                            evlan->t_user, static_cast<uint32_t>(evlan->evlan_id)));
     }
     static int32_t release(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan, int32_t event)
     {
+        expect_message(evlan, u_bridge__evlan_index__descriptor);
         return hear(format("%s hears release %s/%d/%d: %s 0x%x event %d", ear_names[N].c_str(), app->t_user, app->type,
                            app->keyid, evlan->t_user, static_cast<uint32_t>(evlan->evlan_id), event));
     }
@@ -102,10 +113,10 @@ struct ears {
 
 inline void give_ears(ebridge_args &args, unsigned which)
 {
-    static constexpr void (*fill[ear_count])(ebridge_args &, unsigned) = {ears<0>::fill, ears<1>::fill, ears<2>::fill,
-                                                                          ears<3>::fill, ears<4>::fill, ears<5>::fill};
-    ear_names[ears_given] = args.user_name;
-    fill[ears_given++](args, which);
+    static constexpr std::array<void (*)(ebridge_args &, unsigned), ear_count> fill = {
+        ears<0>::fill, ears<1>::fill, ears<2>::fill, ears<3>::fill, ears<4>::fill, ears<5>::fill};
+    fill.at(ears_given)(args, which);
+    ear_names[ears_given++] = args.user_name;
 }
 
 // Registers a user and forgets what that took. The session database is set afterwards, so that no connection of the
@@ -291,12 +302,15 @@ inline const char *level_name(int32_t level)
     }
 }
 
-// "info sw_evlan_request: text". The source is named where it is not the evlan side's, the format where it is not "%s".
+// "info sw_evlan_request: text". What a line of the evlan side should not have shows up too: another source file, no line
+// number, a format other than "%s".
 inline std::string line_text(const recording::log_line &line)
 {
     std::string out = level_name(line.level);
     if (line.file != "app/lib/ebridge/libsw_ebridge_evlan.cpp")
         out += " [" + line.file + "]";
+    if (line.line <= 0)
+        out += " <no line>";
     if (line.format != "%s")
         out += " {" + line.format + "}";
     return out + " " + line.function + ": " + line.text;

@@ -362,6 +362,9 @@ TEST_F(EvlanDb, VerifyRefusesNull)
     EXPECT_EQ(sw_evlan_attr_db_verify_new(0, nullptr, &created), nullptr);
     const udp_index nameless(nullptr, 5);
     EXPECT_EQ(sw_evlan_attr_db_verify(0, &nameless), nullptr);
+    EXPECT_EQ(recording::logged().size(), recording::logged(100).size());
+    EXPECT_GE(recording::logged(100).size(), 3u);
+    EXPECT_THAT(recording::logged(100), Each(StartsWith("Assert:")));
     EXPECT_EQ(created, 42);
     EXPECT_EQ(sw_evlan_hash_size(0), 0u);
 }

@@ -71,12 +71,12 @@ TEST_F(EvlanAttrDump, PrintsOverlayByItsId)
     sw_evlan_attr record{};
     sw_evlan_init(&record, "app", 0x80000005);
     record.type = 16;
-    record.attr.overlay = {1, -2, 3, 4, 5, 6, 0x70, 0xfffffff8, 9};
+    record.attr.overlay = {11, -12, 13, 14, 15, 16, 0x70, 0xfffffff8, 19};
     sw_ebridge_dump_args args{};
     EXPECT_EQ(sw_evlan_attr_db_ut_dump_op(&record, &args, 0), 0);
     EXPECT_EQ(take_printed(),
-              "app, 0x80000005, type:16, ClassID:0, VNID:1, MCID:-2, UUCID:3, BCID:4, L3IIF:5, MAPPING_VNI:6, "
-              "MAPPING_EVLAN:0x70, ing_flex_cnt_id: 4294967288, egr_flex_cnt_id: 9.\n" +
+              "app, 0x80000005, type:16, ClassID:0, VNID:11, MCID:-12, UUCID:13, BCID:14, L3IIF:15, MAPPING_VNI:16, "
+              "MAPPING_EVLAN:0x70, ing_flex_cnt_id: 4294967288, egr_flex_cnt_id: 19.\n" +
                   attr_line);
     EXPECT_EQ(args.count, 1u);
 }

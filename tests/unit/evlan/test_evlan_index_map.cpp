@@ -108,9 +108,9 @@ TEST_F(EvlanIndexMap, GetRefusesBadArguments)
 {
     add_user({.name = "app"});
     const sw_evlan_index_map key{};
-    EXPECT_EQ(sw_evlan_index_map_get_item(6, &key), nullptr);
+    EXPECT_EQ(sw_evlan_index_map_get_item(10, &key), nullptr);
     EXPECT_EQ(sw_evlan_index_map_get_item(0, nullptr), nullptr);
-    EXPECT_THAT(trace(), ElementsAre("error sw_evlan_index_map_get_item: Assert:Bad inst 6.",
+    EXPECT_THAT(trace(), ElementsAre("error sw_evlan_index_map_get_item: Assert:Bad inst 10.",
                                      "error sw_evlan_index_map_get_item: Assert:Bad map info."));
 }
 
@@ -313,6 +313,19 @@ TEST_F(EvlanIndexMap, AStoredItemMayBeGivenBackToTheMap)
     EXPECT_TRUE(linked_to_itself(owner->evlan_maps));
 }
 
+TEST_F(EvlanIndexMap, AnUnterminatedNameIsCutAt31Characters)
+{
+    add_user({.name = "app"});
+    sw_evlan_index_map item = app_to_udp("", vxlan, 7);
+    std::memset(item.user_name, 'x', sizeof item.user_name);
+    const sw_evlan_index_map *made = create(item);
+    ASSERT_NE(made, nullptr);
+    EXPECT_EQ(std::string(made->user_name, 32), std::string(31, 'x') + '\0');
+    std::memset(item.user_name, 'y', sizeof item.user_name);
+    EXPECT_EQ(update(item), made);
+    EXPECT_EQ(std::string(made->user_name, 32), std::string(31, 'y') + '\0');
+}
+
 TEST_F(EvlanIndexMap, UpdateWithoutMemoryReportsBoth)
 {
     add_user({.name = "app"});
@@ -329,9 +342,9 @@ TEST_F(EvlanIndexMap, UpdateWithoutMemoryReportsBoth)
 TEST_F(EvlanIndexMap, UpdateRefusesBadArguments)
 {
     add_user({.name = "app"});
-    EXPECT_EQ(update(app_to_udp("app", vxlan, 7), 6), nullptr);
+    EXPECT_EQ(update(app_to_udp("app", vxlan, 7), 10), nullptr);
     EXPECT_EQ(sw_evlan_index_map_update_item(0, nullptr), nullptr);
-    EXPECT_THAT(trace(), ElementsAre("error sw_evlan_index_map_update_item: Assert:Bad inst 6.",
+    EXPECT_THAT(trace(), ElementsAre("error sw_evlan_index_map_update_item: Assert:Bad inst 10.",
                                      "error sw_evlan_index_map_update_item: Assert:Bad map info."));
 }
 
@@ -364,9 +377,9 @@ TEST_F(EvlanIndexMap, DeleteRefusesBadArguments)
 {
     add_user({.name = "app"});
     const sw_evlan_index_map key{};
-    EXPECT_EQ(sw_evlan_index_map_delete_item(6, &key), -2);
+    EXPECT_EQ(sw_evlan_index_map_delete_item(10, &key), -2);
     EXPECT_EQ(sw_evlan_index_map_delete_item(0, nullptr), -2);
-    EXPECT_THAT(trace(), ElementsAre("error sw_evlan_index_map_delete_item: Assert:Bad inst 6.",
+    EXPECT_THAT(trace(), ElementsAre("error sw_evlan_index_map_delete_item: Assert:Bad inst 10.",
                                      "error sw_evlan_index_map_delete_item: Assert:Bad map info."));
 }
 
@@ -385,6 +398,17 @@ TEST_F(EvlanIndexMap, ItemsLeaveTheirUsersListWhenTheUserIsRegisteredAgain)
     EXPECT_EQ(list_length(owner->evlan_maps), 1u);
     EXPECT_EQ(owner->evlan_maps.next, &third->link);
     EXPECT_EQ(owner->evlan_maps.prev, &third->link);
+}
+
+TEST_F(EvlanIndexMap, Slot6IsTheFirstThatDoesNotExist)
+{
+    add_user({.name = "app"});
+    const sw_evlan_index_map item = app_to_udp("app", vxlan, 7);
+    for (uint32_t slot = 0; slot <= 6; ++slot) {
+        EXPECT_EQ(update(item, slot) != nullptr, slot < 6);
+        EXPECT_EQ(stored(item, slot) != nullptr, slot < 6);
+        EXPECT_EQ(sw_evlan_index_map_delete_item(slot, &item), slot < 6 ? 0 : -2);
+    }
 }
 
 TEST_F(EvlanTranslation, OfAnApplicationKeyGivesItsEvlan)

@@ -85,10 +85,11 @@ TEST_F(EvlanSubscription, EndsWithoutAWordToTheUserFunction)
 {
     add_user({.name = "app"});
     notice msg(QZ_MOM_CMD_UNSUBSCRIBED);
+    msg.db = 12;
     msg.end = QZ_MOM_END_SCAN;
     EXPECT_EQ(deliver(msg, &with_func), 0);
     EXPECT_THAT(trace(), ElementsAre(std::string("warning ") + callback_site +
-                                     format("unsubscribe from DB[4], args is %p.", static_cast<void *>(&with_func))));
+                                     format("unsubscribe from DB[12], args is %p.", static_cast<void *>(&with_func))));
     EXPECT_THAT(func_calls, IsEmpty());
 }
 
@@ -319,6 +320,7 @@ TEST_F(EvlanGrant, OfNoSessionIsRefused)
         EXPECT_EQ(sw_evlan_session_reply(4, nullptr, add), -2);
         EXPECT_EQ(sw_evlan_session_reply(4, &without, add), -2);
     }
+    EXPECT_EQ(recording::logged(100).size(), 4u);
     EXPECT_THAT(recording::logged(), Each(StartsWith("Assert:")));
     EXPECT_EQ(g_diagnosis_stat.evlan_add_reply + g_diagnosis_stat.evlan_del_reply, 0u);
 }

@@ -1,5 +1,4 @@
 // Reading and following the session tables: the argument pairs per instance, and the calls of the store.
-#include <array>
 #include <set>
 
 #include "evlan_fixture.hpp"
@@ -246,6 +245,15 @@ TEST_F(EvlanSubscribe, OnADatabaseIsLogged)
                                    "args is %p.",
                                    address(some_func), static_cast<void *>(&first_argument)),
                             "qz_mom_subscribe_field 8 " + every_session()));
+}
+
+TEST_F(EvlanSubscribe, OnADatabaseWithoutSlotIsLoggedAndRefused)
+{
+    add_user({.name = "app"});
+    EXPECT_EQ(sw_evlan_subscribe_with_db("app", 12, nullptr, nullptr), -2);
+    EXPECT_THAT(trace(), ElementsAre("info sw_evlan_subscribe_with_db: User 'app' subscribe EVLAN, DB is 12, func is "
+                                     "(nil), args is (nil).",
+                                     "error sw_evlan_subscribe_db_exec: Assert:ds args errors."));
 }
 
 TEST_F(EvlanSubscribe, OnTheUsersOwnDatabaseIsLogged)

@@ -196,10 +196,7 @@ TEST(RecordSchema, NothingIsGeneratedThatTheTableDoesNotName)
     }
 }
 
-TEST(RecordSchema, EnumValuesEqualTheTableInBothDirections)
-{
-    EXPECT_EQ(generated_values(), expected_values());
-}
+TEST(RecordSchema, EnumValuesEqualTheTableInBothDirections) { EXPECT_EQ(generated_values(), expected_values()); }
 
 TEST(RecordSchema, MembersOfAOneofShareOneCase)
 {

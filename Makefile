@@ -1,0 +1,48 @@
+# Thin targets around CMake. On Debian 12 each one first installs the packages that it needs and does not find
+# (cmake/packages.sh); when nothing is missing nothing is installed and no network is used. Everything lands in build/.
+#
+# The presets in CMakePresets.json are what these targets use; call cmake and ctest yourself for the other compilers and
+# the sanitizers.
+.DEFAULT_GOAL := help
+.PHONY: build demo test bench lint format clean help
+
+# More for cmake's first step, for example: make test CONFIGURE=-DCMAKE_BUILD_TYPE=Debug
+CONFIGURE ?=
+JOBS ?= $(shell nproc)
+
+build: ## the library, the service, the command and the examples
+	@sh cmake/packages.sh build
+	@sh cmake/configure.sh $(CONFIGURE)
+	@cmake --build build --parallel $(JOBS)
+
+demo: build ## bring up a sample switch on the embedded store and show what became of it
+	@build/bin/ebridge run examples/leaf.json
+
+test: ## build everything with its tests and run them
+	@sh cmake/packages.sh build test
+	@sh cmake/configure.sh -DEBRIDGE_TESTS=ON $(CONFIGURE)
+	@cmake --build build --parallel $(JOBS)
+	@ctest --test-dir build --output-on-failure --no-tests=error --no-label-summary --parallel $(JOBS)
+
+bench: ## build and run the benchmarks
+	@sh cmake/packages.sh build bench
+	@sh cmake/configure.sh -DEBRIDGE_BENCH=ON $(CONFIGURE)
+	@cmake --build build --parallel $(JOBS)
+	@set -e; for program in build/bench/*; do \
+	  if [ -f "$$program" ] && [ -x "$$program" ]; then echo "== $$program"; "$$program"; fi; done
+
+lint: ## formatting, clang-tidy and shell scripts
+	@sh cmake/packages.sh build test lint
+	@sh cmake/configure.sh -DEBRIDGE_TESTS=ON $(CONFIGURE)
+	@cmake --build build --parallel $(JOBS) --target ebridge_records
+	@sh cmake/lint.sh build $(JOBS)
+
+format: ## rewrite our sources in the project's format
+	@sh cmake/packages.sh lint
+	@sh cmake/sources.sh c | xargs clang-format -i
+
+clean: ## remove every build folder
+	rm -rf build build-clang build-asan build-tsan
+
+help: ## this list
+	@awk -F ':.*## ' '/^[a-z]+:.*## /{printf "make %-8s %s\n", $$1, $$2}' Makefile

@@ -1,0 +1,76 @@
+#!/bin/sh
+# packages.sh LIST...: makes sure that the packages of the named lists (build, test, bench, lint) are installed.
+#
+# On Debian 12 what is missing is installed with apt-get, after one line that says so. On another system, or without the
+# right to install, what is missing is printed and the status is 2. When nothing is missing nothing is said and nothing
+# is touched. EBRIDGE_PACKAGES=installed skips the look, for systems that have all of it under other names.
+set -eu
+
+packages_of() {
+    case $1 in
+    build) echo 'g++ cmake ninja-build pkg-config libprotobuf-c-dev protobuf-c-compiler libuv1-dev libspdlog-dev' \
+        'nlohmann-json3-dev libcli11-dev' ;;
+    test) echo 'libgtest-dev libgmock-dev' ;;
+    bench) echo 'libbenchmark-dev libabsl-dev' ;;
+    lint) echo 'clang clang-format clang-tidy libclang-rt-14-dev shellcheck' ;;
+    *) echo "packages.sh: no list '$1'" >&2; exit 2 ;;
+    esac
+}
+
+is_installed() {
+    [ "$(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+}
+
+is_debian_12() {
+    # shellcheck disable=SC1091
+    [ -r /etc/os-release ] && (. /etc/os-release && [ "${ID:-}" = debian ] && [ "${VERSION_ID:-}" = 12 ])
+}
+
+[ "${EBRIDGE_PACKAGES:-}" != installed ] || exit 0
+
+wanted=
+for list in "$@"; do
+    wanted="$wanted $(packages_of "$list")"
+done
+
+missing=
+count=0
+for package in $wanted; do
+    if ! is_installed "$package"; then
+        missing="$missing $package"
+        count=$((count + 1))
+    fi
+done
+[ "$count" -gt 0 ] || exit 0
+
+give_up() {
+    echo "$1 These Debian 12 packages, or what your system has in their place, are missing:" >&2
+    # shellcheck disable=SC2086
+    printf '  %s\n' $missing >&2
+    echo "Once they are there under other names: EBRIDGE_PACKAGES=installed make ..." >&2
+    exit 2
+}
+
+as_root=
+is_debian_12 || give_up 'Packages are installed by themselves on Debian 12 only.'
+if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || give_up 'Not root, and no sudo here.'
+    as_root=sudo
+fi
+
+if [ "$count" -eq 1 ]; then noun=package; else noun=packages; fi
+echo "installing $count $noun:$missing"
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+apt() {
+    # shellcheck disable=SC2086
+    $as_root env DEBIAN_FRONTEND=noninteractive apt-get -q -y -o DPkg::Lock::Timeout=300 "$@" >>"$log" 2>&1
+}
+# A package list that cannot be refreshed may still do; when it does not, the log says why.
+# None of the packages above starts a service. A list that comes to name a server has to keep it from being started.
+# shellcheck disable=SC2086
+if ! { apt update || true; apt install --no-install-recommends $missing; }; then
+    tail -n 20 "$log" >&2
+    echo "packages.sh: apt-get failed, see above" >&2
+    exit 2
+fi

@@ -1,0 +1,265 @@
+// Congestion control against its header, with a store client of the test's own: it takes the queue callback, and the
+// test plays the marks. (test_congest_store.cpp has the real one.)
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "allocation_failure.hpp"
+#include "libcgstctrl.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace
+{
+
+struct watcher {
+    qz_mom_queue_cb cb;
+    void *args;
+};
+std::map<qz_mom_handle *, watcher> watchers;
+int32_t watch_result = 0;
+
+// Plays a mark of the handle's queue.
+void mark(qz_mom_handle &handle, int32_t above)
+{
+    const watcher &heard = watchers.at(&handle);
+    heard.cb(&handle, above, above ? 100 : 10, heard.args);
+}
+
+const ProtobufCMessageDescriptor evlan_session{};
+const ProtobufCMessageDescriptor eport_session{};
+const ProtobufCMessageDescriptor port_vid{};
+
+libcgstctrl_topic topic_of(const ProtobufCMessageDescriptor &descriptor)
+{
+    return {.descriptor = &descriptor, .params = {}};
+}
+
+int32_t add_topic(qz_mom_handle &handle, uint32_t db, const char *module, const ProtobufCMessageDescriptor &descriptor)
+{
+    const libcgstctrl_topic topic = topic_of(descriptor);
+    return libcgstctrl_gen_topic_reg(&handle, db, module, &topic, 0);
+}
+
+struct visit {
+    const qz_mom_handle *handle;
+    uint32_t db;
+    std::string module;
+    const ProtobufCMessageDescriptor *descriptor;
+    bool operator==(const visit &) const = default;
+};
+
+int32_t note_visit(const qz_mom_handle *handle, uint32_t db, const char *module, const libcgstctrl_topic *topic,
+                   void *args)
+{
+    static_cast<std::vector<visit> *>(args)->push_back({handle, db, module, topic->descriptor});
+    return 0;
+}
+
+std::vector<visit> topics()
+{
+    std::vector<visit> all;
+    EXPECT_EQ(0, libcgstctrl_for_each(note_visit, &all));
+    return all;
+}
+
+}  // namespace
+
+// Takes the place of the store client's.
+int32_t qz_mom_set_queue_cb(qz_mom_handle *handle, qz_mom_queue_cb cb, void *args)
+{
+    if (watch_result == 0)
+        watchers[handle] = {cb, args};
+    return watch_result;
+}
+
+TEST(Congest, RefusesWhatCannotBeRegistered)
+{
+    qz_mom_handle handle{};
+    const libcgstctrl_topic topic = topic_of(port_vid), nothing{};
+    EXPECT_EQ(LIBCGSTCTRL_EINVAL, libcgstctrl_gen_init(nullptr, 0, "m", nullptr));
+    EXPECT_EQ(LIBCGSTCTRL_EINVAL, libcgstctrl_gen_init(&handle, 0, nullptr, nullptr));
+    EXPECT_EQ(LIBCGSTCTRL_EINVAL, libcgstctrl_gen_init(&handle, 0, "", nullptr));
+    EXPECT_THAT(watchers, IsEmpty());
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 0, "m", nullptr));
+    EXPECT_EQ(LIBCGSTCTRL_EINVAL, libcgstctrl_gen_topic_reg(nullptr, 0, "m", &topic, 0));
+    EXPECT_EQ(LIBCGSTCTRL_EINVAL, libcgstctrl_gen_topic_reg(&handle, 0, nullptr, &topic, 0));
+    EXPECT_EQ(LIBCGSTCTRL_EINVAL, libcgstctrl_gen_topic_reg(&handle, 0, "", &topic, 0));
+    EXPECT_EQ(LIBCGSTCTRL_EINVAL, libcgstctrl_gen_topic_reg(&handle, 0, "m", nullptr, 0));
+    EXPECT_EQ(LIBCGSTCTRL_EINVAL, libcgstctrl_gen_topic_reg(&handle, 0, "m", &nothing, 0));
+    EXPECT_EQ(LIBCGSTCTRL_EINVAL, libcgstctrl_gen_topic_reg(&handle, 0, "m", &topic, 1));
+    EXPECT_EQ(LIBCGSTCTRL_EINVAL, libcgstctrl_for_each(nullptr, nullptr));
+    EXPECT_THAT(topics(), IsEmpty());
+}
+
+TEST(Congest, TopicNeedsItsProducer)
+{
+    qz_mom_handle handle{}, other{};
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", nullptr));
+    EXPECT_EQ(LIBCGSTCTRL_ENOENT, add_topic(other, 4, "m", port_vid));
+    EXPECT_EQ(LIBCGSTCTRL_ENOENT, add_topic(handle, 5, "m", port_vid));
+    EXPECT_EQ(LIBCGSTCTRL_ENOENT, add_topic(handle, 4, "n", port_vid));
+    EXPECT_EQ(0, add_topic(handle, 4, "m", port_vid));
+}
+
+TEST(Congest, TopicsAreVisitedInTheOrderOfRegistration)
+{
+    qz_mom_handle a{}, b{};
+    ASSERT_EQ(0, libcgstctrl_gen_init(&a, 4, "libvlan_a", nullptr));
+    ASSERT_EQ(0, libcgstctrl_gen_init(&b, 5, "libvlan_b", nullptr));
+    EXPECT_EQ(0, add_topic(b, 5, "libvlan_b", evlan_session));
+    EXPECT_EQ(0, add_topic(a, 4, "libvlan_a", evlan_session));
+    EXPECT_EQ(0, add_topic(a, 4, "libvlan_a", eport_session));
+    EXPECT_EQ(0, add_topic(b, 5, "libvlan_b", port_vid));
+    EXPECT_THAT(topics(),
+                ElementsAre(visit{&b, 5, "libvlan_b", &evlan_session}, visit{&a, 4, "libvlan_a", &evlan_session},
+                            visit{&a, 4, "libvlan_a", &eport_session}, visit{&b, 5, "libvlan_b", &port_vid}));
+}
+
+TEST(Congest, TopicThatIsAlreadyThereStays)
+{
+    qz_mom_handle handle{};
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", nullptr));
+    libcgstctrl_topic topic{.descriptor = &port_vid, .params = {1, 2, 3, 4}};
+    EXPECT_EQ(0, libcgstctrl_gen_topic_reg(&handle, 4, "m", &topic, 0));
+    topic.params[0] = 9;  // the caller's own: it was copied
+    EXPECT_EQ(0, libcgstctrl_gen_topic_reg(&handle, 4, "m", &topic, 0));
+    EXPECT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", nullptr));
+    std::vector<uint32_t> params;
+    const libcgstctrl_visitor keep = [](const qz_mom_handle *, uint32_t, const char *, const libcgstctrl_topic *each,
+                                        void *args) -> int32_t {
+        auto *all = static_cast<std::vector<uint32_t> *>(args);
+        all->insert(all->end(), each->params, each->params + 4);
+        return 0;
+    };
+    EXPECT_EQ(0, libcgstctrl_for_each(keep, &params));
+    EXPECT_THAT(params, ElementsAre(1, 2, 3, 4));
+}
+
+TEST(Congest, WalkEndsAtTheFirstNonZeroResult)
+{
+    qz_mom_handle handle{};
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", nullptr));
+    for (const auto *descriptor : {&evlan_session, &eport_session, &port_vid})
+        ASSERT_EQ(0, add_topic(handle, 4, "m", *descriptor));
+    int32_t visits = 0;
+    const libcgstctrl_visitor stop_at_two = [](const qz_mom_handle *, uint32_t, const char *, const libcgstctrl_topic *,
+                                               void *args) -> int32_t {
+        return ++*static_cast<int32_t *>(args) == 2 ? -42 : 0;
+    };
+    EXPECT_EQ(-42, libcgstctrl_for_each(stop_at_two, &visits));
+    EXPECT_EQ(2, visits);
+}
+
+TEST(Congest, VisitorMayRegister)
+{
+    static qz_mom_handle handle{};
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", nullptr));
+    ASSERT_EQ(0, add_topic(handle, 4, "m", evlan_session));
+    const libcgstctrl_visitor add = [](const qz_mom_handle *, uint32_t, const char *, const libcgstctrl_topic *,
+                                       void *) -> int32_t { return add_topic(handle, 4, "m", eport_session); };
+    EXPECT_EQ(0, libcgstctrl_for_each(add, nullptr));
+    EXPECT_EQ(2U, topics().size());
+}
+
+TEST(Congest, StateFollowsTheMarksOfItsHandle)
+{
+    qz_mom_handle handle{}, other{};
+    libcgstctrl_state state{}, other_state{};
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", &state));
+    ASSERT_EQ(0, libcgstctrl_gen_init(&other, 4, "m", &other_state));
+    mark(handle, 1);
+    EXPECT_EQ(1U, state.congested);
+    EXPECT_EQ(1U, state.highs);
+    EXPECT_EQ(0U, state.lows);
+    mark(handle, 0);
+    EXPECT_EQ(0U, state.congested);
+    EXPECT_EQ(1U, state.lows);
+    mark(handle, 1);
+    EXPECT_EQ(2U, state.highs);
+    EXPECT_EQ(0U, other_state.congested + other_state.highs + other_state.lows);
+}
+
+TEST(Congest, AllProducersOfAHandleHearItsMarks)
+{
+    qz_mom_handle handle{};
+    libcgstctrl_state a{}, b{};
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", &a));
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 5, "n", &b));
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 5, "stateless", nullptr));
+    mark(handle, 1);
+    mark(handle, 0);
+    for (const auto *state : {&a, &b}) {
+        EXPECT_EQ(1U, state->highs);
+        EXPECT_EQ(1U, state->lows);
+        EXPECT_EQ(0U, state->congested);
+    }
+}
+
+TEST(Congest, NamingAProducerAgainTakesTheNewStateBlock)
+{
+    qz_mom_handle handle{};
+    libcgstctrl_state first{}, second{};
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", &first));
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", nullptr));
+    mark(handle, 1);
+    EXPECT_EQ(1U, first.highs);
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", &second));
+    EXPECT_EQ(1U, second.congested);
+    EXPECT_EQ(0U, second.highs);
+    mark(handle, 0);
+    EXPECT_EQ(0U, second.congested);
+    EXPECT_EQ(1U, second.lows);
+    EXPECT_EQ(0U, first.lows);
+}
+
+TEST(Congest, ProducerThatComesBetweenTheMarksKnowsTheStateOfItsHandle)
+{
+    qz_mom_handle handle{};
+    libcgstctrl_state first{}, second{};
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", &first));
+    mark(handle, 1);
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 5, "n", &second));
+    EXPECT_EQ(1U, second.congested);
+    mark(handle, 0);
+    EXPECT_EQ(0U, second.congested);
+    EXPECT_EQ(1U, second.lows);
+}
+
+TEST(Congest, LowMarkWithoutAHighOneDoesNotCount)
+{
+    qz_mom_handle handle{};
+    libcgstctrl_state state{};
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", &state));
+    mark(handle, 0);
+    EXPECT_EQ(0U, state.congested + state.highs + state.lows);
+}
+
+TEST(Congest, HandleThatCannotBeWatchedRegistersNothing)
+{
+    qz_mom_handle handle{};
+    watch_result = QZ_MOM_EINVAL;
+    EXPECT_EQ(LIBCGSTCTRL_EINVAL, libcgstctrl_gen_init(&handle, 4, "m", nullptr));
+    watch_result = QZ_MOM_ENOMEM;
+    EXPECT_EQ(LIBCGSTCTRL_ENOMEM, libcgstctrl_gen_init(&handle, 4, "m", nullptr));
+    EXPECT_EQ(LIBCGSTCTRL_ENOENT, add_topic(handle, 4, "m", port_vid));
+}
+
+TEST(Congest, WithoutMemoryNothingIsRegistered)
+{
+    qz_mom_handle handle{};
+    const std::string module(100, 'm');
+    watchers[&handle] = {};  // so that the test's own store client needs no memory
+    const auto init = [&] { return libcgstctrl_gen_init(&handle, 4, module.c_str(), nullptr); };
+    EXPECT_LE(2U, failures_reported(init, LIBCGSTCTRL_ENOMEM));
+    const auto add = [&] { return add_topic(handle, 4, module.c_str(), port_vid); };
+    EXPECT_LE(1U, failures_reported(add, LIBCGSTCTRL_ENOMEM));
+    EXPECT_EQ(1U, topics().size());
+    const libcgstctrl_visitor nothing = [](const qz_mom_handle *, uint32_t, const char *, const libcgstctrl_topic *,
+                                           void *) -> int32_t { return 0; };
+    EXPECT_EQ(1U, failures_reported([&] { return libcgstctrl_for_each(nothing, nullptr); }, LIBCGSTCTRL_ENOMEM));
+}

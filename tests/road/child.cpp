@@ -1,0 +1,107 @@
+// See child.hpp.
+#include "child.hpp"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+namespace road
+{
+
+child::child(std::vector<std::string> command)
+{
+    int out[2], err[2];
+    EXPECT_EQ(pipe(out), 0);
+    EXPECT_EQ(pipe(err), 0);
+    pid_ = fork();
+    if (pid_ == 0) {
+        dup2(out[1], STDOUT_FILENO);
+        dup2(err[1], STDERR_FILENO);
+        for (int fd : {out[0], out[1], err[0], err[1]})
+            close(fd);
+        std::vector<char *> arguments;
+        for (std::string &word : command)
+            arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+        execv(arguments[0], arguments.data());
+        _exit(127);
+    }
+    close(out[1]);
+    close(err[1]);
+    out_ = out[0];
+    err_ = err[0];
+}
+
+child::~child()
+{
+    if (pid_ > 0) {
+        signal(SIGKILL);
+        finish();
+    }
+    close(out_);
+    close(err_);
+}
+
+void child::signal(int number) const { kill(pid_, number); }
+
+// False once both ends are closed.
+bool child::read_some()
+{
+    std::array<pollfd, 2> waiting{pollfd{out_, POLLIN, 0}, pollfd{err_, POLLIN, 0}};
+    if (poll(waiting.data(), waiting.size(), -1) < 0)
+        return errno == EINTR;
+    bool open = false;
+    for (const pollfd &end : waiting) {
+        std::array<char, 65536> block;
+        const ssize_t got = (end.revents & (POLLIN | POLLHUP)) != 0 ? read(end.fd, block.data(), block.size()) : -1;
+        if (got > 0)
+            (end.fd == out_ ? seen_.out : seen_.err).append(block.data(), static_cast<size_t>(got));
+        open = open || got != 0;
+    }
+    return open;
+}
+
+bool child::wait_for_error_text(const std::string &text)
+{
+    while (seen_.err.find(text) == std::string::npos)
+        if (!read_some())
+            return false;
+    return true;
+}
+
+outcome child::finish()
+{
+    while (read_some()) {
+    }
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    seen_.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return seen_;
+}
+
+outcome run(std::vector<std::string> command) { return child(std::move(command)).finish(); }
+
+temporary_file::temporary_file(const std::string &content)
+{
+    std::string folder = (std::filesystem::temp_directory_path() / "ebridge-test-XXXXXX").string();
+    EXPECT_NE(mkdtemp(folder.data()), nullptr);
+    folder_ = folder;
+    path_ = folder + "/config.json";
+    std::ofstream(path_, std::ios::binary) << content;
+}
+
+temporary_file::~temporary_file()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+}
+
+}  // namespace road

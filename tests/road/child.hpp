@@ -1,0 +1,60 @@
+// Runs a program as a child process, with all that it prints.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace road
+{
+
+struct outcome {
+    int status = -1;  // exit status; 128 and the signal's number when it was killed
+    std::string out;
+    std::string err;
+};
+
+class child
+{
+  public:
+    explicit child(std::vector<std::string> command);
+    ~child();
+    child(const child &) = delete;
+    child &operator=(const child &) = delete;
+
+    // Reads standard error until it has this text; false when the child ends before.
+    bool wait_for_error_text(const std::string &text);
+    void signal(int number) const;
+    // Reads the rest, and returns when it has ended.
+    outcome finish();
+
+  private:
+    bool read_some();
+
+    pid_t pid_;
+    int out_;
+    int err_;
+    outcome seen_;
+};
+
+outcome run(std::vector<std::string> command);
+
+// A file in a folder of its own, both gone at the end.
+class temporary_file
+{
+  public:
+    explicit temporary_file(const std::string &content);
+    ~temporary_file();
+    temporary_file(const temporary_file &) = delete;
+    temporary_file &operator=(const temporary_file &) = delete;
+
+    const std::string &path() const { return path_; }
+    const std::string &folder() const { return folder_; }
+
+  private:
+    std::string folder_;
+    std::string path_;
+};
+
+}  // namespace road

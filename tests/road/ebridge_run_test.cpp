@@ -1,0 +1,213 @@
+// The program ebridge as a user runs it: exit status, standard output, standard error.
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "child.hpp"
+#include "run.hpp"
+
+using namespace road;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+namespace
+{
+
+outcome ebridge(std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(), EBRIDGE_PROGRAM);
+    return run(std::move(arguments));
+}
+
+outcome ebridge_json(const std::string &content)
+{
+    const temporary_file file(content);
+    return ebridge({"run", "--json", file.path()});
+}
+
+// Bad input: status 2, nothing on standard output, one line on standard error.
+void expect_bad_input(const outcome &seen, const std::string &what)
+{
+    EXPECT_EQ(seen.status, 2);
+    EXPECT_THAT(seen.out, IsEmpty());
+    EXPECT_THAT(seen.err, StartsWith("ebridge: "));
+    EXPECT_THAT(seen.err, HasSubstr(what));
+    EXPECT_EQ(std::count(seen.err.begin(), seen.err.end(), '\n'), 1) << seen.err;
+}
+
+// "seconds" differs from run to run: it is cut off after its name.
+std::string without_seconds(const std::string &json) { return json.substr(0, json.find("\"seconds\":")); }
+
+constexpr const char *THREE_MAPS = R"({"VLAN": {"Vlan10": {}, "Vlan20": {}},
+    "VXLAN_TUNNEL_MAP": {"vtep|one": {"vni": "100", "vlan": "Vlan10"},
+                         "vtep|two": {"vni": "200", "vlan": "Vlan20"},
+                         "vtep|three": {"vni": "300", "vlan": "Vlan20"}},
+    "PORT": {"Ethernet0": {}, "Ethernet4": {}}})";
+
+}  // namespace
+
+TEST(EbridgeRun, JsonIsOneObjectOfWhatWasDone)
+{
+    const outcome seen = ebridge_json(THREE_MAPS);
+    EXPECT_EQ(seen.status, 0) << seen.err;
+    EXPECT_EQ(without_seconds(seen.out), R"({"tables":{"VLAN":{"requested":2,"granted":2,"refused":0,"verified":2},)"
+                                         R"("VXLAN_TUNNEL_MAP":{"requested":3,"granted":3,"refused":0,"verified":3}},)"
+                                         R"("skipped":{"PORT":2},)");
+    EXPECT_EQ(std::count(seen.out.begin(), seen.out.end(), '\n'), 1);
+    EXPECT_THAT(seen.out, testing::EndsWith("}\n"));
+    EXPECT_THAT(seen.err, IsEmpty());
+}
+
+TEST(EbridgeRun, ATableForPeopleNamesTheSame)
+{
+    const temporary_file file(THREE_MAPS);
+    const outcome seen = ebridge({"run", file.path()});
+    EXPECT_EQ(seen.status, 0);
+    EXPECT_THAT(seen.out, StartsWith("TABLE             REQUESTED    GRANTED    REFUSED   VERIFIED\n"
+                                     "VLAN                      2          2          0          2\n"
+                                     "VXLAN_TUNNEL_MAP          3          3          0          3\n"
+                                     "PORT                      2  skipped\n"));
+    EXPECT_THAT(seen.out, testing::EndsWith(" seconds\n"));
+    EXPECT_THAT(seen.err, IsEmpty());
+}
+
+TEST(EbridgeRun, WhatIsRefusedIsNamedAndTheStatusIsOne)
+{
+    const temporary_file file(THREE_MAPS);
+    const outcome seen = ebridge({"run", "--json", "--range", "VXLAN=7-8", "--range", "16=10-10", file.path()});
+    EXPECT_EQ(seen.status, 1);
+    EXPECT_THAT(seen.out, HasSubstr(R"("VLAN":{"requested":2,"granted":1,"refused":1,"verified":1})"));
+    EXPECT_THAT(seen.out, HasSubstr(R"("VXLAN_TUNNEL_MAP":{"requested":3,"granted":2,"refused":1,"verified":2})"));
+    EXPECT_EQ(std::count(seen.out.begin(), seen.out.end(), '\n'), 1);
+    EXPECT_THAT(seen.err, HasSubstr("VLAN|Vlan20: refused: id 0x10000014 cannot be given\n"));
+    EXPECT_THAT(seen.err, HasSubstr("VXLAN_TUNNEL_MAP|vtep|three: refused: no id left\n"));
+    EXPECT_THAT(seen.err, testing::Not(HasSubstr("vtep|one")));
+}
+
+TEST(EbridgeRun, NothingThatHasMeaningIsNothingToDo)
+{
+    for (const char *text : {"{}", R"({"PORT": {}})"}) {
+        const outcome seen = ebridge_json(text);
+        EXPECT_EQ(seen.status, 0);
+        EXPECT_THAT(seen.out, StartsWith(R"({"tables":{},"skipped":{)"));
+    }
+    EXPECT_THAT(ebridge_json(R"({"VLAN": {}})").out,
+                StartsWith(R"({"tables":{"VLAN":{"requested":0,"granted":0,"refused":0,"verified":0}},"skipped":{},)"));
+}
+
+TEST(EbridgeRun, AllVlansAreGranted)
+{
+    std::string text = "{\"VLAN\": {";
+    for (int vid = 1; vid <= 4094; ++vid)
+        text += (vid > 1 ? ",\"Vlan" : "\"Vlan") + std::to_string(vid) + "\": {}";
+    const outcome seen = ebridge_json(text + "}}");
+    EXPECT_EQ(seen.status, 0) << seen.err.substr(0, 500);
+    EXPECT_THAT(seen.out, HasSubstr(R"("VLAN":{"requested":4094,"granted":4094,"refused":0,"verified":4094})"));
+}
+
+TEST(EbridgeRun, TheExampleIsBroughtUpWhole)
+{
+    const outcome seen = ebridge({"run", "--json", EXAMPLES_DIR "/leaf.json"});
+    EXPECT_EQ(seen.status, 0) << seen.err;
+    EXPECT_THAT(seen.out, HasSubstr(R"("VLAN":{"requested":40,"granted":40,"refused":0,"verified":40})"));
+    EXPECT_THAT(seen.out, HasSubstr(R"("VXLAN_TUNNEL_MAP":{"requested":20,"granted":20,"refused":0,"verified":20})"));
+    EXPECT_THAT(seen.out, HasSubstr(R"("PORT":52)"));
+}
+
+TEST(EbridgeRun, DumpEndsWithUsersAndTables)
+{
+    const temporary_file file(R"({"VLAN": {"Vlan10": {}}})");
+    const outcome seen = ebridge({"run", "--dump", file.path()});
+    EXPECT_EQ(seen.status, 0);
+    const size_t seconds = seen.out.find(" seconds\n");
+    const size_t users = seen.out.find("ebridge_observer");
+    const size_t attributes = seen.out.find("<evlan attr db");
+    const size_t map = seen.out.find("<evlan index map db");
+    EXPECT_LT(seconds, users);
+    EXPECT_LT(users, attributes);
+    EXPECT_LT(attributes, map);
+    ASSERT_NE(map, std::string::npos);
+    EXPECT_THAT(seen.out.substr(map), HasSubstr("appIndex[0xa] map to UDPIndex[0x1000000a]"));
+}
+
+TEST(EbridgeRun, WithJsonTheDumpDoesNotTouchStandardOutput)
+{
+    const temporary_file file(R"({"VLAN": {"Vlan10": {}}})");
+    const outcome seen = ebridge({"run", "--json", "--dump", file.path()});
+    EXPECT_EQ(std::count(seen.out.begin(), seen.out.end(), '\n'), 1) << seen.out;
+    EXPECT_THAT(seen.err, HasSubstr("<evlan index map db"));
+}
+
+TEST(EbridgeRun, BrokenFilesAreOneLine)
+{
+    const std::pair<std::string, const char *> cases[] = {
+        {"", "the file is empty"},
+        {"not json", "not JSON"},
+        {"{\"VLAN\": {\"Vlan10\": {}", "not JSON"},
+        {std::string("{}\0{}", 5), "a NUL byte"},
+        {"\xff\xfe{}", "not JSON"},
+        {std::string(10'000, '['), "the top level must be an object"},
+        {"{\"A\":" + std::string(10'000, '['), "nested more than 64 levels deep"},
+        {R"({"VLAN": {"Vlan0": {}}})", "VLAN|Vlan0: "},
+        {R"({"VLAN": {"Vlan4095": {}}})", "VLAN|Vlan4095: "},
+        {R"({"VLAN": {"Vlan": {}}})", "VLAN|Vlan: "},
+        {R"({"VLAN": {"Vlan5": {}, "Vlan5": {}}})", "VLAN|Vlan5: "},
+        {R"({"VLAN": {"Vlan5": {}, "Vlan05": {}}})", "VLAN|Vlan05: "},
+    };
+    for (const auto &[text, what] : cases) {
+        const temporary_file file(text);
+        const outcome seen = ebridge({"run", "--json", file.path()});
+        expect_bad_input(seen, what);
+        EXPECT_THAT(seen.err, HasSubstr(file.path()));
+    }
+}
+
+TEST(EbridgeRun, WhatCannotBeReadIsOneLine)
+{
+    const temporary_file file("{}");
+    expect_bad_input(ebridge({"run", file.folder() + "/none.json"}), "none.json: No such file or directory");
+    expect_bad_input(ebridge({"run", file.folder()}), "Is a directory");
+    ASSERT_EQ(chmod(file.path().c_str(), 0), 0);
+    if (geteuid() != 0)
+        expect_bad_input(ebridge({"run", file.path()}), "Permission denied");
+}
+
+TEST(EbridgeRun, WrongUsageIsOneLine)
+{
+    expect_bad_input(ebridge({}), "subcommand");
+    expect_bad_input(ebridge({"walk"}), "");
+    expect_bad_input(ebridge({"run"}), "CONFIG");
+    expect_bad_input(ebridge({"run", "--nonsense", "x"}), "nonsense");
+    for (const char *range : {"VXLAN", "VXLAN=", "VXLAN=1", "VXLAN=5-4", "VXLAN=0-4", "NONE=1-2", "17=1-2", "=1-2",
+                              "VXLAN=1-16777216", "VXLAN=1-2x", "VXLAN=a-b"})
+        expect_bad_input(ebridge({"run", "--range", range, EXAMPLES_DIR "/leaf.json"}), range);
+}
+
+TEST(EbridgeRun, HelpTeachesByExampleAndNamesTheStatuses)
+{
+    const outcome seen = ebridge({"run", "--help"});
+    EXPECT_EQ(seen.status, 0);
+    EXPECT_THAT(seen.out, HasSubstr("ebridge run --json leaf.json"));
+    EXPECT_THAT(seen.out, HasSubstr("Exit status:"));
+    EXPECT_EQ(ebridge({"--help"}).status, 0);
+}
+
+TEST(EbridgeRun, WithoutAnAllocatorEveryRequestIsUnanswered)
+{
+    ebridge_tool::switch_config config;
+    ebridge_tool::run_result result;
+    std::string error;
+    ASSERT_TRUE(ebridge_tool::parse_config("file", THREE_MAPS, &config, &error));
+    ASSERT_TRUE(ebridge_tool::run_config(config, {.patience_usec = 1000, .serve = false}, &result, &error)) << error;
+    ASSERT_EQ(result.tables.size(), 2U);
+    EXPECT_EQ(result.tables[0].refused, 2U);
+    EXPECT_EQ(result.tables[1].refused, 3U);
+    EXPECT_EQ(result.tables[1].granted, 0U);
+    EXPECT_THAT(result.problems, testing::Contains("VXLAN_TUNNEL_MAP|vtep|two: refused: no answer"));
+    EXPECT_EQ(result.problems.size(), 5U);
+    EXPECT_FALSE(result.all_equal());
+}

@@ -1,0 +1,62 @@
+// The program ebridged, and the example program, as a user runs them.
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <algorithm>
+
+#include "child.hpp"
+
+using namespace road;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+TEST(EbridgedProgram, EndsCleanlyOnASignal)
+{
+    for (int number : {SIGTERM, SIGINT}) {
+        child service({EBRIDGED_PROGRAM, "--store", "mem:test", "--db", "4", "--db", "5"});
+        ASSERT_TRUE(service.wait_for_error_text("serving"));
+        service.signal(number);
+        const outcome seen = service.finish();
+        EXPECT_EQ(seen.status, 0);
+        EXPECT_THAT(seen.out, IsEmpty());
+        EXPECT_THAT(seen.err, HasSubstr("ebridged: serving, 0 sessions, 0 ids in use\n"));
+        EXPECT_THAT(seen.err, testing::EndsWith("ebridged: stopped\n"));
+    }
+}
+
+TEST(EbridgedProgram, BadArgumentsAreOneLine)
+{
+    const std::vector<std::vector<std::string>> cases = {{},
+                                                         {"--store"},
+                                                         {"--db", "4"},
+                                                         {"--store", "mem:x", "--db", "four"},
+                                                         {"--store", "mem:x", "--db", "99"},
+                                                         {"--store", "mem:x", "more"}};
+    for (std::vector<std::string> arguments : cases) {
+        arguments.insert(arguments.begin(), EBRIDGED_PROGRAM);
+        const outcome seen = run(arguments);
+        EXPECT_EQ(seen.status, 2) << seen.err;
+        EXPECT_EQ(std::count(seen.err.begin(), seen.err.end(), '\n'), 1) << seen.err;
+    }
+}
+
+TEST(EbridgedProgram, AStoreThatCannotBeOpenedIsOneLine)
+{
+    const outcome seen = run({EBRIDGED_PROGRAM, "--store", "nowhere:x"});
+    EXPECT_EQ(seen.status, 3);
+    EXPECT_EQ(seen.err, "ebridged: nowhere:x: malformed URL or unknown scheme\n");
+}
+
+TEST(EbridgedProgram, HelpSaysWhatTheEmbeddedStoreIsGoodFor)
+{
+    const outcome seen = run({EBRIDGED_PROGRAM, "--help"});
+    EXPECT_EQ(seen.status, 0);
+    EXPECT_THAT(seen.out, HasSubstr("mem:NAME"));
+}
+
+TEST(ExampleProgram, RequestsPrintsAndReleases)
+{
+    const outcome seen = run({EXAMPLE_PROGRAM});
+    EXPECT_EQ(seen.status, 0) << seen.err;
+    EXPECT_EQ(seen.out, "VNI 5010 has evlan 0x20000001\nreleased\n");
+}

@@ -1,0 +1,261 @@
+// See world.hpp.
+#include "world.hpp"
+
+#include <array>
+
+namespace road
+{
+
+namespace
+{
+
+std::array<std::string, 4> names;
+
+std::string to_text(int32_t value)
+{
+    char text[16];
+    std::snprintf(text, sizeof text, value < 0 && value > -100 ? "%d" : "0x%x", static_cast<unsigned>(value));
+    return text;
+}
+
+std::string asker(const UBridge__EvlanAppIndex *app)
+{
+    return std::string(app->t_user) + '/' + std::to_string(app->keyid);
+}
+
+// The callbacks of user n: the library gives them no argument that says whose they are.
+template <int n>
+struct listener {
+    static int32_t vlan(UBridge__VlanAppIndex *index, int32_t vlan_id);
+    static int32_t evlan(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan);
+    static int32_t release(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan, int32_t event);
+};
+
+void add_log(ebridged_log_level, const char *line, void *) { service_log.emplace_back(line); }
+
+template <int n>
+int32_t listener<n>::vlan(UBridge__VlanAppIndex *index, int32_t vlan_id)
+{
+    events.push_back(names[n] + " vlan " + std::to_string(vlan_id) + " for " + index->user + '/' +
+                     std::to_string(index->keyid));
+    return 0;
+}
+
+template <int n>
+int32_t listener<n>::evlan(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan)
+{
+    events.push_back(names[n] + " evlan " + to_text(evlan->evlan_id) + " for " + asker(app));
+    return 0;
+}
+
+template <int n>
+int32_t listener<n>::release(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan, int32_t event)
+{
+    events.push_back(names[n] + " release " + to_text(evlan->evlan_id) + " of " + asker(app) + " event " +
+                     std::to_string(event));
+    return 0;
+}
+
+template <int n>
+void set_callbacks(ebridge_args *args)
+{
+    args->vlan_reply = listener<n>::vlan;
+    args->evlan_reply = listener<n>::evlan;
+    args->evlan_release_reply = listener<n>::release;
+}
+
+uint32_t word(int32_t value) { return static_cast<uint32_t>(value); }
+
+int32_t signed_word(uint32_t value) { return static_cast<int32_t>(value); }
+
+int32_t collect(qz_mom_handle *, const qz_mom_notification *msg, void *args)
+{
+    if (msg->cmd != QZ_MOM_CMD_HMSET && msg->cmd != QZ_MOM_CMD_HSET)
+        return 0;
+    const auto *hash = static_cast<const qz_mom_hash_value *>(msg->value);
+    const auto *record = reinterpret_cast<const UBridge__EvlanSession *>(hash->record);
+    (*static_cast<std::map<std::string, session> *>(args))[msg->key] = {
+        record->index->t_user, word(record->index->type), word(record->index->keyid), word(record->request_value),
+        record->priority,      record->request,           word(record->reply_value),  record->reply,
+        record->mom_db};
+    return 0;
+}
+
+int32_t note_write(qz_mom_handle *, const qz_mom_notification *msg, void *args)
+{
+    if (msg->cmd == QZ_MOM_CMD_SUBSCRIBED)
+        return 0;
+    std::string line = std::to_string(msg->cmd);
+    if (msg->field[0] != '\0')
+        line += std::string(" ") + msg->field;
+    static_cast<std::vector<std::string> *>(args)->push_back(line);
+    return 0;
+}
+
+}  // namespace
+
+world::world() : master(qz_thread_master_create(QZ_THREAD_CLOCK_DRIVEN))
+{
+    const std::string url = std::string("mem:") + STORE;
+    EXPECT_EQ(qz_mom_client_open(url.c_str(), master, &users), 0);
+    EXPECT_EQ(qz_mom_client_open(url.c_str(), master, &serving), 0);
+}
+
+world::~world()
+{
+    ebridged_stop(service);
+    qz_mom_client_close(serving);
+    qz_mom_client_close(users);
+    qz_thread_master_free(master);
+}
+
+void world::start_service(std::vector<uint32_t> databases)
+{
+    if (!serving) {
+        ASSERT_EQ(qz_mom_client_open((std::string("mem:") + STORE).c_str(), master, &serving), 0);
+    }
+    const ebridged_options options{.databases = databases.data(),
+                                   .database_count = static_cast<uint32_t>(databases.size()),
+                                   .log = add_log,
+                                   .log_args = nullptr};
+    ASSERT_EQ(ebridged_start(serving, &options, &service), 0);
+    settle();
+    ASSERT_EQ(stat().serving, 1U);
+}
+
+void world::stop_service()
+{
+    ebridged_stop(service);
+    service = nullptr;
+}
+
+void world::kill_service()
+{
+    stop_service();
+    qz_mom_client_close(serving);
+    serving = nullptr;
+}
+
+ebridged_stat world::stat() const
+{
+    ebridged_stat now{};
+    ebridged_get_stat(service, &now);
+    return now;
+}
+
+ebridge_args world::user(int n, const char *name)
+{
+    names.at(static_cast<size_t>(n)) = name;
+    ebridge_args args{};
+    args.user_name = name;
+    args.handle = users;
+    args.mom_db = APP_DB;
+    switch (n) {
+        case 0:
+            set_callbacks<0>(&args);
+            break;
+        case 1:
+            set_callbacks<1>(&args);
+            break;
+        case 2:
+            set_callbacks<2>(&args);
+            break;
+        default:
+            set_callbacks<3>(&args);
+    }
+    return args;
+}
+
+UBridge__EvlanAppIndex world::index(const char *user, uint32_t type, uint32_t keyid)
+{
+    UBridge__EvlanAppIndex index = U_BRIDGE__EVLAN_APP_INDEX__INIT;
+    index.t_user = const_cast<char *>(user);
+    index.type = signed_word(type);
+    index.keyid = signed_word(keyid);
+    return index;
+}
+
+int32_t world::request(const char *user, uint32_t type, uint32_t keyid, uint32_t wanted)
+{
+    UBridge__EvlanAppIndex app = index(user, type, keyid);
+    return sw_evlan_request(&app, signed_word(wanted), U_BRIDGE__RES_PRIORITY__LEVEL_0);
+}
+
+int32_t world::release_now(const char *user, uint32_t type, uint32_t keyid)
+{
+    UBridge__EvlanAppIndex app = index(user, type, keyid);
+    return sw_evlan_release_direct(&app);
+}
+
+uint32_t world::id_of(uint32_t type, uint32_t keyid)
+{
+    UBridge__EvlanAppIndex app = index("", type, keyid);
+    UBridge__EvlanIndex evlan = U_BRIDGE__EVLAN_INDEX__INIT;
+    return sw_evlan_app2udp(&app, &evlan) == 0 ? word(evlan.evlan_id) : 0;
+}
+
+std::map<std::string, session> world::sessions(uint32_t db)
+{
+    std::map<std::string, session> found;
+    UBridge__EvlanAppIndex key = U_BRIDGE__EVLAN_APP_INDEX__INIT;
+    UBridge__EvlanSession pattern = U_BRIDGE__EVLAN_SESSION__INIT;
+    pattern.index = &key;
+    EXPECT_EQ(qz_mom_scan(users, db, &pattern.base, 0, collect, &found), 0);
+    settle();
+    return found;
+}
+
+session world::only_session(uint32_t db)
+{
+    const auto found = sessions(db);
+    EXPECT_EQ(found.size(), 1U);
+    return found.empty() ? session{} : found.begin()->second;
+}
+
+void world::put_session(uint32_t db, const session &content)
+{
+    UBridge__EvlanAppIndex key = index(content.user.c_str(), content.type, content.keyid);
+    UBridge__EvlanSession record = U_BRIDGE__EVLAN_SESSION__INIT;
+    record.index = &key;
+    record.request_value = signed_word(content.request_value);
+    record.request = content.request;
+    record.reply_value = signed_word(content.reply_value);
+    record.reply = content.reply;
+    record.mom_db = content.mom_db;
+    const uint32_t fields[] = {6, 7, 8, 10, 11, 12};
+    const uint32_t count = content.mom_db != 0 ? 6 : content.reply != 0 ? 5 : 3;
+    ASSERT_EQ(qz_mom_hmset(users, db, &record.base, fields, count, nullptr, nullptr), 0);
+}
+
+void world::write_range(uint32_t type, uint32_t min, uint32_t max)
+{
+    UBridge__EvlanSessionRange range = U_BRIDGE__EVLAN_SESSION_RANGE__INIT;
+    range.index = static_cast<UBridge__EvlanType>(type);
+    range.evlan_id_min = signed_word(min);
+    range.evlan_id_max = signed_word(max);
+    ASSERT_EQ(qz_mom_set(users, APP_DB, &range.base, nullptr, nullptr), 0);
+}
+
+void world::spy(uint32_t db)
+{
+    UBridge__EvlanAppIndex key = U_BRIDGE__EVLAN_APP_INDEX__INIT;
+    UBridge__EvlanSession pattern = U_BRIDGE__EVLAN_SESSION__INIT;
+    pattern.index = &key;
+    ASSERT_EQ(qz_mom_subscribe(users, db, &pattern.base, 0, note_write, &written), 0);
+    settle();
+}
+
+std::vector<std::string> users_in_order()
+{
+    std::vector<std::string> order;
+    sw_ebridge_list_for_each(
+        0,
+        [](sw_ebridge_list_item *item, void *arg, int32_t) {
+            static_cast<std::vector<std::string> *>(arg)->emplace_back(item->user_name);
+            return 0;
+        },
+        &order);
+    return order;
+}
+
+}  // namespace road

@@ -1,0 +1,50 @@
+// A store that does nothing by itself: it notes what the service asks of it, answers with the codes that a test sets,
+// and leaves it to the test when each callback comes and what it says. Linked in place of the platform libraries.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "qz_mom.h"
+#include "u_bridge.pb-c.h"
+
+namespace scripted
+{
+
+// A callback that the service gave away.
+struct listener {
+    qz_mom_msg_cb cb = nullptr;
+    void *args = nullptr;
+};
+
+// A write: "hmupdate 4 a/32/7 0x20000001", "hmset 8 ...", "del 8 a/32/7"; and who hears how it went.
+struct store_write {
+    std::string text;
+    listener done;
+};
+
+struct store {
+    std::map<std::string, listener> follows;  // "subscribe_field 4", "scan 8": the session table's
+    std::map<std::string, listener> ranges;   // the same of the range table
+    std::vector<store_write> writes;          // accepted ones
+    std::map<std::string, int32_t> codes;     // what calls of this name return, 0 when it is not there
+    std::vector<std::pair<qz_thread_call_func, void *>> timers;
+
+    qz_mom_handle *handle();
+    std::vector<std::string> texts() const;
+    void run_timers();
+
+    void confirm(const listener &to, uint32_t db) const;
+    void end_scan(const listener &to, uint32_t db, int32_t error = 0) const;
+    // A session as it stands: request_value any id of type 32.
+    void written(const listener &to, uint32_t db, const char *user, uint32_t keyid, uint32_t reply_value = 0) const;
+    void removed(const listener &to, uint32_t db, const char *user, uint32_t keyid) const;
+    // The outcome of an accepted write.
+    void write_done(const store_write &which, uint32_t db, const char *user, uint32_t keyid, int32_t error) const;
+};
+
+store &the_store();
+
+}  // namespace scripted
