@@ -22,7 +22,8 @@
  *  7. Null pointers are refused with -2 (or a null result) and a message; nothing dereferences them.
  *  8. Slots. Registry, local databases and index maps exist six times, numbered 0 to 5 ("inst"). Calls without a slot
  *     number use slot 0; chip drivers use one slot per unit.
- *  9. Messages. Every failure is logged before the return, in a line that begins "Assert:" and names its call site.
+ *  9. Messages. Every failure is logged before the return, in a line that begins "Assert:" (a few older texts do not) and names its
+ *     call site.
  * 10. Ids are unsigned 32-bit values: the type in the top byte, the number within the type in the low 24 bits. Record
  *     fields that hold one are int32_t; shifts and comparisons are done on the unsigned value.
  * 11. IPv4 words are in network byte order, in records, items and texts alike.
@@ -67,9 +68,11 @@ typedef qz_mom_msg_cb sw_ebridge_mom_func;
 
 struct sw_vlan_pvid_entry;
 
-/* A VLAN (or routed subinterface) was granted: `vlan_id` is the number; -1 when the request was refused. */
+/* Keys, ids and names given to these callbacks live until they return.
+ * A VLAN (or routed subinterface) was granted: `vlan_id` is the number. A request of the user's own that was refused, of
+ * whatever type, comes with -1, and to both callbacks that follow. */
 typedef int32_t (*sw_vlan_reply_func)(UBridge__VlanAppIndex *index, int32_t vlan_id);
-/* Another evlan was granted; evlan_id -1 when the request was refused. */
+/* An evlan of another type was granted; evlan_id -1 when a request was refused. */
 typedef int32_t (*sw_evlan_reply_func)(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan);
 typedef int32_t (*sw_eport_reply_func)(UBridge__EportAppIndex *app, UBridge__EportIndex *eport);
 /* A session was removed or expired; event is SW_EBRIDGE_RELEASE_EVENT. */
@@ -332,7 +335,8 @@ typedef struct sw_vlan_pvid_entry {
 
 /* ---- hash containers --------------------------------------------------------------------------------------------- *
  * sw_switch_hash: a chained table of item pointers with the caller's hash and compare functions. It never frees an
- * item. */
+ * item. A null table is an empty one, to which an insertion gives -2; so does a null item, and a null key is not found.
+ */
 
 typedef uint32_t (*sw_switch_hash_func)(const void *item_or_key);
 typedef int32_t (*sw_switch_compare_func)(const void *item, const void *key); /* 0 when equal */
@@ -358,8 +362,8 @@ typedef struct sw_switch_hash {
 /* A table for `expected` items (expected / 0.75 buckets; 0: 1365 buckets), or null: no memory, a negative count, or a
  * null function. */
 sw_switch_hash *sw_switch_create_hash(int32_t expected, sw_switch_hash_func hash, sw_switch_compare_func compare);
-/* Adds an item first (or last) in its bucket and in the list of all items; equal items may repeat. 0, or -12 without
- * memory. */
+/* Adds an item first (or last) in its bucket and in the list of all items; equal items may repeat. 0, -12 without
+ * memory, -2 null. */
 int32_t sw_switch_hash_insert_item(sw_switch_hash *table, void *item);
 int32_t sw_switch_hash_insert_item_tail(sw_switch_hash *table, void *item);
 /* The first item of the key's bucket that compares equal, or null. */
@@ -384,7 +388,8 @@ void sw_switch_destroy_hash(sw_switch_hash *table);
 
 /* Keyed caches: open-addressing sets of record pointers, one family per record type. The key is the first bytes of the
  * record. For each family:
- *   _hash_init                 makes that many empty tables: 0; -1 without memory, and then nothing is left behind
+ *   _hash_init                 makes that many empty tables, or keeps those that there are: 0; -1 without memory, and
+ *                              then nothing is left behind
  *   _hash_insert               stores the pointer unless an equal key is stored; 0, also when there was no memory
  *   _hash_remove               takes the record of that key out; the record itself is not freed
  *   _hash_find                 the stored record, or null
@@ -564,7 +569,7 @@ int32_t lib_vlan_debug_init(const ebridge_args *args);
 /* Sends descriptors 0, 1 and 2 into /data/collect/<name>.log; only if that folder is made by this call. 0 or negative.
  */
 int32_t sw_bridge_logging_redirect2collectfile(const char *name);
-/* Brings standard output back. 0. */
+/* Brings the saved standard output back, on descriptors 0, 1 and 2. 0. */
 int32_t sw_bridge_logging_redirect2std(void);
 
 /* ---- evlan: ids and local database ------------------------------------------------------------------------------ */
@@ -721,7 +726,7 @@ extern sw_diagnosis_stat g_diagnosis_stat;
 void sw_evlan_record_err_msg(const sw_evlan_index_map *record);
 /* The ring; the n-th entry ever (from 0) stands at n modulo 5. */
 sw_evlan_index_map *sw_evlan_get_err_msg_array(void);
-/* Sets the two release delays in seconds. 0. */
+/* Sets the two release delays in seconds, 0 or more: a store refuses an expiry in the past, and with it the release. 0. */
 int32_t sw_ebridge_delay_time_set(int32_t evlan_seconds, int32_t eport_seconds);
 
 #ifdef __cplusplus

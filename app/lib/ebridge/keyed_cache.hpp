@@ -5,9 +5,10 @@
 // array of tables of one record type that libsw_ebridge_hash.cpp exports under the family's name.
 //
 // A bucket is live, deleted or empty (two flag bits). Bucket counts are powers of two, probing is triangular and ends
-// at the first empty bucket; a table is at most 77 % occupied, deleted buckets included, so there always is one. Beside
-// its record each bucket keeps the record's hash: a probe looks at a record only when the whole hash agrees, and growth
-// looks at none.
+// at the first empty bucket; at most 77 % of the buckets, rounded, are live or deleted, so there always is one. Beside
+// flags and records each bucket has a tag, the record's hash or the mark of a bucket without one. Probes read tags
+// alone and look at a record only when the whole hash agrees; growth looks at none. Why it is so, with figures:
+// docs/decisions/keyed-cache-hash.md.
 #pragma once
 
 #include <algorithm>
@@ -31,12 +32,18 @@ struct keyed_cache {
     uint32_t upper_bound;  // occupied buckets at which an insertion first makes room
     uint32_t *flags;       // sixteen buckets a word, two bits each: enum bucket_state
     void **keys;           // records
-    uint32_t *hashes;      // of the records
+    uint32_t *tags;        // what a probe has to know of each bucket: a record's hash, or a TAG_
 };
 
 enum bucket_state : uint32_t { BUCKET_LIVE = 0, BUCKET_DELETED = 1, BUCKET_EMPTY = 2 };
 
 constexpr uint32_t NO_BUCKET = UINT32_MAX;
+
+constexpr uint32_t TAG_EMPTY = 0;
+constexpr uint32_t TAG_DELETED = 1;
+
+// A record's hash with the highest bit set; bucket numbers have no use for that bit.
+constexpr uint32_t tag_of(uint32_t hash) { return hash | 0x80000000; }
 
 // 77 % of the bucket count, rounded; in integers because small targets have no floating point unit.
 constexpr uint32_t upper_bound_of(uint32_t bucket_count)
@@ -87,21 +94,20 @@ int32_t keyed_cache_walk(const keyed_cache &cache, uint32_t first, uint32_t coun
 // The operations for keys of `Length` bytes. Tests give a worse hash than the default.
 template <size_t Length, uint32_t (*Hash)(const void *) = lookup2_of<Length>>
 struct keyed_table {
-    static bool holds(const keyed_cache &cache, uint32_t bucket, uint32_t hash, const void *key)
+    static bool holds(const keyed_cache &cache, uint32_t bucket, const void *key)
     {
-        return cache.hashes[bucket] == hash && state_of(cache.flags, bucket) == BUCKET_LIVE &&
-               std::memcmp(cache.keys[bucket], key, Length) == 0;
+        return std::memcmp(cache.keys[bucket], key, Length) == 0;
     }
 
     static uint32_t find_bucket(const keyed_cache &cache, const void *key)
     {
         if (cache.bucket_count == 0)
             return NO_BUCKET;
-        const uint32_t hash = Hash(key);
+        const uint32_t tag = tag_of(Hash(key));
         const uint32_t mask = cache.bucket_count - 1;
-        uint32_t bucket = hash & mask;
-        for (uint32_t step = 1; !holds(cache, bucket, hash, key); ++step) {
-            if (state_of(cache.flags, bucket) == BUCKET_EMPTY)
+        uint32_t bucket = tag & mask;
+        for (uint32_t step = 1; cache.tags[bucket] != tag || !holds(cache, bucket, key); ++step) {
+            if (cache.tags[bucket] == TAG_EMPTY)
                 return NO_BUCKET;
             bucket = (bucket + step) & mask;
         }
@@ -119,14 +125,14 @@ struct keyed_table {
     {
         if (cache.occupied >= cache.upper_bound && !keyed_cache_make_room(cache))
             return false;
-        const uint32_t hash = Hash(record);
+        const uint32_t tag = tag_of(Hash(record));
         const uint32_t mask = cache.bucket_count - 1;
-        uint32_t bucket = hash & mask;
+        uint32_t bucket = tag & mask;
         uint32_t reusable = NO_BUCKET;  // first deleted bucket on the way
-        for (uint32_t step = 1; state_of(cache.flags, bucket) != BUCKET_EMPTY; ++step) {
-            if (holds(cache, bucket, hash, record))
+        for (uint32_t step = 1; cache.tags[bucket] != TAG_EMPTY; ++step) {
+            if (cache.tags[bucket] == tag && holds(cache, bucket, record))
                 return false;
-            if (reusable == NO_BUCKET && state_of(cache.flags, bucket) == BUCKET_DELETED)
+            if (reusable == NO_BUCKET && cache.tags[bucket] == TAG_DELETED)
                 reusable = bucket;
             bucket = (bucket + step) & mask;
         }
@@ -135,7 +141,7 @@ struct keyed_table {
         else
             bucket = reusable;
         cache.keys[bucket] = record;
-        cache.hashes[bucket] = hash;
+        cache.tags[bucket] = tag;
         set_state(cache.flags, bucket, BUCKET_LIVE);
         ++cache.size;
         return true;
@@ -147,6 +153,7 @@ struct keyed_table {
         const uint32_t bucket = find_bucket(cache, key);
         if (bucket == NO_BUCKET)
             return nullptr;
+        cache.tags[bucket] = TAG_DELETED;
         set_state(cache.flags, bucket, BUCKET_DELETED);
         --cache.size;
         return cache.keys[bucket];

@@ -439,7 +439,7 @@ void print_flags(const char *heading, const uint32_t (&bitmap)[8])
 
 // What a subscription carries until it is confirmed. The argument pair that the store hands back keeps pointing here
 // afterwards, and two cycles can overlap when a connection comes back twice: a confirmation is therefore taken only for
-// arguments that are still on this list.
+// arguments that are still on this list, and those of an overtaken cycle are freed when the next one begins.
 struct subscribing_args {
     uint32_t bit;
     sw::list_args *list;
@@ -466,6 +466,16 @@ void free_subscribing_args(subscribing_args *sa)
     std::free(sa);
 }
 
+// The subscription that is asked for now takes the place of an unconfirmed one of the same user and table.
+void free_overtaken(const char *user_name, uint32_t bit)
+{
+    subscribing_args *pending = pending_subscriptions;
+    while (pending != nullptr && (pending->bit != bit || !sw::same_name(pending->list->user_name, user_name)))
+        pending = pending->next;
+    if (pending != nullptr)
+        free_subscribing_args(pending);
+}
+
 // The subscribe step: a copy of the connection's arguments that carries the bitmap, for one subscription.
 subscribing_args *sw_ebridge_alloc_subscribing_args(uint32_t bit, const sw::list_args &list,
                                                     const uint32_t (&bitmap)[8])
@@ -483,6 +493,7 @@ subscribing_args *sw_ebridge_alloc_subscribing_args(uint32_t bit, const sw::list
         SW_LOG(error, "malloc sw_ebridge_subscribing_args failed.");
         return nullptr;
     }
+    free_overtaken(list.user_name, bit);
     *sa = {.bit = bit, .list = copy, .next = pending_subscriptions};
     pending_subscriptions = sa;
     return sa;

@@ -850,30 +850,30 @@ void withdraw(const sw::site &where, const sw_ebridge_list_item &user, const UBr
 // Lets the session expire after the release delay. The copy of the key belongs to the pending expiry; t_user is copied as
 // the pointer. When the store refuses, the copy is not freed. The store's code, or nothing without memory.
 std::optional<int32_t> release_later(const sw::site &where, const sw_ebridge_list_item &user,
-                                     UBridge__EvlanAppIndex *app_index)
+                                     UBridge__EvlanAppIndex &app, const UBridge__EvlanAppIndex &given)
 {
-    const auto type = static_cast<uint32_t>(app_index->type);
+    const auto type = static_cast<uint32_t>(app.type);
     auto *copy = static_cast<UBridge__EvlanAppIndex *>(std::malloc(sizeof(UBridge__EvlanAppIndex)));
     if (copy == nullptr) {
-        SW_LOG_AT(where, error, "Assert:Malloc for user[%s].type[%d].keyid[0x%x] failed.", app_index->t_user, type,
-                  static_cast<uint32_t>(app_index->keyid));
+        SW_LOG_AT(where, error, "Assert:Malloc for user[%s].type[%d].keyid[0x%x] failed.", app.t_user, type,
+                  static_cast<uint32_t>(app.keyid));
         return std::nullopt;
     }
-    *copy = *app_index;
-    const UBridge__EvlanSession session = session_of(app_index);
+    *copy = given;
+    const UBridge__EvlanSession session = session_of(&app);
     const int32_t rv = qz_mom_pexpire(user.mom_handle, user.mod_db, &session.base, QZ_MOM_EXPIRE_EVLAN_SESSION,
                                       &sw::evlan_delay_del_timeval, sw_evlan_release_callback, copy);
     if (rv != 0)
         SW_LOG_AT(
             where, error,
             "Assert:evlan release, qz_mom_pexpire failed, user: %s, type: 0x%x, key(vid or ifx or vni) id: %d, mom_handle: %p, mom_db: %d, rv: %d.",
-            app_index->t_user, type, app_index->keyid, static_cast<void *>(user.mom_handle), user.mod_db, rv);
+            app.t_user, type, app.keyid, static_cast<void *>(user.mom_handle), user.mod_db, rv);
     return rv;
 }
 
-int32_t release_now(const sw::site &where, const sw_ebridge_list_item &user, UBridge__EvlanAppIndex *app_index)
+int32_t release_now(const sw::site &where, const sw_ebridge_list_item &user, UBridge__EvlanAppIndex &app)
 {
-    const UBridge__EvlanSession session = session_of(app_index);
+    const UBridge__EvlanSession session = session_of(&app);
     const int32_t rv = qz_mom_del(user.mom_handle, user.mod_db, &session.base, nullptr, nullptr);
     if (rv != 0)
         SW_LOG_AT(where, error, "Assert:qz_mom_del failed, rv: %d.", rv);
@@ -888,23 +888,27 @@ SW_EXPORT int32_t sw_evlan_release_exec(UBridge__EvlanAppIndex *app_index, uint3
         SW_LOG(error, "Assert:Bad index.");
         return -2;
     }
-    const sw_ebridge_list_item *user = find_user(SW_HERE, app_index->t_user);
+    sw_ebridge_list_item *user = find_user(SW_HERE, app_index->t_user);
     if (user == nullptr)
         return -2;
-    SW_LOG(info, "user: %s, type: 0x%x, key(vid or ifx or vni) id: %d.", app_index->t_user,
-           static_cast<uint32_t>(app_index->type), app_index->keyid);
+    // The caller's name may stand in the very record that is withdrawn here; the user's own outlives it.
+    UBridge__EvlanAppIndex app = *app_index;
+    if (sw::same_name(app.t_user, user->user_name))
+        app.t_user = user->user_name;
+    SW_LOG(info, "user: %s, type: 0x%x, key(vid or ifx or vni) id: %d.", app.t_user, static_cast<uint32_t>(app.type),
+           app.keyid);
     UBridge__EvlanIndex evlan = U_BRIDGE__EVLAN_INDEX__INIT;
-    const int32_t mapped = sw_evlan_app2udp(app_index, &evlan);
+    const int32_t mapped = sw_evlan_app2udp(&app, &evlan);
     const auto evlan_id = static_cast<uint32_t>(evlan.evlan_id);
     SW_LOG(info, "app2udp evlan_id: 0x%x, rv: %d.", evlan_id, mapped);
-    withdraw(SW_HERE, *user, *app_index, evlan_id);
+    withdraw(SW_HERE, *user, app, evlan_id);
 
-    const sw_evlan_index_map key = app_item(*app_index);
+    const sw_evlan_index_map key = app_item(app);
     if (sw_evlan_index_map *item = sw_evlan_index_map_get_item(0, &key); item != nullptr)
         item->ds_flag &= ~static_cast<uint32_t>(SW_INDEX_MAP_REQUESTED);
-    const bool later = delayed == 1 && !is_underlay(*app_index);
+    const bool later = delayed == 1 && !is_underlay(app);
     const std::optional<int32_t> rv =
-        later ? release_later(SW_HERE, *user, app_index) : release_now(SW_HERE, *user, app_index);
+        later ? release_later(SW_HERE, *user, app, *app_index) : release_now(SW_HERE, *user, app);
     if (!rv.has_value())
         return -2;
     ++g_diagnosis_stat.evlan_total_release;

@@ -53,9 +53,9 @@ void move_records(keyed_cache &cache, uint32_t *flags, uint32_t count)
             continue;
         set_state(cache.flags, from, BUCKET_DELETED);
         void *record = cache.keys[from];
-        uint32_t hash = cache.hashes[from];
+        uint32_t tag = std::exchange(cache.tags[from], TAG_EMPTY);
         for (bool kicked_out = true; kicked_out;) {
-            uint32_t to = hash & mask;
+            uint32_t to = tag & mask;
             for (uint32_t step = 1; state_of(flags, to) != BUCKET_EMPTY; ++step)
                 to = (to + step) & mask;
             set_state(flags, to, BUCKET_LIVE);
@@ -63,10 +63,10 @@ void move_records(keyed_cache &cache, uint32_t *flags, uint32_t count)
             if (kicked_out) {
                 set_state(cache.flags, to, BUCKET_DELETED);
                 std::swap(record, cache.keys[to]);
-                std::swap(hash, cache.hashes[to]);
+                std::swap(tag, cache.tags[to]);
             } else {
                 cache.keys[to] = record;
-                cache.hashes[to] = hash;
+                cache.tags[to] = tag;
             }
         }
     }
@@ -84,10 +84,12 @@ bool keyed_cache_make_room(keyed_cache &cache)
     if (flags == nullptr)
         return false;
     // An array that was enlarged before another could not be serves the old bucket count as well.
-    if (!mostly_deleted && (!enlarge(cache.keys, count) || !enlarge(cache.hashes, count))) {
+    if (!mostly_deleted && (!enlarge(cache.keys, count) || !enlarge(cache.tags, count))) {
         std::free(flags);
         return false;
     }
+    std::replace(cache.tags, cache.tags + cache.bucket_count, TAG_DELETED, TAG_EMPTY);
+    std::fill(cache.tags + cache.bucket_count, cache.tags + count, TAG_EMPTY);
     move_records(cache, flags, count);
     std::free(cache.flags);
     cache.flags = flags;
@@ -101,7 +103,7 @@ void keyed_cache_clear(keyed_cache &cache)
 {
     std::free(cache.flags);
     std::free(static_cast<void *>(cache.keys));
-    std::free(cache.hashes);
+    std::free(cache.tags);
     cache = {};
 }
 

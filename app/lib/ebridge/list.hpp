@@ -16,6 +16,8 @@ inline void list_init(sw_list_head *link)
 
 inline void list_add(sw_list_head *link, sw_list_head *after)
 {
+    if (after->next == nullptr)
+        list_init(after);
     link->next = after->next;
     link->prev = after;
     after->next->prev = link;
@@ -25,8 +27,11 @@ inline void list_add(sw_list_head *link, sw_list_head *after)
 inline void list_add_head(sw_list_head *head, sw_list_head *link) { list_add(link, head); }
 inline void list_add_tail(sw_list_head *head, sw_list_head *link) { list_add(link, head->prev); }
 
+// Records that came in through the exported caches may carry null links: they are on no list.
 inline void list_unlink(sw_list_head *link)
 {
+    if (link->next == nullptr || link->prev == nullptr)
+        list_init(link);
     link->prev->next = link->next;
     link->next->prev = link->prev;
     list_init(link);
@@ -35,7 +40,7 @@ inline void list_unlink(sw_list_head *link)
 // Takes every element off the list, so that unlinking one later touches nothing but itself.
 inline void list_scatter(sw_list_head *head)
 {
-    while (head->next != head)
+    while (head->next != nullptr && head->next != head)
         list_unlink(head->next);
 }
 

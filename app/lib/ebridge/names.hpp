@@ -11,7 +11,7 @@ namespace sw
 inline void copy_name(char (&to)[SW_EBRIDGE_NAME_SIZE], const char *from)
 {
     const size_t length = strnlen(from, SW_EBRIDGE_NAME_SIZE - 1);
-    std::memcpy(to, from, length);
+    std::memmove(to, from, length);  // a stored name may be handed in itself
     std::memset(to + length, 0, SW_EBRIDGE_NAME_SIZE - length);
 }
 

@@ -14,7 +14,6 @@ namespace
 
 using sw::BUCKET_DELETED;
 using sw::BUCKET_EMPTY;
-using sw::BUCKET_LIVE;
 
 // The hash is the first word of the key, so that a test chooses the bucket.
 struct record {
@@ -280,15 +279,22 @@ TEST_F(KeyedCache, RecordsThatFindTheirNewBucketTakenMoveItsOwnerOn)
     EXPECT_EQ(bucket_of(10, 4), 3u);
 }
 
+int frees;
+void count_frees(void *block) { frees += block != nullptr; }
+
 TEST_F(KeyedCache, GrowthWithoutMemoryStoresNothingAndLeavesTheTableAsItWas)
 {
     for (uint32_t i = 0; i < 3; ++i)
         insert(i, i);
     record fourth{3, 3, 0};
-    for (uint64_t nth = 1; nth <= 3; ++nth) {  // flags, records, hashes
+    for (uint64_t nth = 1; nth <= 3; ++nth) {  // flags, records, tags
+        frees = 0;
         recording::fail_allocation(nth);
+        recording::on_free(count_frees);
         EXPECT_FALSE(table::insert(cache, &fourth)) << nth;
+        recording::on_free(nullptr);
         EXPECT_EQ(recording::allocations(), nth);
+        EXPECT_EQ(frees, nth > 1 ? 1 : 0) << nth;  // the new flags
         recording::fail_allocation(0);
         EXPECT_EQ(cache.bucket_count, 4u);
         EXPECT_EQ(cache.upper_bound, 3u);

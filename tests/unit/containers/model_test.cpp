@@ -143,8 +143,13 @@ class keyed_run
         EXPECT_LE(cache_.occupied, cache_.upper_bound);
         uint32_t live = 0, occupied = 0;
         for (uint32_t i = 0; i < cache_.bucket_count; ++i) {
-            live += sw::state_of(cache_.flags, i) == sw::BUCKET_LIVE;
-            occupied += sw::state_of(cache_.flags, i) != sw::BUCKET_EMPTY;
+            const uint32_t state = sw::state_of(cache_.flags, i);
+            live += state == sw::BUCKET_LIVE;
+            occupied += state != sw::BUCKET_EMPTY;
+            // The tags that probes read tell the same as the flags that walks read.
+            ASSERT_EQ(cache_.tags[i], state == sw::BUCKET_LIVE      ? sw::tag_of(Hash(cache_.keys[i]))
+                                      : state == sw::BUCKET_DELETED ? sw::TAG_DELETED
+                                                                    : sw::TAG_EMPTY);
         }
         EXPECT_EQ(live, cache_.size);
         EXPECT_EQ(occupied, cache_.occupied);

@@ -1,3 +1,4 @@
+// What the core tests share: users, store callbacks, notifications, and looking at what was freed.
 #include "core_fixture.hpp"
 
 #include <fcntl.h>

@@ -109,7 +109,8 @@ TEST(RecordingPlatform, AllocationsFailByCount)
     EXPECT_EQ(nullptr, later);
     const void *wanted = third;
     EXPECT_THAT(freed_by([&] { std::free(third); }), Contains(wanted));
-    std::free(first);
+    if (grown == nullptr)  // as it should be; otherwise the block is gone
+        std::free(first);
 }
 
 }  // namespace

@@ -88,6 +88,38 @@ TEST_F(EvlanRelease, OfAHeldIdDropsItsAttributesThenDelaysTheSession)
     end_delays();
 }
 
+// The record goes with the release, and the caller's name with it.
+TEST_F(EvlanRelease, TakesANameThatStandsInTheRecordItWithdraws)
+{
+    add_user({.name = "app"});
+    grant("app", vxlan, 7, 0x20000005);
+    sw_evlan_attr *record = sw_evlan_db_get_item(0, "app", 0x20000005);
+    ASSERT_NE(record, nullptr);
+    recording::reset();
+    UBridge__EvlanAppIndex app = U_BRIDGE__EVLAN_APP_INDEX__INIT;
+    app.t_user = record->user_name;
+    app.type = static_cast<int32_t>(vxlan);
+    app.keyid = 7;
+    EXPECT_EQ(sw_evlan_release_direct(&app), 0);
+    const auto deleted = recording::calls_of("qz_mom_del");
+    ASSERT_EQ(deleted.size(), 2u);
+    for (const auto &call : deleted)
+        EXPECT_THAT(call.record, testing::HasSubstr("t_user:\"app\""));
+}
+
+// A record that came in through the exported cache is on no list, and its link may be null.
+TEST_F(EvlanRelease, OfARecordWithoutALinkIsNoHarm)
+{
+    add_user({.name = "app"});
+    sw_evlan_attr made{};
+    sw_evlan_init(&made, "app", 0x20000005);
+    sw_evlan_attr *stored = nullptr;
+    sw_evlan_cache_create(0, &stored, &made);
+    ASSERT_NE(stored, nullptr);
+    sw_evlan_db_delete_item(0, "app", 0x20000005);
+    EXPECT_EQ(sw_evlan_hash_size(0), 0u);
+}
+
 TEST_F(EvlanRelease, HandsTheStoreTheDelayAndACopyOfTheKey)
 {
     add_user({.name = "app", .db = 9, .handle = recording::other_handle()});

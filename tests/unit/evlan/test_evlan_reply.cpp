@@ -981,6 +981,36 @@ TEST_F(EvlanRemoval, IsHeardByEveryUserWithACallback)
     EXPECT_EQ(g_diagnosis_stat.evlan_release_cb, 2u);
 }
 
+// Whoever is out of scope and comes first in the registry must not end the walk for those behind it.
+TEST_F(EvlanRemoval, IsHeardBehindUsersOutOfScope)
+{
+    for (const char *name : {"a", "b", "c", "d", "e", "f"})
+        add_user({.name = name, .scope = 0});
+    const strings order = registry_order();
+    ASSERT_EQ(order.size(), 6u);
+    session of(order.back().c_str(), vxlan, 7);
+    apply(of.answered(0x20000005), 0);
+    EXPECT_EQ(heard().size(), 1u);
+}
+
+TEST_F(EvlanGrant, ReachesMapDatabaseAndCallbackBehindUsersOutOfScope)
+{
+    for (const char *name : {"a", "b", "c", "d", "e", "f"})
+        add_user({.name = name, .scope = 0});
+    const strings order = registry_order();
+    ASSERT_EQ(order.size(), 6u);
+    const char *last = order.back().c_str();
+    grant(last, vxlan, 7, 0x20000005);
+    EXPECT_EQ(heard().size(), 1u);
+    EXPECT_NE(sw_evlan_db_get_item(0, last, 0x20000005), nullptr);
+    UBridge__EvlanAppIndex app = U_BRIDGE__EVLAN_APP_INDEX__INIT;
+    app.type = static_cast<int32_t>(vxlan);
+    app.keyid = 7;
+    UBridge__EvlanIndex out = U_BRIDGE__EVLAN_INDEX__INIT;
+    EXPECT_EQ(sw_evlan_app2udp(&app, &out), 0);
+    EXPECT_EQ(out.evlan_id, 0x20000005);
+}
+
 TEST_F(EvlanRemoval, BeforeAnyUserIsCounted)
 {
     session of("app", vxlan, 7);
