@@ -176,11 +176,14 @@ bool allocator::adopt(std::string_view holder, const id_key &key, uint32_t id)
 
 bool allocator::set_range(uint32_t type, uint32_t min, uint32_t max)
 {
-    auto pool = pools_.find(type);
-    if (pool == pools_.end())
-        return false;
-    pool->second.set_range({std::max(min & NUMBER_MASK, 1U), max & NUMBER_MASK});
-    return true;
+    for (const id_type &known : types_) {
+        if (known.type == type) {
+            const number_range &own = known.numbers;
+            pools_.at(type).set_range({std::max(min & NUMBER_MASK, own.min), std::min(max & NUMBER_MASK, own.max)});
+            return true;
+        }
+    }
+    return false;
 }
 
 bool allocator::reset_range(uint32_t type)

@@ -70,7 +70,8 @@ class allocator
     // Takes over a grant that was answered before this allocator existed; ranges do not matter. False changes nothing:
     // the id belongs to another key, the key has another id already, or the id is not one of the key's type.
     bool adopt(std::string_view holder, const id_key &key, uint32_t id);
-    // Full ids or plain numbers: the low 24 bits count; 0 as the lower end means 1. False for an unknown type.
+    // Full ids or plain numbers: the low 24 bits count, as far as the type has such numbers (a VLAN has 1 to 4094). False
+    // for an unknown type.
     bool set_range(uint32_t type, uint32_t min, uint32_t max);
     // Back to the type's own numbers.
     bool reset_range(uint32_t type);

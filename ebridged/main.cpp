@@ -16,11 +16,10 @@ constexpr int BAD_ARGUMENT = 2;
 constexpr int NO_STORE = 3;
 
 constexpr const char *FOOTER =
-    "Examples:\n"
-    "  ebridged --store redis+unix:///run/redis/redis.sock    serve database 4\n"
-    "  ebridged --store redis://10.0.0.1 --db 4 --db 5        serve databases 4 and 5\n"
+    "Example:\n"
+    "  ebridged --store mem:switch --db 4 --verbose\n"
     "\n"
-    "A store \"mem:NAME\" lives in one process: this program would serve nobody but itself. Programs on the embedded\n"
+    "The store client of today knows the embedded store only. A store \"mem:NAME\" lives in one process: this program would serve nobody but itself. Programs on the embedded\n"
     "store start the service inside (see ebridged.h), as \"ebridge run\" does.\n"
     "\n"
     "Runs in the foreground, logs to standard error, and ends on SIGTERM or SIGINT. Granted ids survive a restart.\n"

@@ -43,7 +43,7 @@ bool service::passes(int32_t code) { return code == QZ_MOM_EFULL || code == QZ_M
 void service::put(duty what, const session_id &id)
 {
     due_.push_back({what, id});
-    if (due_.size() == 1)
+    if (!retry_pending_)
         send_due();
 }
 

@@ -191,6 +191,10 @@ TEST_F(Allocator, ARangeMayBeGivenInIdsOrNumbers)
     ASSERT_TRUE(ids.reset_range(VXLAN));
     EXPECT_EQ(ask("a", {VXLAN, 3}, any(VXLAN)), 0x20000001U);
     EXPECT_FALSE(ids.set_range(5, 1, 2));
+    // A VLAN number is a VLAN id, whatever a range says.
+    ASSERT_TRUE(ids.set_range(VLAN, 4094, 5000));
+    EXPECT_EQ(ids.request("a", {VLAN, 1, 0}, 0x10000000, 0).reply, 0x10000ffe);
+    EXPECT_EQ(ids.request("a", {VLAN, 2, 0}, 0x10000000, 0).reply, -1);
     EXPECT_FALSE(ids.reset_range(5));
 }
 
