@@ -48,8 +48,11 @@ uint32_t read_type(const std::string &text)
 {
     const auto *named = protobuf_c_enum_descriptor_get_value_by_name(&u_bridge__evlan_type__descriptor, text.c_str());
     uint32_t number = named ? static_cast<uint32_t>(named->value) : 0;
-    if (!named)
-        std::from_chars(text.data(), text.data() + text.size(), number);
+    if (!named) {
+        const char *end = text.data() + text.size();
+        if (const auto read = std::from_chars(text.data(), end, number); read.ec != std::errc() || read.ptr != end)
+            return 0;
+    }
     const auto known =
         protobuf_c_enum_descriptor_get_value(&u_bridge__evlan_type__descriptor, static_cast<int>(number));
     return known ? number : 0;
@@ -150,11 +153,12 @@ int run(const arguments &given)
         return complain("the result cannot be written", SOMETHING_DIFFERS);
     if (!given.json)
         print_table(stdout, config, result);
-    std::fflush(stdout);
     if (given.dump) {
         sw_ebridge_list_item_ut_dump();
         sw_evlan_db_ut_dump(0, 0, 0);
     }
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        return complain("the result cannot be written", SOMETHING_DIFFERS);
     return result.all_equal() ? ALL_EQUAL : SOMETHING_DIFFERS;
 }
 

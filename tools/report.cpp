@@ -48,17 +48,31 @@ void print_table(std::FILE *out, const switch_config &config, const run_result &
     std::fprintf(out, "%.3f seconds\n", result.seconds);
 }
 
+namespace
+{
+
+// Names are known to be unique: looking them up in an ordered object, one by one, is quadratic.
+void add(nlohmann::ordered_json &object, const std::string &name, nlohmann::ordered_json value)
+{
+    auto &members = static_cast<std::vector<std::pair<const std::string, nlohmann::ordered_json>> &>(
+        object.get_ref<nlohmann::ordered_json::object_t &>());
+    members.emplace_back(name, std::move(value));
+}
+
+}  // namespace
+
 std::string to_json(const switch_config &config, const run_result &result)
 {
     nlohmann::ordered_json tables = nlohmann::ordered_json::object();
     for (const table_result &table : result.tables)
-        tables[table.name] = {{"requested", table.requested},
-                              {"granted", table.granted},
-                              {"refused", table.refused},
-                              {"verified", table.verified}};
+        add(tables, table.name,
+            {{"requested", table.requested},
+             {"granted", table.granted},
+             {"refused", table.refused},
+             {"verified", table.verified}});
     nlohmann::ordered_json skipped = nlohmann::ordered_json::object();
     for (const skipped_table &table : config.skipped)
-        skipped[table.name] = table.entries;
+        add(skipped, table.name, table.entries);
     return nlohmann::ordered_json{{"tables", tables}, {"skipped", skipped}, {"seconds", result.seconds}}.dump();
 }
 

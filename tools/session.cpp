@@ -5,6 +5,7 @@
 // by hand. That one subscription serves the process: each reply is applied once, and both users' callbacks are called.
 #include "session.hpp"
 
+#include <cstdlib>
 #include <cstring>
 
 namespace ebridge_tool
@@ -57,6 +58,10 @@ session::~session()
 bool session::open(const run_options &options, std::string *error)
 {
     master_ = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
+    if (master_ == nullptr) {
+        *error = "no event loop: out of memory or descriptors";
+        return false;
+    }
     if (const int32_t code = qz_mom_client_open(STORE, master_, &handle_); code != 0)
         return fail(error, "the embedded store cannot be opened", code);
     if (!write_ranges(options.ranges, error))
@@ -107,6 +112,9 @@ bool session::start_users(std::string *error)
     for (const ebridge_args *user : {&requester, &observer})
         if (const int32_t code = sw_ebridge_init(user); code != 0)
             return fail(error, "the library cannot be initialised", code);
+    // Each refusal is told in a line of this command's own; the library's goes to a log file where one is wanted.
+    if (std::getenv("QZ_ZLOG_DIR") == nullptr)
+        g_sw_vlan_file_zlog_level = 0;
     if (const int32_t code = sw_evlan_subscribe_with_db(OBSERVER, SW_EBRIDGE_UDP_DB, on_subscribed, this); code != 0)
         return fail(error, "the sessions cannot be subscribed", code);
     return true;

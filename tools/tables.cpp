@@ -96,14 +96,17 @@ bool table_reader::fail(const std::string &what)
     return false;
 }
 
+// A name in a message: long ones are cut, so that what is wrong still fits the line.
+std::string cut(const std::string &name) { return name.size() <= 64 ? name : name.substr(0, 64) + "..."; }
+
 // "TABLE|ENTRY: " as far as the reader is inside one.
 std::string table_reader::place() const
 {
     if (tables_->empty() || open_.empty())
         return {};
-    std::string text = tables_->back().name;
+    std::string text = cut(tables_->back().name);
     if (open_.size() >= 2 && tables_->back().meant && !tables_->back().entries.empty())
-        text += '|' + tables_->back().entries.back().key;
+        text += '|' + cut(tables_->back().entries.back().key);
     return text + ": ";
 }
 
@@ -174,8 +177,9 @@ bool table_reader::parse_error(size_t, const std::string &, const json::exceptio
         what.erase(0, tag + 2);
     if (const size_t where = what.find(": "); what.starts_with("parse error at ") && where != std::string::npos)
         what.erase(0, where + 2);
-    *fault_ = {*line_, "not JSON: " + what};
-    return false;
+    // A number that no machine word holds is good JSON, but nothing here can mean it.
+    const bool overflow = dynamic_cast<const json::out_of_range *>(&error) != nullptr;
+    return fail(overflow ? what : "not JSON: " + what);
 }
 
 }  // namespace

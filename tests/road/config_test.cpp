@@ -123,13 +123,13 @@ TEST(Config, WhatMakesNoSenseIsNamed)
 TEST(Config, WhatIsNoJsonIsToldWithItsLine)
 {
     const std::pair<std::string, const char *> cases[] = {
-        {"{\n\"VLAN\": {", "file:2: not JSON: "},
+        {"{\n\"VLAN\": {", "file:2: VLAN: not JSON: "},
         {"{\n\n\"VLAN\": {}} x", "file:3: not JSON: "},
-        {"{\"VLAN\": {\"Vlan\xff\": {}}}", "file:1: not JSON: "},
+        {"{\"VLAN\": {\"Vlan\xff\": {}}}", "file:1: VLAN: not JSON: "},
         {std::string("{\"VLAN\":\n {}}\0", 14), "file:2: not JSON: a NUL byte"},
-        {"{\"A\": 1e999}", "file:1: not JSON: "},
+        {"{\"A\": 1e999}", "file:1: A: number overflow"},
         {"{'VLAN': {}}", "file:1: not JSON: "},
-        {"{\"VLAN\": {},}", "file:1: not JSON: "},
+        {"{\"VLAN\": {},}", "file:1: VLAN: not JSON: "},
     };
     for (const auto &[text, start] : cases)
         EXPECT_THAT(error_of(text), testing::StartsWith(start));
