@@ -1,13 +1,34 @@
 // Waiting on libuv; see sleeper.hpp. The handles' own callbacks do nothing: the master looks at its agenda afterwards.
 #include "sleeper.hpp"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace thread_master
 {
 
 int64_t monotonic_now() { return static_cast<int64_t>(uv_hrtime() / 1000); }
 
+namespace
+{
+
+// A process may be started with standard descriptors closed. A loop that got one of their numbers would be written to by
+// whoever prints, and libuv aborts when it closes it: the numbers are taken first.
+void take_standard_descriptors()
+{
+    for (int fd = ::open("/dev/null", O_RDWR); fd >= 0; fd = ::open("/dev/null", O_RDWR)) {
+        if (fd > STDERR_FILENO) {
+            ::close(fd);
+            return;
+        }
+    }
+}
+
+}  // namespace
+
 bool sleeper::open()
 {
+    take_standard_descriptors();
     if (uv_loop_init(&loop_) != 0)
         return false;
     if (uv_async_init(&loop_, &async_, [](uv_async_t *) {}) != 0) {
