@@ -16,7 +16,7 @@ build: ## the library, the service, the command and the examples
 	@cmake --build build --parallel $(JOBS)
 
 demo: build ## bring up a sample switch on the embedded store and show what became of it
-	@build/bin/ebridge run examples/leaf.json
+	@build/bin/ebridge run --dump examples/leaf.json
 
 test: ## build everything with its tests and run them
 	@sh cmake/packages.sh build test
