@@ -17,6 +17,7 @@
 #include <memory>
 #include <numeric>
 #include <random>
+#include <span>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -121,13 +122,24 @@ struct standard : library_set<Length, std::unordered_set<record<Length> *, hash_
 
 // ---- records and probes ---------------------------------------------------------------------------------------------
 
+// Orders of the records, one after the other: small tables have many, each pass takes the next, so that the processor
+// cannot learn the way through the table by heart.
 template <size_t Length>
 struct workload {
     std::vector<record<Length>> records;
-    std::vector<record<Length> *> insertion;  // the records in the order of insertion
-    std::vector<record<Length>> hits;         // keys of all records, in the order of the probes
-    std::vector<record<Length>> misses;       // as many keys of no record
+    std::vector<record<Length> *> insertions;
+    std::vector<record<Length>> hits;    // keys of the records
+    std::vector<record<Length>> misses;  // keys of no record
+    size_t orders;
+
+    template <class Element>
+    std::span<Element> pass(std::vector<Element> &all, size_t number)
+    {
+        return std::span(all).subspan(number % orders * records.size(), records.size());
+    }
 };
+
+constexpr uint32_t OPERATIONS_TO_FORGET = 100000;
 
 // Keys that differ in their last word only, as those of one user's records do.
 template <size_t Length>
@@ -141,33 +153,42 @@ record<Length> make_record(uint32_t number)
 }
 
 template <size_t Length>
-const workload<Length> &workload_of(uint32_t count)
+workload<Length> make_workload(uint32_t count)
+{
+    workload<Length> w;
+    std::vector<uint32_t> order(count);
+    std::iota(order.begin(), order.end(), 0);
+    for (uint32_t number : order)
+        w.records.push_back(make_record<Length>(number));
+    w.orders = std::max(1u, OPERATIONS_TO_FORGET / count);
+    std::mt19937 random(count);
+    for (size_t i = 0; i < w.orders; ++i) {
+        std::shuffle(order.begin(), order.end(), random);
+        for (uint32_t number : order)
+            w.insertions.push_back(&w.records[number]);
+        std::shuffle(order.begin(), order.end(), random);
+        for (uint32_t number : order) {
+            w.hits.push_back(w.records[number]);
+            w.misses.push_back(make_record<Length>(count + number));
+        }
+    }
+    return w;
+}
+
+template <size_t Length>
+workload<Length> &workload_of(uint32_t count)
 {
     static std::map<uint32_t, workload<Length>> made;
-    const auto [at, created] = made.try_emplace(count);
-    workload<Length> &w = at->second;
-    if (!created)
-        return w;
-    std::mt19937 random(count);
-    for (uint32_t i = 0; i < count; ++i) {
-        w.records.push_back(make_record<Length>(i));
-        w.misses.push_back(make_record<Length>(count + i));
-    }
-    w.hits = w.records;
-    std::shuffle(w.hits.begin(), w.hits.end(), random);
-    std::shuffle(w.misses.begin(), w.misses.end(), random);
-    for (auto &r : w.records)
-        w.insertion.push_back(&r);
-    std::shuffle(w.insertion.begin(), w.insertion.end(), random);
-    return w;
+    const auto at = made.find(count);
+    return at != made.end() ? at->second : made.emplace(count, make_workload<Length>(count)).first->second;
 }
 
 // ---- operations -----------------------------------------------------------------------------------------------------
 
 template <class Set, size_t Length>
-void fill(Set &set, const workload<Length> &w)
+void fill(Set &set, workload<Length> &w, size_t pass = 0)
 {
-    for (record<Length> *r : w.insertion)
+    for (record<Length> *r : w.pass(w.insertions, pass))
         set.insert(r);
 }
 
@@ -187,13 +208,14 @@ double seconds_of(const Body &body)
     return processor_seconds() - start;
 }
 
-// Runs `pass`, which gives the seconds of one operation on each record, until the state has enough.
+// Runs `pass`, which is given its number and gives the seconds of one operation on each record, until the state has enough.
 template <class Pass>
 void measure(benchmark::State &state, uint32_t count, const Pass &pass)
 {
     double total = 0;
+    size_t number = 0;
     for (auto _ : state) {
-        const double seconds = pass();
+        const double seconds = pass(number++);
         state.SetIterationTime(seconds);
         total += seconds;
     }
@@ -203,24 +225,24 @@ void measure(benchmark::State &state, uint32_t count, const Pass &pass)
 template <template <size_t> class Set, size_t Length>
 void insert(benchmark::State &state, uint32_t count)
 {
-    const workload<Length> &w = workload_of<Length>(count);
-    measure(state, count, [&] {
+    workload<Length> &w = workload_of<Length>(count);
+    measure(state, count, [&](size_t pass) {
         Set<Length> set;
-        return seconds_of([&] { fill(set, w); });
+        return seconds_of([&] { fill(set, w, pass); });
     });
 }
 
 template <template <size_t> class Set, size_t Length>
 void look_up(benchmark::State &state, uint32_t count, bool present)
 {
-    const workload<Length> &w = workload_of<Length>(count);
+    workload<Length> &w = workload_of<Length>(count);
     Set<Length> set;
     fill(set, w);
-    std::vector<record<Length>> probes = present ? w.hits : w.misses;
+    std::vector<record<Length>> &probes = present ? w.hits : w.misses;
     size_t found = 0;
-    measure(state, count, [&] {
+    measure(state, count, [&](size_t pass) {
         return seconds_of([&] {
-            for (record<Length> &key : probes)
+            for (record<Length> &key : w.pass(probes, pass))
                 found += set.find(&key) != nullptr;
         });
     });
@@ -243,13 +265,12 @@ void miss(benchmark::State &state, uint32_t count)
 template <template <size_t> class Set, size_t Length>
 void erase(benchmark::State &state, uint32_t count)
 {
-    const workload<Length> &w = workload_of<Length>(count);
-    std::vector<record<Length>> probes = w.hits;
-    measure(state, count, [&] {
+    workload<Length> &w = workload_of<Length>(count);
+    measure(state, count, [&](size_t pass) {
         Set<Length> set;
-        fill(set, w);
+        fill(set, w, pass);
         const double seconds = seconds_of([&] {
-            for (record<Length> &key : probes)
+            for (record<Length> &key : w.pass(w.hits, pass))
                 set.erase(&key);
         });
         if (set.size() != 0)
@@ -261,13 +282,13 @@ void erase(benchmark::State &state, uint32_t count)
 template <template <size_t> class Set, size_t Length>
 void walk(benchmark::State &state, uint32_t count)
 {
-    const workload<Length> &w = workload_of<Length>(count);
+    workload<Length> &w = workload_of<Length>(count);
     Set<Length> set;
     fill(set, w);
     int32_t (*visitor)(record<Length> *, void *, int32_t) = visit<Length>;
     benchmark::DoNotOptimize(visitor);
     uint64_t sum = 0;
-    measure(state, count, [&] { return seconds_of([&] { set.walk(visitor, &sum); }); });
+    measure(state, count, [&](size_t) { return seconds_of([&] { set.walk(visitor, &sum); }); });
     if (sum != uint64_t{count} * (count - 1) / 2 * state.iterations())
         state.SkipWithError("wrong sum");
 }
@@ -281,7 +302,7 @@ size_t allocated_bytes()
 template <template <size_t> class Set, size_t Length>
 double bytes_per_entry(uint32_t count)
 {
-    const workload<Length> &w = workload_of<Length>(count);
+    workload<Length> &w = workload_of<Length>(count);
     const size_t before = allocated_bytes();
     Set<Length> set;
     fill(set, w);

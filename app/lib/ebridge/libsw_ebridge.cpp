@@ -459,7 +459,7 @@ subscribing_args **find_pending(const subscribing_args *wanted)
 void free_subscribing_args(subscribing_args *sa)
 {
     subscribing_args **at = find_pending(sa);
-    if (*at == nullptr)
+    if (sa == nullptr || *at == nullptr)
         return;
     *at = sa->next;
     std::free(sa->list);
