@@ -6,9 +6,9 @@
 //
 // A bucket is live, deleted or empty (two flag bits). Bucket counts are powers of two, probing is triangular and ends
 // at the first empty bucket; at most 77 % of the buckets, rounded, are live or deleted, so there always is one. Beside
-// flags and records each bucket has a tag, the record's hash or the mark of a bucket without one. Probes read tags
-// alone and look at a record only when the whole hash agrees; growth looks at none. Why it is so, with figures:
-// docs/decisions/keyed-cache-hash.md.
+// flags and records each bucket has a control byte and the record's hash. A probe reads the control bytes of its first
+// four buckets at once and looks at a record only when seven bits of the hash agree; growth looks at no record. Why it
+// is so, with figures: docs/decisions/keyed-cache-hash.md.
 #pragma once
 
 #include <algorithm>
@@ -32,18 +32,21 @@ struct keyed_cache {
     uint32_t upper_bound;  // occupied buckets at which an insertion first makes room
     uint32_t *flags;       // sixteen buckets a word, two bits each: enum bucket_state
     void **keys;           // records
-    uint32_t *tags;        // what a probe has to know of each bucket: a record's hash, or a TAG_
+    uint32_t *hashes;      // of the records in live buckets
+    uint8_t *control;      // what a probe has to know of each bucket: fragment_of() its hash, or a CONTROL_; the
+                           // first CONTROL_REPEATED buckets stand once more behind the last
 };
 
 enum bucket_state : uint32_t { BUCKET_LIVE = 0, BUCKET_DELETED = 1, BUCKET_EMPTY = 2 };
 
 constexpr uint32_t NO_BUCKET = UINT32_MAX;
 
-constexpr uint32_t TAG_EMPTY = 0;
-constexpr uint32_t TAG_DELETED = 1;
+constexpr uint8_t CONTROL_EMPTY = 0x80;
+constexpr uint8_t CONTROL_DELETED = 0xFE;
+constexpr uint32_t CONTROL_REPEATED = sizeof(uint64_t) - 1;
 
-// A record's hash with the highest bit set; bucket numbers have no use for that bit.
-constexpr uint32_t tag_of(uint32_t hash) { return hash | 0x80000000; }
+// The seven bits of a hash that a bucket's number does not tell (in tables of up to 2^25 buckets).
+constexpr uint8_t fragment_of(uint32_t hash) { return static_cast<uint8_t>(hash >> 25); }
 
 // 77 % of the bucket count, rounded; in integers because small targets have no floating point unit.
 constexpr uint32_t upper_bound_of(uint32_t bucket_count)
@@ -59,6 +62,52 @@ inline void set_state(uint32_t *flags, uint32_t bucket, bucket_state state)
     flags[bucket / 16] = (flags[bucket / 16] & ~(3u << shift)) | static_cast<uint32_t>(state) << shift;
 }
 
+inline void set_control(const keyed_cache &cache, uint32_t bucket, uint8_t control)
+{
+    cache.control[bucket] = control;
+    for (uint64_t copy = uint64_t{bucket} + cache.bucket_count; copy < uint64_t{cache.bucket_count} + CONTROL_REPEATED;
+         copy += cache.bucket_count)
+        cache.control[copy] = control;
+}
+
+// The first steps of a triangular probe lead 0, 1, 3 and 6 buckets on from where it begins: all within eight control
+// bytes. A window is those eight as one word, the first lowest; each question is answered for the four buckets at once,
+// without a branch, by the highest bit of their bytes. After S. E. Anderson's "Bit Twiddling Hacks" (a zero byte in a
+// word) and the control bytes of Abseil's "Swiss tables".
+class probe_window
+{
+  public:
+    static constexpr uint32_t STEPS = 4;         // steps that a window covers, its beginning included
+    static constexpr uint32_t NEXT_OFFSET = 10;  // how far on the first one behind the window leads
+
+    explicit probe_window(const uint8_t *control)
+    {
+        std::memcpy(&bytes_, control, sizeof bytes_);
+        if constexpr (std::endian::native == std::endian::big)
+            bytes_ = __builtin_bswap64(bytes_);
+    }
+
+    // Buckets that may hold a hash of this fragment. Never an empty or deleted one; now and then a wrong live one,
+    // which a comparison of keys finds out.
+    uint64_t matches(uint8_t fragment) const
+    {
+        const uint64_t difference = bytes_ ^ LOWEST_BITS * fragment;
+        return (difference - LOWEST_BITS) & ~difference & PROBED;
+    }
+
+    uint64_t empty() const { return bytes_ & ~bytes_ << 6 & PROBED; }  // bit 1 tells it from a deleted one
+    uint64_t not_live() const { return bytes_ & PROBED; }
+
+    // How far on the first of those buckets is.
+    static uint32_t offset_of(uint64_t buckets) { return static_cast<uint32_t>(std::countr_zero(buckets)) / 8; }
+
+  private:
+    static constexpr uint64_t LOWEST_BITS = 0x0101010101010101;
+    static constexpr uint64_t PROBED = 0x0080000080008080;  // highest bits of bytes 0, 1, 3 and 6
+
+    uint64_t bytes_;
+};
+
 // Makes room for one more record: drops the deleted marks when fewer than half of the buckets are live, else doubles
 // the buckets. False without memory; the table is then as it was.
 bool keyed_cache_make_room(keyed_cache &cache);
@@ -66,8 +115,18 @@ bool keyed_cache_make_room(keyed_cache &cache);
 // Frees the arrays and leaves an empty table. The records are the caller's.
 void keyed_cache_clear(keyed_cache &cache);
 
-// One bit, the lower of its pair, for each live bucket of a word of flags.
-constexpr uint32_t live_pairs(uint32_t flags) { return ~(flags | flags >> 1) & 0x55555555; }
+// One bit, the lower of its pair, for each live bucket of a word of flags, without the buckets before `first` and from
+// `end` on.
+inline uint32_t live_pairs(const uint32_t *flags, uint32_t base, uint64_t first, uint64_t end)
+{
+    const uint32_t word = flags[base / 16];
+    uint32_t live = ~(word | word >> 1) & 0x55555555;
+    if (first > base)
+        live &= ~0u << (first - base) * 2;
+    if (end < base + 16)
+        live &= ~(~0u << (end - base) * 2);
+    return live;
+}
 
 // Visits the live buckets of a range in their order until a result is not 0, and returns that; else 0. A bucket's state
 // is looked at right before its visit, so a visitor may remove.
@@ -77,9 +136,9 @@ int32_t keyed_cache_walk(const keyed_cache &cache, uint32_t first, uint32_t coun
 {
     const uint64_t end = std::min<uint64_t>(uint64_t{first} + count, cache.bucket_count);
     for (uint32_t base = first / 16 * 16; base < end; base += 16) {
-        for (uint32_t live = live_pairs(cache.flags[base / 16]); live != 0; live &= live - 1) {
+        for (uint32_t live = live_pairs(cache.flags, base, first, end); live != 0; live &= live - 1) {
             const uint32_t bucket = base + static_cast<uint32_t>(std::countr_zero(live)) / 2;
-            if (bucket < first || bucket >= end || state_of(cache.flags, bucket) != BUCKET_LIVE)
+            if (cache.control[bucket] >= CONTROL_EMPTY)
                 continue;
             const int32_t result = visit(static_cast<Record *>(cache.keys[bucket]), arg, static_cast<int32_t>(bucket));
             if (result != 0)
@@ -103,15 +162,28 @@ struct keyed_table {
     {
         if (cache.bucket_count == 0)
             return NO_BUCKET;
-        const uint32_t tag = tag_of(Hash(key));
+        const uint32_t hash = Hash(key);
         const uint32_t mask = cache.bucket_count - 1;
-        uint32_t bucket = tag & mask;
-        for (uint32_t step = 1; cache.tags[bucket] != tag || !holds(cache, bucket, key); ++step) {
-            if (cache.tags[bucket] == TAG_EMPTY)
-                return NO_BUCKET;
+        __builtin_prefetch(&cache.keys[hash & mask]);  // most hits are in the first bucket: fetch both at once
+        const probe_window window(cache.control + (hash & mask));
+        for (uint64_t match = window.matches(fragment_of(hash)); match != 0; match &= match - 1) {
+            const uint32_t bucket = (hash + probe_window::offset_of(match)) & mask;
+            if (holds(cache, bucket, key))
+                return bucket;
+        }
+        return window.empty() != 0 ? NO_BUCKET : find_bucket_behind_window(cache, key, hash);
+    }
+
+    static uint32_t find_bucket_behind_window(const keyed_cache &cache, const void *key, uint32_t hash)
+    {
+        const uint32_t mask = cache.bucket_count - 1;
+        uint32_t bucket = (hash + probe_window::NEXT_OFFSET) & mask;
+        for (uint32_t step = probe_window::STEPS + 1; cache.control[bucket] != CONTROL_EMPTY; ++step) {
+            if (cache.control[bucket] == fragment_of(hash) && holds(cache, bucket, key))
+                return bucket;
             bucket = (bucket + step) & mask;
         }
-        return bucket;
+        return NO_BUCKET;
     }
 
     static void *find(const keyed_cache &cache, const void *key)
@@ -125,26 +197,45 @@ struct keyed_table {
     {
         if (cache.occupied >= cache.upper_bound && !keyed_cache_make_room(cache))
             return false;
-        const uint32_t tag = tag_of(Hash(record));
-        const uint32_t mask = cache.bucket_count - 1;
-        uint32_t bucket = tag & mask;
-        uint32_t reusable = NO_BUCKET;  // first deleted bucket on the way
-        for (uint32_t step = 1; cache.tags[bucket] != TAG_EMPTY; ++step) {
-            if (cache.tags[bucket] == tag && holds(cache, bucket, record))
-                return false;
-            if (reusable == NO_BUCKET && cache.tags[bucket] == TAG_DELETED)
-                reusable = bucket;
-            bucket = (bucket + step) & mask;
-        }
-        if (reusable == NO_BUCKET)
-            ++cache.occupied;
-        else
-            bucket = reusable;
+        const uint32_t hash = Hash(record);
+        const uint32_t bucket = find_place(cache, record, hash);
+        if (bucket == NO_BUCKET)
+            return false;
+        cache.occupied += cache.control[bucket] == CONTROL_EMPTY;
         cache.keys[bucket] = record;
-        cache.tags[bucket] = tag;
+        cache.hashes[bucket] = hash;
+        set_control(cache, bucket, fragment_of(hash));
         set_state(cache.flags, bucket, BUCKET_LIVE);
         ++cache.size;
         return true;
+    }
+
+    // Where a record of that key goes: the first deleted bucket on the probe's way, else the empty one at its end.
+    // NO_BUCKET when the key is stored.
+    static uint32_t find_place(const keyed_cache &cache, const void *key, uint32_t hash)
+    {
+        const uint32_t mask = cache.bucket_count - 1;
+        const probe_window window(cache.control + (hash & mask));
+        for (uint64_t match = window.matches(fragment_of(hash)); match != 0; match &= match - 1)
+            if (holds(cache, (hash + probe_window::offset_of(match)) & mask, key))
+                return NO_BUCKET;
+        const uint64_t usable = window.not_live();
+        const uint32_t first_usable = usable == 0 ? NO_BUCKET : (hash + probe_window::offset_of(usable)) & mask;
+        return window.empty() != 0 ? first_usable : find_place_behind_window(cache, key, hash, first_usable);
+    }
+
+    static uint32_t find_place_behind_window(const keyed_cache &cache, const void *key, uint32_t hash, uint32_t usable)
+    {
+        const uint32_t mask = cache.bucket_count - 1;
+        uint32_t bucket = (hash + probe_window::NEXT_OFFSET) & mask;
+        for (uint32_t step = probe_window::STEPS + 1; cache.control[bucket] != CONTROL_EMPTY; ++step) {
+            if (cache.control[bucket] == fragment_of(hash) && holds(cache, bucket, key))
+                return NO_BUCKET;
+            if (usable == NO_BUCKET && cache.control[bucket] == CONTROL_DELETED)
+                usable = bucket;
+            bucket = (bucket + step) & mask;
+        }
+        return usable == NO_BUCKET ? bucket : usable;
     }
 
     // Takes the record of that key out and returns it, or null.
@@ -153,7 +244,7 @@ struct keyed_table {
         const uint32_t bucket = find_bucket(cache, key);
         if (bucket == NO_BUCKET)
             return nullptr;
-        cache.tags[bucket] = TAG_DELETED;
+        set_control(cache, bucket, CONTROL_DELETED);
         set_state(cache.flags, bucket, BUCKET_DELETED);
         --cache.size;
         return cache.keys[bucket];

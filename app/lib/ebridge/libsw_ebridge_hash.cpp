@@ -25,51 +25,66 @@ constexpr uint32_t MAX_BUCKETS =
     std::bit_floor(static_cast<uint32_t>(std::min<size_t>(INT32_MAX, SIZE_MAX / sizeof(void *))));
 
 template <class Element>
-bool enlarge(Element *&array, uint32_t count)
+bool enlarge(Element *&array, size_t count)
 {
-    void *larger = std::realloc(static_cast<void *>(array), size_t{count} * sizeof(Element));
+    void *larger = std::realloc(static_cast<void *>(array), count * sizeof(Element));
     if (larger == nullptr)
         return false;
     array = static_cast<Element *>(larger);
     return true;
 }
 
-uint32_t *new_flags(uint32_t count)
+// Memory of that many bytes, each of that value; null without.
+void *new_filled(size_t bytes, uint8_t value)
 {
-    const size_t bytes = size_t{(count + 15) / 16} * sizeof(uint32_t);
-    void *flags = std::malloc(bytes);
-    if (flags != nullptr)
-        std::memset(flags, 0xAA, bytes);  // BUCKET_EMPTY in every pair
-    return static_cast<uint32_t *>(flags);
+    void *memory = std::malloc(bytes);
+    return memory == nullptr ? nullptr : std::memset(memory, value, bytes);
 }
 
-// Puts all records where `count` buckets want them, in place: a record that finds its new bucket taken by one that has
-// not moved yet takes the bucket, and the one kicked out moves next.
-void move_records(keyed_cache &cache, uint32_t *flags, uint32_t count)
+// The first empty bucket on the way of a hash in the arrays after growth, which have no deleted buckets.
+uint32_t first_empty(const uint8_t *control, uint32_t mask, uint32_t hash)
 {
-    const uint32_t mask = count - 1;
-    for (uint32_t from = 0; from < cache.bucket_count; ++from) {
-        if (state_of(cache.flags, from) != BUCKET_LIVE)
+    const probe_window window(control + (hash & mask));
+    if (window.empty() != 0)
+        return (hash + probe_window::offset_of(window.empty())) & mask;
+    uint32_t bucket = (hash + probe_window::NEXT_OFFSET) & mask;
+    for (uint32_t step = probe_window::STEPS + 1; control[bucket] != CONTROL_EMPTY; ++step)
+        bucket = (bucket + step) & mask;
+    return bucket;
+}
+
+// Puts all records where the buckets of `cache` want them, in place: a record that finds its new bucket taken by one
+// that has not moved yet takes the bucket, and the one kicked out moves next. `unmoved` is the control of the old
+// buckets, as long as that of the new.
+void move_records(const keyed_cache &cache, uint8_t *unmoved, uint32_t old_count)
+{
+    for (uint32_t from = 0; from < old_count; ++from) {
+        if (unmoved[from] >= CONTROL_EMPTY)
             continue;
-        set_state(cache.flags, from, BUCKET_DELETED);
+        unmoved[from] = CONTROL_DELETED;
         void *record = cache.keys[from];
-        uint32_t tag = std::exchange(cache.tags[from], TAG_EMPTY);
+        uint32_t hash = cache.hashes[from];
         for (bool kicked_out = true; kicked_out;) {
-            uint32_t to = tag & mask;
-            for (uint32_t step = 1; state_of(flags, to) != BUCKET_EMPTY; ++step)
-                to = (to + step) & mask;
-            set_state(flags, to, BUCKET_LIVE);
-            kicked_out = to < cache.bucket_count && state_of(cache.flags, to) == BUCKET_LIVE;
-            if (kicked_out) {
-                set_state(cache.flags, to, BUCKET_DELETED);
-                std::swap(record, cache.keys[to]);
-                std::swap(tag, cache.tags[to]);
-            } else {
-                cache.keys[to] = record;
-                cache.tags[to] = tag;
-            }
+            const uint32_t to = first_empty(cache.control, cache.bucket_count - 1, hash);
+            set_control(cache, to, fragment_of(hash));
+            set_state(cache.flags, to, BUCKET_LIVE);
+            kicked_out = unmoved[to] < CONTROL_EMPTY;
+            unmoved[to] = CONTROL_DELETED;
+            record = std::exchange(cache.keys[to], record);
+            hash = std::exchange(cache.hashes[to], hash);
         }
     }
+}
+
+// The arrays that records move in and out of, enlarged; one that was before another could not be serves the old bucket
+// count as well.
+bool enlarge_in_place(keyed_cache &cache, uint32_t count)
+{
+    if (!enlarge(cache.keys, count) || !enlarge(cache.hashes, count) ||
+        !enlarge(cache.control, size_t{count} + CONTROL_REPEATED))
+        return false;
+    std::memset(cache.control + cache.bucket_count, CONTROL_EMPTY, count - cache.bucket_count);
+    return true;
 }
 
 }  // namespace
@@ -80,20 +95,19 @@ bool keyed_cache_make_room(keyed_cache &cache)
     if (!mostly_deleted && cache.bucket_count >= MAX_BUCKETS)
         return false;
     const uint32_t count = mostly_deleted ? cache.bucket_count : std::max(MIN_BUCKETS, cache.bucket_count * 2);
-    uint32_t *flags = new_flags(count);
-    if (flags == nullptr)
-        return false;
-    // An array that was enlarged before another could not be serves the old bucket count as well.
-    if (!mostly_deleted && (!enlarge(cache.keys, count) || !enlarge(cache.tags, count))) {
+    void *flags = new_filled(size_t{(count + 15) / 16} * sizeof(uint32_t), 0xAA);  // BUCKET_EMPTY in every pair
+    void *control = new_filled(size_t{count} + CONTROL_REPEATED, CONTROL_EMPTY);
+    if (flags == nullptr || control == nullptr || (!mostly_deleted && !enlarge_in_place(cache, count))) {
         std::free(flags);
+        std::free(control);
         return false;
     }
-    std::replace(cache.tags, cache.tags + cache.bucket_count, TAG_DELETED, TAG_EMPTY);
-    std::fill(cache.tags + cache.bucket_count, cache.tags + count, TAG_EMPTY);
-    move_records(cache, flags, count);
     std::free(cache.flags);
-    cache.flags = flags;
-    cache.bucket_count = count;
+    cache.flags = static_cast<uint32_t *>(flags);
+    uint8_t *unmoved = std::exchange(cache.control, static_cast<uint8_t *>(control));
+    const uint32_t old_count = std::exchange(cache.bucket_count, count);
+    move_records(cache, unmoved, old_count);
+    std::free(unmoved);
     cache.occupied = cache.size;
     cache.upper_bound = upper_bound_of(count);
     return true;
@@ -103,7 +117,8 @@ void keyed_cache_clear(keyed_cache &cache)
 {
     std::free(cache.flags);
     std::free(static_cast<void *>(cache.keys));
-    std::free(cache.tags);
+    std::free(cache.hashes);
+    std::free(cache.control);
     cache = {};
 }
 

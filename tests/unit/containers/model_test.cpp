@@ -37,6 +37,73 @@ uint32_t hash_neighbours(const void *key) { return number_of(key); }
 uint32_t hash_eight_values(const void *key) { return number_of(key) % 8 * 0x10001; }
 uint32_t hash_one_value(const void *) { return 0xffffffff; }
 
+// The rules that say which bucket a record is in, one step at a time and with nothing but the records themselves.
+template <uint32_t (*Hash)(const void *)>
+class plain_buckets
+{
+  public:
+    struct bucket {
+        sw::bucket_state state = sw::BUCKET_EMPTY;
+        void *record = nullptr;
+    };
+
+    // An insertion of a key that is stored makes room too.
+    void make_room_if_needed()
+    {
+        if (occupied_ >= sw::upper_bound_of(static_cast<uint32_t>(buckets_.size())))
+            make_room();
+    }
+
+    void insert(void *record)
+    {
+        const size_t end = walk(Hash(record), [](const bucket &b) { return b.state == sw::BUCKET_EMPTY; });
+        const size_t place = walk(Hash(record), [](const bucket &b) { return b.state != sw::BUCKET_LIVE; });
+        occupied_ += place == end;
+        buckets_[place] = {sw::BUCKET_LIVE, record};
+        ++size_;
+    }
+
+    void remove(const void *record)
+    {
+        buckets_[walk(Hash(record), [&](const bucket &b) { return b.record == record; })] = {sw::BUCKET_DELETED,
+                                                                                             nullptr};
+        --size_;
+    }
+
+    const std::vector<bucket> &all() const { return buckets_; }
+
+  private:
+    template <class Test>
+    size_t walk(size_t at, Test ends) const
+    {
+        at %= buckets_.size();
+        for (size_t step = 1; !ends(buckets_[at]); ++step)
+            at = (at + step) % buckets_.size();
+        return at;
+    }
+
+    void make_room()
+    {
+        const size_t count = buckets_.size() > 2 * size_ ? buckets_.size() : std::max<size_t>(4, 2 * buckets_.size());
+        std::vector<bucket> old = std::move(buckets_);
+        buckets_.assign(count, {});
+        old.resize(count);
+        for (size_t from = 0; from < count; ++from) {
+            // A record that wants the bucket of one that has not moved yet sends that one on its way.
+            for (size_t moving = from; old[moving].state == sw::BUCKET_LIVE;) {
+                void *record = old[moving].record;
+                old[moving].state = sw::BUCKET_DELETED;
+                moving = walk(Hash(record), [](const bucket &b) { return b.state == sw::BUCKET_EMPTY; });
+                buckets_[moving] = {sw::BUCKET_LIVE, record};
+            }
+        }
+        occupied_ = size_;
+    }
+
+    std::vector<bucket> buckets_;
+    size_t size_ = 0, occupied_ = 0;
+};
+
 template <uint32_t (*Hash)(const void *)>
 class keyed_run
 {
@@ -87,8 +154,11 @@ class keyed_run
             recording::fail_allocation(1 + below(random_, 3));
         const bool inserted = table::insert(cache_, &r);
         recording::fail_allocation(0);
+        if (cache_.flags != before.flags)
+            plain_.make_room_if_needed();
         if (inserted) {
             EXPECT_TRUE(model_.emplace(number_of(&r), &r).second);
+            plain_.insert(&r);
         } else if (model_.count(number_of(&r)) == 0) {
             EXPECT_TRUE(failing && needs_room);
             EXPECT_EQ(cache_.bucket_count, before.bucket_count);
@@ -103,8 +173,10 @@ class keyed_run
         keyed_record &r = any();
         const auto known = model_.find(number_of(&r));
         EXPECT_EQ(table::remove(cache_, &r), known == model_.end() ? nullptr : known->second);
-        if (known != model_.end())
+        if (known != model_.end()) {
+            plain_.remove(known->second);
             model_.erase(known);
+        }
     }
 
     void find()
@@ -131,6 +203,7 @@ class keyed_run
             return -1;
         if (++run->visited_ % 7 == 0) {
             EXPECT_EQ(table::remove(run->cache_, record), record);
+            run->plain_.remove(record);
             run->model_.erase(known);
         }
         return 0;
@@ -141,16 +214,24 @@ class keyed_run
         EXPECT_EQ(cache_.size, model_.size());
         EXPECT_LE(cache_.size, cache_.occupied);
         EXPECT_LE(cache_.occupied, cache_.upper_bound);
+        ASSERT_EQ(cache_.bucket_count, plain_.all().size());
         uint32_t live = 0, occupied = 0;
         for (uint32_t i = 0; i < cache_.bucket_count; ++i) {
             const uint32_t state = sw::state_of(cache_.flags, i);
             live += state == sw::BUCKET_LIVE;
             occupied += state != sw::BUCKET_EMPTY;
-            // The tags that probes read tell the same as the flags that walks read.
-            ASSERT_EQ(cache_.tags[i], state == sw::BUCKET_LIVE      ? sw::tag_of(Hash(cache_.keys[i]))
-                                      : state == sw::BUCKET_DELETED ? sw::TAG_DELETED
-                                                                    : sw::TAG_EMPTY);
+            ASSERT_EQ(state, plain_.all()[i].state) << i;
+            // What probes read tells the same as the flags that walks read.
+            ASSERT_EQ(cache_.control[i], state == sw::BUCKET_LIVE      ? sw::fragment_of(Hash(cache_.keys[i]))
+                                         : state == sw::BUCKET_DELETED ? sw::CONTROL_DELETED
+                                                                       : sw::CONTROL_EMPTY);
+            if (state == sw::BUCKET_LIVE) {
+                ASSERT_EQ(cache_.keys[i], plain_.all()[i].record) << i;
+                ASSERT_EQ(cache_.hashes[i], Hash(cache_.keys[i]));
+            }
         }
+        for (uint32_t i = 0; cache_.bucket_count != 0 && i < sw::CONTROL_REPEATED; ++i)
+            ASSERT_EQ(cache_.control[cache_.bucket_count + i], cache_.control[i % cache_.bucket_count]);
         EXPECT_EQ(live, cache_.size);
         EXPECT_EQ(occupied, cache_.occupied);
         for (keyed_record &r : records_) {
@@ -163,6 +244,7 @@ class keyed_run
     std::vector<keyed_record> records_;
     sw::keyed_cache cache_{};
     std::unordered_map<uint32_t, keyed_record *> model_;
+    plain_buckets<Hash> plain_;
     size_t visited_ = 0;
 };
 
