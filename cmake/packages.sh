@@ -9,9 +9,9 @@ set -eu
 packages_of() {
     case $1 in
     build) echo 'g++ cmake ninja-build pkg-config libprotobuf-c-dev protobuf-c-compiler libuv1-dev libspdlog-dev' \
-        'nlohmann-json3-dev libcli11-dev' ;;
-    test) echo 'libgtest-dev libgmock-dev' ;;
-    bench) echo 'libbenchmark-dev libabsl-dev' ;;
+        'libhiredis-dev nlohmann-json3-dev libcli11-dev' ;;
+    test) echo 'libgtest-dev libgmock-dev redis-server' ;;
+    bench) echo 'libbenchmark-dev libabsl-dev redis-server' ;;
     lint) echo 'clang clang-format clang-tidy libclang-rt-14-dev shellcheck' ;;
     *) echo "packages.sh: no list '$1'" >&2; exit 2 ;;
     esac

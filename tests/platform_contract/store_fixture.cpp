@@ -4,7 +4,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <ostream>
+
+#include "redis_server.hpp"
 
 namespace contract
 {
@@ -49,7 +52,17 @@ void stop(void *master) { qz_thread_stop(static_cast<qz_thread_master *>(master)
 std::string store_url()
 {
     const char *url = std::getenv("EBRIDGE_CONTRACT_URL");
-    return url != nullptr ? url : "mem:contract";
+    if (url == nullptr)
+        return "mem:contract";
+    if (std::strcmp(url, "redis") != 0)
+        return url;
+    return store_server().url();
+}
+
+support::redis_server &store_server()
+{
+    static support::redis_server server;  // each test is a process, so each has one
+    return server;
 }
 
 int32_t listener::hear(qz_mom_handle *handle, const qz_mom_notification *msg, void *args)

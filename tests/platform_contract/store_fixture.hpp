@@ -1,7 +1,8 @@
 // What the store tests share: handles on one master, records of what their callbacks heard, and time that passes.
 //
-// The store is named by the environment variable EBRIDGE_CONTRACT_URL, by default an embedded one. On the embedded
-// store the master's clock is driven, so that time passes at once; elsewhere it is real.
+// The store is named by the environment variable EBRIDGE_CONTRACT_URL, by default an embedded one; "redis" starts a
+// server for each test. Any other store has to be empty at the start. On the embedded store the master's clock is
+// driven, so that time passes at once; elsewhere it is real.
 #ifndef PLATFORM_CONTRACT_STORE_FIXTURE_HPP
 #define PLATFORM_CONTRACT_STORE_FIXTURE_HPP
 
@@ -15,6 +16,7 @@
 
 #include "qz_mom.h"
 #include "qz_thread.h"
+#include "redis_server.hpp"
 #include "u_bridge.pb-c.h"
 
 namespace contract
@@ -24,6 +26,8 @@ namespace contract
 constexpr uint32_t app_db = 4;
 
 std::string store_url();
+// The server that "redis" starts.
+support::redis_server &store_server();
 
 // One notification, copied.
 struct heard {

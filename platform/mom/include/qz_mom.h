@@ -21,7 +21,8 @@
  *  7. Null. A null handle, record, key message or mandatory callback is refused with QZ_MOM_EINVAL, never a crash.
  *  8. Bounds. What waits to be delivered to a handle is bounded (qz_mom_set_queue_limits); past the hard limit the
  *     calls that would add to it are refused with QZ_MOM_EFULL. Only the ends of expiry calls already accepted may come
- *     on top.
+ *     on top. On Redis a full queue refuses no write: the log of changes is read on when there is room. There EFULL
+ *     means that 65,536 calls wait for the server.
  *  9. Keys. The key of a record that is delivered is read from its key text (see below). So an address in a key that
  *     was written as zeros comes back as null.
  * 10. Foreign data. Records whose key text or content is not of the type asked for are skipped; each is logged once per
@@ -122,8 +123,15 @@ enum { QZ_MOM_RECONNECT_ERROR = 1, QZ_MOM_RECONNECT_DONE = 2 };
 
 /* ---- handles ---------------------------------------------------------------------------------------------------- */
 
-/* Opens a handle. `url` is "mem:NAME": the embedded store, shared by all handles of that name in the process; it lives
- * as long as one of them is open. *out is set on 0 only. EINVAL, EURL, ENOMEM. */
+/* Opens a handle. `url` is
+ *   mem:NAME                                 the embedded store, shared by all handles of that name in the process; it
+ *                                            lives as long as one of them is open
+ *   redis://[USER:PASSWORD@]HOST[:PORT]      a Redis server (7.0 or later), shared by processes; databases 0 to 15
+ *   redis+unix://[USER:PASSWORD@]/PATH       the same by its unix socket. %XX in USER and PASSWORD stands for a byte
+ * A Redis server is connected when a database is first used, and again whenever the connection is lost: calls made
+ * before the first connection wait for it, calls made after a loss are refused with EDOWN until it is back. Calls that
+ * were under way are then made again, and none is done twice. What changed meanwhile is told as changed, what was
+ * removed as removed. *out is set on 0 only. EINVAL, EURL, ENOMEM. */
 int32_t qz_mom_client_open(const char *url, qz_thread_master *master, qz_mom_handle **out);
 /* Closes a handle, on its master's thread or while nobody runs the master. No callback of it runs afterwards; expiry
  * marks that it set go on. Null is allowed. */

@@ -18,6 +18,7 @@ struct change {
     std::string key;
     std::string fields;                   // names of the written fields, joined with commas
     std::shared_ptr<const content> body;  // the record as of this change; null where the notification has no value
+    int32_t error = 0;                    // enum qz_mom_code; of answers
 };
 using change_ptr = std::shared_ptr<const change>;
 

@@ -134,9 +134,8 @@ int32_t open(std::string_view url, qz_thread_master *master, qz_mom_handle **out
     constexpr std::string_view embedded = "mem:";
     const auto made = std::make_shared<client>();
     made->master = master;
-    if (!url.starts_with(embedded))
-        return QZ_MOM_EURL;
-    const int32_t code = open_embedded(url.substr(embedded.size()), made);
+    const int32_t code =
+        url.starts_with(embedded) ? open_embedded(url.substr(embedded.size()), made) : open_redis(url, made);
     if (code == QZ_MOM_OK)
         *out = made.get();
     return code;
@@ -298,7 +297,10 @@ int32_t qz_mom_pexpire(qz_mom_handle *handle, uint32_t db, const ProtobufCMessag
 int32_t qz_mom_pexpire_sync(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, int32_t mode,
                             const qz_mom_timeval *delay)
 {
-    return mark(handle, db, record, mode, delay, receiver{nullptr, nullptr}, nullptr);
+    const int32_t code = mark(handle, db, record, mode, delay, receiver{nullptr, nullptr}, nullptr);
+    if (code != QZ_MOM_OK)
+        return code;
+    return with_database(handle, db, nullptr, [db](client &from, store &in) { return in.finish(from, db); });
 }
 
 int32_t qz_mom_clear_expire(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, qz_mom_msg_cb cb,

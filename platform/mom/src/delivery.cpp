@@ -37,6 +37,7 @@ void call(client &to, const message &told)
     note.field = told.field != nullptr ? told.field->name : what.fields.c_str();
     note.cmd = what.cmd;
     note.end = what.end;
+    note.error = what.error;
     message_ptr record;
     if (what.body != nullptr) {
         record = decode(*told.type, what.key, *what.body);
@@ -232,6 +233,12 @@ void post_office::detach(const client &who) noexcept
         std::any_of(clients_.begin(), clients_.end(), [&](const auto &each) { return each->master == master; });
     if (!served)
         std::erase_if(pumps_, [&](const auto &each) { return each->master() == master; });
+}
+
+std::shared_ptr<client> post_office::attached(const std::weak_ptr<client> &who) const noexcept
+{
+    auto found = who.lock();
+    return std::find(clients_.begin(), clients_.end(), found) != clients_.end() ? found : nullptr;
 }
 
 bool post_office::room_for(const deliveries &out) const noexcept

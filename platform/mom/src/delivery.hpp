@@ -102,6 +102,9 @@ class post_office : public std::enable_shared_from_this<post_office>
     // In the order in which they were opened.
     const std::vector<std::shared_ptr<client>> &clients() const { return clients_; }
 
+    // The handle as long as it is open, else null.
+    std::shared_ptr<client> attached(const std::weak_ptr<client> &who) const noexcept;
+
     // True when no queue would pass its hard limit.
     bool room_for(const deliveries &out) const noexcept;
     // Puts each delivery into the queue of its handle; `out` is empty afterwards.

@@ -31,6 +31,10 @@ class key_pattern
     const std::string &text() const { return text_; }
     // In sorted keys, those that can match stand together, from this one on until the first that is past them.
     const std::string &prefix() const { return prefix_; }
+    // True when one key alone can match, text().
+    bool exact() const { return exact_; }
+    // One per key field; empty: any value. Nothing where exact().
+    const std::vector<std::string> &wanted() const { return wanted_; }
     bool past(std::string_view key) const { return exact_ ? key != text_ : !key.starts_with(prefix_); }
 
   private:

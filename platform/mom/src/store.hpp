@@ -58,10 +58,14 @@ class store
     virtual int32_t mark(client &from, const target &of, int64_t delay_usec, const receiver &end) = 0;
     virtual int32_t clear_mark(client &from, const target &at, const receiver &answer) = 0;
     virtual int32_t remove_marked(client &from, const target &of, const receiver &end) = 0;
+
+    // Waits until what this handle's calls on the database have asked for is done; EDOWN when that takes too long.
+    virtual int32_t finish(client &from, uint32_t db) = 0;
 };
 
-// The schemes. Each opens the store of the rest of the URL for a handle: the handle is attached, and code 0 returned.
+// The schemes. Each opens the store of the name or URL for a handle: the handle is attached, and code 0 returned.
 int32_t open_embedded(std::string_view name, const std::shared_ptr<client> &who);
+int32_t open_redis(std::string_view url, const std::shared_ptr<client> &who);
 
 }  // namespace mom
 #endif

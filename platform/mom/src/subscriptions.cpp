@@ -58,6 +58,15 @@ void subscription_table::remove_all(const client &owner) noexcept
     }
 }
 
+bool subscription_table::any(uint32_t db, std::string_view name) const noexcept
+{
+    const auto types = by_db_.find(db);
+    if (types == by_db_.end())
+        return false;
+    const auto at = types->second.find(name);
+    return at != types->second.end() && !at->second.empty();
+}
+
 void subscription_table::address(const change_ptr &what, std::span<const uint32_t> written, deliveries &out) const
 {
     const auto types = by_db_.find(what->db);

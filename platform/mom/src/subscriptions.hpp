@@ -30,6 +30,9 @@ class subscription_table
     void remove(uint32_t db, const client &owner, const key_pattern &pattern, const receiver &to) noexcept;
     void remove_all(const client &owner) noexcept;
 
+    // True when somebody follows records of that name.
+    bool any(uint32_t db, std::string_view name) const noexcept;
+
     // One delivery for each subscription that hears of the change. `written`: the field numbers of a write by field.
     void address(const change_ptr &what, std::span<const uint32_t> written, deliveries &out) const;
 

@@ -1,0 +1,818 @@
+// One database of a Redis server. See redis_line.hpp.
+#include "redis_line.hpp"
+
+#include <algorithm>
+#include <charconv>
+#include <utility>
+
+#include "mom_log.hpp"
+#include "redis_script.hpp"
+
+namespace mom
+{
+namespace
+{
+
+using namespace std::chrono_literals;
+
+constexpr size_t MAX_WRITES = 128;         // of one call
+constexpr size_t ENOUGH_FOR_A_CALL = 64;   // while other calls are under way, fewer writes wait for company
+constexpr size_t MAX_UNDER_WAY = 4;        // calls
+constexpr size_t MAX_UNTOLD_ENTRIES = 64;  // while so many wait for room no more are read
+constexpr uint32_t SCAN_PIECE = 64;
+constexpr auto CONNECT_PATIENCE = 2s;
+constexpr auto ANSWER_PATIENCE = 3s;
+constexpr auto LOG_PATIENCE = 4s;
+constexpr auto FIRE_INTERVAL = 200ms;
+constexpr std::string_view LOG_BLOCK = "1000";  // milliseconds that a read of the log waits for an entry
+
+uint64_t number_of(std::string_view text)
+{
+    uint64_t number = 0;
+    std::from_chars(text.data(), text.data() + text.size(), number);
+    return number;
+}
+
+std::string_view verb_of(redis_operation::kind kind)
+{
+    switch (kind) {
+        case redis_operation::kind::write:
+            return "write";
+        case redis_operation::kind::mark:
+            return "mark";
+        case redis_operation::kind::sweep:
+            return "sweep";
+        case redis_operation::kind::fire:
+            return "fire";
+        case redis_operation::kind::page:
+            return "page";
+        case redis_operation::kind::lost_mark:
+            return "left";
+    }
+    return {};
+}
+
+bool changes_something(const redis_operation &operation)
+{
+    const bool may = operation.what == redis_operation::kind::write || operation.what == redis_operation::kind::mark ||
+                     operation.what == redis_operation::kind::sweep;
+    return may && !operation.words.empty();
+}
+
+// Refusals of a server that will serve again, itself or by another in its place.
+bool passes(std::string_view error)
+{
+    for (const std::string_view kind : {"READONLY", "LOADING", "MASTERDOWN", "NOSCRIPT", "BUSY", "NOREPLICAS"})
+        if (error.starts_with(kind))
+            return true;
+    return false;
+}
+
+bool same_content(const content &a, const content &b)
+{
+    const auto same = [](const content::part &x, const content::part &y) {
+        return x.number == y.number && x.size == y.size;
+    };
+    return a.kind == b.kind && a.bytes == b.bytes && std::ranges::equal(a.parts, b.parts, same);
+}
+
+std::vector<uint32_t> numbers_of(const ProtobufCMessageDescriptor &type, std::string_view names)
+{
+    std::vector<uint32_t> numbers;
+    while (!names.empty()) {
+        const size_t comma = std::min(names.find(','), names.size());
+        const std::string name(names.substr(0, comma));
+        if (const auto *field = protobuf_c_message_descriptor_get_field_by_name(&type, name.c_str()); field != nullptr)
+            numbers.push_back(field->id);
+        names.remove_prefix(std::min(comma + 1, names.size()));
+    }
+    return numbers;
+}
+
+std::string names_of(const ProtobufCMessageDescriptor &type, const content &body)
+{
+    std::string names;
+    for (const auto &part : body.parts) {
+        if (const auto *field = protobuf_c_message_descriptor_get_field(&type, part.number); field != nullptr)
+            names.append(names.empty() ? "" : ",").append(field->name);
+    }
+    return names;
+}
+
+// A glob that the keys of a record type match, and some others whose names go on.
+std::string glob_of(const std::string &name) { return name + '*'; }
+
+}  // namespace
+
+// A scan reads the replica piece by piece, each in its turn in the queue. It keeps the key that it has come to.
+class replica_scan : public scan_step, public std::enable_shared_from_this<replica_scan>
+{
+  public:
+    replica_scan(redis_line &line, std::string name, const target &of, const receiver &to)
+        : line_(line), name_(std::move(name)), of_(of), to_(to), from_(of.keys.prefix())
+    {
+    }
+
+    void next(client &to) override;
+
+  private:
+    redis_line &line_;
+    const std::string name_;
+    const target of_;
+    const receiver to_;
+    std::string from_;
+};
+
+void replica_scan::next(client &to)
+{
+    deliveries out;
+    bool over = true;
+    if (const auto in = line_.followed_.find(name_); in != line_.followed_.end()) {
+        const auto &records = in->second.records;
+        auto at = records.lower_bound(from_);
+        const uint32_t room = to.box.hard > to.box.depth() ? to.box.hard - to.box.depth() : 1;
+        for (uint32_t seen = 0; seen < 1024 && out.size() < std::min(SCAN_PIECE, room); ++seen, ++at) {
+            if (at == records.end() || of_.keys.past(at->first))
+                break;
+            if (of_.keys.match(at->first) == key_pattern::verdict::differs)
+                continue;
+            const int32_t cmd = at->second->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
+            auto what = std::make_shared<change>(change{of_.db, cmd, 0, at->first, {}, at->second});
+            out.push_back({&to, message{std::move(what), to_, &of_.keys.type()}});
+        }
+        over = at == records.end() || of_.keys.past(at->first);
+        if (!over)
+            from_ = at->first;
+    }
+    if (over) {
+        auto end = std::make_shared<change>(change{of_.db, 0, QZ_MOM_END_SCAN, of_.keys.text(), {}, nullptr});
+        out.push_back({&to, message{std::move(end), to_}});
+    } else {
+        out.push_back({&to, shared_from_this()});
+    }
+    line_.office_.send(out);
+    if (over)
+        line_.scan_ended(*this, name_);
+}
+
+redis_line::redis_line(uint32_t db, std::string client_name, post_office &office, subscription_table &subscriptions)
+    : db_(db),
+      client_name_(std::move(client_name)),
+      office_(office),
+      subscriptions_(subscriptions),
+      random_(static_cast<uint32_t>(std::hash<std::string>()(client_name_) | 1))
+{
+}
+
+// ---- calls ----------------------------------------------------------------------------------------------------------
+
+int32_t redis_line::put(redis_operation &&operation)
+{
+    if (state_ != state::up && was_up_)
+        return QZ_MOM_EDOWN;
+    if (queue_.size() >= MAX_QUEUED)
+        return QZ_MOM_EFULL;
+    queue_.push_back(std::move(operation));
+    return QZ_MOM_OK;
+}
+
+void redis_line::post(client &to, message &&what)
+{
+    deliveries out;
+    out.push_back({&to, std::move(what)});
+    office_.send(out);
+}
+
+int32_t redis_line::connect(client &from, const connection &answer)
+{
+    redis_operation asked;
+    asked.at_once = true;
+    asked.finish = [this, who = from.weak_from_this(), answer](const redis_outcome &) {
+        if (const auto to = office_.attached(who)) {
+            deliveries out;
+            out.push_back({to.get(), answer});
+            office_.send(out);
+        }
+    };
+    return put(std::move(asked));
+}
+
+int32_t redis_line::follow(std::vector<subscription> &&added)
+{
+    redis_operation asked;
+    const auto shared = std::make_shared<std::vector<subscription>>(std::move(added));
+    asked.finish = [this, who = shared->front().owner->weak_from_this(), shared](const redis_outcome &) {
+        if (!office_.attached(who))
+            return;
+        const std::string name = shared->front().pattern.type().name;
+        followed &in = followed_[name];
+        in.type = &shared->front().pattern.type();
+        activate(std::move(*shared));
+        if (!in.loaded && in.loading == 0)
+            load(name);
+    };
+    return put(std::move(asked));
+}
+
+void redis_line::activate(std::vector<subscription> &&added)
+{
+    const auto first = added.front();
+    subscriptions_.add(db_, std::move(added));
+    auto what = std::make_shared<change>(change{db_, QZ_MOM_CMD_SUBSCRIBED, 0, first.pattern.text(), {}, nullptr});
+    post(*first.owner, message{std::move(what), first.to, nullptr, first.field});
+}
+
+int32_t redis_line::unfollow(client &from, const target &of, const receiver &to)
+{
+    redis_operation asked;
+    asked.finish = [this, who = from.weak_from_this(), of, to](const redis_outcome &) {
+        const auto owner = office_.attached(who);
+        if (!owner)
+            return;
+        subscriptions_.remove(db_, *owner, of.keys, to);
+        auto what = std::make_shared<change>(change{db_, QZ_MOM_CMD_UNSUBSCRIBED, 0, of.keys.text(), {}, nullptr});
+        post(*owner, message{std::move(what), to});
+        drop_unused(of.keys.type().name);
+    };
+    return put(std::move(asked));
+}
+
+int32_t redis_line::scan(client &from, const target &of, const receiver &to)
+{
+    redis_operation asked;
+    asked.finish = [this, wanted = waiting_scan{from.weak_from_this(), of, to}](const redis_outcome &) {
+        const std::string name = wanted.of.keys.type().name;
+        followed &in = followed_[name];
+        in.type = &wanted.of.keys.type();
+        if (in.loaded)
+            return start_scan(in, wanted);
+        in.scans.push_back(wanted);
+        if (in.loading == 0)
+            load(name);
+    };
+    return put(std::move(asked));
+}
+
+void redis_line::start_scan(followed &in, const waiting_scan &scan)
+{
+    const auto from = office_.attached(scan.from);
+    if (!from)
+        return;
+    const auto step = std::make_shared<replica_scan>(*this, in.type->name, scan.of, scan.to);
+    std::erase_if(in.running, [](const auto &each) { return each.expired(); });
+    in.running.push_back(step);
+    deliveries out;
+    out.push_back({from.get(), step});
+    office_.send(out);
+}
+
+void redis_line::scan_ended(const replica_scan &scan, const std::string &name)
+{
+    if (const auto in = followed_.find(name); in != followed_.end())
+        std::erase_if(in->second.running, [&](const auto &each) { return each.lock().get() == &scan; });
+    drop_unused(name);
+}
+
+// A table that nobody follows and no scan reads is not kept.
+void redis_line::drop_unused(const std::string &name)
+{
+    const auto at = followed_.find(name);
+    if (at == followed_.end())
+        return;
+    followed &in = at->second;
+    std::erase_if(in.running, [](const auto &each) { return each.expired(); });
+    if (in.scans.empty() && in.running.empty() && !subscriptions_.any(db_, name))
+        followed_.erase(at);
+}
+
+bool redis_line::settled() const
+{
+    const auto changes = [](const call &each) { return each.number != 0; };
+    return state_ == state::down || (queue_.empty() && std::ranges::none_of(under_way_, changes));
+}
+
+// ---- the connections ------------------------------------------------------------------------------------------------
+
+steady::duration redis_line::pause()
+{
+    const auto longest = 20ms * (1 << std::min(failures_, 6u));
+    ++failures_;
+    return longest / 2 + longest * (random_() % 1000) / 2000;
+}
+
+void redis_line::report(int32_t type)
+{
+    deliveries out;
+    for (const auto &who : office_.clients()) {
+        if (const auto event = who->reconnect.find(db_); event != who->reconnect.end())
+            out.push_back({who.get(), reconnection{event->second.cb, event->second.args, db_, type}});
+    }
+    office_.send_urgent(out);
+}
+
+void redis_line::lose(const char *why)
+{
+    commands_.close();
+    log_.close();
+    if (state_ == state::up) {
+        log_failure(("the connection to database " + std::to_string(db_) + " is lost: " + why).c_str());
+        report(QZ_MOM_RECONNECT_ERROR);
+    }
+    state_ = state::down;
+    reading_ = false;
+    firing_ = false;
+    std::erase_if(under_way_, [](const call &each) { return each.parts.front().what == redis_operation::kind::fire; });
+    retry_at_ = steady::now() + pause();
+}
+
+void redis_line::tick(const redis_address &to, steady::time_point now)
+{
+    if (state_ == state::down && now >= retry_at_) {
+        connecting_since_ = now;
+        state_ = state::connecting;
+        greetings_ = log_greetings_ = 0;
+        if (!commands_.open(to) || !log_.open(to))
+            return lose("it cannot be opened");
+    }
+    if (state_ == state::connecting) {
+        if (commands_.connected() && log_.connected() && greetings_ == 0)
+            greet(to);
+        if (now - connecting_since_ > CONNECT_PATIENCE)
+            return lose("no answer to the greeting");
+    }
+    if (state_ != state::up)
+        return;
+    if (!under_way_.empty() && now - under_way_.front().sent > ANSWER_PATIENCE)
+        return lose("no answer");
+    if (reading_ && now - read_since_ > LOG_PATIENCE)
+        return lose("no answer to a read of the log");
+    if (!firing_ && now >= fire_at_) {
+        firing_ = true;
+        redis_operation fire;
+        fire.what = redis_operation::kind::fire;
+        fire.at_once = true;
+        fire.finish = [this](const redis_outcome &done) {
+            firing_ = false;
+            if (done.code == QZ_MOM_OK && !identity_.starts_with(done.more + ' '))
+                return lose("the store was emptied");
+            fire_at_ = steady::now() + (done.text == "more" ? 0ms : FIRE_INTERVAL);
+        };
+        ask_at_once(std::move(fire), now);
+    }
+}
+
+void redis_line::step(int16_t command_events, int16_t log_events)
+{
+    if (commands_.is_open() && !commands_.step(command_events))
+        return lose("the server closed it");
+    if (log_.is_open() && !log_.step(log_events))
+        return lose("the server closed it");
+}
+
+void redis_line::greet(const redis_address &to)
+{
+    const std::string db = std::to_string(db_);
+    for (redis_link *link : {&commands_, &log_}) {
+        int &expected = link == &commands_ ? greetings_ : log_greetings_;
+        if (!to.password.empty() && to.user.empty())
+            link->send({"AUTH", to.password}), ++expected;
+        else if (!to.password.empty())
+            link->send({"AUTH", to.user, to.password}), ++expected;
+        link->send({"SELECT", db});
+        ++expected;
+    }
+    commands_.send({"SCRIPT", "LOAD", REDIS_SCRIPT});
+    commands_.send({"EVAL", REDIS_SCRIPT, "0", "hello", client_name_, "0"});
+    greetings_ += 2;
+}
+
+void redis_line::take_greeting(const redisReply &reply)
+{
+    if (reply.type == REDIS_REPLY_ERROR) {
+        if (failures_ == 0)
+            log_failure(("database " + std::to_string(db_) + ": " + std::string(text_of(reply))).c_str());
+        return lose("the greeting was refused");
+    }
+    --greetings_;
+    if (greetings_ == 1)
+        script_ = text_of(reply);
+    if (greetings_ == 0)
+        serve(reply);
+}
+
+// Both connections are ready: what was under way is asked again, and the log goes on.
+void redis_line::serve(const redisReply &hello)
+{
+    const auto *position = element(&hello, 0);
+    const auto *identity = element(&hello, 1);
+    if (position == nullptr || identity == nullptr)
+        return lose("the greeting was not understood");
+    const bool first = identity_.empty();
+    const uint64_t now_at = number_of(text_of(*position));
+    const bool goes_on = identity_ == text_of(*identity) && now_at >= position_;
+    identity_ = text_of(*identity);
+    state_ = state::up;
+    failures_ = 0;
+    for (call &each : under_way_)
+        transmit(each);
+    if (first) {
+        position_ = told_ = now_at;
+    } else if (!goes_on) {
+        for (held &each : held_)
+            each.position = 0;
+        entries_.clear();
+        answered_ = now_at;
+        restart_at(now_at);
+    }
+    if (was_up_)
+        report(QZ_MOM_RECONNECT_DONE);
+    was_up_ = true;
+}
+
+// ---- asking ---------------------------------------------------------------------------------------------------------
+
+void redis_line::transmit(call &made)
+{
+    const std::string number = std::to_string(made.number);
+    redis_words words{"EVALSHA", script_, "0", verb_of(made.parts.front().what), client_name_, number};
+    for (const auto &part : made.parts)
+        words.append(part.words);
+    commands_.send(words);
+    made.sent = steady::now();
+}
+
+void redis_line::ask_at_once(redis_operation &&operation, steady::time_point now)
+{
+    call made;
+    made.sent = now;
+    made.parts.push_back(std::move(operation));
+    transmit(made);
+    under_way_.push_back(std::move(made));
+}
+
+void redis_line::send_queued(steady::time_point now)
+{
+    const auto is_write = [](const redis_operation &each) { return each.what == redis_operation::kind::write; };
+    while (!queue_.empty() && under_way_.size() < MAX_UNDER_WAY) {
+        if (!under_way_.empty() && is_write(queue_.front()) && queue_.size() < ENOUGH_FOR_A_CALL)
+            return;
+        call made;
+        made.sent = now;
+        // What only asks for the position stands in a call without writes: a call has one position.
+        const bool changes = changes_something(queue_.front());
+        do {
+            made.awaited = made.awaited || (queue_.front().finish && !queue_.front().at_once);
+            made.parts.push_back(std::move(queue_.front()));
+            queue_.pop_front();
+        } while (is_write(made.parts.front()) && !queue_.empty() && is_write(queue_.front()) &&
+                 changes_something(queue_.front()) == changes && made.parts.size() < MAX_WRITES);
+        if (changes)
+            made.number = ++last_call_;
+        const redis_operation &first = made.parts.front();
+        if (first.what == redis_operation::kind::mark && first.to.cb != nullptr)
+            marks_.emplace(client_name_ + ':' + std::to_string(made.number),
+                           waiting_mark{first.owner, first.end, first.to});
+        transmit(made);
+        under_way_.push_back(std::move(made));
+    }
+}
+
+void redis_line::conclude(redis_operation &part, redis_outcome &&outcome)
+{
+    if (!part.finish) {
+        if (outcome.code != QZ_MOM_OK)
+            log_failure(("a write failed: " + std::string(qz_mom_strerror(outcome.code))).c_str());
+    } else if (part.at_once) {
+        part.finish(outcome);
+    } else {
+        held_.push_back(
+            {outcome.position, [act = std::move(part.finish), outcome = std::move(outcome)] { act(outcome); }});
+    }
+}
+
+void redis_line::answered(call &&made, const redisReply &reply)
+{
+    redis_outcome outcome;
+    std::string_view letters;
+    if (reply.type == REDIS_REPLY_ERROR) {
+        if (passes(text_of(reply))) {
+            under_way_.push_front(std::move(made));
+            return lose(std::string(text_of(reply)).c_str());
+        }
+        log_failure(("database " + std::to_string(db_) + ": " + std::string(text_of(reply))).c_str());
+        outcome.code = QZ_MOM_EDOWN;
+        outcome.position = told_;
+    } else if (const auto *text = element(&reply, 1); text != nullptr) {
+        outcome.position = answered_ = number_of(text_of(*reply.element[0]));
+        outcome.text = text_of(*text);
+        if (const auto *more = element(&reply, 2))
+            outcome.more = text_of(*more);
+        letters = text_of(*text);
+    }
+    const bool by_letter = made.parts.front().what == redis_operation::kind::write && letters != "again";
+    for (auto &part : made.parts) {
+        redis_outcome own = outcome;
+        if (by_letter && !part.words.empty() && !letters.empty()) {
+            own.code = letters.front() == 'f' ? QZ_MOM_EFORM : letters.front() == 'm' ? QZ_MOM_ENOMEM : QZ_MOM_OK;
+            letters.remove_prefix(1);
+        }
+        conclude(part, std::move(own));
+    }
+    // At once: what this answer leads to may begin to follow, from here on.
+    if (!needs_log() && !reading_ && entries_.empty()) {
+        position_ = told_ = answered_;
+        tell_all();
+    }
+}
+
+// ---- the log --------------------------------------------------------------------------------------------------------
+
+void redis_line::read_log(steady::time_point now)
+{
+    if (!needs_log() || reading_ || log_greetings_ > 0 || stalled_ || entries_.size() >= MAX_UNTOLD_ENTRIES)
+        return;
+    const std::string from = std::to_string(position_) + "-0";
+    log_.send({"XREAD", "COUNT", "32", "BLOCK", LOG_BLOCK, "STREAMS", "mom:log", from});
+    reading_ = true;
+    read_since_ = now;
+    read_knowing_ = answered_;
+}
+
+void redis_line::take_entries(const redisReply &reply)
+{
+    reading_ = false;
+    const auto *entries = element(element(&reply, 0), 1);
+    for (size_t i = 0; entries != nullptr && i < entries->elements; ++i)
+        take_entry(*entries->element[i]);
+    if (entries == nullptr && read_knowing_ > position_)
+        lose_track(read_knowing_);
+}
+
+// Entries have left the log before they were read.
+void redis_line::lose_track(uint64_t position)
+{
+    log_failure("changes have left the log before they were read; the followed tables are read anew");
+    entries_.clear();
+    restart_at(position);
+}
+
+void redis_line::take_entry(const redisReply &entry)
+{
+    const auto *id = element(&entry, 0);
+    const auto *blob = element(element(&entry, 1), 1);
+    if (id == nullptr || blob == nullptr)
+        return;
+    const uint64_t position = number_of(text_of(*id));
+    if (position <= position_)
+        return;
+    if (position != position_ + 1)
+        lose_track(position - 1);
+    position_ = position;
+    auto &[at, changes] = entries_.emplace_back(position, std::deque<logged>());
+    auto texts = unpack_texts(text_of(*blob));
+    if (!texts)
+        return log_foreign("mom:log");
+    for (row_reader rows(std::move(*texts)); !rows.at_end();) {
+        logged row;
+        const std::string_view command = rows.text();
+        row.end = command == "end";
+        row.cmd = static_cast<int32_t>(number_of(command));
+        row.key = rows.text();
+        row.names = rows.text();
+        row.body = rows.body();
+        changes.push_back(std::move(row));
+    }
+}
+
+// The log does not lead on from where it was read to: what is followed is compared anew.
+void redis_line::restart_at(uint64_t position)
+{
+    position_ = told_ = position;
+    std::vector<std::string> names;
+    for (auto &[name, in] : followed_) {
+        names.push_back(name);
+        in.again = true;
+    }
+    for (const auto &name : names)
+        load(name);
+    look_for_lost_marks();
+}
+
+// False when one who would hear of it has no room.
+bool redis_line::tell(const logged &row)
+{
+    if (row.end) {
+        end_of_mark(row.key);
+        return true;
+    }
+    const auto at = followed_.find(record_name(row.key));
+    if (at == followed_.end())
+        return true;
+    followed &in = at->second;
+    if (row.body == nullptr) {
+        log_foreign(row.key.c_str());
+        return true;
+    }
+    const auto what = std::make_shared<change>(change{db_, row.cmd, 0, row.key, row.names, row.body});
+    deliveries out;
+    if (in.names != row.names) {
+        in.numbers = numbers_of(*in.type, row.names);
+        in.names = row.names;
+    }
+    subscriptions_.address(what, in.numbers, out);
+    if (!office_.room_for(out))
+        return false;
+    office_.send(out);
+    if (row.cmd == QZ_MOM_CMD_DEL || row.cmd == QZ_MOM_CMD_EXPIRED) {
+        in.records.erase(row.key);
+    } else {
+        in.records.insert_or_assign(row.key, row.body);
+        if (in.loading != 0)
+            in.fresh.insert(row.key);
+    }
+    return true;
+}
+
+// An answer that is under way may stand before whatever is behind the newest position that is known from an answer.
+bool redis_line::may_tell(uint64_t position) const
+{
+    return position <= answered_ || std::ranges::none_of(under_way_, [](const call &each) { return each.awaited; });
+}
+
+// Everything in its order, as far as there is room.
+void redis_line::tell_all()
+{
+    stalled_ = false;
+    while (true) {
+        if (!held_.empty() && held_.front().position <= told_) {
+            const auto act = std::move(held_.front().act);
+            held_.pop_front();
+            act();
+            continue;
+        }
+        if (entries_.empty() || !may_tell(entries_.front().first))
+            return;
+        auto &[position, changes] = entries_.front();
+        while (!changes.empty()) {
+            if (!tell(changes.front())) {
+                stalled_ = true;
+                return;
+            }
+            changes.pop_front();
+        }
+        told_ = position;
+        entries_.pop_front();
+    }
+}
+
+void redis_line::end_of_mark(const std::string &id)
+{
+    const auto at = marks_.find(id);
+    if (at == marks_.end())
+        return;
+    if (const auto to = office_.attached(at->second.owner))
+        post(*to, message{at->second.end, at->second.to});
+    marks_.erase(at);
+}
+
+// The ends of expiry calls may have been among what was not read.
+void redis_line::look_for_lost_marks()
+{
+    for (const auto &[id, mark] : marks_) {
+        redis_operation asked;
+        asked.what = redis_operation::kind::lost_mark;
+        asked.words = {id};
+        asked.finish = [this, id = id](const redis_outcome &found) {
+            if (found.text == "gone")
+                end_of_mark(id);
+        };
+        queue_.push_back(std::move(asked));
+    }
+}
+
+// ---- the replica ----------------------------------------------------------------------------------------------------
+
+void redis_line::load(const std::string &name)
+{
+    followed &in = followed_[name];
+    in.loading = ++last_load_;
+    in.fresh.clear();
+    next_page(name, in.loading, "0");
+}
+
+void redis_line::next_page(const std::string &name, uint64_t number, const std::string &cursor)
+{
+    redis_operation asked;
+    asked.what = redis_operation::kind::page;
+    asked.words = {cursor, glob_of(name)};
+    asked.finish = [this, name, number](const redis_outcome &page) { take_page(name, number, page); };
+    queue_.push_back(std::move(asked));
+}
+
+void redis_line::take_page(const std::string &name, uint64_t number, const redis_outcome &page)
+{
+    const auto at = followed_.find(name);
+    if (at == followed_.end() || at->second.loading != number)
+        return;
+    auto texts = unpack_texts(page.more);
+    if (!texts)
+        return lose("a page of records was not understood");
+    if (page.text != "0")
+        next_page(name, number, page.text);
+    for (row_reader rows(std::move(*texts)); !rows.at_end();) {
+        std::string key(rows.text());
+        auto body = rows.body();
+        if (record_name(key) != name)
+            continue;
+        if (body == nullptr)
+            log_foreign(key.c_str());
+        else
+            take_row(at->second, std::move(key), std::move(body));
+    }
+    if (page.text == "0")
+        finish_load(name);
+}
+
+// A record as it is. Told when it is not as it was known.
+void redis_line::take_row(followed &in, std::string key, std::shared_ptr<const content> body)
+{
+    in.fresh.insert(key);
+    auto &known = in.records[key];
+    if (known != nullptr && same_content(*known, *body))
+        return;
+    known = body;
+    if (!in.again)
+        return;  // the first load: nobody has missed it
+    const int32_t cmd = body->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
+    std::string names = names_of(*in.type, *body);
+    const auto numbers = numbers_of(*in.type, names);
+    const auto what = std::make_shared<change>(change{db_, cmd, 0, std::move(key), std::move(names), std::move(body)});
+    deliveries out;
+    subscriptions_.address(what, numbers, out);
+    office_.send(out);
+}
+
+void redis_line::finish_load(const std::string &name)
+{
+    followed &in = followed_[name];
+    for (auto at = in.records.begin(); at != in.records.end();) {
+        if (in.fresh.contains(at->first)) {
+            ++at;
+            continue;
+        }
+        const auto what = std::make_shared<change>(change{db_, QZ_MOM_CMD_DEL, 0, at->first, {}, at->second});
+        deliveries out;
+        subscriptions_.address(what, {}, out);
+        office_.send(out);
+        at = in.records.erase(at);
+    }
+    in.fresh.clear();
+    in.loading = 0;
+    in.loaded = true;
+    in.again = false;
+    for (const auto &each : std::exchange(in.scans, {}))
+        start_scan(in, each);
+    drop_unused(name);
+}
+
+// ---- a round --------------------------------------------------------------------------------------------------------
+
+void redis_line::work(steady::time_point now)
+{
+    bool broken = false;
+    while (commands_.is_open()) {
+        const auto reply = commands_.next(broken);
+        if (broken)
+            return lose("what came is no reply");
+        if (reply == nullptr)
+            break;
+        if (greetings_ > 0) {
+            take_greeting(*reply);
+        } else if (!under_way_.empty()) {
+            call made = std::move(under_way_.front());
+            under_way_.pop_front();
+            answered(std::move(made), *reply);
+        }
+    }
+    while (log_.is_open()) {
+        const auto reply = log_.next(broken);
+        if (broken || (reply != nullptr && reply->type == REDIS_REPLY_ERROR))
+            return lose("the log cannot be read");
+        if (reply == nullptr)
+            break;
+        if (log_greetings_ > 0) {
+            --log_greetings_;
+            continue;
+        }
+        take_entries(*reply);
+    }
+    tell_all();
+    if (state_ != state::up)
+        return;
+    send_queued(now);
+    read_log(now);
+    if (!commands_.flush() || !log_.flush())
+        lose("the server closed it");
+}
+
+}  // namespace mom

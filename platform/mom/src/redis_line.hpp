@@ -1,0 +1,211 @@
+// One database of a Redis server, as this process sees it: two connections, what is to be done there, and a replica of
+// the tables that are followed.
+//
+// Order. The server numbers what happens in a database: each call that changes something adds one entry to its log, and
+// each answer says how far the log had come. The log is read on the second connection, entry by entry. What an answer
+// leads to waits until the log has been read up to there. So everything is told in the order in which it happened. Who
+// follows nothing does not read the log: the answers alone say how far it is.
+//
+// Losses. Calls that are under way when a connection breaks are made again; the server remembers the last one of each
+// client and does none twice. The log goes on where it was left. When entries are missing (the log is kept at a bounded
+// length, the data may be gone) the followed tables are read anew and compared with the replica: what differs is told
+// as changed, what is missing as removed, with the content that it last had.
+//
+// All of it runs on the store's own thread, with the office's mutex. Others touch `queue_` and `state` alone, with it.
+#ifndef MOM_REDIS_LINE_HPP
+#define MOM_REDIS_LINE_HPP
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <map>
+#include <random>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "client.hpp"
+#include "redis_link.hpp"
+#include "redis_rows.hpp"
+#include "store.hpp"
+
+namespace mom
+{
+
+using steady = std::chrono::steady_clock;
+
+// What the server answered to one operation.
+struct redis_outcome {
+    int32_t code = 0;
+    uint64_t position = 0;
+    std::string text;
+    std::string more;
+};
+
+struct redis_operation {
+    enum class kind { write, mark, sweep, fire, page, lost_mark };
+
+    kind what = kind::write;
+    redis_words words;     // arguments of the server's side; none: only asks for the position
+    bool at_once = false;  // `finish` does not wait for the log
+    std::function<void(const redis_outcome &)> finish;  // may be empty
+    // Of a mark: who hears of its end.
+    std::weak_ptr<client> owner;
+    change_ptr end;
+    receiver to{};
+};
+
+class replica_scan;
+
+class redis_line
+{
+  public:
+    static constexpr size_t MAX_QUEUED = 65536;
+
+    redis_line(uint32_t db, std::string client_name, post_office &office, subscription_table &subscriptions);
+
+    // ---- with the mutex, from any thread
+    // EDOWN, EFULL; or taken over.
+    int32_t put(redis_operation &&operation);
+    int32_t connect(client &from, const connection &answer);
+    int32_t follow(std::vector<subscription> &&added);
+    int32_t unfollow(client &from, const target &of, const receiver &to);
+    int32_t scan(client &from, const target &of, const receiver &to);
+    // Nothing that was taken over is still to be done, as far as it can be done at all.
+    bool settled() const;
+
+    // ---- on the store's thread, with the mutex
+    // What is due by the clock: connecting, ticking, giving up.
+    void tick(const redis_address &to, steady::time_point now);
+    redis_link &commands() { return commands_; }
+    redis_link &log() { return log_; }
+    void step(int16_t command_events, int16_t log_events);
+    // Sends what waits, tells what has come.
+    void work(steady::time_point now);
+    void lose(const char *why);
+    // True when something waits for room in a queue.
+    bool stalled() const { return stalled_; }
+
+  private:
+    friend class replica_scan;
+
+    enum class state { down, connecting, up };
+    // A call of the server's side: one operation, or several writes.
+    struct call {
+        uint64_t number = 0;  // 0: may be made again
+        std::vector<redis_operation> parts;
+        steady::time_point sent;
+        bool awaited = false;  // its answer has a place in the order of what is told
+    };
+    struct held {
+        uint64_t position;
+        std::function<void()> act;
+    };
+    struct logged {
+        int32_t cmd;
+        std::string key;
+        std::string names;
+        std::shared_ptr<const content> body;
+        bool end;
+    };
+    using table = std::map<std::string, std::shared_ptr<const content>, std::less<>>;
+    struct waiting_scan {
+        std::weak_ptr<client> from;
+        target of;
+        receiver to;
+    };
+    struct followed {
+        const ProtobufCMessageDescriptor *type = nullptr;
+        table records;
+        bool loaded = false;
+        uint64_t loading = 0;                   // number of the load under way; 0: none
+        std::unordered_set<std::string> fresh;  // seen since it began
+        std::string names;                      // of a write, and their numbers: most writes name the same
+        std::vector<uint32_t> numbers;
+        bool again = false;  // changes may have been missed since somebody began to follow
+        std::vector<waiting_scan> scans;
+        std::vector<std::weak_ptr<replica_scan>> running;  // scans that read the replica
+    };
+
+    void post(client &to, message &&what);
+
+    void greet(const redis_address &to);
+    void take_greeting(const redisReply &reply);
+    void serve(const redisReply &hello);
+    void transmit(call &made);
+    void send_queued(steady::time_point now);
+    void ask_at_once(redis_operation &&operation, steady::time_point now);
+    void answered(call &&made, const redisReply &reply);
+    void conclude(redis_operation &part, redis_outcome &&outcome);
+
+    bool needs_log() const { return !followed_.empty() || !marks_.empty(); }
+    void read_log(steady::time_point now);
+    void take_entries(const redisReply &reply);
+    void take_entry(const redisReply &entry);
+    void tell_all();
+    bool tell(const logged &row);
+    bool may_tell(uint64_t position) const;
+    void lose_track(uint64_t position);
+    void restart_at(uint64_t position);
+    void end_of_mark(const std::string &id);
+    void look_for_lost_marks();
+
+    void load(const std::string &name);
+    void next_page(const std::string &name, uint64_t number, const std::string &cursor);
+    void take_page(const std::string &name, uint64_t number, const redis_outcome &page);
+    void take_row(followed &in, std::string key, std::shared_ptr<const content> body);
+    void finish_load(const std::string &name);
+    void activate(std::vector<subscription> &&added);
+    void start_scan(followed &in, const waiting_scan &scan);
+    void scan_ended(const replica_scan &scan, const std::string &name);
+    void drop_unused(const std::string &name);
+
+    void report(int32_t type);
+    steady::duration pause();
+
+    const uint32_t db_;
+    const std::string client_name_;
+    post_office &office_;
+    subscription_table &subscriptions_;
+
+    state state_ = state::down;
+    bool was_up_ = false;
+    redis_link commands_;
+    redis_link log_;
+    int greetings_ = 0;  // replies to the greeting that are still to come
+    int log_greetings_ = 0;
+    std::string script_;    // its name on the server
+    bool reading_ = false;  // a read of the log is under way
+    steady::time_point read_since_{};
+    uint64_t read_knowing_ = 0;  // the newest position known when it began
+    steady::time_point retry_at_{};
+    steady::time_point connecting_since_{};
+    steady::time_point fire_at_{};
+    bool firing_ = false;
+    uint32_t failures_ = 0;
+    std::minstd_rand random_;
+
+    std::deque<redis_operation> queue_;
+    std::deque<call> under_way_;
+    uint64_t last_call_ = 0;
+
+    std::string identity_;   // of the log: epoch and server
+    uint64_t position_ = 0;  // entries up to here are read
+    uint64_t told_ = 0;      // changes up to here are told
+    uint64_t answered_ = 0;  // the newest position that an answer has named
+    std::deque<std::pair<uint64_t, std::deque<logged>>> entries_;
+    std::deque<held> held_;
+    bool stalled_ = false;
+
+    std::map<std::string, followed, std::less<>> followed_;
+    uint64_t last_load_ = 0;
+    struct waiting_mark {
+        std::weak_ptr<client> owner;
+        change_ptr end;
+        receiver to;
+    };
+    std::map<std::string, waiting_mark> marks_;  // expiry calls whose end has not come, by number
+};
+
+}  // namespace mom
+#endif

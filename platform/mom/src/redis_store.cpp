@@ -1,0 +1,343 @@
+// The Redis store: its calls, and the thread that carries them out.
+#include "redis_store.hpp"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+
+#include "mom_log.hpp"
+
+namespace mom
+{
+namespace
+{
+
+using namespace std::chrono_literals;
+
+constexpr auto ROUND = 20ms;         // the longest time between two looks at the clock
+constexpr auto STALLED_ROUND = 2ms;  // while something waits for room
+constexpr auto LAST_WRITES = 2s;     // what a store that is closed has for what it has taken over
+constexpr auto SYNC_PATIENCE = 5s;
+
+struct store_table {
+    std::mutex mutex;  // taken before the mutex of a store
+    std::map<std::string, std::shared_ptr<redis_store>, std::less<>> stores;
+};
+
+store_table &stores()
+{
+    static auto *const made = new store_table;
+    return *made;
+}
+
+// Unlike any other client of the server, today or later.
+std::string new_client_name()
+{
+    std::random_device device;
+    char text[40];
+    std::snprintf(text, sizeof text, "%08x%08x%08x", device(), device(), device());
+    return text;
+}
+
+change_ptr answer(const target &at, int32_t end, int32_t error)
+{
+    return std::make_shared<change>(change{at.db, QZ_MOM_CMD_NONE, end, at.keys.text(), {}, nullptr, error});
+}
+
+// What the server needs to find the records of a target: a glob, whether it is one key, and the pieces of the key.
+redis_words words_of(const target &of)
+{
+    if (of.keys.exact())
+        return {of.keys.text(), "1"};
+    redis_words words{std::string(record_name(of.keys.text())) + ":*", "0"};
+    for (const auto &wanted : of.keys.wanted())
+        words.add(wanted);
+    return words;
+}
+
+}  // namespace
+
+int32_t open_redis(std::string_view url, const std::shared_ptr<client> &who)
+{
+    int32_t code = QZ_MOM_OK;
+    who->kept_in = redis_store::open(url, who, code);
+    return code;
+}
+
+// ---- opening and closing --------------------------------------------------------------------------------------------
+
+redis_store::redis_store(std::string url, redis_address address)
+    : url_(std::move(url)),
+      address_(std::move(address)),
+      office_(std::make_shared<post_office>()),
+      wake_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    if (wake_fd_ < 0)
+        throw std::bad_alloc();
+}
+
+redis_store::~redis_store() { ::close(wake_fd_); }
+
+std::shared_ptr<redis_store> redis_store::open(std::string_view url, const std::shared_ptr<client> &who, int32_t &code)
+{
+    auto address = redis_address::parse(url);
+    if (!address) {
+        code = QZ_MOM_EURL;
+        return nullptr;
+    }
+    auto &all = stores();
+    const std::scoped_lock lock(all.mutex);
+    auto at = all.stores.find(url);
+    if (at == all.stores.end()) {
+        auto made = std::make_shared<redis_store>(std::string(url), std::move(*address));
+        at = all.stores.emplace(std::string(url), std::move(made)).first;
+    }
+    auto store = at->second;
+    try {
+        const std::scoped_lock store_lock(store->office_->mutex);
+        store->office_->attach(who);
+        if (!store->thread_.joinable())
+            store->thread_ = std::thread([raw = store.get()] { raw->run(); });
+    } catch (const std::system_error &) {
+        all.stores.erase(at);
+        throw std::bad_alloc();
+    } catch (...) {
+        if (store->office_->clients().empty())
+            all.stores.erase(at);
+        throw;
+    }
+    return store;
+}
+
+void redis_store::close(client &from) noexcept
+{
+    auto &all = stores();
+    const std::scoped_lock lock(all.mutex);
+    {
+        std::unique_lock store_lock(office_->mutex);
+        subscriptions_.remove_all(from);
+        office_->detach(from);
+        if (!office_->clients().empty())
+            return;
+        drained_.wait_for(store_lock, LAST_WRITES, [this] {
+            return std::ranges::all_of(lines_, [](const auto &each) { return each.second->settled(); });
+        });
+        stop_ = true;
+        wake();
+    }
+    thread_.join();
+    all.stores.erase(url_);
+}
+
+// ---- calls ----------------------------------------------------------------------------------------------------------
+
+redis_line &redis_store::line(uint32_t db)
+{
+    auto &made = lines_[db];
+    if (made == nullptr)
+        made = std::make_unique<redis_line>(db, new_client_name(), *office_, subscriptions_);
+    return *made;
+}
+
+void redis_store::wake() noexcept
+{
+    if (woken_)
+        return;
+    woken_ = true;
+    const uint64_t one = 1;
+    if (write(wake_fd_, &one, sizeof one) < 0 && errno != EAGAIN)
+        log_failure("the store's thread cannot be woken");
+}
+
+int32_t redis_store::put(uint32_t db, redis_operation &&operation)
+{
+    const std::scoped_lock lock(office_->mutex);
+    const int32_t code = line(db).put(std::move(operation));
+    wake();
+    return code;
+}
+
+std::function<void(const redis_outcome &)> redis_store::answer_to(client &from, const target &at, const receiver &to,
+                                                                  int32_t end)
+{
+    if (to.cb == nullptr)
+        return {};
+    return [this, who = from.weak_from_this(), at, to, end](const redis_outcome &done) {
+        const auto owner = office_->attached(who);
+        if (owner == nullptr)
+            return;
+        deliveries out;
+        out.push_back({owner.get(), message{answer(at, end, done.code), to}});
+        office_->send(out);
+    };
+}
+
+int32_t redis_store::connect(client &from, uint32_t db, const connection &answer)
+{
+    const std::scoped_lock lock(office_->mutex);
+    const int32_t code = line(db).connect(from, answer);
+    wake();
+    return code;
+}
+
+int32_t redis_store::write_whole(client &from, const target &at, content &&body, const receiver &to)
+{
+    redis_operation write;
+    write.words = {"s", at.keys.text(), body.bytes};
+    write.finish = answer_to(from, at, to, QZ_MOM_END_NONE);
+    return put(at.db, std::move(write));
+}
+
+int32_t redis_store::write_fields(client &from, const target &at, const field_write &fields, const receiver &to)
+{
+    redis_operation write;
+    write.words = {fields.creates ? "h" : "u", at.keys.text(), fields.names, std::to_string(fields.fields.size())};
+    for (const auto &field : fields.fields) {
+        write.words.add(std::to_string(field.number));
+        write.words.add(field.bytes);
+    }
+    write.finish = answer_to(from, at, to, QZ_MOM_END_NONE);
+    return put(at.db, std::move(write));
+}
+
+int32_t redis_store::remove(client &from, const target &at, const receiver &to)
+{
+    redis_operation write;
+    write.words = {"d", at.keys.text()};
+    write.finish = answer_to(from, at, to, QZ_MOM_END_NONE);
+    return put(at.db, std::move(write));
+}
+
+int32_t redis_store::clear_mark(client &from, const target &at, const receiver &to)
+{
+    redis_operation write;
+    write.words = {"c", at.keys.text()};
+    write.finish = answer_to(from, at, to, QZ_MOM_END_NONE);
+    return put(at.db, std::move(write));
+}
+
+int32_t redis_store::scan(client &from, const target &of, const receiver &to)
+{
+    const std::scoped_lock lock(office_->mutex);
+    const int32_t code = line(of.db).scan(from, of, to);
+    wake();
+    return code;
+}
+
+int32_t redis_store::subscribe(client &, uint32_t db, std::vector<subscription> &&added)
+{
+    const std::scoped_lock lock(office_->mutex);
+    const int32_t code = line(db).follow(std::move(added));
+    wake();
+    return code;
+}
+
+int32_t redis_store::unsubscribe(client &from, const target &of, const receiver &to)
+{
+    const std::scoped_lock lock(office_->mutex);
+    const int32_t code = line(of.db).unfollow(from, of, to);
+    wake();
+    return code;
+}
+
+int32_t redis_store::mark(client &from, const target &of, int64_t delay_usec, const receiver &end)
+{
+    redis_operation asked;
+    asked.what = redis_operation::kind::mark;
+    asked.words = words_of(of);
+    asked.words.add(std::to_string(delay_usec));
+    asked.owner = from.weak_from_this();
+    asked.end = answer(of, QZ_MOM_END_EXPIRY, QZ_MOM_OK);
+    asked.to = end;
+    return put(of.db, std::move(asked));
+}
+
+int32_t redis_store::remove_marked(client &from, const target &of, const receiver &end)
+{
+    redis_operation asked;
+    asked.what = redis_operation::kind::sweep;
+    asked.words = words_of(of);
+    asked.finish = answer_to(from, of, end, QZ_MOM_END_EXPIRY);
+    return put(of.db, std::move(asked));
+}
+
+int32_t redis_store::finish(client &, uint32_t db)
+{
+    const auto done = std::make_shared<bool>(false);
+    redis_operation asked;
+    asked.at_once = true;
+    asked.finish = [this, done](const redis_outcome &) {
+        *done = true;
+        drained_.notify_all();
+    };
+    std::unique_lock lock(office_->mutex);
+    if (const int32_t code = line(db).put(std::move(asked)); code != QZ_MOM_OK)
+        return code;
+    wake();
+    return drained_.wait_for(lock, SYNC_PATIENCE, [&done] { return *done; }) ? QZ_MOM_OK : QZ_MOM_EDOWN;
+}
+
+// ---- the thread -----------------------------------------------------------------------------------------------------
+
+void redis_store::run()
+{
+    while (true) {
+        try {
+            while (work()) {
+            }
+            return;
+        } catch (const std::bad_alloc &) {
+            // What was being done may be half done: begin again as after a lost connection.
+            const std::scoped_lock lock(office_->mutex);
+            for (auto &[db, each] : lines_)
+                each->lose("no memory");
+        }
+    }
+}
+
+// One round: waits for something to happen, then does all that it leads to. False: it was told to stop.
+bool redis_store::work()
+{
+    std::vector<pollfd> waited{{wake_fd_, POLLIN, 0}};
+    std::vector<redis_line *> of;
+    auto patience = ROUND;
+    {
+        const std::scoped_lock lock(office_->mutex);
+        for (auto &[db, each] : lines_) {
+            of.push_back(each.get());
+            for (redis_link *link : {&each->commands(), &each->log()})
+                waited.push_back(
+                    {link->is_open() ? link->descriptor() : -1, link->is_open() ? link->events() : int16_t{0}, 0});
+            if (each->stalled())
+                patience = STALLED_ROUND;
+        }
+    }
+    poll(waited.data(), waited.size(), static_cast<int>(patience.count()));
+    uint64_t count = 0;
+    if ((waited[0].revents & POLLIN) != 0 && read(wake_fd_, &count, sizeof count) < 0)
+        log_failure("the store's thread cannot read what woke it");
+
+    const std::scoped_lock lock(office_->mutex);
+    woken_ = false;
+    if (stop_)
+        return false;
+    const auto now = steady::now();
+    for (size_t i = 0; i < of.size(); ++i)
+        of[i]->step(waited[2 * i + 1].revents, waited[2 * i + 2].revents);
+    bool settled = true;
+    for (auto &[db, each] : lines_) {
+        each->tick(address_, now);
+        each->work(now);
+        settled = settled && each->settled();
+    }
+    if (settled && office_->clients().empty())
+        drained_.notify_all();
+    return true;
+}
+
+}  // namespace mom

@@ -1,0 +1,62 @@
+// The Redis store: the databases of one server, shared by all handles of this process that were opened under its URL.
+// Its own thread talks to the server (redis_line.hpp); calls only leave word.
+#ifndef MOM_REDIS_STORE_HPP
+#define MOM_REDIS_STORE_HPP
+
+#include <condition_variable>
+#include <thread>
+
+#include "redis_line.hpp"
+
+namespace mom
+{
+
+class redis_store : public store
+{
+  public:
+    redis_store(std::string url, redis_address address);
+    ~redis_store() override;
+
+    static std::shared_ptr<redis_store> open(std::string_view url, const std::shared_ptr<client> &who, int32_t &code);
+
+    post_office &office() override { return *office_; }
+    bool has_database(uint32_t db) const override { return db < DATABASES; }
+    void close(client &from) noexcept override;
+    int32_t connect(client &from, uint32_t db, const connection &answer) override;
+    int32_t write_whole(client &from, const target &at, content &&body, const receiver &answer) override;
+    int32_t write_fields(client &from, const target &at, const field_write &write, const receiver &answer) override;
+    int32_t remove(client &from, const target &at, const receiver &answer) override;
+    int32_t scan(client &from, const target &of, const receiver &to) override;
+    int32_t subscribe(client &from, uint32_t db, std::vector<subscription> &&added) override;
+    int32_t unsubscribe(client &from, const target &of, const receiver &to) override;
+    int32_t mark(client &from, const target &of, int64_t delay_usec, const receiver &end) override;
+    int32_t clear_mark(client &from, const target &at, const receiver &answer) override;
+    int32_t remove_marked(client &from, const target &of, const receiver &end) override;
+    int32_t finish(client &from, uint32_t db) override;
+
+  private:
+    static constexpr uint32_t DATABASES = 16;
+
+    redis_line &line(uint32_t db);
+    int32_t put(uint32_t db, redis_operation &&operation);
+    std::function<void(const redis_outcome &)> answer_to(client &from, const target &at, const receiver &to,
+                                                         int32_t end);
+    void run();
+    bool work();
+    void wake() noexcept;
+
+    const std::string url_;
+    const redis_address address_;
+    const std::shared_ptr<post_office> office_;
+    int wake_fd_;
+    // All below is guarded by the office's mutex.
+    std::map<uint32_t, std::unique_ptr<redis_line>> lines_;
+    subscription_table subscriptions_;
+    std::condition_variable drained_;
+    bool woken_ = false;
+    bool stop_ = false;
+    std::thread thread_;
+};
+
+}  // namespace mom
+#endif

@@ -1,0 +1,271 @@
+// What a user of the Redis store sees while the server is killed, emptied, stopped, or too slow to follow.
+//
+// The check behind all of them: what a follower has been told adds up to what the store holds.
+#include <signal.h>
+
+#include <algorithm>
+#include <map>
+#include <stdexcept>
+
+#include "store_fixture.hpp"
+
+namespace contract
+{
+namespace
+{
+
+const std::vector<uint32_t> REQUEST{6, 8};
+
+class RedisFault : public StoreTest
+{
+  protected:
+    RedisFault()
+    {
+        if (!store_url().starts_with("redis"))
+            throw std::runtime_error("needs EBRIDGE_CONTRACT_URL=redis");
+        writer = open();
+        reader = open();
+        EXPECT_EQ(0, qz_mom_client_set_reconnect_cb(reader, app_db, note_event, this));
+        EXPECT_EQ(0, follow(reader, any_session(), told));
+        settle();
+    }
+
+    static int32_t note_event(qz_mom_handle *, uint32_t db, int32_t type, void *self)
+    {
+        EXPECT_EQ(app_db, db);
+        static_cast<RedisFault *>(self)->events.push_back(type);
+        return 0;
+    }
+
+    // Writes when the store takes it, as a patient user does.
+    void write(const session &what)
+    {
+        int32_t code = QZ_MOM_EDOWN;
+        run_until([&] { return (code = hmset(writer, what, REQUEST)) == 0; });
+    }
+
+    void run_until_events(const std::vector<int32_t> &wanted)
+    {
+        run_until([&] { return events == wanted; });
+    }
+
+    // What the follower must take the table for, by what it has been told.
+    std::map<std::string, session> view() const
+    {
+        std::map<std::string, session> made;
+        for (const auto &each : told.changes()) {
+            if (each.cmd == QZ_MOM_CMD_DEL || each.cmd == QZ_MOM_CMD_EXPIRED)
+                made.erase(each.key);
+            else
+                made[each.key] = session_of(*each.record);
+        }
+        return made;
+    }
+
+    // The same of the store, read by a handle that has seen nothing of it before.
+    std::map<std::string, session> store()
+    {
+        std::map<std::string, session> found;
+        for (const session &each : scan(open(), any_session()))
+            found[each.user + std::to_string(each.keyid)] = each;
+        return found;
+    }
+
+    void expect_view_equals_store()
+    {
+        const auto held = store();
+        std::map<std::string, session> seen;
+        for (const auto &[key, each] : view())
+            seen[each.user + std::to_string(each.keyid)] = each;
+        EXPECT_EQ(held, seen);
+    }
+
+    qz_mom_handle *writer;
+    qz_mom_handle *reader;
+    listener told;
+    std::vector<int32_t> events;
+};
+
+session numbered(int32_t keyid, int32_t value = 1) { return {.keyid = keyid, .request_value = value, .request = 1}; }
+
+TEST_F(RedisFault, AKilledServerIsToldOfAndRefusesUntilItIsBack)
+{
+    write(numbered(1));
+    settle();
+    store_server().kill();
+    run_until_events({QZ_MOM_RECONNECT_ERROR});
+    EXPECT_EQ(QZ_MOM_EDOWN, hmset(writer, numbered(2), REQUEST));
+    EXPECT_EQ(QZ_MOM_EDOWN, del(writer, numbered(1)));
+    store_server().start();
+    run_until_events({QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE});
+    write(numbered(3));
+    settle();
+    EXPECT_EQ(2u, view().size());
+    expect_view_equals_store();
+    EXPECT_EQ(1u, told.count(QZ_MOM_CMD_SUBSCRIBED));  // none for what the client repeats by itself
+}
+
+TEST_F(RedisFault, WhatAnEmptiedServerHasLostIsToldAsRemovedWithItsLastContent)
+{
+    for (int32_t i = 1; i <= 50; ++i)
+        write(numbered(i, i));
+    settle();
+    told.all.clear();
+    store_server().kill();
+    store_server().forget();
+    store_server().start();
+    run_until([&] { return told.count(QZ_MOM_CMD_DEL) == 50; });
+    std::map<int32_t, int32_t> values;
+    for (const session &each : sessions(told.changes()))
+        values[each.keyid] = each.request_value;
+    for (int32_t i = 1; i <= 50; ++i)
+        EXPECT_EQ(i, values[i]);
+    write(numbered(51));
+    settle();
+    EXPECT_EQ(1u, view().size());
+    expect_view_equals_store();
+}
+
+TEST_F(RedisFault, WritesUnderWayWhenTheServerDiesAreDoneInTheirOrder)
+{
+    constexpr int32_t KEYS = 100, ROUNDS = 60;
+    for (int32_t round = 1; round <= ROUNDS; ++round) {
+        if (round % 20 == 10) {
+            store_server().kill();
+            store_server().start();
+        }
+        for (int32_t key = 0; key < KEYS; ++key)
+            write(numbered(key, round));
+    }
+    const auto newest = [&] {
+        const auto seen = view();
+        return seen.size() == KEYS &&
+               std::ranges::all_of(seen, [](const auto &each) { return each.second.request_value == ROUNDS; });
+    };
+    run_until(newest);
+    settle();
+    EXPECT_TRUE(newest());
+    expect_view_equals_store();
+}
+
+TEST_F(RedisFault, AServerThatAcceptsButNeverAnswersCountsAsLost)
+{
+    write(numbered(1));
+    settle();
+    store_server().signal(SIGSTOP);
+    run_until_events({QZ_MOM_RECONNECT_ERROR});
+    EXPECT_EQ(QZ_MOM_EDOWN, hmset(writer, numbered(2), REQUEST));
+    store_server().signal(SIGCONT);
+    run_until_events({QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE});
+    write(numbered(2));
+    settle();
+    EXPECT_EQ(2u, view().size());
+    expect_view_equals_store();
+}
+
+TEST_F(RedisFault, AnExpiryCallEndsOnceAcrossALoss)
+{
+    write(numbered(1));
+    write(numbered(2));
+    listener expired;
+    EXPECT_EQ(0, expire(writer, any_session(), QZ_MOM_EXPIRE_PATTERN, {1, 0}, expired));
+    settle();
+    store_server().kill();
+    store_server().start();
+    run_until([&] { return expired.ends(QZ_MOM_END_EXPIRY) == 1; });
+    settle();
+    pass_time(300);
+    EXPECT_EQ(1u, expired.ends(QZ_MOM_END_EXPIRY));
+    EXPECT_EQ(2u, told.count(QZ_MOM_CMD_EXPIRED));
+    EXPECT_TRUE(view().empty());
+}
+
+TEST_F(RedisFault, AnExpiryCallEndsWhenItsRecordsAreLost)
+{
+    write(numbered(1));
+    listener expired;
+    EXPECT_EQ(0, expire(writer, any_session(), QZ_MOM_EXPIRE_PATTERN, {1000, 0}, expired));
+    settle();
+    store_server().kill();
+    store_server().forget();
+    store_server().start();
+    run_until([&] { return expired.ends(QZ_MOM_END_EXPIRY) == 1; });
+    EXPECT_EQ(1u, told.count(QZ_MOM_CMD_DEL));
+}
+
+TEST_F(RedisFault, AStoreThatIsEmptiedBehindAnOpenConnectionIsNoticed)
+{
+    for (int32_t i = 1; i <= 5; ++i)
+        write(numbered(i));
+    settle();
+    store_server().commands(app_db, "FLUSHALL");
+    run_until([&] { return told.count(QZ_MOM_CMD_DEL) == 5; });
+    write(numbered(9));
+    settle();
+    EXPECT_EQ(1u, view().size());
+    expect_view_equals_store();
+}
+
+// The log is of a bounded length. Who was away for too long is told what differs now, removals included.
+TEST_F(RedisFault, AFollowerThatFallsBehindTheLogIsToldWhatDiffers)
+{
+    for (int32_t i = 1; i <= 100; ++i)
+        write(numbered(i));
+    settle();
+    EXPECT_EQ(0, qz_mom_set_queue_limits(reader, 1, 2, 4));
+    // Nobody runs the reader's master meanwhile: its queue is full, and the log is not read on. Each call that waits
+    // makes an entry of its own.
+    const qz_mom_timeval delay{1000, 0};
+    for (int32_t i = 1; i <= 75; ++i) {
+        EXPECT_EQ(0, i <= 50 ? del(writer, numbered(i)) : hmset(writer, numbered(i, 2), REQUEST));
+        EXPECT_EQ(0, qz_mom_pexpire_sync(writer, app_db, session_record(numbered(1000)).message(),
+                                         QZ_MOM_EXPIRE_EVLAN_SESSION, &delay));
+    }
+    store_server().commands(app_db, "XTRIM mom:log MAXLEN 0");
+    EXPECT_EQ(0, qz_mom_set_queue_limits(reader, 100, 200, 1000));
+    run_until([&] { return view().size() == 50; });
+    settle();
+    expect_view_equals_store();
+}
+
+// Nobody runs the reader's master for a while: its queue stays within its limits, the writers go on, nothing is missed.
+TEST_F(RedisFault, ASlowFollowerHoldsABoundedQueueAndHearsEverythingLater)
+{
+    std::vector<int32_t> marks;
+    const auto note = [](qz_mom_handle *, int32_t above, uint32_t depth, void *args) {
+        EXPECT_TRUE(above == 1 ? depth >= 20 : depth <= 10) << above << ' ' << depth;
+        static_cast<std::vector<int32_t> *>(args)->push_back(above);
+    };
+    EXPECT_EQ(0, qz_mom_set_queue_limits(reader, 10, 20, 40));
+    EXPECT_EQ(0, qz_mom_set_queue_cb(reader, note, &marks));
+    told.all.clear();
+    const qz_mom_timeval delay{1000, 0};
+    for (int32_t i = 1; i <= 500; ++i) {
+        EXPECT_EQ(0, hmset(writer, numbered(i), REQUEST));
+        if (i % 50 == 0) {
+            EXPECT_EQ(0, qz_mom_pexpire_sync(writer, app_db, session_record(numbered(1000)).message(),
+                                             QZ_MOM_EXPIRE_EVLAN_SESSION, &delay));
+        }
+        EXPECT_LE(qz_mom_queue_depth(reader), 40u);
+    }
+    run_until([&] { return told.changes().size() == 500; });
+    run_until([&] { return marks.size() >= 2 && marks.back() == 0; });
+    for (size_t i = 0; i < marks.size(); ++i)
+        EXPECT_EQ(i % 2 == 0 ? 1 : 0, marks[i]);
+    expect_view_equals_store();
+}
+
+TEST_F(RedisFault, KeysAndBytesThatAreNotOursDisturbNobody)
+{
+    store_server().commands(app_db,
+                            "SET u_bridge.evlan_session:app:32:1 x\nHSET u_bridge.evlan_session:app:32:2 name x\n"
+                            "LPUSH u_bridge.evlan_session:app:32:3 x\nSET other x");
+    write(numbered(4));
+    settle();
+    const auto found = scan(open(), any_session());
+    ASSERT_EQ(1u, found.size());
+    EXPECT_EQ(4, found[0].keyid);
+}
+
+}  // namespace
+}  // namespace contract
