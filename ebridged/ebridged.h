@@ -27,7 +27,8 @@ typedef void (*ebridged_log_func)(enum ebridged_log_level level, const char *lin
 
 /* Zero it, then set what is wanted. Read during the call; `log_args` stays the caller's. */
 typedef struct ebridged_options {
-    const uint32_t *databases; /* whose session tables are served; null: database 4 alone */
+    const uint32_t *databases; /* whose session tables are served; null: database 4 alone. Range records count in the
+                                  lowest of them only: the ids of all are one set */
     uint32_t database_count;
     ebridged_log_func log; /* null: errors go to standard error, the rest nowhere */
     void *log_args;

@@ -17,11 +17,13 @@ constexpr int NO_STORE = 3;
 
 constexpr const char *FOOTER =
     "Example:\n"
-    "  ebridged --store mem:switch --db 4 --verbose\n"
+    "  ebridged --store redis+unix:///run/redis/redis-server.sock --db 4 --verbose\n"
     "\n"
-    "The store client of today knows the embedded store only. A store \"mem:NAME\" lives in one process: this program would serve nobody but itself. Programs on the embedded\n"
-    "store start the service inside (see ebridged.h), as \"ebridge run\" does.\n"
+    "URL is redis://[USER:PASSWORD@]HOST[:PORT] or redis+unix://[USER:PASSWORD@]/PATH. A store \"mem:NAME\" lives in\n"
+    "one process: this program would serve nobody but itself. Programs on the embedded store start the service inside\n"
+    "(see ebridged.h), as \"ebridge run\" does.\n"
     "\n"
+    "Ids of all databases are one set. Records of ranges are read in the lowest database.\n"
     "Runs in the foreground, logs to standard error, and ends on SIGTERM or SIGINT. Granted ids survive a restart.\n"
     "Exit status: 0 ended by a signal, 2 bad argument, 3 the store cannot be opened.";
 

@@ -40,9 +40,15 @@ struct session_record {
 
 bool service::passes(int32_t code) { return code == QZ_MOM_EFULL || code == QZ_MOM_EDOWN || code == QZ_MOM_ENOMEM; }
 
+void service::note_due(duty what, const session_id &id)
+{
+    if (due_set_.insert({what, id}).second)
+        due_.push_back({what, id});
+}
+
 void service::put(duty what, const session_id &id)
 {
-    due_.push_back({what, id});
+    note_due(what, id);
     if (!retry_pending_)
         send_due();
 }
@@ -60,6 +66,7 @@ void service::send_due()
         if (code != QZ_MOM_OK)
             log(EBRIDGED_LOG_ERROR, "database %u, user %s, type %u, key %u: cannot be written: %s", next.id.db,
                 next.id.name.user.c_str(), next.id.name.type, next.id.name.keyid, qz_mom_strerror(code));
+        due_set_.erase(next);
         due_.pop_front();
     }
 }
@@ -114,9 +121,9 @@ void service::write_failed(const qz_mom_notification &msg)
     session_id id;
     if (message && read_session_id(msg.db, *reinterpret_cast<UBridge__EvlanSession *>(message), &id)) {
         if (sessions_.contains(id))
-            due_.push_back({duty::answer, id});
+            note_due(duty::answer, id);
         if (msg.db == MIRROR_DB)
-            due_.push_back({duty::mirror, id});
+            note_due(duty::mirror, id);
         retry_later();
     }
     if (message)

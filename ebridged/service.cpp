@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <utility>
 
@@ -144,6 +145,9 @@ void service::log(ebridged_log_level level, const char *format, ...)
     va_start(args, format);
     std::vsnprintf(line, sizeof line, format, args);
     va_end(args);
+    // Names come from other programs: what they contain must not end a line or move a terminal's cursor.
+    std::replace_if(
+        line, line + std::strlen(line), [](char c) { return (c >= 0 && c < ' ') || c == 0x7f; }, '?');
     if (log_)
         log_(level, line, log_args_);
     else if (level == EBRIDGED_LOG_ERROR)
@@ -166,10 +170,14 @@ void service::stat(ebridged_stat *out) const
 
 int32_t service::start()
 {
+    // One place for ranges: the ids of all databases are one set, and two places could say two things.
+    const uint32_t ranges = databases_.empty() ? 0 : databases_.front();
     for (uint32_t db : databases_) {
-        tasks_.push_back({db, step::follow_ranges});
+        if (db == ranges)
+            tasks_.push_back({db, step::follow_ranges});
         tasks_.push_back({db, step::follow_sessions});
-        tasks_.push_back({db, step::read_ranges});
+        if (db == ranges)
+            tasks_.push_back({db, step::read_ranges});
         tasks_.push_back({db, step::read_sessions});
     }
     if (std::ranges::any_of(databases_, [](uint32_t db) { return db != MIRROR_DB; }))

@@ -1,6 +1,6 @@
 // The allocator service: follows session tables with the store client, has allocator.hpp decide, writes the answers.
 //
-// Start. Per served database: subscribe ranges and sessions, and when both are confirmed scan both. Nothing is decided
+// Start. Per served database: subscribe the sessions, in the lowest one the ranges, too; what is confirmed is scanned. Nothing is decided
 // before every table is read: then granted ids are taken over from the answered sessions, in the order of their key
 // texts, and every request is answered (again). A change that is heard meanwhile outweighs what a scan delivers.
 //
@@ -15,6 +15,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "allocator.hpp"
@@ -89,6 +90,13 @@ class service
     struct due {
         duty what;
         session_id id;
+        bool operator==(const due &) const = default;
+    };
+    struct due_hash {
+        size_t operator()(const due &d) const noexcept
+        {
+            return session_id_hash()(d.id) * 2 + (d.what == duty::mirror);
+        }
     };
 
     // Callbacks of the store client and of the master; the argument is the service's number.
@@ -121,6 +129,7 @@ class service
     // outbox.cpp: writes
     const std::pair<const session_id, session> *to_mirror(const session_name &name) const;
     void put(duty what, const session_id &id);
+    void note_due(duty what, const session_id &id);
     void send_due();
     int32_t send(const due &next);
     int32_t send_answer(const session_id &id);
@@ -144,7 +153,8 @@ class service
     std::map<std::pair<uint32_t, std::string>, found_session> found_;  // until serving; by database and key text
     std::vector<mirror_record> mirrors_;                               // until serving
     std::unordered_map<session_id, session, session_id_hash> sessions_;
-    std::deque<due> due_;
+    std::deque<due> due_;                        // in the order of writing
+    std::unordered_set<due, due_hash> due_set_;  // the same: each is due once
     bool retry_pending_ = false;
     uint64_t answered_ = 0;
     uint64_t refused_ = 0;

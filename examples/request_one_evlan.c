@@ -4,8 +4,9 @@
  * application does its own work on a thread of its own and hands each call over with qz_thread_call_wait(); answers come
  * to callbacks on the main thread, which pass them on through `answers`.
  *
- * The store is the embedded one, which lives in this process alone; so the allocator runs in it, too. With a store that
- * other processes share, the URL is another one and the three lines about the allocator go.
+ * Without an argument the store is the embedded one, which lives in this process alone; so the allocator runs in it,
+ * too. An argument is the URL of a store that other processes share, where a running ebridged answers:
+ *   request_one_evlan redis+unix:///run/redis/redis-server.sock
  */
 #include <inttypes.h>
 #include <pthread.h>
@@ -100,19 +101,22 @@ static void *application(void *arg)
     return NULL;
 }
 
-int main(void)
+int main(int argc, char **argv)
 {
+    const char *store = argc > 1 ? argv[1] : "mem:one_evlan";
     qz_thread_master *master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
     qz_mom_handle *handle = NULL;
     ebridged_service *allocator = NULL;
     pthread_t thread;
     int status = 1;
 
-    if (qz_mom_client_open("mem:one_evlan", master, &handle) != 0)
-        return 1;
+    if (qz_mom_client_open(store, master, &handle) != 0) {
+        fprintf(stderr, "%s: not a store\n", store);
+        return 2;
+    }
 
     /* On the embedded store only: the allocator in this process. */
-    if (ebridged_start(handle, NULL, &allocator) != 0)
+    if (argc == 1 && ebridged_start(handle, NULL, &allocator) != 0)
         return 1;
 
     const ebridge_args args = {

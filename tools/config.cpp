@@ -187,6 +187,17 @@ bool check_bytes(std::string_view text, config_fault *fault)
     return false;
 }
 
+// Characters that break a line or change its direction: U+200E, U+200F, U+2028 to U+202E, U+2066 to U+2069.
+bool turns_lines(std::string_view character)
+{
+    const auto low_bits = [&](size_t i) { return static_cast<unsigned>(character[i]) & 0x3f; };
+    if (character.size() != 3 || character[0] != '\xe2')
+        return false;
+    const unsigned point = 0x2000 | low_bits(1) << 6 | low_bits(2);
+    return point == 0x200e || point == 0x200f || (point >= 0x2028 && point <= 0x202e) ||
+           (point >= 0x2066 && point <= 0x2069);
+}
+
 // Bytes of the printable UTF-8 character that the text begins with; 0 when it begins with none.
 size_t character_length(std::string_view text)
 {
@@ -197,7 +208,9 @@ size_t character_length(std::string_view text)
     if (byte < 0xc3 || byte > 0xf4 || text.size() < length)  // below 0xc3: continuation bytes and control characters
         return 0;
     const auto follows = [](char c) { return (static_cast<unsigned char>(c) & 0xc0) == 0x80; };
-    return std::ranges::all_of(text.substr(1, length - 1), follows) ? length : 0;
+    if (!std::ranges::all_of(text.substr(1, length - 1), follows))
+        return 0;
+    return turns_lines(text.substr(0, length)) ? 0 : length;
 }
 
 }  // namespace

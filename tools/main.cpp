@@ -7,6 +7,7 @@
 #include <cctype>
 #include <charconv>
 #include <cstdio>
+#include <new>
 
 #include "config.hpp"
 #include "report.hpp"
@@ -18,11 +19,12 @@ using namespace ebridge_tool;
 namespace
 {
 
-enum exit_status { ALL_EQUAL = 0, SOMETHING_DIFFERS = 1, BAD_INPUT = 2 };
+enum exit_status { ALL_EQUAL = 0, SOMETHING_DIFFERS = 1, BAD_INPUT = 2, NO_STORE = 3 };
 
 constexpr const char *RUN_FOOTER =
     "One user requests an id for each VLAN and VXLAN map of CONFIG; a second one hears every answer and reads\n"
-    "everything back. Both, the store and the id allocator run inside this command: nothing else is touched.\n"
+    "everything back. Without --store both, the store and the id allocator run inside this command, and nothing\n"
+    "else is touched. With it a running ebridged answers, and what was granted stays in the store.\n"
     "Tables that have no meaning yet are counted as skipped.\n"
     "\n"
     "Examples:\n"
@@ -30,16 +32,19 @@ constexpr const char *RUN_FOOTER =
     "  ebridge run --json leaf.json | jq .tables    the same for programs\n"
     "  ebridge run --dump leaf.json                 and what the library holds afterwards\n"
     "  ebridge run --range VXLAN=1-10 leaf.json     with ten VXLAN ids only: what is refused?\n"
+    "  ebridge run --store redis+unix:///run/redis/redis-server.sock leaf.json\n"
     "\n"
     "Exit status:\n"
     "  0  all that was requested was granted and read back equal\n"
     "  1  something was refused or differs; each such entry is named on standard error\n"
-    "  2  CONFIG is missing, is no JSON or makes no sense, or an argument is wrong; nothing was requested";
+    "  2  CONFIG is missing, is no JSON or makes no sense, or an argument is wrong; nothing was requested\n"
+    "  3  nobody answers at the store's URL";
 
 struct arguments {
     std::string config;
     bool json = false;
     bool dump = false;
+    std::string store;
     std::vector<range_setting> ranges;
 };
 
@@ -88,9 +93,12 @@ int read_arguments(int argc, char **argv, arguments *out)
     run->add_option("CONFIG", out->config, "configuration in the config_db.json form")->required()->type_name("");
     run->add_flag("--json", out->json, "print one JSON object, and nothing else, on standard output");
     run->add_flag("--dump", out->dump, "print the library's users and tables at the end");
+    CLI::Option *store = run->add_option("--store", out->store, "URL of the message store of a running ebridged");
+    store->type_name("URL");
     std::vector<std::string> ranges;
     run->add_option("--range", ranges, "numbers that the allocator may give, may be repeated")
-        ->type_name("TYPE=MIN-MAX");
+        ->type_name("TYPE=MIN-MAX")
+        ->excludes(store);
     try {
         app.parse(argc, argv);
         std::ranges::transform(ranges, std::back_inserter(out->ranges), read_range);
@@ -142,11 +150,15 @@ int run(const arguments &given)
     const int json_output = given.json ? keep_output_clean() : -1;
     if (given.json && json_output < 0)
         return complain("standard output cannot be kept apart", SOMETHING_DIFFERS);
-    const run_options options{.ranges = given.ranges, .progress = show_progress};
+    run_options options{.ranges = given.ranges, .progress = show_progress};
+    if (!given.store.empty()) {
+        options.store = given.store;
+        options.serve = false;
+    }
     const bool ran = run_config(config, options, &result, &error);
     end_progress();
     if (!ran)
-        return complain(error, SOMETHING_DIFFERS);
+        return complain(error, result.store_missing ? NO_STORE : SOMETHING_DIFFERS);
     for (const std::string &problem : result.problems)
         std::fprintf(stderr, "%s\n", problem.c_str());
     if (given.json && !write_all(json_output, to_json(config, result)))
@@ -166,8 +178,12 @@ int run(const arguments &given)
 
 int main(int argc, char **argv)
 {
-    arguments given;
-    if (const int status = read_arguments(argc, argv, &given); status >= 0)
-        return status;
-    return run(given);
+    try {
+        arguments given;
+        if (const int status = read_arguments(argc, argv, &given); status >= 0)
+            return status;
+        return run(given);
+    } catch (const std::bad_alloc &) {
+        return complain("out of memory", SOMETHING_DIFFERS);
+    }
 }

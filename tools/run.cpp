@@ -122,8 +122,10 @@ bool run_config(const switch_config &config, const run_options &options, run_res
     const auto start = std::chrono::steady_clock::now();
     std::vector<request> requests = list_requests(config, out);
     session users(&requests);
-    if (!users.open(options, error))
+    if (!users.open(options, error)) {
+        out->store_missing = users.store_missing();
         return false;
+    }
     request_all(&users, &requests, options);
     if (!users.scan(error))
         return false;

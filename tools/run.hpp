@@ -18,6 +18,7 @@ struct range_setting {
 };
 
 struct run_options {
+    std::string store = "mem:ebridge-run";  // URL
     std::vector<range_setting> ranges{};
     int64_t patience_usec = 30'000'000;  // without any answer for so long, what is open counts as refused
     bool serve = true;                   // false: no allocator in this process, so that nobody answers
@@ -37,6 +38,7 @@ struct run_result {
     std::vector<table_result> tables;   // those that the configuration has, also empty ones
     std::vector<std::string> problems;  // a line for each entry that was refused or differs
     double seconds = 0;
+    bool store_missing = false;  // the run failed because nobody is there behind the URL
 
     bool all_equal() const;
 };

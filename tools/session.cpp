@@ -8,13 +8,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "config.hpp"
+
 namespace ebridge_tool
 {
 
 namespace
 {
 
-constexpr const char *STORE = "mem:ebridge-run";
 constexpr const char *REQUESTER = "ebridge_run";
 constexpr const char *OBSERVER = "ebridge_observer";
 constexpr uint32_t DATA_OF_ALL = 2;
@@ -62,9 +63,7 @@ bool session::open(const run_options &options, std::string *error)
         *error = "no event loop: out of memory or descriptors";
         return false;
     }
-    if (const int32_t code = qz_mom_client_open(STORE, master_, &handle_); code != 0)
-        return fail(error, "the embedded store cannot be opened", code);
-    if (!write_ranges(options.ranges, error))
+    if (!connect(options.store, error) || !write_ranges(options.ranges, error))
         return false;
     if (options.serve) {
         if (const int32_t code = ebridged_start(handle_, nullptr, &service_); code != 0)
@@ -77,6 +76,23 @@ bool session::open(const run_options &options, std::string *error)
         return false;
     }
     return scan(error);
+}
+
+bool session::connect(const std::string &store, std::string *error)
+{
+    constexpr int64_t PATIENCE_USEC = 4'000'000;
+    const auto note = [](qz_mom_handle *, void *self) {
+        static_cast<session *>(self)->connected_ = true;
+        static_cast<session *>(self)->happened();
+        return int32_t{0};
+    };
+    int32_t code = qz_mom_client_open(store.c_str(), master_, &handle_);
+    if (code == 0)
+        code = qz_mom_client_connect(handle_, SW_EBRIDGE_APP_DB, note, this);
+    if (code == 0 && wait_until([this] { return connected_; }, PATIENCE_USEC))
+        return true;
+    *error = printable(store) + ": " + qz_mom_strerror(code != 0 ? code : QZ_MOM_EDOWN);
+    return false;
 }
 
 bool session::write_ranges(std::span<const range_setting> ranges, std::string *error)

@@ -1,5 +1,5 @@
-// Two users of the library in this process, on an embedded store of their own: the one that requests and the one that
-// observes. Part of run.cpp's work that knows the library; see there for the flow.
+// Two users of the library in this process, on an embedded store of their own or on one that they share with others: the
+// one that requests and the one that observes. Part of run.cpp's work that knows the library; see there for the flow.
 #pragma once
 
 #include <cstdint>
@@ -47,6 +47,9 @@ class session
     bool open(const run_options &options, std::string *error);
     bool scan(std::string *error);
 
+    // After open() has failed: it was the store that is not there.
+    bool store_missing() const { return !connected_; }
+
     int32_t send(const request &wanted);
     size_t done() const { return done_; }
     // Runs the loop until the condition holds. False when nothing has been heard for `patience_usec`.
@@ -55,6 +58,7 @@ class session
     const char *difference(const request &of) const;
 
   private:
+    bool connect(const std::string &store, std::string *error);
     bool write_ranges(std::span<const range_setting> ranges, std::string *error);
     bool start_users(std::string *error);
     request *find(uint32_t type, uint32_t keyid);
@@ -76,6 +80,7 @@ class session
     std::vector<request> *requests_;
     std::unordered_map<uint64_t, size_t> by_key_;
     size_t done_ = 0;
+    bool connected_ = false;
     bool subscribed_ = false;
     bool scan_ended_ = false;
     int64_t quiet_since_ = 0;  // when something was heard last

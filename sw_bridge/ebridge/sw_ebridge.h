@@ -19,11 +19,12 @@
  *     must live as long as they may be used. What is returned belongs to the library; a record stays valid until it is
  *     deleted. Nothing that was made at initialisation is ever freed.
  *  6. Strings are NUL-terminated. The name "" is accepted. A null name is an unknown user.
- *  7. Null pointers are refused with -2 (or a null result) and a message; nothing dereferences them.
+ *  7. Null pointers are refused with -2 (or a null result) and, but for the containers, a message; nothing dereferences
+ *     them.
  *  8. Slots. Registry, local databases and index maps exist six times, numbered 0 to 5 ("inst"). Calls without a slot
  *     number use slot 0; chip drivers use one slot per unit.
- *  9. Messages. Every failure is logged before the return, in a line that begins "Assert:" (a few older texts do not) and names its
- *     call site.
+ *  9. Messages. Every failure is logged before the return, in a line that begins "Assert:" (a few older texts do not)
+ *     and names its call site.
  * 10. Ids are unsigned 32-bit values: the type in the top byte, the number within the type in the low 24 bits. Record
  *     fields that hold one are int32_t; shifts and comparisons are done on the unsigned value.
  * 11. IPv4 words are in network byte order, in records, items and texts alike.
@@ -507,8 +508,9 @@ int32_t sw_ebridge_init(const ebridge_args *args);
  * callbacks, therefore do not all reach the scan: keep the users of a process alike, or set both automatic flags to 0
  * and subscribe and scan by hand. With n subscribed users in a process each change is applied n times. Subscribe
  * through one of them. A second call for a name replaces the user's settings and returns 0; nothing else is done again,
- * and map items linked to the user's lists leave them. 0; -2 bad argument; -1 tables; -3 reconnect handler; or the
- * store's code. A failure undoes nothing. */
+ * and map items linked to the user's lists leave them. A subscription that was made before stays in the store: one made
+ * after the second call is another, and the user hears each change twice. 0; -2 bad argument; -1 tables; -3 reconnect
+ * handler; -5 the table does not exist or no memory for the record; or the store's code. A failure undoes nothing. */
 int32_t sw_ebridge_init_inst(uint32_t table, const ebridge_args *args);
 
 /* Makes the six tables of the registry on the first call. 0; -1 if one is missing. */

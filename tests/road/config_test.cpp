@@ -169,4 +169,8 @@ TEST(Config, PrintableTextKeepsWholeCharacters)
     EXPECT_EQ(printable("\x80\xff"), "\\x80\\xff");
     EXPECT_EQ(printable("\xc2\x85"), "\\xc2\\x85");
     EXPECT_EQ(printable("\t"), "\\x09");
+    const std::string page = "\xe2\x80";
+    EXPECT_EQ(printable(page + '\xae' + page + '\xa8'), "\\xe2\\x80\\xae\\xe2\\x80\\xa8");
+    const char *const neighbours = "\xe2\x80\x90\xe2\x80\xa7\xe2\x80\xaf\xe2\x81\xa5";
+    EXPECT_EQ(printable(neighbours), neighbours);
 }

@@ -292,7 +292,7 @@ TEST_F(ServiceRoad, RequestsThatMakeNoSenseAreRefused)
 
 TEST_F(ServiceRoad, SeveralDatabasesShareOneSetOfIds)
 {
-    start_service({4, 5});
+    start_service({5, 4});
     put_session(4, {.user = "a", .type = VXLAN, .keyid = 1, .request_value = VXLAN << 24, .request = 1});
     put_session(5, {.user = "a", .type = VXLAN, .keyid = 2, .request_value = VXLAN << 24, .request = 1});
     put_session(5, {.user = "a", .type = VXLAN, .keyid = 1, .request_value = VXLAN << 24, .request = 1});
@@ -309,6 +309,20 @@ TEST_F(ServiceRoad, SeveralDatabasesShareOneSetOfIds)
     for (const auto &[text, mirror] : sessions(UDP_DB))
         EXPECT_EQ(mirror.mom_db, 5) << text;
     EXPECT_EQ(answers(UDP_DB).size(), 2U);
+}
+
+TEST_F(ServiceRoad, RangesCountInTheLowestServedDatabaseOnly)
+{
+    start_service({5, 4});
+    write_range(VXLAN, 7, 9);
+    UBridge__EvlanSessionRange elsewhere = U_BRIDGE__EVLAN_SESSION_RANGE__INIT;
+    elsewhere.index = static_cast<UBridge__EvlanType>(VXLAN);
+    elsewhere.evlan_id_min = elsewhere.evlan_id_max = 100;
+    ASSERT_EQ(qz_mom_set(users, 5, &elsewhere.base, nullptr, nullptr), 0);
+    settle();
+    put_session(5, {.user = "a", .type = VXLAN, .keyid = 1, .request_value = VXLAN << 24, .request = 1});
+    settle();
+    EXPECT_EQ(answers(5), (ids{{"a/1", 0x20000007}}));
 }
 
 TEST_F(ServiceRoad, SessionsOfTheMirrorDatabaseItselfAreServedAndNotMirrored)

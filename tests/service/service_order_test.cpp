@@ -158,6 +158,18 @@ TEST_F(ServiceOrder, AnswersThatTheStoreRefusesComeLaterAndInOrder)
     EXPECT_THAT(store.timers, IsEmpty());
 }
 
+TEST_F(ServiceOrder, WhatIsDueTwiceIsWrittenOnceAsThingsStandThen)
+{
+    serve();
+    store.codes = {{"hmupdate", QZ_MOM_EFULL}};
+    for (int again = 0; again < 100; ++again)
+        store.written(live(), 4, "a", 1);
+    EXPECT_EQ(stat().waiting, 2U);
+    store.codes.clear();
+    store.run_timers();
+    EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000001", "hmset 8 a/32/1 0x20000001"));
+}
+
 TEST_F(ServiceOrder, AnAnswerThatWaitsIsNotWrittenOnceItsSessionIsGone)
 {
     serve();

@@ -474,6 +474,19 @@ TEST_F(Connections, ConfirmationThatComesTwiceIsTakenOnce)
     EXPECT_THAT(recording::calls(), IsEmpty());
 }
 
+TEST_F(Connections, AlikeUsersOfAProcessBothReachTheScan)
+{
+    for (const char *name : {"first", "second"}) {
+        EXPECT_EQ(0, connected(connecting(evlan_user(name), 4)));
+        const auto subscriptions = recording::calls_of("qz_mom_subscribe_field");
+        ASSERT_EQ(1u, subscriptions.size()) << name;
+        recording::reset();
+        EXPECT_EQ(0, subscribed(notification(), pair_of(subscriptions[0])->arg));
+        EXPECT_EQ(1u, recording::calls_of("qz_mom_scan").size()) << name;
+        recording::reset();
+    }
+}
+
 // A later cycle finds its confirmations in place and scans at the first of them.
 TEST_F(Connections, ConfirmationsAreNeverForgotten)
 {
