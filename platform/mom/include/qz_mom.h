@@ -65,7 +65,8 @@ enum qz_mom_code {
     QZ_MOM_EFULL = -104,  /* a queue is at its hard limit; try again later */
     QZ_MOM_EDOWN = -105,  /* the store cannot be reached */
     QZ_MOM_EFORM = -106,  /* the record exists in the other form (written with set, now hmset, or the reverse) */
-    QZ_MOM_EURL = -107    /* malformed URL or unknown scheme */
+    QZ_MOM_EURL = -107,   /* malformed URL or unknown scheme */
+    QZ_MOM_EFENCED = -108 /* the handle does not hold its lock (qz_mom_lock) */
 };
 
 /* Command of a notification. */
@@ -203,6 +204,18 @@ int32_t qz_mom_clear_expire(qz_mom_handle *handle, uint32_t db, const ProtobufCM
  * called once, with `end` 2, when that is done; it may be null. mode: QZ_MOM_EXPIRE_*. */
 int32_t qz_mom_del_expire(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, int32_t mode,
                           qz_mom_msg_cb cb, void *args);
+
+/* ---- locks ------------------------------------------------------------------------------------------------------- *
+ * For services of which one at a time may write. Of all handles, of all processes, that ask for a lock of a database one
+ * holds it. It lets go when it is closed; one whose process is killed, or out of touch for 1.5 s, loses it. */
+
+/* `held` 1: the handle holds its lock from here on; all that was written before has been delivered to it. 0: it has lost
+ * the lock; it goes on asking. In turns, beginning with 1. */
+typedef int32_t (*qz_mom_lock_cb)(qz_mom_handle *handle, uint32_t db, int32_t held, void *args);
+/* Asks for the lock `name` (letters, digits, '.', '_', '-', 64 at most), one per handle and database. From this call on
+ * the handle is fenced there: its writes (set, hmset, hmupdate, del, clear_expire) are applied only while it holds the
+ * lock, whatever it believes itself; others are refused with EFENCED, at once or to their callback. */
+int32_t qz_mom_lock(qz_mom_handle *handle, uint32_t db, const char *name, qz_mom_lock_cb cb, void *args);
 
 /* ---- bounds ------------------------------------------------------------------------------------------------------ */
 

@@ -129,6 +129,14 @@ int32_t mark(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record,
     });
 }
 
+bool is_lock_name(const char *name)
+{
+    constexpr size_t longest = 64;
+    const std::string_view text = name != nullptr ? name : "";
+    return !text.empty() && text.size() <= longest &&
+           text.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-") == text.npos;
+}
+
 int32_t open(std::string_view url, qz_thread_master *master, qz_mom_handle **out)
 {
     constexpr std::string_view embedded = "mem:";
@@ -185,6 +193,8 @@ const char *qz_mom_strerror(int32_t code)
             return "the record exists in the other form";
         case QZ_MOM_EURL:
             return "malformed URL or unknown scheme";
+        case QZ_MOM_EFENCED:
+            return "the handle does not hold its lock";
         default:
             return "unknown code";
     }
@@ -321,6 +331,17 @@ int32_t qz_mom_del_expire(qz_mom_handle *handle, uint32_t db, const ProtobufCMes
         return QZ_MOM_EINVAL;
     return with_records(handle, db, record, *how, __func__, [&](client &from, store &in, const target &of) {
         return in.remove_marked(from, of, receiver{cb, args});
+    });
+}
+
+// ---- locks ----------------------------------------------------------------------------------------------------------
+
+int32_t qz_mom_lock(qz_mom_handle *handle, uint32_t db, const char *name, qz_mom_lock_cb cb, void *args)
+{
+    return with_database(handle, db, __func__, [&](client &from, store &in) {
+        if (cb == nullptr || !is_lock_name(name))
+            return static_cast<int32_t>(QZ_MOM_EINVAL);
+        return in.lock(from, db, name, lock_news{cb, args, db, {}});
     });
 }
 

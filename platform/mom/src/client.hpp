@@ -4,6 +4,7 @@
 
 #include <map>
 #include <memory>
+#include <string>
 
 #include "delivery.hpp"
 #include "qz_mom.h"
@@ -13,11 +14,21 @@ namespace mom
 
 class store;
 
+// The lock that a handle has asked for in a database.
+struct wanted_lock {
+    std::string name;
+    // Each time of holding the lock has a token, unlike any other; empty while it is not held.
+    std::string given;  // as the store has it
+    std::string told;   // as the callback has been told; the fence of the writes, which are decided by what was told
+    lock_news news;
+};
+
 struct client : qz_mom_handle, std::enable_shared_from_this<client> {
     std::shared_ptr<store> kept_in;  // set once, when the handle is opened
     // Guarded by the store's mutex:
     mailbox box;
     std::map<uint32_t, reconnection> reconnect;  // by database
+    std::map<uint32_t, wanted_lock> locks;       // by database
 };
 
 }  // namespace mom

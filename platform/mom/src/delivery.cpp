@@ -7,6 +7,7 @@
 #include "client.hpp"
 #include "mom_log.hpp"
 #include "posted_calls.hpp"
+#include "store.hpp"
 
 namespace mom
 {
@@ -53,6 +54,15 @@ void call(client &to, const message &told)
 void call(client &to, const connection &made) { made.cb(&to, made.args); }
 
 void call(client &to, const reconnection &event) { event.cb(&to, event.db, event.type, event.args); }
+
+void call(client &to, const lock_news &news)
+{
+    {
+        const std::scoped_lock lock(to.kept_in->office().mutex);
+        to.locks.at(news.db).told = news.token;
+    }
+    news.cb(&to, news.db, news.token.empty() ? 0 : 1, news.args);
+}
 
 // Scans are continued by the pump itself.
 void call(client &, const std::shared_ptr<scan_step> &) {}

@@ -11,6 +11,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <variant>
 #include <vector>
 
@@ -48,6 +49,13 @@ struct reconnection {
     int32_t type;
 };
 
+struct lock_news {
+    qz_mom_lock_cb cb;
+    void *args;
+    uint32_t db;
+    std::string token;  // empty: the lock is lost
+};
+
 // A scan that goes on when its turn in the queue has come, so that it never has more waiting than one piece.
 class scan_step
 {
@@ -60,7 +68,7 @@ class scan_step
 
 struct delivery {
     client *to;
-    std::variant<message, connection, reconnection, std::shared_ptr<scan_step>> what;
+    std::variant<message, connection, reconnection, lock_news, std::shared_ptr<scan_step>> what;
     uint64_t arrival = 0;
 };
 // A list, because moving its nodes cannot fail: once a change and all its deliveries are made, it can be applied.

@@ -94,6 +94,7 @@ void embedded_store::close(client &from) noexcept
     {
         const std::scoped_lock store_lock(office_->mutex);
         subscriptions_.remove_all(from);
+        let_go(from);
         keep_time_without(from);
         office_->detach(from);
         last = office_->clients().empty();
@@ -160,8 +161,8 @@ int32_t embedded_store::apply(const target &at, const std::shared_ptr<change> &w
     const std::span<const uint32_t> written =
         by_field != nullptr ? std::span(by_field->numbers) : std::span<const uint32_t>();
     const std::scoped_lock lock(office_->mutex);
-    if (office_->held())
-        return QZ_MOM_EDOWN;
+    if (const int32_t code = refusal(from, at.db))
+        return code;
     table &records = tables_[at.db];
     auto found = records.find(what->key);
     const bool absent = found == records.end();
@@ -190,6 +191,15 @@ int32_t embedded_store::apply(const target &at, const std::shared_ptr<change> &w
     return QZ_MOM_OK;
 }
 
+// Why a write of that handle cannot be taken; or 0.
+int32_t embedded_store::refusal(const client &from, uint32_t db) const
+{
+    if (office_->held())
+        return QZ_MOM_EDOWN;
+    const auto lock = from.locks.find(db);
+    return lock == from.locks.end() || !lock->second.told.empty() ? QZ_MOM_OK : QZ_MOM_EFENCED;
+}
+
 change_ptr embedded_store::removal(uint32_t db, const table::value_type &entry, int32_t cmd) const
 {
     return std::make_shared<change>(change{db, cmd, 0, entry.first, {}, entry.second.body});
@@ -205,8 +215,8 @@ int32_t embedded_store::remove(client &from, const target &at, const receiver &a
 {
     deliveries out;
     const std::scoped_lock lock(office_->mutex);
-    if (office_->held())
-        return QZ_MOM_EDOWN;
+    if (const int32_t code = refusal(from, at.db))
+        return code;
     const auto found = tables_[at.db].find(at.keys.text());
     const bool present = found != tables_[at.db].end();
     if (present)
@@ -372,8 +382,8 @@ int32_t embedded_store::clear_mark(client &from, const target &at, const receive
     deliveries out;
     add_answer(from, at, answer, QZ_MOM_END_NONE, out);
     const std::scoped_lock lock(office_->mutex);
-    if (office_->held())
-        return QZ_MOM_EDOWN;
+    if (const int32_t code = refusal(from, at.db))
+        return code;
     if (!office_->room_for(out))
         return QZ_MOM_EFULL;
     const auto found = tables_[at.db].find(at.keys.text());
@@ -475,6 +485,41 @@ void embedded_store::keep_time_without(const client &leaving) noexcept
     armed_.clear();
     if (open.size() > 1)
         clock_offset_ = now() - qz_thread_now(open[1]->master);
+}
+
+// ---- locks ----------------------------------------------------------------------------------------------------------
+
+int32_t embedded_store::lock(client &from, uint32_t db, const std::string &name, const lock_news &news)
+{
+    lock_queue last;
+    last.push_back({&from, {}});
+    last.back().news.push_back({&from, lock_news{news.cb, news.args, db, "held"}});
+    const std::scoped_lock lock(office_->mutex);
+    if (office_->held())
+        return QZ_MOM_EDOWN;
+    auto &queue = locks_[{db, name}];
+    if (!from.locks.try_emplace(db, wanted_lock{name, {}, {}, news}).second)
+        return QZ_MOM_EINVAL;
+    queue.splice(queue.end(), last);
+    if (queue.size() == 1)
+        give(queue);
+    return QZ_MOM_OK;
+}
+
+// The first in the queue holds the lock now.
+void embedded_store::give(lock_queue &queue) noexcept { office_->send(queue.front().news); }
+
+void embedded_store::let_go(const client &leaving) noexcept
+{
+    for (const auto &[db, wanted] : leaving.locks) {
+        const auto at = locks_.find({db, wanted.name});
+        const bool held = at->second.front().who == &leaving;
+        at->second.remove_if([&](const lock_seat &seat) { return seat.who == &leaving; });
+        if (at->second.empty())
+            locks_.erase(at);
+        else if (held)
+            give(at->second);
+    }
 }
 
 // ---- controls -------------------------------------------------------------------------------------------------------

@@ -6,9 +6,11 @@
 #define MOM_EMBEDDED_STORE_HPP
 
 #include <array>
+#include <list>
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "posted_calls.hpp"
 #include "qz_mom_embedded.h"
@@ -39,6 +41,7 @@ class embedded_store : public store, public post_target, public std::enable_shar
     int32_t mark(client &from, const target &of, int64_t delay_usec, const receiver &end) override;
     int32_t clear_mark(client &from, const target &at, const receiver &answer) override;
     int32_t remove_marked(client &from, const target &of, const receiver &end) override;
+    int32_t lock(client &from, uint32_t db, const std::string &name, const lock_news &news) override;
     int32_t finish(client &, uint32_t) override { return QZ_MOM_OK; }  // every call is done when it returns
 
     // qz_mom_embedded.h
@@ -80,6 +83,13 @@ class embedded_store : public store, public post_target, public std::enable_shar
     using table = std::map<std::string, record, std::less<>>;
     using marks = std::map<mark_id, expiry_mark>;
 
+    // Who holds a lock, first, and who waits for it. The news of it are made in advance.
+    struct lock_seat {
+        client *who;
+        deliveries news;
+    };
+    using lock_queue = std::list<lock_seat>;
+
     static bool ours(const table::value_type &entry, const target &of);
     template <typename Visit>
     void each_match(const target &of, Visit visit);
@@ -95,6 +105,9 @@ class embedded_store : public store, public post_target, public std::enable_shar
     void fire_due() noexcept;
     void arm(int64_t at) noexcept;
     void keep_time_without(const client &leaving) noexcept;
+    int32_t refusal(const client &from, uint32_t db) const;
+    void give(lock_queue &queue) noexcept;
+    void let_go(const client &leaving) noexcept;
     deliveries reconnections(int32_t type) const;
 
     const std::string name_;
@@ -103,6 +116,7 @@ class embedded_store : public store, public post_target, public std::enable_shar
     std::array<table, QZ_MOM_EMBEDDED_DATABASES> tables_;
     subscription_table subscriptions_;
     marks marks_;
+    std::map<std::pair<uint32_t, std::string>, lock_queue> locks_;
     uint64_t last_mark_ = 0;
     int64_t clock_offset_ = 0;  // what the store's clock is ahead of its home master's
     post_address timer_;

@@ -33,6 +33,21 @@ uint64_t number_of(std::string_view text)
     return number;
 }
 
+// What the letter that the server answers to a write means.
+int32_t code_of(char letter)
+{
+    switch (letter) {
+        case 'f':
+            return QZ_MOM_EFORM;
+        case 'm':
+            return QZ_MOM_ENOMEM;
+        case 'l':
+            return QZ_MOM_EFENCED;
+        default:
+            return QZ_MOM_OK;
+    }
+}
+
 std::string_view verb_of(redis_operation::kind kind)
 {
     switch (kind) {
@@ -176,7 +191,8 @@ int32_t redis_line::put(redis_operation &&operation)
     return QZ_MOM_OK;
 }
 
-void redis_line::post(client &to, message &&what)
+template <typename News>
+void redis_line::post(client &to, News what)
 {
     deliveries out;
     out.push_back({&to, std::move(what)});
@@ -188,13 +204,18 @@ int32_t redis_line::connect(client &from, const connection &answer)
     redis_operation asked;
     asked.at_once = true;
     asked.finish = [this, who = from.weak_from_this(), answer](const redis_outcome &) {
-        if (const auto to = office_.attached(who)) {
-            deliveries out;
-            out.push_back({to.get(), answer});
-            office_.send(out);
-        }
+        if (const auto to = office_.attached(who))
+            post(*to, answer);
     };
     return put(std::move(asked));
+}
+
+void redis_line::want_lock(client &from, wanted_lock &&wanted)
+{
+    lockers_.reserve(lockers_.size() + 1);
+    from.locks.emplace(db_, std::move(wanted));
+    lockers_.push_back(from.weak_from_this());
+    fire_at_ = {};
 }
 
 int32_t redis_line::follow(std::vector<subscription> &&added)
@@ -261,9 +282,7 @@ void redis_line::start_scan(followed &in, const waiting_scan &scan)
     const auto step = std::make_shared<replica_scan>(*this, in.type->name, scan.of, scan.to);
     std::erase_if(in.running, [](const auto &each) { return each.expired(); });
     in.running.push_back(step);
-    deliveries out;
-    out.push_back({from.get(), step});
-    office_.send(out);
+    post(*from, step);
 }
 
 void redis_line::scan_ended(const replica_scan &scan, const std::string &name)
@@ -346,19 +365,61 @@ void redis_line::tick(const redis_address &to, steady::time_point now)
         return lose("no answer");
     if (reading_ && now - read_since_ > LOG_PATIENCE)
         return lose("no answer to a read of the log");
-    if (!firing_ && now >= fire_at_) {
-        firing_ = true;
-        redis_operation fire;
-        fire.what = redis_operation::kind::fire;
-        fire.at_once = true;
-        fire.finish = [this](const redis_outcome &done) {
-            firing_ = false;
-            if (done.code == QZ_MOM_OK && !identity_.starts_with(done.more + ' '))
-                return lose("the store was emptied");
-            fire_at_ = steady::now() + (done.text == "more" ? 0ms : FIRE_INTERVAL);
-        };
-        ask_at_once(std::move(fire), now);
+    if (!firing_ && now >= fire_at_)
+        fire(now);
+}
+
+// The clock's work on the server: marks that are due, locks that are held or asked for.
+void redis_line::fire(steady::time_point now)
+{
+    firing_ = true;
+    redis_operation asked;
+    asked.what = redis_operation::kind::fire;
+    asked.at_once = true;
+    std::erase_if(lockers_, [this](const auto &who) { return office_.attached(who) == nullptr; });
+    for (const auto &who : lockers_) {
+        const wanted_lock &wanted = who.lock()->locks.at(db_);
+        asked.words.add(wanted.name);
+        asked.words.add(wanted.given);
     }
+    asked.finish = [this, lockers = lockers_](const redis_outcome &done) {
+        firing_ = false;
+        if (done.code == QZ_MOM_OK && !identity_.starts_with(done.more.substr(0, done.more.find(' ')) + ' '))
+            return lose("the store was emptied");
+        fire_at_ = steady::now() + (done.text == "more" ? 0ms : FIRE_INTERVAL);
+        take_tokens(lockers, done);
+    };
+    ask_at_once(std::move(asked), now);
+}
+
+// The answer's tokens, one a lock: "=" held as before, "-" another's, else held anew.
+void redis_line::take_tokens(const std::vector<std::weak_ptr<client>> &asked, const redis_outcome &fired)
+{
+    std::string_view tokens = fired.more;
+    for (const auto &who : asked) {
+        tokens.remove_prefix(std::min(tokens.find(' '), tokens.size() - 1) + 1);
+        const std::string token(tokens.substr(0, tokens.find(' ')));
+        const auto to = office_.attached(who);
+        if (token.empty() || to == nullptr || token == "=")
+            continue;
+        wanted_lock &wanted = to->locks.at(db_);
+        if (!wanted.given.empty())
+            tell_lock(*to, {});
+        wanted.given = token == "-" ? std::string() : token;
+        // All that was written before the lock was given is told first.
+        if (!wanted.given.empty())
+            held_.push_back({fired.position, [this, who, token] {
+                                 if (const auto holder = office_.attached(who))
+                                     tell_lock(*holder, token);
+                             }});
+    }
+}
+
+void redis_line::tell_lock(client &to, const std::string &token)
+{
+    lock_news news = to.locks.at(db_).news;
+    news.token = token;
+    post(to, std::move(news));
 }
 
 void redis_line::step(int16_t command_events, int16_t log_events)
@@ -513,7 +574,7 @@ void redis_line::answered(call &&made, const redisReply &reply)
     for (auto &part : made.parts) {
         redis_outcome own = outcome;
         if (by_letter && !part.words.empty() && !letters.empty()) {
-            own.code = letters.front() == 'f' ? QZ_MOM_EFORM : letters.front() == 'm' ? QZ_MOM_ENOMEM : QZ_MOM_OK;
+            own.code = code_of(letters.front());
             letters.remove_prefix(1);
         }
         conclude(part, std::move(own));

@@ -71,6 +71,8 @@ class redis_line
     int32_t follow(std::vector<subscription> &&added);
     int32_t unfollow(client &from, const target &of, const receiver &to);
     int32_t scan(client &from, const target &of, const receiver &to);
+    // The handle's lock in this database is asked for, from now on until the handle is closed.
+    void want_lock(client &from, wanted_lock &&wanted);
     // Nothing that was taken over is still to be done, as far as it can be done at all.
     bool settled() const;
 
@@ -127,13 +129,17 @@ class redis_line
         std::vector<std::weak_ptr<replica_scan>> running;  // scans that read the replica
     };
 
-    void post(client &to, message &&what);
+    template <typename News>
+    void post(client &to, News what);
 
     void greet(const redis_address &to);
     void take_greeting(const redisReply &reply);
     void serve(const redisReply &hello);
     void transmit(call &made);
     void send_queued(steady::time_point now);
+    void fire(steady::time_point now);
+    void take_tokens(const std::vector<std::weak_ptr<client>> &asked, const redis_outcome &fired);
+    void tell_lock(client &to, const std::string &token);
     void ask_at_once(redis_operation &&operation, steady::time_point now);
     void answered(call &&made, const redisReply &reply);
     void conclude(redis_operation &part, redis_outcome &&outcome);
@@ -199,6 +205,7 @@ class redis_line
 
     std::map<std::string, followed, std::less<>> followed_;
     uint64_t last_load_ = 0;
+    std::vector<std::weak_ptr<client>> lockers_;  // handles that have asked for a lock
     struct waiting_mark {
         std::weak_ptr<client> owner;
         change_ptr end;

@@ -121,6 +121,7 @@ void redis_store::close(client &from) noexcept
     {
         std::unique_lock store_lock(office_->mutex);
         subscriptions_.remove_all(from);
+        let_go(from);
         office_->detach(from);
         if (!office_->clients().empty())
             return;
@@ -132,6 +133,21 @@ void redis_store::close(client &from) noexcept
     }
     thread_.join();
     all.stores.erase(url_);
+}
+
+// Without memory for it the server lets the lock go by itself, a little later.
+void redis_store::let_go(const client &leaving) noexcept
+{
+    try {
+        for (const auto &[db, wanted] : leaving.locks) {
+            redis_operation asked;
+            asked.words = {"l", wanted.name, wanted.given};
+            if (!wanted.given.empty())
+                line(db).put(std::move(asked));
+        }
+    } catch (const std::bad_alloc &) {
+        log_failure("a lock is left to run out");
+    }
 }
 
 // ---- calls ----------------------------------------------------------------------------------------------------------
@@ -185,40 +201,48 @@ int32_t redis_store::connect(client &from, uint32_t db, const connection &answer
     return code;
 }
 
-int32_t redis_store::write_whole(client &from, const target &at, content &&body, const receiver &to)
+// A fenced handle's write carries what the server is to find at its lock.
+int32_t redis_store::put_write(client &from, const target &at, redis_words &&words, const receiver &to)
 {
     redis_operation write;
-    write.words = {"s", at.keys.text(), body.bytes};
     write.finish = answer_to(from, at, to, QZ_MOM_END_NONE);
-    return put(at.db, std::move(write));
+    const std::scoped_lock lock(office_->mutex);
+    if (const auto fence = from.locks.find(at.db); fence == from.locks.end()) {
+        write.words = std::move(words);
+    } else if (!fence->second.told.empty()) {
+        write.words = {"f", fence->second.name, fence->second.told};
+        write.words.append(words);
+    } else {
+        return QZ_MOM_EFENCED;
+    }
+    const int32_t code = line(at.db).put(std::move(write));
+    wake();
+    return code;
+}
+
+int32_t redis_store::write_whole(client &from, const target &at, content &&body, const receiver &to)
+{
+    return put_write(from, at, {"s", at.keys.text(), body.bytes}, to);
 }
 
 int32_t redis_store::write_fields(client &from, const target &at, const field_write &fields, const receiver &to)
 {
-    redis_operation write;
-    write.words = {fields.creates ? "h" : "u", at.keys.text(), fields.names, std::to_string(fields.fields.size())};
+    redis_words words{fields.creates ? "h" : "u", at.keys.text(), fields.names, std::to_string(fields.fields.size())};
     for (const auto &field : fields.fields) {
-        write.words.add(std::to_string(field.number));
-        write.words.add(field.bytes);
+        words.add(std::to_string(field.number));
+        words.add(field.bytes);
     }
-    write.finish = answer_to(from, at, to, QZ_MOM_END_NONE);
-    return put(at.db, std::move(write));
+    return put_write(from, at, std::move(words), to);
 }
 
 int32_t redis_store::remove(client &from, const target &at, const receiver &to)
 {
-    redis_operation write;
-    write.words = {"d", at.keys.text()};
-    write.finish = answer_to(from, at, to, QZ_MOM_END_NONE);
-    return put(at.db, std::move(write));
+    return put_write(from, at, {"d", at.keys.text()}, to);
 }
 
 int32_t redis_store::clear_mark(client &from, const target &at, const receiver &to)
 {
-    redis_operation write;
-    write.words = {"c", at.keys.text()};
-    write.finish = answer_to(from, at, to, QZ_MOM_END_NONE);
-    return put(at.db, std::move(write));
+    return put_write(from, at, {"c", at.keys.text()}, to);
 }
 
 int32_t redis_store::scan(client &from, const target &of, const receiver &to)
@@ -264,6 +288,17 @@ int32_t redis_store::remove_marked(client &from, const target &of, const receive
     asked.words = words_of(of);
     asked.finish = answer_to(from, of, end, QZ_MOM_END_EXPIRY);
     return put(of.db, std::move(asked));
+}
+
+int32_t redis_store::lock(client &from, uint32_t db, const std::string &name, const lock_news &news)
+{
+    const std::scoped_lock lock(office_->mutex);
+    auto &asked = line(db);
+    if (from.locks.contains(db))
+        return QZ_MOM_EINVAL;
+    asked.want_lock(from, wanted_lock{name, {}, {}, news});
+    wake();
+    return QZ_MOM_OK;
 }
 
 int32_t redis_store::finish(client &, uint32_t db)

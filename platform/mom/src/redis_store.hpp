@@ -32,6 +32,7 @@ class redis_store : public store
     int32_t mark(client &from, const target &of, int64_t delay_usec, const receiver &end) override;
     int32_t clear_mark(client &from, const target &at, const receiver &answer) override;
     int32_t remove_marked(client &from, const target &of, const receiver &end) override;
+    int32_t lock(client &from, uint32_t db, const std::string &name, const lock_news &news) override;
     int32_t finish(client &from, uint32_t db) override;
 
   private:
@@ -39,6 +40,8 @@ class redis_store : public store
 
     redis_line &line(uint32_t db);
     int32_t put(uint32_t db, redis_operation &&operation);
+    int32_t put_write(client &from, const target &at, redis_words &&words, const receiver &to);
+    void let_go(const client &leaving) noexcept;
     std::function<void(const redis_outcome &)> answer_to(client &from, const target &at, const receiver &to,
                                                          int32_t end);
     void run();

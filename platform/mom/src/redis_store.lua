@@ -7,6 +7,7 @@
 --   mom:epoch      drawn when the log begins; another one means that the data was lost
 --   mom:marks      sorted set: key of a marked record, time at which its mark fires (microseconds)
 --   mom:calls      hash: key of a marked record -> number of the expiry call that marked it
+--   mom:lock:NAME  token of the holder of a lock; runs out when nobody renews it
 --   mom:left       hash: number of an expiry call -> marks that are left of it
 --   mom:done:ID    the last call that this client has had carried out; forgotten after ten minutes
 --
@@ -17,6 +18,7 @@
 -- Every answer begins with a position: once the log has been read up to there it is known what came before the answer.
 
 local LOG_ENTRIES = 4096
+local LOCK_MILLISECONDS = 1500
 local RECORD_BATCH = 500 -- as many fit a call of unpack
 
 local verb, client, number = ARGV[1], ARGV[2], ARGV[3]
@@ -77,6 +79,16 @@ end
 -- The arguments of a write follow `at`; the result is a letter for the client, and where the next write begins.
 local write = {}
 
+local function lock_key(name) return 'mom:lock:' .. name end
+
+-- A write may be fenced: "f", name of the lock, token that its holder has, then the write.
+local function fence_holds(at) return call('GET', lock_key(ARGV[at])) == ARGV[at + 1] end
+
+local words_of = {s = 3, d = 2, c = 2, l = 3}
+
+-- Where the write after the one at `at` begins.
+local function after(at) return at + (words_of[ARGV[at]] or 4 + 2 * tonumber(ARGV[at + 3])) end
+
 local function write_fields(at, creates)
     local key, names, count = ARGV[at], ARGV[at + 1], tonumber(ARGV[at + 2])
     local first, last = at + 3, at + 2 + 2 * count
@@ -129,6 +141,14 @@ function write.c(at)
     return 'k', at + 1
 end
 
+-- Lets a lock go.
+function write.l(at)
+    if fence_holds(at) then
+        call('DEL', lock_key(ARGV[at]))
+    end
+    return 'k', at + 2
+end
+
 -- ---- what the client can ask for -----------------------------------------------------------------------------------
 
 local verbs = {}
@@ -138,7 +158,14 @@ function verbs.write()
     local at = 4
     while at <= #ARGV do
         local letter
-        letter, at = write[ARGV[at]](at + 1)
+        if ARGV[at] == 'f' and not fence_holds(at + 1) then
+            letter, at = 'l', after(at + 3)
+        else
+            if ARGV[at] == 'f' then
+                at = at + 3
+            end
+            letter, at = write[ARGV[at]](at + 1)
+        end
         letters[#letters + 1] = letter
     end
     return table.concat(letters)
@@ -243,9 +270,26 @@ function verbs.sweep()
     return 'k'
 end
 
--- Answers the epoch, too: who asks now and then learns that the data was lost behind an open connection.
+-- "=": the client holds the lock, as its token says; "-": another one does; else its new token.
+local function keep_lock(name, token)
+    local key = lock_key(name)
+    local holder = call('GET', key)
+    if holder and holder ~= token then
+        return '-'
+    end
+    local kept = holder or client .. ':' .. string.format('%.0f', now())
+    call('SET', key, kept, 'PX', LOCK_MILLISECONDS)
+    return holder and '=' or kept
+end
+
+-- ARGV 4...: locks that are wanted, each a name and the token that its holder has. Answers the epoch, so that who asks
+-- now and then learns that the data was lost behind an open connection, and what became of each lock.
 function verbs.fire()
-    return fire() == RECORD_BATCH and 'more' or 'k', call('GET', 'mom:epoch')
+    local answers = {call('GET', 'mom:epoch') or ''}
+    for at = 4, #ARGV, 2 do
+        answers[#answers + 1] = keep_lock(ARGV[at], ARGV[at + 1])
+    end
+    return fire() == RECORD_BATCH and 'more' or 'k', table.concat(answers, ' ')
 end
 
 -- ARGV 4: number of an expiry call.

@@ -59,6 +59,9 @@ class store
     virtual int32_t clear_mark(client &from, const target &at, const receiver &answer) = 0;
     virtual int32_t remove_marked(client &from, const target &of, const receiver &end) = 0;
 
+    // The handle has asked for none in that database before.
+    virtual int32_t lock(client &from, uint32_t db, const std::string &name, const lock_news &news) = 0;
+
     // Waits until what this handle's calls on the database have asked for is done; EDOWN when that takes too long.
     virtual int32_t finish(client &from, uint32_t db) = 0;
 };
