@@ -1,5 +1,7 @@
 // ebridged, the program: the allocator service in the foreground on a message store.
 #include <signal.h>
+#include <syslog.h>
+#include <systemd/sd-daemon.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -7,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "ebridged.h"
+#include "standby.hpp"
 
 namespace
 {
@@ -25,12 +27,15 @@ constexpr const char *FOOTER =
     "\n"
     "Ids of all databases are one set. Records of ranges are read in the lowest database.\n"
     "Runs in the foreground, logs to standard error, and ends on SIGTERM or SIGINT. Granted ids survive a restart.\n"
+    "Several may run on one store: one serves, another takes over when it ends or is not heard of for 1.5 s.\n"
+    "A service manager that asks for it is told when the store is there (sd_notify).\n"
     "Exit status: 0 ended by a signal, 2 bad argument, 3 the store cannot be opened.";
 
 struct settings {
     std::string store;
     std::vector<uint32_t> databases{4};
     bool verbose = false;
+    bool syslog = false;
 };
 
 // -1: go on; otherwise the exit status.
@@ -41,6 +46,7 @@ int read_arguments(int argc, char **argv, settings *out)
     app.add_option("--store", out->store, "URL of the message store")->required()->type_name("URL");
     app.add_option("--db", out->databases, "database to serve, may be repeated")->type_name("N")->capture_default_str();
     app.add_flag("--verbose", out->verbose, "log every answer");
+    app.add_flag("--syslog", out->syslog, "log to the system's log instead of standard error");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp &help) {
@@ -55,9 +61,42 @@ int read_arguments(int argc, char **argv, settings *out)
 void log_line(ebridged_log_level level, const char *line, void *args)
 {
     const auto *given = static_cast<const settings *>(args);
-    if (level < EBRIDGED_LOG_DEBUG || given->verbose)
+    if (level == EBRIDGED_LOG_DEBUG && !given->verbose)
+        return;
+    if (given->syslog)
+        syslog(level == EBRIDGED_LOG_ERROR ? LOG_ERR : level == EBRIDGED_LOG_INFO ? LOG_INFO : LOG_DEBUG, "%s", line);
+    else
         std::fprintf(stderr, "ebridged: %s\n", line);
 }
+
+// Tells the log, and the service manager that waits for it, what this process is doing.
+class reporter : public ebridged::standby::observer
+{
+  public:
+    explicit reporter(settings *given) : given_(given) {}
+
+    void entered(ebridged::standby::state now) override
+    {
+        switch (now) {
+            case ebridged::standby::state::connecting:
+                return tell("STATUS=Waiting for the store", "waiting for the store");
+            case ebridged::standby::state::standing_by:
+                return tell("READY=1\nSTATUS=Standing by: another one serves", "standing by");
+            case ebridged::standby::state::serving:
+                return tell("READY=1\nSTATUS=Serving", "the store's lock is held");
+        }
+    }
+    void stopping() { tell("STOPPING=1", "stopped"); }
+
+  private:
+    void tell(const char *manager, const char *line)
+    {
+        sd_notify(0, manager);
+        log_line(EBRIDGED_LOG_INFO, line, given_);
+    }
+
+    settings *given_;
+};
 
 // SIGTERM and SIGINT are blocked in all threads but waited for in one, which stops the loop.
 sigset_t block_signals()
@@ -70,15 +109,18 @@ sigset_t block_signals()
     return signals;
 }
 
-int serve(qz_thread_master *master, qz_mom_handle *handle, settings *given, const sigset_t *signals)
+int serve(qz_thread_master *master, settings *given, const sigset_t *signals)
 {
     const ebridged_options options{.databases = given->databases.data(),
                                    .database_count = static_cast<uint32_t>(given->databases.size()),
                                    .log = log_line,
                                    .log_args = given};
-    ebridged_service *service = nullptr;
-    if (const int32_t code = ebridged_start(handle, &options, &service); code != QZ_MOM_OK)
+    reporter told(given);
+    ebridged::standby turns(given->store, master, options, &told);
+    if (const int32_t code = turns.start(); code != QZ_MOM_OK) {
+        std::fprintf(stderr, "ebridged: %s: %s\n", given->store.c_str(), qz_mom_strerror(code));
         return code == QZ_MOM_EDB || code == QZ_MOM_EINVAL ? BAD_ARGUMENT : NO_STORE;
+    }
     std::thread waiter([master, signals] {
         int signal = 0;
         sigwait(signals, &signal);
@@ -86,8 +128,7 @@ int serve(qz_thread_master *master, qz_mom_handle *handle, settings *given, cons
     });
     qz_thread_run(master);
     waiter.join();
-    ebridged_stop(service);
-    std::fputs("ebridged: stopped\n", stderr);
+    told.stopping();
     return 0;
 }
 
@@ -99,15 +140,14 @@ int main(int argc, char **argv)
     if (const int status = read_arguments(argc, argv, &given); status >= 0)
         return status;
     const sigset_t signals = block_signals();
+    if (given.syslog)
+        openlog("ebridged", LOG_PID, LOG_DAEMON);
     qz_thread_master *master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
-    qz_mom_handle *handle = nullptr;
-    const int32_t code = qz_mom_client_open(given.store.c_str(), master, &handle);
-    int status = NO_STORE;
-    if (code == QZ_MOM_OK)
-        status = serve(master, handle, &given, &signals);
-    else
-        std::fprintf(stderr, "ebridged: %s: %s\n", given.store.c_str(), qz_mom_strerror(code));
-    qz_mom_client_close(handle);
+    if (master == nullptr) {
+        std::fputs("ebridged: no event loop: out of memory or descriptors\n", stderr);
+        return NO_STORE;
+    }
+    const int status = serve(master, &given, &signals);
     qz_thread_master_free(master);
     return status;
 }

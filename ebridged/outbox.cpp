@@ -63,6 +63,8 @@ void service::send_due()
             retry_later();
             return;
         }
+        if (code == QZ_MOM_EFENCED)
+            return;  // another service has taken over; this one is about to hear of it
         if (code != QZ_MOM_OK)
             log(EBRIDGED_LOG_ERROR, "database %u, user %s, type %u, key %u: cannot be written: %s", next.id.db,
                 next.id.name.user.c_str(), next.id.name.type, next.id.name.keyid, qz_mom_strerror(code));
@@ -114,6 +116,8 @@ const std::pair<const session_id, session> *service::to_mirror(const session_nam
 // A write that the store had taken over and could not do after all.
 void service::write_failed(const qz_mom_notification &msg)
 {
+    if (msg.error == QZ_MOM_EFENCED)
+        return;
     log(EBRIDGED_LOG_ERROR, "database %u, %s: write failed: %s", msg.db, msg.key, qz_mom_strerror(msg.error));
     if (!passes(msg.error))
         return;

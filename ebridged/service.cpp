@@ -2,9 +2,6 @@
 #include "service.hpp"
 
 #include <algorithm>
-#include <cstdarg>
-#include <cstdio>
-#include <cstring>
 #include <mutex>
 #include <utility>
 
@@ -103,6 +100,16 @@ bool read_session_id(uint32_t db, const UBridge__EvlanSession &record, session_i
     return true;
 }
 
+std::vector<uint32_t> databases_of(const ebridged_options *options)
+{
+    std::vector<uint32_t> databases(std::begin(DEFAULT_DATABASES), std::end(DEFAULT_DATABASES));
+    if (options && options->databases)
+        databases.assign(options->databases, options->databases + options->database_count);
+    std::ranges::sort(databases);
+    databases.erase(std::unique(databases.begin(), databases.end()), databases.end());
+    return databases;
+}
+
 service *service::find(void *number)
 {
     const std::lock_guard guard(services().lock);
@@ -113,15 +120,8 @@ service *service::find(void *number)
 void *service::number_arg() const { return reinterpret_cast<void *>(number_); }
 
 service::service(qz_mom_handle *handle, const ebridged_options *options)
-    : handle_(handle), log_(options ? options->log : nullptr), log_args_(options ? options->log_args : nullptr)
+    : handle_(handle), log(options), number_(add_service(this)), databases_(databases_of(options))
 {
-    if (options && options->databases)
-        databases_.assign(options->databases, options->databases + options->database_count);
-    else
-        databases_.assign(std::begin(DEFAULT_DATABASES), std::end(DEFAULT_DATABASES));
-    std::ranges::sort(databases_);
-    databases_.erase(std::unique(databases_.begin(), databases_.end()), databases_.end());
-    number_ = add_service(this);
 }
 
 service::~service()
@@ -136,22 +136,6 @@ service::~service()
         if (task.what == step::follow_ranges)
             qz_mom_unsubscribe(handle_, task.db, &all.ranges.base, on_range, number_arg());
     }
-}
-
-void service::log(ebridged_log_level level, const char *format, ...)
-{
-    char line[512];
-    va_list args;
-    va_start(args, format);
-    std::vsnprintf(line, sizeof line, format, args);
-    va_end(args);
-    // Names come from other programs: what they contain must not end a line or move a terminal's cursor.
-    std::replace_if(
-        line, line + std::strlen(line), [](char c) { return (c >= 0 && c < ' ') || c == 0x7f; }, '?');
-    if (log_)
-        log_(level, line, log_args_);
-    else if (level == EBRIDGED_LOG_ERROR)
-        std::fprintf(stderr, "ebridged: %s\n", line);
 }
 
 void service::stat(ebridged_stat *out) const

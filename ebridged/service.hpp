@@ -21,10 +21,17 @@
 #include "allocator.hpp"
 #include "ebridged.h"
 #include "qz_mom.h"
+#include "service_log.hpp"
 #include "u_bridge.pb-c.h"
 
 namespace ebridged
 {
+
+// Where answered sessions are mirrored to.
+constexpr uint32_t MIRROR_DB = 8;
+
+// Whose sessions are served by these options: each once, in the order of their numbers.
+std::vector<uint32_t> databases_of(const ebridged_options *options);
 
 // What a session is known by, apart from its database.
 struct session_name {
@@ -138,13 +145,8 @@ class service
     void retry_later();
     static bool passes(int32_t code);  // a code that may be another one next time
 
-    void log(ebridged_log_level level, const char *format, ...) __attribute__((format(printf, 3, 4)));
-
-    static constexpr uint32_t MIRROR_DB = 8;
-
     qz_mom_handle *handle_;
-    ebridged_log_func log_;
-    void *log_args_;
+    const service_log log;
     uintptr_t number_;  // of this service, for callbacks
     allocator allocator_{evlan_types()};
     std::vector<uint32_t> databases_;  // whose sessions are answered

@@ -1,8 +1,12 @@
 // The program ebridged, and the example program, as a user runs them.
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <memory>
 
 #include "child.hpp"
 #include "redis_server.hpp"
@@ -10,6 +14,20 @@
 using namespace road;
 using testing::HasSubstr;
 using testing::IsEmpty;
+
+namespace
+{
+
+// Has the example configuration brought up: the id that one of its maps got.
+std::string leaf_id(const support::redis_server &redis)
+{
+    const outcome seen =
+        run({EBRIDGE_PROGRAM, "run", "--store", redis.url(), std::string(EXAMPLES_DIR) + "/leaf.json"});
+    EXPECT_EQ(seen.status, 0) << seen.err;
+    return redis.commands(8, "HGET u_bridge.evlan_session:ebridge_run:32:5101 10");
+}
+
+}  // namespace
 
 TEST(EbridgedProgram, EndsCleanlyOnASignal)
 {
@@ -92,6 +110,86 @@ TEST(EbridgedProgram, KeepsWhatItGrantedOverItsDeathAndTheServers)
         redis.kill();
         redis.start();
     }
+}
+
+// The one that stands by serves when the other is killed, and what it then grants was given to nobody before.
+TEST(EbridgedProgram, TakesOverFromOneThatIsKilled)
+{
+    const support::redis_server redis;
+    std::vector<std::string> ids;
+    auto serving = std::make_unique<child>(std::vector<std::string>{EBRIDGED_PROGRAM, "--store", redis.url()});
+    ASSERT_TRUE(serving->wait_for_error_text("serving, "));
+    for (int life = 0; life < 3; ++life) {
+        auto next = std::make_unique<child>(std::vector<std::string>{EBRIDGED_PROGRAM, "--store", redis.url()});
+        ASSERT_TRUE(next->wait_for_error_text("standing by"));
+        ids.push_back(leaf_id(redis));
+        serving->signal(SIGKILL);
+        serving->finish();
+        ASSERT_TRUE(next->wait_for_error_text("serving, 60 sessions"));
+        serving = std::move(next);
+    }
+    EXPECT_EQ(ids, std::vector<std::string>(3, ids.front()));
+    serving->signal(SIGTERM);
+    EXPECT_EQ(serving->finish().status, 0);
+}
+
+// One that ends in peace hands over at once.
+TEST(EbridgedProgram, HandsOverWhenItEnds)
+{
+    const support::redis_server redis;
+    child first({EBRIDGED_PROGRAM, "--store", redis.url()});
+    ASSERT_TRUE(first.wait_for_error_text("serving, "));
+    child second({EBRIDGED_PROGRAM, "--store", redis.url()});
+    ASSERT_TRUE(second.wait_for_error_text("standing by"));
+    first.signal(SIGTERM);
+    EXPECT_EQ(first.finish().status, 0);
+    EXPECT_EQ(redis.commands(4, "EXISTS mom:lock:ebridged").find(":1"), std::string::npos);
+    ASSERT_TRUE(second.wait_for_error_text("serving, "));
+    EXPECT_EQ(run({EXAMPLE_PROGRAM, redis.url()}).status, 0);
+}
+
+// Stopped for longer than its lock lasts, it finds another one serving, and does not serve beside it.
+TEST(EbridgedProgram, StepsDownWhenItWasStoppedForTooLong)
+{
+    const support::redis_server redis;
+    child first({EBRIDGED_PROGRAM, "--store", redis.url()});
+    ASSERT_TRUE(first.wait_for_error_text("serving, "));
+    child second({EBRIDGED_PROGRAM, "--store", redis.url()});
+    ASSERT_TRUE(second.wait_for_error_text("standing by"));
+    first.signal(SIGSTOP);
+    ASSERT_TRUE(second.wait_for_error_text("serving, "));
+    first.signal(SIGCONT);
+    ASSERT_TRUE(first.wait_for_error_text("the store's lock is lost"));
+    EXPECT_EQ(run({EXAMPLE_PROGRAM, redis.url()}).status, 0);
+    second.signal(SIGKILL);
+    second.finish();
+    ASSERT_TRUE(first.wait_for_error_text("serving, 0 sessions"));
+    EXPECT_EQ(run({EXAMPLE_PROGRAM, redis.url()}).status, 0);
+}
+
+TEST(EbridgedProgram, TellsTheServiceManagerWhereItStands)
+{
+    const support::redis_server redis;
+    const temporary_file place("");
+    const std::string path = place.folder() + "/notify";
+    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    path.copy(name.sun_path, sizeof name.sun_path - 1);
+    ASSERT_EQ(0, bind(manager, reinterpret_cast<const sockaddr *>(&name), sizeof name));
+    child service({"/usr/bin/env", "NOTIFY_SOCKET=" + path, EBRIDGED_PROGRAM, "--store", redis.url()});
+    ASSERT_TRUE(service.wait_for_error_text("serving, "));
+    service.signal(SIGTERM);
+    EXPECT_EQ(service.finish().status, 0);
+    std::vector<std::string> told;
+    char text[256];
+    for (ssize_t size = 0; (size = recv(manager, text, sizeof text, MSG_DONTWAIT)) > 0;)
+        told.emplace_back(text, static_cast<size_t>(size));
+    close(manager);
+    ASSERT_GE(told.size(), 3u);
+    EXPECT_EQ(told.front(), "STATUS=Waiting for the store");
+    EXPECT_EQ(told[told.size() - 2], "READY=1\nSTATUS=Serving");
+    EXPECT_EQ(told.back(), "STOPPING=1");
 }
 
 TEST(EbridgeRun, AStoreThatIsNotThereIsOneLineAndStatus3)

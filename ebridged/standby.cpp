@@ -1,0 +1,114 @@
+// Standing by and serving in turns. See standby.hpp.
+#include "standby.hpp"
+
+#include <algorithm>
+#include <utility>
+
+namespace ebridged
+{
+
+namespace
+{
+
+constexpr const char *LOCK = "ebridged";
+
+ebridged_options with_databases(ebridged_options options, const std::vector<uint32_t> &databases)
+{
+    options.databases = databases.data();
+    options.database_count = static_cast<uint32_t>(databases.size());
+    return options;
+}
+
+}  // namespace
+
+standby::standby(std::string url, qz_thread_master *master, const ebridged_options &options, observer *told)
+    : url_(std::move(url)),
+      master_(master),
+      options_(options),
+      log_(&options),
+      told_(told),
+      served_(databases_of(&options))
+{
+    written_ = served_;
+    if (!std::ranges::binary_search(written_, MIRROR_DB))
+        written_.insert(std::ranges::upper_bound(written_, MIRROR_DB), MIRROR_DB);
+}
+
+standby::~standby()
+{
+    service_.reset();
+    qz_mom_client_close(handle_);
+}
+
+int32_t standby::start()
+{
+    const int32_t code = open();
+    if (code == QZ_MOM_OK)
+        told_->entered(state::connecting);
+    return code;
+}
+
+int32_t standby::open()
+{
+    connected_ = held_ = 0;
+    int32_t code = qz_mom_client_open(url_.c_str(), master_, &handle_);
+    for (size_t i = 0; code == QZ_MOM_OK && i < written_.size(); ++i)
+        code = qz_mom_client_connect(handle_, written_[i], on_connected, this);
+    if (code == QZ_MOM_OK)
+        ask();
+    return code;
+}
+
+int32_t standby::on_connected(qz_mom_handle *handle, void *args)
+{
+    auto *self = static_cast<standby *>(args);
+    if (handle == self->handle_ && ++self->connected_ == self->written_.size() && self->service_ == nullptr)
+        self->told_->entered(state::standing_by);
+    return 0;
+}
+
+// For the next lock; with all of them it serves.
+void standby::ask()
+{
+    if (held_ == written_.size())
+        return serve();
+    if (const int32_t code = qz_mom_lock(handle_, written_[held_], LOCK, on_lock, this); code != QZ_MOM_OK)
+        log_(EBRIDGED_LOG_ERROR, "database %u: the lock cannot be asked for: %s", written_[held_],
+             qz_mom_strerror(code));
+}
+
+int32_t standby::on_lock(qz_mom_handle *handle, uint32_t, int32_t held, void *args)
+{
+    auto *self = static_cast<standby *>(args);
+    if (handle != self->handle_)
+        return 0;
+    if (held == 0) {
+        self->step_down();
+    } else {
+        ++self->held_;
+        self->ask();
+    }
+    return 0;
+}
+
+void standby::serve()
+{
+    const ebridged_options options = with_databases(options_, served_);
+    service_ = std::make_unique<service>(handle_, &options);
+    told_->entered(state::serving);
+    service_->start();
+}
+
+void standby::step_down()
+{
+    log_(EBRIDGED_LOG_ERROR, "the store's lock is lost");
+    service_.reset();
+    told_->entered(state::standing_by);
+    // The new one first: the connections stay as they are.
+    qz_mom_handle *const lost = handle_;
+    if (const int32_t code = open(); code != QZ_MOM_OK)
+        log_(EBRIDGED_LOG_ERROR, "%s: %s", url_.c_str(), qz_mom_strerror(code));
+    qz_mom_client_close(lost);
+}
+
+}  // namespace ebridged
