@@ -16,7 +16,7 @@ struct change {
     int32_t cmd = 0;  // enum qz_mom_cmd
     int32_t end = 0;  // enum qz_mom_end
     std::string key;
-    std::string fields;                   // names of the written fields, joined with commas
+    std::shared_ptr<const std::string> fields;  // names of the written fields, joined with commas; null: none
     std::shared_ptr<const content> body;  // the record as of this change; null where the notification has no value
     int32_t error = 0;                    // enum qz_mom_code; of answers
 };

@@ -78,11 +78,9 @@ int32_t write_fields(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage 
         const auto fields = data_fields(*record->descriptor, numbers, count);
         if (!fields)
             return static_cast<int32_t>(QZ_MOM_EINVAL);
-        field_write write{{}, {}, {}, creates, creates};
-        for (const auto *field : *fields) {
+        field_write write{{}, {}, creates, creates};
+        for (const auto *field : *fields)
             write.numbers.push_back(field->id);
-            write.names.append(write.names.empty() ? "" : ",").append(field->name);
-        }
         write.fields = encode_fields(*record, write.numbers);
         return in.write_fields(from, at, write, answer);
     });

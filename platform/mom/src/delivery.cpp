@@ -35,7 +35,7 @@ void call(client &to, const message &told)
     qz_mom_notification note{};
     note.db = what.db;
     note.key = what.key.c_str();
-    note.field = told.field != nullptr ? told.field->name : what.fields.c_str();
+    note.field = told.field != nullptr ? told.field->name : what.fields != nullptr ? what.fields->c_str() : "";
     note.cmd = what.cmd;
     note.end = what.end;
     note.error = what.error;

@@ -150,7 +150,8 @@ int32_t embedded_store::write_whole(client &from, const target &at, content &&bo
 int32_t embedded_store::write_fields(client &from, const target &at, const field_write &write, const receiver &answer)
 {
     const int32_t cmd = write.numbers.size() == 1 ? QZ_MOM_CMD_HSET : QZ_MOM_CMD_HMSET;
-    return apply(at, std::make_shared<change>(change{at.db, cmd, 0, at.keys.text(), write.names, nullptr}), &write,
+    auto names = std::make_shared<std::string>(names_of(at.keys.type(), write.numbers));
+    return apply(at, std::make_shared<change>(change{at.db, cmd, 0, at.keys.text(), std::move(names), nullptr}), &write,
                  from, answer);
 }
 

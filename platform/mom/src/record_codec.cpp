@@ -101,32 +101,81 @@ std::string pack(const ProtobufCMessage &message)
     return bytes;
 }
 
-// protobuf-c packs whole messages only; so a message that holds this one field, and borrows its value, is packed.
-std::string encode_field(const ProtobufCMessage &record, const ProtobufCFieldDescriptor &field,
-                         ProtobufCMessage &scratch)
+// Makes `to`, which holds nothing yet, borrow the value of a field.
+void borrow_field(const ProtobufCMessage &from, const ProtobufCFieldDescriptor &field, ProtobufCMessage &to)
 {
-    if (other_case_set(record, field))
-        return {};
-    protobuf_c_message_init(record.descriptor, &scratch);
+    if (other_case_set(from, field))
+        return;
     const bool repeated = field.label == PROTOBUF_C_LABEL_REPEATED;
     const size_t size = repeated ? sizeof(void *) : size_of(field.type);
-    std::memcpy(member(scratch, field.offset), member(record, field.offset), size);
+    std::memcpy(member(to, field.offset), member(from, field.offset), size);
     if (repeated)
-        store_at(scratch, field.quantifier_offset, load<size_t>(record, field.quantifier_offset));
+        store_at(to, field.quantifier_offset, load<size_t>(from, field.quantifier_offset));
     else if (field.quantifier_offset != 0)
-        store_at(scratch, field.quantifier_offset, load<uint32_t>(record, field.quantifier_offset));
-    return pack(scratch);
+        store_at(to, field.quantifier_offset, load<uint32_t>(from, field.quantifier_offset));
 }
 
-// The other members of the oneof of a field that has just been encoded as set.
-void add_cleared_cases(const ProtobufCMessageDescriptor &type, const ProtobufCFieldDescriptor &set,
-                       std::vector<encoded_field> &fields)
+// A varint, taken off the bytes, which protobuf-c has written.
+uint64_t take_varint(std::string_view &bytes)
 {
-    for (unsigned i = 0; i < type.n_fields; ++i) {
-        const auto &field = type.fields[i];
-        if (in_oneof(field) && field.quantifier_offset == set.quantifier_offset && field.id != set.id)
-            fields.push_back({field.id, {}});
+    uint64_t value = 0;
+    for (unsigned shift = 0; !bytes.empty() && shift < 64; shift += 7) {
+        const auto byte = static_cast<uint8_t>(bytes.front());
+        bytes.remove_prefix(1);
+        value |= static_cast<uint64_t>(byte & 0x7f) << shift;
+        if (byte < 0x80)
+            break;
     }
+    return value;
+}
+
+// The next field of a packed message, tag included, taken off the bytes; its number.
+uint32_t take_field(std::string_view &bytes, std::string_view &field)
+{
+    enum wire_type { varint = 0, fixed64 = 1, delimited = 2, fixed32 = 5 };
+    std::string_view rest = bytes;
+    const uint64_t tag = take_varint(rest);
+    size_t size = 0;
+    switch (tag & 7) {
+        case varint:
+            take_varint(rest);
+            break;
+        case fixed64:
+            size = 8;
+            break;
+        case fixed32:
+            size = 4;
+            break;
+        default:
+            size = static_cast<size_t>(take_varint(rest));
+            break;
+    }
+    rest.remove_prefix(std::min(size, rest.size()));
+    field = bytes.substr(0, bytes.size() - rest.size());
+    bytes = rest;
+    return static_cast<uint32_t>(tag >> 3);
+}
+
+// Adds, empty, the other members of each oneof of which one member is set here.
+void clear_other_cases(const ProtobufCMessageDescriptor &type, std::vector<encoded_field> &fields)
+{
+    const size_t count = fields.size();
+    for (size_t i = 0; i < count; ++i) {
+        const auto &set = *protobuf_c_message_descriptor_get_field(&type, fields[i].number);
+        if (!in_oneof(set) || fields[i].bytes.empty())
+            continue;
+        for (unsigned k = 0; k < type.n_fields; ++k) {
+            const auto &field = type.fields[k];
+            if (in_oneof(field) && field.quantifier_offset == set.quantifier_offset && field.id != set.id)
+                fields.push_back({field.id, {}});
+        }
+    }
+    if (fields.size() == count)
+        return;
+    // A cleared member may have been named, too: then it stands here twice, empty both times.
+    std::ranges::sort(fields, {}, &encoded_field::number);
+    const auto repeated = std::ranges::unique(fields, {}, &encoded_field::number);
+    fields.erase(repeated.begin(), repeated.end());
 }
 
 void append_part(content &to, uint32_t number, std::string_view bytes)
@@ -180,8 +229,19 @@ bool take_key(ProtobufCMessage &record, std::string_view text)
 
 bool encodable(const ProtobufCMessage *message) { return encodable(message, 0); }
 
+std::string names_of(const ProtobufCMessageDescriptor &type, std::span<const uint32_t> numbers)
+{
+    std::string names;
+    for (const uint32_t number : numbers) {
+        if (const auto *field = protobuf_c_message_descriptor_get_field(&type, number); field != nullptr)
+            names.append(names.empty() ? "" : ",").append(field->name);
+    }
+    return names;
+}
+
 content encode_whole(const ProtobufCMessage &record) { return {form::whole, pack(record), {}}; }
 
+// protobuf-c packs whole messages only; so a message that holds these fields alone is packed, and taken apart.
 std::vector<encoded_field> encode_fields(const ProtobufCMessage &record, std::span<const uint32_t> numbers)
 {
     const auto &type = *record.descriptor;
@@ -189,19 +249,23 @@ std::vector<encoded_field> encode_fields(const ProtobufCMessage &record, std::sp
         static_cast<ProtobufCMessage *>(std::malloc(type.sizeof_message)), &std::free);
     if (scratch == nullptr)
         throw std::bad_alloc();
+    protobuf_c_message_init(&type, scratch.get());
     std::vector<encoded_field> fields;
     fields.reserve(numbers.size());
     for (const uint32_t number : numbers) {
-        const auto &field = *protobuf_c_message_descriptor_get_field(&type, number);
-        fields.push_back({number, encode_field(record, field, *scratch)});
-        if (in_oneof(field) && !fields.back().bytes.empty())
-            add_cleared_cases(type, field, fields);
+        borrow_field(record, *protobuf_c_message_descriptor_get_field(&type, number), *scratch);
+        fields.push_back({number, {}});
     }
-    // A cleared member of a oneof may have been named, too: then it stands here twice, empty both times.
-    const auto before = [](const encoded_field &a, const encoded_field &b) { return a.number < b.number; };
-    const auto same = [](const encoded_field &a, const encoded_field &b) { return a.number == b.number; };
-    std::sort(fields.begin(), fields.end(), before);
-    fields.erase(std::unique(fields.begin(), fields.end(), same), fields.end());
+    std::ranges::sort(fields, {}, &encoded_field::number);
+    const std::string bytes = pack(*scratch);
+    auto at = fields.begin();
+    for (std::string_view rest = bytes, field; !rest.empty();) {
+        const uint32_t number = take_field(rest, field);
+        while (at->number != number)
+            ++at;
+        at->bytes.append(field);
+    }
+    clear_other_cases(type, fields);
     return fields;
 }
 

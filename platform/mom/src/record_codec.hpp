@@ -36,6 +36,9 @@ struct content {
 // True when the message can be packed and its key be read: no null where a value is promised, no endless nesting.
 bool encodable(const ProtobufCMessage *message);
 
+// The names of these fields, joined with commas.
+std::string names_of(const ProtobufCMessageDescriptor &type, std::span<const uint32_t> numbers);
+
 content encode_whole(const ProtobufCMessage &record);
 // The named fields, in the order of their numbers. A named member of a oneof that is set comes with the others, empty,
 // for they are gone.

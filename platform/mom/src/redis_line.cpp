@@ -71,7 +71,7 @@ bool changes_something(const redis_operation &operation)
 {
     const bool may = operation.what == redis_operation::kind::write || operation.what == redis_operation::kind::mark ||
                      operation.what == redis_operation::kind::sweep;
-    return may && !operation.words.empty();
+    return may && !(operation.row.empty() && operation.words.empty());
 }
 
 // Refusals of a server that will serve again, itself or by another in its place.
@@ -91,27 +91,41 @@ bool same_content(const content &a, const content &b)
     return a.kind == b.kind && a.bytes == b.bytes && std::ranges::equal(a.parts, b.parts, same);
 }
 
-std::vector<uint32_t> numbers_of(const ProtobufCMessageDescriptor &type, std::string_view names)
+std::vector<uint32_t> numbers_of(std::string_view joined)
 {
     std::vector<uint32_t> numbers;
-    while (!names.empty()) {
-        const size_t comma = std::min(names.find(','), names.size());
-        const std::string name(names.substr(0, comma));
-        if (const auto *field = protobuf_c_message_descriptor_get_field_by_name(&type, name.c_str()); field != nullptr)
-            numbers.push_back(field->id);
-        names.remove_prefix(std::min(comma + 1, names.size()));
+    while (!joined.empty()) {
+        const size_t comma = std::min(joined.find(','), joined.size());
+        numbers.push_back(static_cast<uint32_t>(number_of(joined.substr(0, comma))));
+        joined.remove_prefix(std::min(comma + 1, joined.size()));
     }
     return numbers;
 }
 
-std::string names_of(const ProtobufCMessageDescriptor &type, const content &body)
+std::vector<uint32_t> numbers_of(const content &body)
 {
-    std::string names;
-    for (const auto &part : body.parts) {
-        if (const auto *field = protobuf_c_message_descriptor_get_field(&type, part.number); field != nullptr)
-            names.append(names.empty() ? "" : ",").append(field->name);
+    std::vector<uint32_t> numbers;
+    for (const auto &part : body.parts)
+        numbers.push_back(part.number);
+    return numbers;
+}
+
+bool is_write(const redis_operation &each) { return each.what == redis_operation::kind::write; }
+
+// The rows of all these writes in one array.
+std::string writes_of(const std::vector<redis_operation> &parts)
+{
+    uint32_t count = 0;
+    size_t size = 0;
+    for (const auto &part : parts) {
+        count += part.row.count();
+        size += part.row.bytes().size();
     }
-    return names;
+    std::string array = array_head(count);
+    array.reserve(array.size() + size);
+    for (const auto &part : parts)
+        array += part.row.bytes();
+    return array;
 }
 
 // A glob that the keys of a record type match, and some others whose names go on.
@@ -494,10 +508,12 @@ void redis_line::serve(const redisReply &hello)
 
 void redis_line::transmit(call &made)
 {
-    const std::string number = std::to_string(made.number);
-    redis_words words{"EVALSHA", script_, "0", verb_of(made.parts.front().what), client_name_, number};
-    for (const auto &part : made.parts)
-        words.append(part.words);
+    const redis_operation &first = made.parts.front();
+    redis_words words{"EVALSHA", script_, "0", verb_of(first.what), client_name_, std::to_string(made.number)};
+    if (first.what == redis_operation::kind::write)
+        words.add(writes_of(made.parts));
+    else
+        words.append(first.words);
     commands_.send(words);
     made.sent = steady::now();
 }
@@ -511,12 +527,18 @@ void redis_line::ask_at_once(redis_operation &&operation, steady::time_point now
     under_way_.push_back(std::move(made));
 }
 
+bool redis_line::may_send() const
+{
+    if (state_ != state::up)
+        return true;  // the thread has to look
+    if (queue_.empty() || under_way_.size() >= MAX_UNDER_WAY)
+        return false;
+    return under_way_.empty() || !is_write(queue_.front()) || queue_.size() >= ENOUGH_FOR_A_CALL;
+}
+
 void redis_line::send_queued(steady::time_point now)
 {
-    const auto is_write = [](const redis_operation &each) { return each.what == redis_operation::kind::write; };
-    while (!queue_.empty() && under_way_.size() < MAX_UNDER_WAY) {
-        if (!under_way_.empty() && is_write(queue_.front()) && queue_.size() < ENOUGH_FOR_A_CALL)
-            return;
+    while (may_send() && !queue_.empty()) {
         call made;
         made.sent = now;
         // What only asks for the position stands in a call without writes: a call has one position.
@@ -570,10 +592,10 @@ void redis_line::answered(call &&made, const redisReply &reply)
             outcome.more = text_of(*more);
         letters = text_of(*text);
     }
-    const bool by_letter = made.parts.front().what == redis_operation::kind::write && letters != "again";
+    const bool by_letter = is_write(made.parts.front()) && letters != "again";
     for (auto &part : made.parts) {
         redis_outcome own = outcome;
-        if (by_letter && !part.words.empty() && !letters.empty()) {
+        if (by_letter && !part.row.empty() && !letters.empty()) {
             own.code = code_of(letters.front());
             letters.remove_prefix(1);
         }
@@ -620,8 +642,9 @@ void redis_line::lose_track(uint64_t position)
 void redis_line::take_entry(const redisReply &entry)
 {
     const auto *id = element(&entry, 0);
-    const auto *blob = element(element(&entry, 1), 1);
-    if (id == nullptr || blob == nullptr)
+    const auto *kind = element(element(&entry, 1), 0);
+    const auto *array = element(element(&entry, 1), 1);
+    if (id == nullptr || array == nullptr)
         return;
     const uint64_t position = number_of(text_of(*id));
     if (position <= position_)
@@ -629,20 +652,7 @@ void redis_line::take_entry(const redisReply &entry)
     if (position != position_ + 1)
         lose_track(position - 1);
     position_ = position;
-    auto &[at, changes] = entries_.emplace_back(position, std::deque<logged>());
-    auto texts = unpack_texts(text_of(*blob));
-    if (!texts)
-        return log_foreign("mom:log");
-    for (row_reader rows(std::move(*texts)); !rows.at_end();) {
-        logged row;
-        const std::string_view command = rows.text();
-        row.end = command == "end";
-        row.cmd = static_cast<int32_t>(number_of(command));
-        row.key = rows.text();
-        row.names = rows.text();
-        row.body = rows.body();
-        changes.push_back(std::move(row));
-    }
+    entries_.emplace_back(position, text_of(*array), text_of(*kind) == "sent");
 }
 
 // The log does not lead on from where it was read to: what is followed is compared anew.
@@ -659,38 +669,80 @@ void redis_line::restart_at(uint64_t position)
     look_for_lost_marks();
 }
 
-// False when one who would hear of it has no room.
-bool redis_line::tell(const logged &row)
+// Tells of the next row. False when one who would hear of it has no room: then the row is still the next one.
+bool redis_line::tell_next(log_entry &entry)
 {
-    if (row.end) {
-        end_of_mark(row.key);
+    row_reader &rows = entry.rows;
+    const auto before = rows.here();
+    const std::string_view command = rows.text();
+    const std::string_view key = rows.text();
+    if (command == "f" || command == "l") {
+        rows.skip(1);
         return true;
     }
-    const auto at = followed_.find(record_name(row.key));
-    if (at == followed_.end())
+    if (command == "end") {
+        end_of_mark(std::string(key));
+        rows.skip(2);
         return true;
+    }
+    if (command == "c")
+        return true;
+    const std::string_view written = command == "s" ? std::string_view() : rows.text();
+    int32_t cmd = static_cast<int32_t>(number_of(command));
+    if (entry.as_sent)
+        cmd = command == "s" ? QZ_MOM_CMD_SET : written.find(',') == written.npos ? QZ_MOM_CMD_HSET : QZ_MOM_CMD_HMSET;
+    if (tell(cmd, key, written, entry))
+        return true;
+    rows.go_to(before);
+    return false;
+}
+
+void redis_line::note_written(followed &in, std::string_view written) const
+{
+    if (in.written == written)
+        return;
+    in.written = written;
+    in.numbers = numbers_of(written);
+    in.names = std::make_shared<std::string>(names_of(*in.type, in.numbers));
+}
+
+bool redis_line::tell(int32_t cmd, std::string_view key, std::string_view written, log_entry &entry)
+{
+    const bool whole_sent = entry.as_sent && cmd == QZ_MOM_CMD_SET;
+    const auto at = followed_.find(record_name(key));
+    if (at == followed_.end()) {
+        whole_sent ? entry.rows.skip(1) : entry.rows.skip_body();
+        return true;
+    }
     followed &in = at->second;
-    if (row.body == nullptr) {
-        log_foreign(row.key.c_str());
+    const auto body = whole_sent
+                          ? std::make_shared<const content>(content{form::whole, std::string(entry.rows.text()), {}})
+                          : entry.rows.body();
+    if (body == nullptr) {
+        log_foreign(std::string(key).c_str());
         return true;
     }
-    const auto what = std::make_shared<change>(change{db_, row.cmd, 0, row.key, row.names, row.body});
+    note_written(in, written);
+    const auto what =
+        std::make_shared<change>(change{db_, cmd, 0, std::string(key), written.empty() ? nullptr : in.names, body});
     deliveries out;
-    if (in.names != row.names) {
-        in.numbers = numbers_of(*in.type, row.names);
-        in.names = row.names;
-    }
     subscriptions_.address(what, in.numbers, out);
     if (!office_.room_for(out))
         return false;
     office_.send(out);
-    if (row.cmd == QZ_MOM_CMD_DEL || row.cmd == QZ_MOM_CMD_EXPIRED) {
-        in.records.erase(row.key);
-    } else {
-        in.records.insert_or_assign(row.key, row.body);
-        if (in.loading != 0)
-            in.fresh.insert(row.key);
+    const auto known = in.records.lower_bound(key);
+    const bool is_known = known != in.records.end() && known->first == key;
+    if (cmd == QZ_MOM_CMD_DEL || cmd == QZ_MOM_CMD_EXPIRED) {
+        if (is_known)
+            in.records.erase(known);
+        return true;
     }
+    if (is_known)
+        known->second = body;
+    else
+        in.records.emplace_hint(known, key, body);
+    if (in.loading != 0)
+        in.fresh.insert(what->key);
     return true;
 }
 
@@ -711,17 +763,18 @@ void redis_line::tell_all()
             act();
             continue;
         }
-        if (entries_.empty() || !may_tell(entries_.front().first))
+        if (entries_.empty() || !may_tell(entries_.front().position))
             return;
-        auto &[position, changes] = entries_.front();
-        while (!changes.empty()) {
-            if (!tell(changes.front())) {
+        log_entry &entry = entries_.front();
+        while (!entry.rows.at_end()) {
+            if (!tell_next(entry)) {
                 stalled_ = true;
                 return;
             }
-            changes.pop_front();
         }
-        told_ = position;
+        if (entry.rows.broken())
+            log_foreign("mom:log");
+        told_ = entry.position;
         entries_.pop_front();
     }
 }
@@ -775,12 +828,10 @@ void redis_line::take_page(const std::string &name, uint64_t number, const redis
     const auto at = followed_.find(name);
     if (at == followed_.end() || at->second.loading != number)
         return;
-    auto texts = unpack_texts(page.more);
-    if (!texts)
-        return lose("a page of records was not understood");
     if (page.text != "0")
         next_page(name, number, page.text);
-    for (row_reader rows(std::move(*texts)); !rows.at_end();) {
+    row_reader rows(page.more);
+    while (!rows.at_end()) {
         std::string key(rows.text());
         auto body = rows.body();
         if (record_name(key) != name)
@@ -790,6 +841,8 @@ void redis_line::take_page(const std::string &name, uint64_t number, const redis
         else
             take_row(at->second, std::move(key), std::move(body));
     }
+    if (rows.broken())
+        return lose("a page of records was not understood");
     if (page.text == "0")
         finish_load(name);
 }
@@ -805,8 +858,8 @@ void redis_line::take_row(followed &in, std::string key, std::shared_ptr<const c
     if (!in.again)
         return;  // the first load: nobody has missed it
     const int32_t cmd = body->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
-    std::string names = names_of(*in.type, *body);
-    const auto numbers = numbers_of(*in.type, names);
+    const auto numbers = numbers_of(*body);
+    auto names = std::make_shared<std::string>(names_of(*in.type, numbers));
     const auto what = std::make_shared<change>(change{db_, cmd, 0, std::move(key), std::move(names), std::move(body)});
     deliveries out;
     subscriptions_.address(what, numbers, out);

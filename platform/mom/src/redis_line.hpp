@@ -46,8 +46,9 @@ struct redis_operation {
     enum class kind { write, mark, sweep, fire, page, lost_mark };
 
     kind what = kind::write;
-    redis_words words;     // arguments of the server's side; none: only asks for the position
-    bool at_once = false;  // `finish` does not wait for the log
+    packed_texts row;                                   // of a write; none: only asks for the position
+    redis_words words;                                  // of anything else: arguments of the server's side
+    bool at_once = false;                               // `finish` does not wait for the log
     std::function<void(const redis_outcome &)> finish;  // may be empty
     // Of a mark: who hears of its end.
     std::weak_ptr<client> owner;
@@ -73,6 +74,8 @@ class redis_line
     int32_t scan(client &from, const target &of, const receiver &to);
     // The handle's lock in this database is asked for, from now on until the handle is closed.
     void want_lock(client &from, wanted_lock &&wanted);
+    // What has been put can go to the server now; else it waits for company, or for answers to what is under way.
+    bool may_send() const;
     // Nothing that was taken over is still to be done, as far as it can be done at all.
     bool settled() const;
 
@@ -103,12 +106,19 @@ class redis_line
         uint64_t position;
         std::function<void()> act;
     };
-    struct logged {
-        int32_t cmd;
-        std::string key;
-        std::string names;
-        std::shared_ptr<const content> body;
-        bool end;
+    // An entry of the log, told row by row: a call with writes as it was sent, or rows that the server made.
+    struct log_entry {
+        log_entry(uint64_t at, std::string_view array, bool sent)
+            : position(at), bytes(array), as_sent(sent), rows(bytes)
+        {
+        }
+        log_entry(const log_entry &) = delete;
+        log_entry &operator=(const log_entry &) = delete;
+
+        const uint64_t position;
+        const std::string bytes;
+        const bool as_sent;
+        row_reader rows;
     };
     using table = std::map<std::string, std::shared_ptr<const content>, std::less<>>;
     struct waiting_scan {
@@ -122,8 +132,9 @@ class redis_line
         bool loaded = false;
         uint64_t loading = 0;                   // number of the load under way; 0: none
         std::unordered_set<std::string> fresh;  // seen since it began
-        std::string names;                      // of a write, and their numbers: most writes name the same
-        std::vector<uint32_t> numbers;
+        std::string written;                    // by the newest write, as text: most writes name the same fields
+        std::vector<uint32_t> numbers;          // the same
+        std::shared_ptr<const std::string> names;
         bool again = false;  // changes may have been missed since somebody began to follow
         std::vector<waiting_scan> scans;
         std::vector<std::weak_ptr<replica_scan>> running;  // scans that read the replica
@@ -149,7 +160,9 @@ class redis_line
     void take_entries(const redisReply &reply);
     void take_entry(const redisReply &entry);
     void tell_all();
-    bool tell(const logged &row);
+    bool tell_next(log_entry &entry);
+    bool tell(int32_t cmd, std::string_view key, std::string_view written, log_entry &entry);
+    void note_written(followed &in, std::string_view written) const;
     bool may_tell(uint64_t position) const;
     void lose_track(uint64_t position);
     void restart_at(uint64_t position);
@@ -199,7 +212,7 @@ class redis_line
     uint64_t position_ = 0;  // entries up to here are read
     uint64_t told_ = 0;      // changes up to here are told
     uint64_t answered_ = 0;  // the newest position that an answer has named
-    std::deque<std::pair<uint64_t, std::deque<logged>>> entries_;
+    std::deque<log_entry> entries_;
     std::deque<held> held_;
     bool stalled_ = false;
 

@@ -1,4 +1,4 @@
-// Rows packed by the server, read.
+// Rows of texts, packed and read.
 #include "redis_rows.hpp"
 
 #include <algorithm>
@@ -63,26 +63,91 @@ bool read_number(std::string_view text, Number &out)
     return read.ec == std::errc() && read.ptr == text.data() + text.size();
 }
 
-}  // namespace
-
-std::optional<std::vector<std::string_view>> unpack_texts(std::string_view bytes)
+void append_big_endian(std::string &to, size_t number, int size)
 {
-    size_t count = 0;
-    if (!take_array(bytes, count) || count > bytes.size())
-        return std::nullopt;
-    std::vector<std::string_view> texts(count);
-    const bool all = std::ranges::all_of(texts, [&](std::string_view &text) { return take_text(bytes, text); });
-    return all && bytes.empty() ? std::optional(std::move(texts)) : std::nullopt;
+    for (int shift = 8 * (size - 1); shift >= 0; shift -= 8)
+        to += static_cast<char>(number >> shift & 0xff);
 }
 
-std::string_view row_reader::text() { return at_end() ? std::string_view() : texts_[at_++]; }
+}  // namespace
+
+void packed_texts::add(std::string_view text)
+{
+    ++count_;
+    if (text.size() < 32) {
+        bytes_ += static_cast<char>(0xa0 | text.size());
+    } else if (text.size() < 0x10000) {
+        bytes_ += '\xda';
+        append_big_endian(bytes_, text.size(), 2);
+    } else {
+        bytes_ += '\xdb';
+        append_big_endian(bytes_, text.size(), 4);
+    }
+    bytes_.append(text);
+}
+
+void packed_texts::add_number(uint64_t number)
+{
+    char digits[24];
+    add({digits, std::to_chars(digits, digits + sizeof digits, number).ptr});
+}
+
+void packed_texts::append(const packed_texts &others)
+{
+    bytes_ += others.bytes_;
+    count_ += others.count_;
+}
+
+std::string array_head(uint32_t count)
+{
+    std::string head = "\xdd";
+    append_big_endian(head, count, 4);
+    return head;
+}
+
+row_reader::row_reader(std::string_view array) : rest_(array)
+{
+    if (!take_array(rest_, left_) || left_ > rest_.size())
+        fail();
+}
+
+void row_reader::fail()
+{
+    broken_ = true;
+    left_ = 0;
+}
+
+std::string_view row_reader::text()
+{
+    std::string_view text;
+    if (left_ == 0)
+        return text;
+    --left_;
+    if (!take_text(rest_, text) || (left_ == 0 && !rest_.empty()))
+        fail();
+    return text;
+}
+
+void row_reader::skip(size_t count)
+{
+    while (count-- != 0 && !at_end())
+        text();
+}
+
+void row_reader::skip_body()
+{
+    size_t count = 0;
+    if (read_number(text(), count))
+        skip(2 * count);
+}
 
 std::shared_ptr<const content> row_reader::body()
 {
     size_t count = 0;
+    size_t size = 0;
     if (!read_number(text(), count))
         return nullptr;
-    std::vector<encoded_field> fields;
+    fields_.clear();
     bool known = true;
     for (size_t i = 0; i < count && !at_end(); ++i) {
         const std::string_view field = text();
@@ -91,12 +156,22 @@ std::shared_ptr<const content> row_reader::body()
             return std::make_shared<content>(content{form::whole, std::string(bytes), {}});
         uint32_t number = 0;
         known = read_number(field, number) && number != 0 && known;
-        fields.push_back({number, std::string(bytes)});
+        if (!bytes.empty())
+            fields_.emplace_back(number, bytes);
+        size += bytes.size();
     }
     if (!known)
         return nullptr;
-    std::ranges::sort(fields, {}, &encoded_field::number);
-    return std::make_shared<content>(merge(nullptr, fields));
+    if (!std::ranges::is_sorted(fields_))
+        std::ranges::sort(fields_);
+    auto made = std::make_shared<content>(content{form::hash, {}, {}});
+    made->bytes.reserve(size);
+    made->parts.reserve(fields_.size());
+    for (const auto &[number, bytes] : fields_) {
+        made->bytes.append(bytes);
+        made->parts.push_back({number, bytes.size()});
+    }
+    return made;
 }
 
 }  // namespace mom

@@ -1,11 +1,15 @@
-// The rows that the server's side packs (redis_store.lua): changes of the log, records of a page.
+// Rows of texts as they go to the server's side and come from it (redis_store.lua): MessagePack arrays of nothing but
+// texts. Calls with writes, entries of the log, pages of records.
 #ifndef MOM_REDIS_ROWS_HPP
 #define MOM_REDIS_ROWS_HPP
 
+#include <cstdint>
+#include <initializer_list>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "record_codec.hpp"
@@ -13,24 +17,62 @@
 namespace mom
 {
 
-// The texts of a MessagePack array; nothing when the bytes are anything else. They point into `bytes`.
-std::optional<std::vector<std::string_view>> unpack_texts(std::string_view bytes);
+// Texts of one row or several, packed one after the other. An array is made of them by array_head().
+class packed_texts
+{
+  public:
+    packed_texts() = default;
+    packed_texts(std::initializer_list<std::string_view> texts)
+    {
+        for (const std::string_view text : texts)
+            add(text);
+    }
 
-// Takes rows off a list of texts.
+    void add(std::string_view text);
+    void add_number(uint64_t number);
+    void append(const packed_texts &others);
+    bool empty() const { return count_ == 0; }
+    uint32_t count() const { return count_; }
+    const std::string &bytes() const { return bytes_; }
+
+  private:
+    std::string bytes_;
+    uint32_t count_ = 0;
+};
+
+// What stands before the packed texts of an array.
+std::string array_head(uint32_t count);
+
+// Takes texts off an array; they point into its bytes, which outlive the reader.
 class row_reader
 {
   public:
-    explicit row_reader(std::vector<std::string_view> texts) : texts_(std::move(texts)) {}
+    explicit row_reader(std::string_view array);
 
-    bool at_end() const { return at_ == texts_.size(); }
-    // The next text; "" behind the end, and then nothing more is taken.
+    bool at_end() const { return left_ == 0; }
+    // The bytes are no array of texts: at the end, too.
+    bool broken() const { return broken_; }
+    // The next text; "" behind the end.
     std::string_view text();
-    // A count, then as often a field and its bytes: a record's content; null when a field is no number.
+    void skip(size_t count);
+    // A count, then as often a field and its bytes: a record's content; null when a field is no number. A field "" means
+    // that the record was written whole.
     std::shared_ptr<const content> body();
+    // Passes over the same.
+    void skip_body();
+
+    // A place to come back to.
+    using place = std::pair<std::string_view, size_t>;
+    place here() const { return {rest_, left_}; }
+    void go_to(const place &where) { std::tie(rest_, left_) = where; }
 
   private:
-    std::vector<std::string_view> texts_;
-    size_t at_ = 0;
+    void fail();
+
+    std::string_view rest_;
+    size_t left_ = 0;
+    bool broken_ = false;
+    std::vector<std::pair<uint32_t, std::string_view>> fields_;  // of the body that is being read
 };
 
 }  // namespace mom

@@ -49,6 +49,14 @@ change_ptr answer(const target &at, int32_t end, int32_t error)
     return std::make_shared<change>(change{at.db, QZ_MOM_CMD_NONE, end, at.keys.text(), {}, nullptr, error});
 }
 
+std::string joined(const std::vector<uint32_t> &numbers)
+{
+    std::string text;
+    for (const uint32_t number : numbers)
+        text.append(text.empty() ? "" : ",").append(std::to_string(number));
+    return text;
+}
+
 // What the server needs to find the records of a target: a glob, whether it is one key, and the pieces of the key.
 redis_words words_of(const target &of)
 {
@@ -141,7 +149,7 @@ void redis_store::let_go(const client &leaving) noexcept
     try {
         for (const auto &[db, wanted] : leaving.locks) {
             redis_operation asked;
-            asked.words = {"l", wanted.name, wanted.given};
+            asked.row = {"l", wanted.name, wanted.given};
             if (!wanted.given.empty())
                 line(db).put(std::move(asked));
         }
@@ -202,21 +210,23 @@ int32_t redis_store::connect(client &from, uint32_t db, const connection &answer
 }
 
 // A fenced handle's write carries what the server is to find at its lock.
-int32_t redis_store::put_write(client &from, const target &at, redis_words &&words, const receiver &to)
+int32_t redis_store::put_write(client &from, const target &at, packed_texts &&row, const receiver &to)
 {
     redis_operation write;
     write.finish = answer_to(from, at, to, QZ_MOM_END_NONE);
     const std::scoped_lock lock(office_->mutex);
     if (const auto fence = from.locks.find(at.db); fence == from.locks.end()) {
-        write.words = std::move(words);
+        write.row = std::move(row);
     } else if (!fence->second.told.empty()) {
-        write.words = {"f", fence->second.name, fence->second.told};
-        write.words.append(words);
+        write.row = {"f", fence->second.name, fence->second.told};
+        write.row.append(row);
     } else {
         return QZ_MOM_EFENCED;
     }
-    const int32_t code = line(at.db).put(std::move(write));
-    wake();
+    redis_line &asked = line(at.db);
+    const int32_t code = asked.put(std::move(write));
+    if (asked.may_send())
+        wake();
     return code;
 }
 
@@ -227,12 +237,13 @@ int32_t redis_store::write_whole(client &from, const target &at, content &&body,
 
 int32_t redis_store::write_fields(client &from, const target &at, const field_write &fields, const receiver &to)
 {
-    redis_words words{fields.creates ? "h" : "u", at.keys.text(), fields.names, std::to_string(fields.fields.size())};
+    packed_texts row{fields.creates ? "h" : "u", at.keys.text(), joined(fields.numbers)};
+    row.add_number(fields.fields.size());
     for (const auto &field : fields.fields) {
-        words.add(std::to_string(field.number));
-        words.add(field.bytes);
+        row.add_number(field.number);
+        row.add(field.bytes);
     }
-    return put_write(from, at, std::move(words), to);
+    return put_write(from, at, std::move(row), to);
 }
 
 int32_t redis_store::remove(client &from, const target &at, const receiver &to)

@@ -40,7 +40,7 @@ class redis_store : public store
 
     redis_line &line(uint32_t db);
     int32_t put(uint32_t db, redis_operation &&operation);
-    int32_t put_write(client &from, const target &at, redis_words &&words, const receiver &to);
+    int32_t put_write(client &from, const target &at, packed_texts &&row, const receiver &to);
     void let_go(const client &leaving) noexcept;
     std::function<void(const redis_outcome &)> answer_to(client &from, const target &at, const receiver &to,
                                                          int32_t end);

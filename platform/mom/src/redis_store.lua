@@ -11,8 +11,11 @@
 --   mom:left       hash: number of an expiry call -> marks that are left of it
 --   mom:done:ID    the last call that this client has had carried out; forgotten after ten minutes
 --
--- A change in the log is a row of texts: command, key, names of the written fields, count, then `count` times field and
--- bytes ("" for a whole record). The end of an expiry call is the command "end", its key the call.
+-- An entry of the log has one field. "rows": an array of rows of texts, a change each: command, key, numbers of the
+-- written fields, count, then `count` times field and bytes ("" for a whole record); the end of an expiry call is the
+-- command "end", its key the call. "sent": the array of writes that a client sent, as it came, which says the same
+-- where every write was done, wrote all that the record holds now, and met no mark. That is nearly always so, and packing
+-- rows costs more than writing the records.
 --
 -- ARGV: what is to be done, the client, the number of the call (0: reads, that may be made again), and what follows.
 -- Every answer begins with a position: once the log has been read up to there it is known what came before the answer.
@@ -76,40 +79,70 @@ end
 
 -- ---- writes --------------------------------------------------------------------------------------------------------
 
--- The arguments of a write follow `at`; the result is a letter for the client, and where the next write begins.
+-- The texts that the client sent: "h" or "u", key, numbers of the named fields, count, `count` times field and bytes;
+-- "s", key, bytes; "d" or "c", key; "l" or "f", name of a lock, token. "f" is a fence: it stands before a write that is
+-- to be done only by the holder of that lock.
+local sent
+local as_sent = not any_marks -- the log can tell of the call by what was sent
+local changed = false
+
+local words_of = {s = 3, d = 2, c = 2, l = 3, f = 3}
+
+-- Where what stands behind the write at `at` begins.
+local function after(at) return at + (words_of[sent[at]] or 4 + 2 * tonumber(sent[at + 3])) end
+
+local function tell_sent(at)
+    local kind, key = sent[at], sent[at + 1]
+    if kind == 's' then
+        tell('1', key, '', {'', sent[at + 2]})
+    elseif kind == 'h' or kind == 'u' then
+        local numbers = sent[at + 2]
+        tell(string.find(numbers, ',', 1, true) and '6' or '4', key, numbers, {unpack(sent, at + 4, after(at) - 1)})
+    end
+end
+
+-- The log has to tell of the write at `at` in other words than it was sent; so it does of those before it.
+local function tell_otherwise(at)
+    if not as_sent then
+        return
+    end
+    as_sent = false
+    local each = 1
+    while each < at do
+        tell_sent(each)
+        each = after(each)
+    end
+end
+
+-- Each write gets where it begins and returns a letter for the client.
 local write = {}
 
-local function lock_key(name) return 'mom:lock:' .. name end
-
--- A write may be fenced: "f", name of the lock, token that its holder has, then the write.
-local function fence_holds(at) return call('GET', lock_key(ARGV[at])) == ARGV[at + 1] end
-
-local words_of = {s = 3, d = 2, c = 2, l = 3}
-
--- Where the write after the one at `at` begins.
-local function after(at) return at + (words_of[ARGV[at]] or 4 + 2 * tonumber(ARGV[at + 3])) end
+local function refused(at, letter)
+    tell_otherwise(at)
+    return letter
+end
 
 local function write_fields(at, creates)
-    local key, names, count = ARGV[at], ARGV[at + 1], tonumber(ARGV[at + 2])
-    local first, last = at + 3, at + 2 + 2 * count
+    local key, count = sent[at + 1], tonumber(sent[at + 3])
     if not creates and call('EXISTS', key) == 0 then
-        return 'k', last + 1
+        return refused(at, 'k')
     end
-    local added = redis.pcall('HSET', key, unpack(ARGV, first, last))
-    if type(added) == 'table' then
-        return string.find(added.err, 'WRONGTYPE', 1, true) and 'f' or 'm', last + 1
+    local done = redis.pcall('HSET', key, unpack(sent, at + 4, at + 3 + 2 * count))
+    if type(done) == 'table' then
+        return refused(at, string.find(done.err, 'WRONGTYPE', 1, true) and 'f' or 'm')
     end
-    local body
-    if call('HLEN', key) == count then
-        body = {unpack(ARGV, first, last)}
-    else
-        body = call('HGETALL', key)
+    changed = true
+    if call('HLEN', key) ~= count then
+        local numbers = sent[at + 2]
+        tell_otherwise(at)
+        tell(string.find(numbers, ',', 1, true) and '6' or '4', key, numbers, call('HGETALL', key))
+    elseif not as_sent then
+        tell_sent(at)
     end
-    tell(string.find(names, ',', 1, true) and '6' or '4', key, names, body)
     if creates then
         clear_mark(key)
     end
-    return 'k', last + 1
+    return 'k'
 end
 
 function write.h(at) return write_fields(at, true) end
@@ -117,56 +150,65 @@ function write.h(at) return write_fields(at, true) end
 function write.u(at) return write_fields(at, false) end
 
 function write.s(at)
-    local key, bytes = ARGV[at], ARGV[at + 1]
+    local key = sent[at + 1]
     local kind = call('TYPE', key).ok
     if kind ~= 'string' and kind ~= 'none' then
-        return 'f', at + 2
+        return refused(at, 'f')
     end
-    local done = redis.pcall('SET', key, bytes)
-    if done.err then
-        return 'm', at + 2
+    if redis.pcall('SET', key, sent[at + 2]).err then
+        return refused(at, 'm')
     end
-    tell('1', key, '', {'', bytes})
+    changed = true
+    if not as_sent then
+        tell_sent(at)
+    end
     clear_mark(key)
-    return 'k', at + 2
+    return 'k'
 end
 
 function write.d(at)
-    remove('3', ARGV[at])
-    return 'k', at + 1
+    tell_otherwise(at)
+    remove('3', sent[at + 1])
+    return 'k'
 end
 
 function write.c(at)
-    clear_mark(ARGV[at])
-    return 'k', at + 1
+    clear_mark(sent[at + 1])
+    return 'k'
 end
+
+local function lock_key(name) return 'mom:lock:' .. name end
+
+local function holds_lock(at) return call('GET', lock_key(sent[at + 1])) == sent[at + 2] end
 
 -- Lets a lock go.
 function write.l(at)
-    if fence_holds(at) then
-        call('DEL', lock_key(ARGV[at]))
+    if holds_lock(at) then
+        call('DEL', lock_key(sent[at + 1]))
     end
-    return 'k', at + 2
+    return 'k'
 end
 
 -- ---- what the client can ask for -----------------------------------------------------------------------------------
 
 local verbs = {}
 
+-- ARGV 4: the writes. Answers a letter for each.
 function verbs.write()
+    sent = cmsgpack.unpack(ARGV[4])
     local letters = {}
-    local at = 4
-    while at <= #ARGV do
-        local letter
-        if ARGV[at] == 'f' and not fence_holds(at + 1) then
-            letter, at = 'l', after(at + 3)
-        else
-            if ARGV[at] == 'f' then
-                at = at + 3
-            end
-            letter, at = write[ARGV[at]](at + 1)
+    local at = 1
+    while at <= #sent do
+        local fence = sent[at] == 'f' and at
+        if fence then
+            at = after(at)
         end
-        letters[#letters + 1] = letter
+        if fence and not holds_lock(fence) then
+            letters[#letters + 1] = refused(fence, 'l')
+        else
+            letters[#letters + 1] = write[sent[at]](at)
+        end
+        at = after(at)
     end
     return table.concat(letters)
 end
@@ -337,9 +379,13 @@ elseif tonumber(number) > tonumber(call('GET', done_key) or '0') then
     answer, more = verbs[verb]()
 end
 local position
-if #log > 0 then
+if sent and as_sent and changed or #log > 0 then
     position = call('INCR', 'mom:position')
-    call('XADD', 'mom:log', 'MAXLEN', '~', LOG_ENTRIES, position .. '-0', 'c', cmsgpack.pack(log))
+    local kind, rows = 'sent', ARGV[4]
+    if #log > 0 then
+        kind, rows = 'rows', cmsgpack.pack(log)
+    end
+    call('XADD', 'mom:log', 'MAXLEN', '~', LOG_ENTRIES, position .. '-0', kind, rows)
 else
     position = call('GET', 'mom:position') or '0'
 end

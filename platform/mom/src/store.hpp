@@ -26,7 +26,6 @@ struct target {
 // A write by field, encoded.
 struct field_write {
     std::vector<uint32_t> numbers;  // the fields that the caller named, each once
-    std::string names;              // theirs, joined with commas
     std::vector<encoded_field> fields;
     bool creates;      // hmset; else hmupdate, which writes only what is there
     bool clears_mark;  // hmset
