@@ -377,8 +377,8 @@ bool redis_store::work()
         of[i]->step(waited[2 * i + 1].revents, waited[2 * i + 2].revents);
     bool settled = true;
     for (auto &[db, each] : lines_) {
-        each->tick(address_, now);
         each->work(now);
+        each->tick(address_, now);  // after what has come: an answer that was read late is an answer
         settled = settled && each->settled();
     }
     if (settled && office_->clients().empty())

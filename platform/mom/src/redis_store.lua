@@ -25,7 +25,7 @@ local LOCK_MILLISECONDS = 1500
 local RECORD_BATCH = 500 -- as many fit a call of unpack
 
 local verb, client, number = ARGV[1], ARGV[2], ARGV[3]
-local call = redis.call
+local call, pcall, unpack, tonumber = redis.call, redis.pcall, unpack, tonumber
 local log = {}
 local any_marks = call('EXISTS', 'mom:marks') == 1
 
@@ -88,16 +88,14 @@ local changed = false
 
 local words_of = {s = 3, d = 2, c = 2, l = 3, f = 3}
 
--- Where what stands behind the write at `at` begins.
-local function after(at) return at + (words_of[sent[at]] or 4 + 2 * tonumber(sent[at + 3])) end
-
 local function tell_sent(at)
     local kind, key = sent[at], sent[at + 1]
     if kind == 's' then
         tell('1', key, '', {'', sent[at + 2]})
     elseif kind == 'h' or kind == 'u' then
         local numbers = sent[at + 2]
-        tell(string.find(numbers, ',', 1, true) and '6' or '4', key, numbers, {unpack(sent, at + 4, after(at) - 1)})
+        local body = {unpack(sent, at + 4, at + 3 + 2 * tonumber(sent[at + 3]))}
+        tell(string.find(numbers, ',', 1, true) and '6' or '4', key, numbers, body)
     end
 end
 
@@ -110,26 +108,24 @@ local function tell_otherwise(at)
     local each = 1
     while each < at do
         tell_sent(each)
-        each = after(each)
+        each = each + (words_of[sent[each]] or 4 + 2 * tonumber(sent[each + 3]))
     end
 end
 
--- Each write gets where it begins and returns a letter for the client.
+-- Each write gets where it begins and returns where the next one does, and a letter for the client when it was not done.
 local write = {}
-
-local function refused(at, letter)
-    tell_otherwise(at)
-    return letter
-end
 
 local function write_fields(at, creates)
     local key, count = sent[at + 1], tonumber(sent[at + 3])
+    local behind = at + 4 + 2 * count
     if not creates and call('EXISTS', key) == 0 then
-        return refused(at, 'k')
+        tell_otherwise(at)
+        return behind
     end
-    local done = redis.pcall('HSET', key, unpack(sent, at + 4, at + 3 + 2 * count))
+    local done = pcall('HSET', key, unpack(sent, at + 4, behind - 1))
     if type(done) == 'table' then
-        return refused(at, string.find(done.err, 'WRONGTYPE', 1, true) and 'f' or 'm')
+        tell_otherwise(at)
+        return behind, string.find(done.err, 'WRONGTYPE', 1, true) and 'f' or 'm'
     end
     changed = true
     if call('HLEN', key) ~= count then
@@ -139,10 +135,10 @@ local function write_fields(at, creates)
     elseif not as_sent then
         tell_sent(at)
     end
-    if creates then
+    if creates and any_marks then
         clear_mark(key)
     end
-    return 'k'
+    return behind
 end
 
 function write.h(at) return write_fields(at, true) end
@@ -152,29 +148,28 @@ function write.u(at) return write_fields(at, false) end
 function write.s(at)
     local key = sent[at + 1]
     local kind = call('TYPE', key).ok
-    if kind ~= 'string' and kind ~= 'none' then
-        return refused(at, 'f')
-    end
-    if redis.pcall('SET', key, sent[at + 2]).err then
-        return refused(at, 'm')
+    local letter = kind ~= 'string' and kind ~= 'none' and 'f' or pcall('SET', key, sent[at + 2]).err and 'm'
+    if letter then
+        tell_otherwise(at)
+        return at + 3, letter
     end
     changed = true
     if not as_sent then
         tell_sent(at)
     end
     clear_mark(key)
-    return 'k'
+    return at + 3
 end
 
 function write.d(at)
     tell_otherwise(at)
     remove('3', sent[at + 1])
-    return 'k'
+    return at + 2
 end
 
 function write.c(at)
     clear_mark(sent[at + 1])
-    return 'k'
+    return at + 2
 end
 
 local function lock_key(name) return 'mom:lock:' .. name end
@@ -186,31 +181,37 @@ function write.l(at)
     if holds_lock(at) then
         call('DEL', lock_key(sent[at + 1]))
     end
-    return 'k'
+    return at + 3
+end
+
+-- The fence of the write behind it.
+function write.f(at)
+    local fenced = at + 3
+    if holds_lock(at) then
+        return write[sent[fenced]](fenced)
+    end
+    tell_otherwise(at)
+    return fenced + (words_of[sent[fenced]] or 4 + 2 * tonumber(sent[fenced + 3])), 'l'
 end
 
 -- ---- what the client can ask for -----------------------------------------------------------------------------------
 
 local verbs = {}
 
--- ARGV 4: the writes. Answers a letter for each.
+-- ARGV 4: the writes. Answers a letter for each, or nothing at all when all were done.
 function verbs.write()
     sent = cmsgpack.unpack(ARGV[4])
-    local letters = {}
-    local at = 1
-    while at <= #sent do
-        local fence = sent[at] == 'f' and at
-        if fence then
-            at = after(at)
+    local letters
+    local at, count, size = 1, 0, #sent
+    while at <= size do
+        local behind, letter = write[sent[at]](at)
+        if letter then
+            letters = (letters or '') .. string.rep('k', count) .. letter
+            count = -1
         end
-        if fence and not holds_lock(fence) then
-            letters[#letters + 1] = refused(fence, 'l')
-        else
-            letters[#letters + 1] = write[sent[at]](at)
-        end
-        at = after(at)
+        at, count = behind, count + 1
     end
-    return table.concat(letters)
+    return letters and letters .. string.rep('k', count) or ''
 end
 
 -- ARGV 4: glob of the keys that can match. 5: "1" when that is one key exactly. 6...: the key's pieces, "" for any.
