@@ -34,7 +34,7 @@ void call(client &to, const message &told)
     qz_mom_hash_value holder{};
     qz_mom_notification note{};
     note.db = what.db;
-    note.key = what.key.c_str();
+    note.key = what.key.data();
     note.field = told.field != nullptr ? told.field->name : what.fields != nullptr ? what.fields->c_str() : "";
     note.cmd = what.cmd;
     note.end = what.end;
@@ -105,7 +105,7 @@ class pump : public post_target, public std::enable_shared_from_this<pump>
         uint32_t depth = 0;
     };
 
-    std::optional<next_call> next(post_office &office);
+    std::optional<next_call> next(post_office &office, deliveries &used);
     std::optional<next_call> next_mark(const post_office &office) const;
     static std::shared_ptr<client> keep(const post_office &office, const client *who);
     static void make(next_call &call_now);
@@ -141,8 +141,9 @@ void pump::run()
     const auto office = office_.lock();
     if (office == nullptr)
         return;
+    deliveries used;
     for (int made = 0; made < batch; ++made) {
-        auto call_now = next(*office);
+        auto call_now = next(*office, used);
         if (!call_now)
             return;
         try {
@@ -153,6 +154,9 @@ void pump::run()
             box.queue.splice(box.queue.begin(), call_now->what);
             throw;
         }
+        used.splice(used.end(), call_now->what);
+        for (auto &each : used)
+            each.what = connection{};  // what it held is released here, without the mutex
     }
     const std::scoped_lock lock(office->mutex);
     posted_ = false;
@@ -191,9 +195,11 @@ std::optional<pump::next_call> pump::next_mark(const post_office &office) const
 }
 
 // Takes what is to be called next out of its queue; nothing when all is told.
-std::optional<pump::next_call> pump::next(post_office &office)
+// `used` is what was called before.
+std::optional<pump::next_call> pump::next(post_office &office, deliveries &used)
 {
     const std::scoped_lock lock(office.mutex);
+    office.recycle(used);
     while (true) {
         if (auto mark = next_mark(office))
             return mark;
@@ -211,6 +217,25 @@ std::optional<pump::next_call> pump::next(post_office &office)
         if (!std::holds_alternative<std::shared_ptr<scan_step>>(first.front().what))
             return next_call{keep(office, who), std::move(first)};
     }
+}
+
+void post_office::add(deliveries &out, delivery &&what)
+{
+    if (spare_.empty()) {
+        out.push_back(std::move(what));
+        return;
+    }
+    spare_.front() = std::move(what);
+    out.splice(out.end(), spare_, spare_.begin());
+}
+
+void post_office::recycle(deliveries &used) noexcept
+{
+    constexpr size_t enough = 1024;
+    if (spare_.size() < enough)
+        spare_.splice(spare_.end(), used);
+    else
+        used.clear();
 }
 
 post_office::post_office() = default;

@@ -113,6 +113,9 @@ class post_office : public std::enable_shared_from_this<post_office>
     // The handle as long as it is open, else null.
     std::shared_ptr<client> attached(const std::weak_ptr<client> &who) const noexcept;
 
+    // Adds one to `out`, in memory that was used before where there is some: who tells is not the thread that hears, and
+    // memory that goes from thread to thread is what an allocator is slowest at.
+    void add(deliveries &out, delivery &&what);
     // True when no queue would pass its hard limit.
     bool room_for(const deliveries &out) const noexcept;
     // Puts each delivery into the queue of its handle; `out` is empty afterwards.
@@ -130,6 +133,7 @@ class post_office : public std::enable_shared_from_this<post_office>
   private:
     friend class pump;
 
+    void recycle(deliveries &used) noexcept;
     deliveries *turn(client &who) const noexcept;
     client *pick(pump &by) const noexcept;
     pump *pump_of(const qz_thread_master *master) const noexcept;
@@ -137,6 +141,7 @@ class post_office : public std::enable_shared_from_this<post_office>
 
     std::vector<std::shared_ptr<client>> clients_;
     std::vector<std::shared_ptr<pump>> pumps_;
+    deliveries spare_;
     uint64_t arrivals_ = 0;
     uint64_t seed_ = 0;
     bool held_ = false;

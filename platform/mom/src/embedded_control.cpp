@@ -44,11 +44,9 @@ int32_t qz_mom_embedded_put_raw(const char *name, uint32_t db, const char *key, 
             return QZ_MOM_EINVAL;
         if (!store.has_database(db))
             return QZ_MOM_EDB;
-        mom::content body{as_hash != 0 ? mom::form::hash : mom::form::whole, {}, {}};
+        mom::content body{as_hash != 0 ? mom::form::hash : mom::form::whole, {}};
         if (size != 0)
             body.bytes.assign(static_cast<const char *>(bytes), size);
-        if (as_hash != 0)
-            body.parts.push_back({6, size});
         store.put_raw(db, key, std::move(body));
         return QZ_MOM_OK;
     });

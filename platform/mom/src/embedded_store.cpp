@@ -30,7 +30,7 @@ name_table &names()
 
 change_ptr plain(uint32_t db, const std::string &key, int32_t cmd, int32_t end = QZ_MOM_END_NONE)
 {
-    return std::make_shared<change>(change{db, cmd, end, key, {}, nullptr});
+    return make_change({db, cmd, end, key, {}, nullptr});
 }
 
 // The caller's own answer, where it wants one.
@@ -142,7 +142,7 @@ void embedded_store::each_match(const target &of, Visit visit)
 
 int32_t embedded_store::write_whole(client &from, const target &at, content &&body, const receiver &answer)
 {
-    auto what = std::make_shared<change>(change{at.db, QZ_MOM_CMD_SET, 0, at.keys.text(), {}, nullptr});
+    auto what = make_change({at.db, QZ_MOM_CMD_SET, 0, at.keys.text(), {}, nullptr});
     what->body = std::make_shared<content>(std::move(body));
     return apply(at, what, nullptr, from, answer);
 }
@@ -151,8 +151,7 @@ int32_t embedded_store::write_fields(client &from, const target &at, const field
 {
     const int32_t cmd = write.numbers.size() == 1 ? QZ_MOM_CMD_HSET : QZ_MOM_CMD_HMSET;
     auto names = std::make_shared<std::string>(names_of(at.keys.type(), write.numbers));
-    return apply(at, std::make_shared<change>(change{at.db, cmd, 0, at.keys.text(), std::move(names), nullptr}), &write,
-                 from, answer);
+    return apply(at, make_change({at.db, cmd, 0, at.keys.text(), std::move(names), nullptr}), &write, from, answer);
 }
 
 // `what` comes without content when it is a write by field: that depends on what the record holds now.
@@ -175,14 +174,14 @@ int32_t embedded_store::apply(const target &at, const std::shared_ptr<change> &w
         const content *base = absent ? nullptr : found->second.body.get();
         if (by_field != nullptr)
             what->body = std::make_shared<content>(merge(base, by_field->fields));
-        subscriptions_.address(what, written, out);
+        subscriptions_.address(what, written, *office_, out);
     }
     add_answer(from, at, answer, QZ_MOM_END_NONE, out);
     if (!office_->room_for(out))
         return QZ_MOM_EFULL;
     if (what->body != nullptr) {
         if (absent)
-            found = records.emplace(what->key, record{}).first;
+            found = records.emplace(std::string(what->key), record{}).first;
         found->second.body = what->body;
         found->second.foreign = false;
     }
@@ -203,7 +202,7 @@ int32_t embedded_store::refusal(const client &from, uint32_t db) const
 
 change_ptr embedded_store::removal(uint32_t db, const table::value_type &entry, int32_t cmd) const
 {
-    return std::make_shared<change>(change{db, cmd, 0, entry.first, {}, entry.second.body});
+    return make_change({db, cmd, 0, entry.first, {}, entry.second.body});
 }
 
 void embedded_store::erase(uint32_t db, table::iterator at) noexcept
@@ -221,7 +220,7 @@ int32_t embedded_store::remove(client &from, const target &at, const receiver &a
     const auto found = tables_[at.db].find(at.keys.text());
     const bool present = found != tables_[at.db].end();
     if (present)
-        subscriptions_.address(removal(at.db, *found, QZ_MOM_CMD_DEL), {}, out);
+        subscriptions_.address(removal(at.db, *found, QZ_MOM_CMD_DEL), {}, *office_, out);
     add_answer(from, at, answer, QZ_MOM_END_NONE, out);
     if (!office_->room_for(out))
         return QZ_MOM_EFULL;
@@ -257,7 +256,7 @@ void embedded_scan::add(const embedded_store::table::value_type &entry, client &
 {
     const auto &body = entry.second.body;
     const int32_t cmd = body->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
-    auto what = std::make_shared<change>(change{of_.db, cmd, 0, entry.first, {}, body});
+    auto what = make_change({of_.db, cmd, 0, entry.first, {}, body});
     out.push_back({&to, message{std::move(what), to_, &of_.keys.type()}});
 }
 
@@ -406,7 +405,7 @@ int32_t embedded_store::remove_marked(client &from, const target &of, const rece
         if (at->second.mark.number == 0)
             return;
         marked.push_back(at);
-        subscriptions_.address(removal(of.db, *at, QZ_MOM_CMD_DEL), {}, out);
+        subscriptions_.address(removal(of.db, *at, QZ_MOM_CMD_DEL), {}, *office_, out);
     });
     add_answer(from, of, end, QZ_MOM_END_EXPIRY, out);
     if (!office_->room_for(out))
@@ -427,7 +426,7 @@ bool embedded_store::expire_first()
     const uint32_t db = first.db;
     const auto at = tables_[db].find(*first.key);
     deliveries out;
-    subscriptions_.address(removal(db, *at, QZ_MOM_CMD_EXPIRED), {}, out);
+    subscriptions_.address(removal(db, *at, QZ_MOM_CMD_EXPIRED), {}, *office_, out);
     if (!office_->room_for(out))
         return false;
     office_->send(out);

@@ -129,7 +129,8 @@ uint64_t take_varint(std::string_view &bytes)
     return value;
 }
 
-// The next field of a packed message, tag included, taken off the bytes; its number.
+// The next field of a packed message, tag included, taken off the bytes; its number. Bytes that are no message end in
+// fields of some number: all are taken, at least one a time.
 uint32_t take_field(std::string_view &bytes, std::string_view &field)
 {
     enum wire_type { varint = 0, fixed64 = 1, delimited = 2, fixed32 = 5 };
@@ -176,14 +177,6 @@ void clear_other_cases(const ProtobufCMessageDescriptor &type, std::vector<encod
     std::ranges::sort(fields, {}, &encoded_field::number);
     const auto repeated = std::ranges::unique(fields, {}, &encoded_field::number);
     fields.erase(repeated.begin(), repeated.end());
-}
-
-void append_part(content &to, uint32_t number, std::string_view bytes)
-{
-    if (bytes.empty())
-        return;
-    to.bytes.append(bytes);
-    to.parts.push_back({number, bytes.size()});
 }
 
 // protobuf-c answers bad bytes and a lack of memory with the same null; this allocator remembers which it was.
@@ -239,7 +232,7 @@ std::string names_of(const ProtobufCMessageDescriptor &type, std::span<const uin
     return names;
 }
 
-content encode_whole(const ProtobufCMessage &record) { return {form::whole, pack(record), {}}; }
+content encode_whole(const ProtobufCMessage &record) { return {form::whole, pack(record)}; }
 
 // protobuf-c packs whole messages only; so a message that holds these fields alone is packed, and taken apart.
 std::vector<encoded_field> encode_fields(const ProtobufCMessage &record, std::span<const uint32_t> numbers)
@@ -269,23 +262,29 @@ std::vector<encoded_field> encode_fields(const ProtobufCMessage &record, std::sp
     return fields;
 }
 
+std::vector<uint32_t> numbers_of(const content &body)
+{
+    std::vector<uint32_t> numbers;
+    for (std::string_view rest = body.bytes, field; !rest.empty();) {
+        if (const uint32_t number = take_field(rest, field); numbers.empty() || numbers.back() != number)
+            numbers.push_back(number);
+    }
+    return numbers;
+}
+
 content merge(const content *base, const std::vector<encoded_field> &fields)
 {
-    content made{form::hash, {}, {}};
+    content made{form::hash, {}};
     auto next = fields.begin();
-    const auto write_up_to = [&](uint32_t number) {
+    for (std::string_view rest = base != nullptr ? base->bytes : std::string_view(), field; !rest.empty();) {
+        const uint32_t number = take_field(rest, field);
         for (; next != fields.end() && next->number < number; ++next)
-            append_part(made, next->number, next->bytes);
-    };
-    std::string_view rest = base != nullptr ? std::string_view(base->bytes) : std::string_view();
-    for (size_t i = 0; base != nullptr && i < base->parts.size(); ++i) {
-        const auto &part = base->parts[i];
-        write_up_to(part.number);
-        if (next == fields.end() || next->number != part.number)
-            append_part(made, part.number, rest.substr(0, part.size));
-        rest.remove_prefix(part.size);
+            made.bytes.append(next->bytes);
+        if (next == fields.end() || next->number != number)
+            made.bytes.append(field);
     }
-    write_up_to(UINT32_MAX);
+    for (; next != fields.end(); ++next)
+        made.bytes.append(next->bytes);
     return made;
 }
 

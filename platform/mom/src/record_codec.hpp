@@ -24,13 +24,9 @@ struct encoded_field {
 
 // What a record holds beside its key. Never changed once made: the record and all that tells of it share one.
 struct content {
-    struct part {
-        uint32_t number;
-        size_t size;
-    };
     form kind;
-    std::string bytes;        // the encoded fields, one after the other
-    std::vector<part> parts;  // where each ends, in the order of their numbers; empty for a whole record
+    std::string bytes;  // the encoded fields, one after the other; of a hash record in the order of their numbers
+    bool operator==(const content &) const = default;
 };
 
 // True when the message can be packed and its key be read: no null where a value is promised, no endless nesting.
@@ -38,6 +34,9 @@ bool encodable(const ProtobufCMessage *message);
 
 // The names of these fields, joined with commas.
 std::string names_of(const ProtobufCMessageDescriptor &type, std::span<const uint32_t> numbers);
+
+// The fields that a record holds, by number.
+std::vector<uint32_t> numbers_of(const content &body);
 
 content encode_whole(const ProtobufCMessage &record);
 // The named fields, in the order of their numbers. A named member of a oneof that is set comes with the others, empty,

@@ -83,14 +83,6 @@ bool passes(std::string_view error)
     return false;
 }
 
-bool same_content(const content &a, const content &b)
-{
-    const auto same = [](const content::part &x, const content::part &y) {
-        return x.number == y.number && x.size == y.size;
-    };
-    return a.kind == b.kind && a.bytes == b.bytes && std::ranges::equal(a.parts, b.parts, same);
-}
-
 std::vector<uint32_t> numbers_of(std::string_view joined)
 {
     std::vector<uint32_t> numbers;
@@ -99,14 +91,6 @@ std::vector<uint32_t> numbers_of(std::string_view joined)
         numbers.push_back(static_cast<uint32_t>(number_of(joined.substr(0, comma))));
         joined.remove_prefix(std::min(comma + 1, joined.size()));
     }
-    return numbers;
-}
-
-std::vector<uint32_t> numbers_of(const content &body)
-{
-    std::vector<uint32_t> numbers;
-    for (const auto &part : body.parts)
-        numbers.push_back(part.number);
     return numbers;
 }
 
@@ -166,7 +150,7 @@ void replica_scan::next(client &to)
             if (of_.keys.match(at->first) == key_pattern::verdict::differs)
                 continue;
             const int32_t cmd = at->second->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
-            auto what = std::make_shared<change>(change{of_.db, cmd, 0, at->first, {}, at->second});
+            auto what = make_change({of_.db, cmd, 0, at->first, {}, at->second});
             out.push_back({&to, message{std::move(what), to_, &of_.keys.type()}});
         }
         over = at == records.end() || of_.keys.past(at->first);
@@ -174,7 +158,7 @@ void replica_scan::next(client &to)
             from_ = at->first;
     }
     if (over) {
-        auto end = std::make_shared<change>(change{of_.db, 0, QZ_MOM_END_SCAN, of_.keys.text(), {}, nullptr});
+        auto end = make_change({of_.db, 0, QZ_MOM_END_SCAN, of_.keys.text(), {}, nullptr});
         out.push_back({&to, message{std::move(end), to_}});
     } else {
         out.push_back({&to, shared_from_this()});
@@ -253,7 +237,7 @@ void redis_line::activate(std::vector<subscription> &&added)
 {
     const auto first = added.front();
     subscriptions_.add(db_, std::move(added));
-    auto what = std::make_shared<change>(change{db_, QZ_MOM_CMD_SUBSCRIBED, 0, first.pattern.text(), {}, nullptr});
+    auto what = make_change({db_, QZ_MOM_CMD_SUBSCRIBED, 0, first.pattern.text(), {}, nullptr});
     post(*first.owner, message{std::move(what), first.to, nullptr, first.field});
 }
 
@@ -265,7 +249,7 @@ int32_t redis_line::unfollow(client &from, const target &of, const receiver &to)
         if (!owner)
             return;
         subscriptions_.remove(db_, *owner, of.keys, to);
-        auto what = std::make_shared<change>(change{db_, QZ_MOM_CMD_UNSUBSCRIBED, 0, of.keys.text(), {}, nullptr});
+        auto what = make_change({db_, QZ_MOM_CMD_UNSUBSCRIBED, 0, of.keys.text(), {}, nullptr});
         post(*owner, message{std::move(what), to});
         drop_unused(of.keys.type().name);
     };
@@ -715,20 +699,22 @@ bool redis_line::tell(int32_t cmd, std::string_view key, std::string_view writte
         return true;
     }
     followed &in = at->second;
-    const auto body = whole_sent
-                          ? std::make_shared<const content>(content{form::whole, std::string(entry.rows.text()), {}})
-                          : entry.rows.body();
+    const auto body = whole_sent ? std::make_shared<const content>(content{form::whole, std::string(entry.rows.text())})
+                                 : entry.rows.body();
     if (body == nullptr) {
         log_foreign(std::string(key).c_str());
         return true;
     }
     note_written(in, written);
-    const auto what =
-        std::make_shared<change>(change{db_, cmd, 0, std::string(key), written.empty() ? nullptr : in.names, body});
+    if (entry.told == nullptr)
+        entry.told = std::make_shared<change_block>(entry.bytes.size());
+    const auto what = entry.told->add({db_, cmd, 0, key, written.empty() ? nullptr : in.names, body});
     deliveries out;
-    subscriptions_.address(what, in.numbers, out);
-    if (!office_.room_for(out))
+    subscriptions_.address(what, in.numbers, office_, out);
+    if (!office_.room_for(out)) {
+        entry.told->take_back();
         return false;
+    }
     office_.send(out);
     const auto known = in.records.lower_bound(key);
     const bool is_known = known != in.records.end() && known->first == key;
@@ -742,7 +728,7 @@ bool redis_line::tell(int32_t cmd, std::string_view key, std::string_view writte
     else
         in.records.emplace_hint(known, key, body);
     if (in.loading != 0)
-        in.fresh.insert(what->key);
+        in.fresh.emplace(key);
     return true;
 }
 
@@ -852,7 +838,7 @@ void redis_line::take_row(followed &in, std::string key, std::shared_ptr<const c
 {
     in.fresh.insert(key);
     auto &known = in.records[key];
-    if (known != nullptr && same_content(*known, *body))
+    if (known != nullptr && *known == *body)
         return;
     known = body;
     if (!in.again)
@@ -860,9 +846,9 @@ void redis_line::take_row(followed &in, std::string key, std::shared_ptr<const c
     const int32_t cmd = body->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
     const auto numbers = numbers_of(*body);
     auto names = std::make_shared<std::string>(names_of(*in.type, numbers));
-    const auto what = std::make_shared<change>(change{db_, cmd, 0, std::move(key), std::move(names), std::move(body)});
+    const auto what = make_change({db_, cmd, 0, std::move(key), std::move(names), std::move(body)});
     deliveries out;
-    subscriptions_.address(what, numbers, out);
+    subscriptions_.address(what, numbers, office_, out);
     office_.send(out);
 }
 
@@ -874,9 +860,9 @@ void redis_line::finish_load(const std::string &name)
             ++at;
             continue;
         }
-        const auto what = std::make_shared<change>(change{db_, QZ_MOM_CMD_DEL, 0, at->first, {}, at->second});
+        const auto what = make_change({db_, QZ_MOM_CMD_DEL, 0, at->first, {}, at->second});
         deliveries out;
-        subscriptions_.address(what, {}, out);
+        subscriptions_.address(what, {}, office_, out);
         office_.send(out);
         at = in.records.erase(at);
     }

@@ -119,6 +119,7 @@ class redis_line
         const std::string bytes;
         const bool as_sent;
         row_reader rows;
+        std::shared_ptr<change_block> told;  // what its rows were told as
     };
     using table = std::map<std::string, std::shared_ptr<const content>, std::less<>>;
     struct waiting_scan {

@@ -153,7 +153,7 @@ std::shared_ptr<const content> row_reader::body()
         const std::string_view field = text();
         const std::string_view bytes = text();
         if (field.empty() && count == 1)
-            return std::make_shared<content>(content{form::whole, std::string(bytes), {}});
+            return std::make_shared<content>(content{form::whole, std::string(bytes)});
         uint32_t number = 0;
         known = read_number(field, number) && number != 0 && known;
         if (!bytes.empty())
@@ -164,13 +164,10 @@ std::shared_ptr<const content> row_reader::body()
         return nullptr;
     if (!std::ranges::is_sorted(fields_))
         std::ranges::sort(fields_);
-    auto made = std::make_shared<content>(content{form::hash, {}, {}});
+    auto made = std::make_shared<content>(content{form::hash, {}});
     made->bytes.reserve(size);
-    made->parts.reserve(fields_.size());
-    for (const auto &[number, bytes] : fields_) {
-        made->bytes.append(bytes);
-        made->parts.push_back({number, bytes.size()});
-    }
+    for (const auto &field : fields_)
+        made->bytes.append(field.second);
     return made;
 }
 

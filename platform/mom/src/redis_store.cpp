@@ -46,7 +46,7 @@ std::string new_client_name()
 
 change_ptr answer(const target &at, int32_t end, int32_t error)
 {
-    return std::make_shared<change>(change{at.db, QZ_MOM_CMD_NONE, end, at.keys.text(), {}, nullptr, error});
+    return make_change({at.db, QZ_MOM_CMD_NONE, end, at.keys.text(), {}, nullptr, error});
 }
 
 std::string joined(const std::vector<uint32_t> &numbers)

@@ -67,7 +67,8 @@ bool subscription_table::any(uint32_t db, std::string_view name) const noexcept
     return at != types->second.end() && !at->second.empty();
 }
 
-void subscription_table::address(const change_ptr &what, std::span<const uint32_t> written, deliveries &out) const
+void subscription_table::address(const change_ptr &what, std::span<const uint32_t> written, post_office &office,
+                                 deliveries &out) const
 {
     const auto types = by_db_.find(what->db);
     if (types == by_db_.end())
@@ -77,7 +78,7 @@ void subscription_table::address(const change_ptr &what, std::span<const uint32_
         return;
     for (const auto &each : at->second) {
         if (hears(each, *what, written))
-            out.push_back({each.owner, message{what, each.to, &each.pattern.type(), each.field}});
+            office.add(out, {each.owner, message{what, each.to, &each.pattern.type(), each.field}});
     }
 }
 

@@ -34,7 +34,7 @@ class subscription_table
     bool any(uint32_t db, std::string_view name) const noexcept;
 
     // One delivery for each subscription that hears of the change. `written`: the field numbers of a write by field.
-    void address(const change_ptr &what, std::span<const uint32_t> written, deliveries &out) const;
+    void address(const change_ptr &what, std::span<const uint32_t> written, post_office &office, deliveries &out) const;
 
   private:
     using same_type = std::map<std::string, std::vector<subscription>, std::less<>>;
