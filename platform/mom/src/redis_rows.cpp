@@ -73,7 +73,9 @@ void append_big_endian(std::string &to, size_t number, int size)
 
 void packed_texts::add(std::string_view text)
 {
-    ++count_;
+    constexpr size_t most_rows = 112;  // one piece of memory for these
+    if (count_++ == 0)
+        bytes_.reserve(std::max(most_rows, text.size() + 5));
     if (text.size() < 32) {
         bytes_ += static_cast<char>(0xa0 | text.size());
     } else if (text.size() < 0x10000) {
