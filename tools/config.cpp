@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <set>
 
 #include "tables.hpp"
 
@@ -24,7 +25,10 @@ constexpr size_t MAX_FILE = 64U << 20;
 constexpr uint32_t MAX_VLAN = 4094;
 constexpr uint32_t MAX_VNI = 0xffffff;
 
-bool is_meant(std::string_view table) { return table == "VLAN" || table == "VXLAN_TUNNEL_MAP"; }
+bool is_meant(std::string_view table)
+{
+    return table == "VLAN" || table == "VXLAN_TUNNEL_MAP" || table == "VXLAN_TUNNEL";
+}
 
 // Digits alone, nothing around them; 0 when it is not that or too large.
 uint32_t read_number(std::string_view digits)
@@ -55,6 +59,8 @@ class interpreter
   public:
     explicit interpreter(switch_config *out) : out_(out) {}
 
+    // Nothing is requested for a tunnel, but a map has to be of one that there is.
+    void tunnels(const config_table &table);
     bool vlans(const config_table &table);
     bool vxlan_maps(const config_table &table);
     const config_fault &fault() const { return fault_; }
@@ -70,9 +76,17 @@ class interpreter
 
     switch_config *out_;
     config_fault fault_;
+    std::optional<std::set<std::string>> tunnels_;
     std::map<uint32_t, std::string> vlan_keys_;  // number -> entry that defines it
     std::map<uint32_t, std::string> vni_keys_;
 };
+
+void interpreter::tunnels(const config_table &table)
+{
+    tunnels_.emplace();
+    for (const config_entry &entry : table.entries)
+        tunnels_->insert(entry.key);
+}
 
 bool interpreter::vlans(const config_table &table)
 {
@@ -106,6 +120,8 @@ bool interpreter::vxlan_map(const config_table &table, const config_entry &entry
     const size_t bar = entry.key.find('|');
     if (bar == 0 || bar == std::string::npos || bar + 1 == entry.key.size())
         return fail(table, entry, "the key must be TUNNEL|MAP");
+    if (const std::string tunnel = entry.key.substr(0, bar); tunnels_ && !tunnels_->contains(tunnel))
+        return fail(table, entry, "the tunnel \"" + tunnel + "\" is not in the table VXLAN_TUNNEL");
     const config_field *vni = entry.find("vni");
     const config_field *vlan = entry.find("vlan");
     if (!vni || !vlan)
@@ -125,14 +141,18 @@ bool interpreter::vxlan_map(const config_table &table, const config_entry &entry
     return true;
 }
 
-// VLANs first, wherever they stand: maps refer to them.
+// Maps last, wherever they stand: they refer to VLANs and tunnels.
 bool interpret(const std::vector<config_table> &tables, switch_config *out, config_fault *fault)
 {
     interpreter reader(out);
     const config_table *maps = nullptr;
     for (const config_table &table : tables) {
-        if (!table.meant)
+        if (!table.meant || table.name == "VXLAN_TUNNEL")
             out->skipped.push_back({table.name, table.count});
+        if (!table.meant)
+            continue;
+        if (table.name == "VXLAN_TUNNEL")
+            reader.tunnels(table);
         else if (table.name == "VXLAN_TUNNEL_MAP")
             maps = &table;
         else if (!reader.vlans(table)) {

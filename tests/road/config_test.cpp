@@ -65,6 +65,18 @@ TEST(Config, MapsNeedNoVlanTable)
     EXPECT_EQ(read(R"({"VXLAN_TUNNEL_MAP": {"t|m": {"vni": "5", "vlan": "Vlan9"}}})").vxlan_maps->size(), 1U);
 }
 
+TEST(Config, MapsNeedTheirTunnelOnlyWhereTunnelsAreTold)
+{
+    const char *const map = R"("VXLAN_TUNNEL_MAP": {"t|m": {"vni": "5", "vlan": "Vlan9"}})";
+    read("{" + std::string(map) + "}");
+    const switch_config config =
+        read("{" + std::string(map) + R"(, "VXLAN_TUNNEL": {"s": {}, "t": {"src_ip": "::1"}}})");
+    EXPECT_EQ(config.vxlan_maps->size(), 1U);
+    ASSERT_EQ(config.skipped.size(), 1U) << "nothing is requested for tunnels";
+    EXPECT_EQ(config.skipped[0].name, "VXLAN_TUNNEL");
+    EXPECT_EQ(config.skipped[0].entries, 2U);
+}
+
 TEST(Config, AByteOrderMarkIsNoMistake) { EXPECT_TRUE(read("\xef\xbb\xbf{\"VLAN\": {\"Vlan1\": {}}}").vlans); }
 
 TEST(Config, WhatMakesNoSenseIsNamed)
@@ -97,6 +109,11 @@ TEST(Config, WhatMakesNoSenseIsNamed)
          "file:1: VXLAN_TUNNEL_MAP|m: the key must be TUNNEL|MAP"},
         {R"({"VXLAN_TUNNEL_MAP": {"|m": {"vni": "5", "vlan": "Vlan9"}}})",
          "file:1: VXLAN_TUNNEL_MAP||m: the key must be TUNNEL|MAP"},
+        {R"({"VXLAN_TUNNEL": {"s": {}}, "VXLAN_TUNNEL_MAP": {"t|m": {"vni": "5", "vlan": "Vlan9"}}})",
+         "file:1: VXLAN_TUNNEL_MAP|t|m: the tunnel \"t\" is not in the table VXLAN_TUNNEL"},
+        {R"({"VXLAN_TUNNEL_MAP": {"t|m": {"vni": "5", "vlan": "Vlan9"}}, "VXLAN_TUNNEL": {}})",
+         "file:1: VXLAN_TUNNEL_MAP|t|m: the tunnel \"t\" is not in the table VXLAN_TUNNEL"},
+        {R"({"VXLAN_TUNNEL": ["t"]})", "file:1: VXLAN_TUNNEL: must be an object of entries"},
         {R"({"VXLAN_TUNNEL_MAP": {"t|m": {"vlan": "Vlan9"}}})", "file:1: VXLAN_TUNNEL_MAP|t|m: vni is missing"},
         {R"({"VXLAN_TUNNEL_MAP": {"t|m": {"vni": "9"}}})", "file:1: VXLAN_TUNNEL_MAP|t|m: vlan is missing"},
         {R"({"VXLAN_TUNNEL_MAP": {"t|m": {"vni": "0", "vlan": "Vlan9"}}})",
