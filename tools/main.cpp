@@ -1,5 +1,6 @@
 // ebridge, the command: its arguments, and which descriptor its results go to.
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -10,9 +11,10 @@
 #include <new>
 
 #include "config.hpp"
+#include "processes.hpp"
 #include "report.hpp"
 #include "run.hpp"
-#include "sw_ebridge.h"
+#include "u_bridge.pb-c.h"
 
 using namespace ebridge_tool;
 
@@ -24,7 +26,9 @@ enum exit_status { ALL_EQUAL = 0, SOMETHING_DIFFERS = 1, BAD_INPUT = 2, NO_STORE
 constexpr const char *RUN_FOOTER =
     "One user requests an id for each VLAN and VXLAN map of CONFIG; a second one hears every answer and reads\n"
     "everything back. Without --store both, the store and the id allocator run inside this command, and nothing\n"
-    "else is touched. With it a running ebridged answers, and what was granted stays in the store.\n"
+    "else is touched. With it a running ebridged answers, and what was granted stays in the store; the one who\n"
+    "observes is then a process of its own, and so is each of the N users (ebridge_run, or ebridge_run_1 and so\n"
+    "on) who share the requests. --dump then prints the tables of the observer.\n"
     "Tables that have no meaning yet are counted as skipped.\n"
     "\n"
     "Examples:\n"
@@ -33,10 +37,12 @@ constexpr const char *RUN_FOOTER =
     "  ebridge run --dump leaf.json                 and what the library holds afterwards\n"
     "  ebridge run --range VXLAN=1-10 leaf.json     with ten VXLAN ids only: what is refused?\n"
     "  ebridge run --store redis+unix:///run/redis/redis-server.sock leaf.json\n"
+    "  ebridge run --store redis://127.0.0.1 --users 4 leaf.json    requested by four processes\n"
     "\n"
     "Exit status:\n"
     "  0  all that was requested was granted and read back equal\n"
-    "  1  something was refused or differs; each such entry is named on standard error\n"
+    "  1  something was refused or differs; each such entry is named on standard error. Or a process of this\n"
+    "     command has died, and is named\n"
     "  2  CONFIG is missing, is no JSON or makes no sense, or an argument is wrong; nothing was requested\n"
     "  3  nobody answers at the store's URL";
 
@@ -45,6 +51,7 @@ struct arguments {
     bool json = false;
     bool dump = false;
     std::string store;
+    size_t users = 1;
     std::vector<range_setting> ranges;
 };
 
@@ -95,6 +102,10 @@ int read_arguments(int argc, char **argv, arguments *out)
     run->add_flag("--dump", out->dump, "print the library's users and tables at the end");
     CLI::Option *store = run->add_option("--store", out->store, "URL of the message store of a running ebridged");
     store->type_name("URL");
+    run->add_option("--users", out->users, "processes that share the requests, 1 to 64; 1 unless given")
+        ->type_name("N")
+        ->check(CLI::Range(1, 64))
+        ->needs(store);
     std::vector<std::string> ranges;
     run->add_option("--range", ranges, "numbers that the allocator may give, may be repeated")
         ->type_name("TYPE=MIN-MAX")
@@ -140,6 +151,29 @@ int complain(const std::string &line, int status)
     return status;
 }
 
+// Ends as a signal ends a program, but leaves neither a process nor a half written line.
+void on_signal(int number)
+{
+    end_workers();
+    end_progress();
+    raise(number);
+}
+
+// A signal that is ignored (by nohup, say) stays so.
+void end_tidily_on(int number)
+{
+    struct sigaction action {
+    };
+    sigaction(number, nullptr, &action);
+    if (action.sa_handler == SIG_IGN)
+        return;
+    action.sa_handler = on_signal;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigaddset(&action.sa_mask, SIGINT);
+    sigaddset(&action.sa_mask, SIGTERM);
+    sigaction(number, &action, nullptr);
+}
+
 int run(const arguments &given)
 {
     switch_config config;
@@ -150,10 +184,13 @@ int run(const arguments &given)
     const int json_output = given.json ? keep_output_clean() : -1;
     if (given.json && json_output < 0)
         return complain("standard output cannot be kept apart", SOMETHING_DIFFERS);
+    end_tidily_on(SIGINT);
+    end_tidily_on(SIGTERM);
     run_options options{.ranges = given.ranges, .progress = show_progress};
     if (!given.store.empty()) {
         options.store = given.store;
         options.serve = false;
+        options.users = given.users;
     }
     const bool ran = run_config(config, options, &result, &error);
     end_progress();
@@ -165,12 +202,10 @@ int run(const arguments &given)
         return complain("the result cannot be written", SOMETHING_DIFFERS);
     if (!given.json)
         print_table(stdout, config, result);
-    if (given.dump) {
-        sw_ebridge_list_item_ut_dump();
-        sw_evlan_db_ut_dump(0, 0, 0);
-    }
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
         return complain("the result cannot be written", SOMETHING_DIFFERS);
+    if (given.dump && !result.dump())
+        return complain("the tables cannot be printed", SOMETHING_DIFFERS);
     return result.all_equal() ? ALL_EQUAL : SOMETHING_DIFFERS;
 }
 

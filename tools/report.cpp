@@ -1,6 +1,7 @@
 // What "ebridge run" tells. See report.hpp.
 #include "report.hpp"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,7 +12,7 @@ namespace ebridge_tool
 
 namespace
 {
-bool progress_shown = false;
+volatile sig_atomic_t progress_shown = 0;
 }
 
 void show_progress(size_t answered, size_t all)
@@ -19,16 +20,16 @@ void show_progress(size_t answered, size_t all)
     static const bool terminal = isatty(STDERR_FILENO) == 1;
     if (!terminal)
         return;
+    progress_shown = 1;  // first: a signal may come before the line is out
     std::fprintf(stderr, "\r%zu of %zu answered", answered, all);
-    std::fflush(stderr);
-    progress_shown = true;
 }
 
 void end_progress()
 {
-    if (progress_shown)
-        std::fputs("\r\x1b[K", stderr);
-    progress_shown = false;
+    constexpr char CLEAR[] = "\r\x1b[K";
+    if (progress_shown != 0 && write(STDERR_FILENO, CLEAR, sizeof CLEAR - 1) < 0)
+        return;
+    progress_shown = 0;
 }
 
 void print_table(std::FILE *out, const switch_config &config, const run_result &result)

@@ -11,6 +11,7 @@ namespace ebridge_tool
 
 // A line that is written over and over; nothing unless standard error is a terminal.
 void show_progress(size_t answered, size_t all);
+// Takes the line away. May be called in a signal handler.
 void end_progress();
 
 void print_table(std::FILE *out, const switch_config &config, const run_result &result);

@@ -1,7 +1,10 @@
-// "ebridge run": one user requests everything that a configuration names, a second one hears it and reads it back.
+// "ebridge run": users request everything that a configuration names, another one hears it and reads it back. They live
+// in this process, or each in a process of its own.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,7 +25,10 @@ struct run_options {
     std::vector<range_setting> ranges{};
     int64_t patience_usec = 30'000'000;  // without any answer for so long, what is open counts as refused
     bool serve = true;                   // false: no allocator in this process, so that nobody answers
-    // Called now and then with what is answered and what there is in all; may be null.
+    // 0: requester and observer live in this process. Otherwise the number of requester processes, beside that of the
+    // observer; no allocator is started then, and the store is one that processes share.
+    size_t users = 0;
+    // Called at the start and now and then with what is answered and what there is in all; may be null.
     void (*progress)(size_t answered, size_t all) = nullptr;
 };
 
@@ -39,6 +45,9 @@ struct run_result {
     std::vector<std::string> problems;  // a line for each entry that was refused or differs
     double seconds = 0;
     bool store_missing = false;  // the run failed because nobody is there behind the URL
+    // After a run: prints the library's users and tables, the observer's where it is a process of its own, on standard
+    // output. False when that failed. Only once.
+    std::function<bool()> dump{};
 
     bool all_equal() const;
 };

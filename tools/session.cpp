@@ -1,29 +1,32 @@
-// The two users of "ebridge run", and the loop that they live on. See session.hpp.
+// The users of "ebridge run", and the loop that they live on. See session.hpp.
 //
-// The requester's sessions live in the application database; the observer follows their mirrors in the data-plane
-// database, of all users. Their databases differ, so neither subscribes automatically: the observer subscribes and scans
-// by hand. That one subscription serves the process: each reply is applied once, and both users' callbacks are called.
+// A requester's sessions live in the application database; the observer follows their mirrors in the data-plane
+// database, of all users. Where both are in one process their databases differ, so neither subscribes automatically: the
+// observer subscribes and scans by hand. That one subscription serves the process: each reply is applied once, and both
+// users' callbacks are called. A requester by itself follows the application database.
 #include "session.hpp"
 
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <utility>
 
 #include "config.hpp"
 
 namespace ebridge_tool
 {
 
+const char *const OBSERVER = "ebridge_observer";
+
 namespace
 {
 
-constexpr const char *REQUESTER = "ebridge_run";
-constexpr const char *OBSERVER = "ebridge_observer";
 constexpr uint32_t DATA_OF_ALL = 2;
+// How many requests may be open at a time, of all requesters together: more would only fill queues.
+constexpr size_t MAX_OPEN = 1024;
 
 // The library's callbacks for answers carry no argument.
 session *the_session = nullptr;
-
-uint64_t map_key(uint32_t type, uint32_t keyid) { return static_cast<uint64_t>(type) << 32 | keyid; }
 
 uint32_t word(int32_t value) { return static_cast<uint32_t>(value); }
 
@@ -41,10 +44,9 @@ int32_t vlan_evlan_id(uint32_t type, int32_t vlan_id)
 
 }  // namespace
 
-session::session(std::vector<request> *requests) : requests_(requests)
+session::session(request_book *requests, const cast &users, change_heard changed)
+    : requests_(requests), users_(users), changed_(std::move(changed))
 {
-    for (size_t i = 0; i < requests->size(); ++i)
-        by_key_.emplace(map_key((*requests)[i].type, (*requests)[i].keyid), i);
     the_session = this;
 }
 
@@ -75,7 +77,7 @@ bool session::open(const run_options &options, std::string *error)
         *error = "the subscription was not confirmed";
         return false;
     }
-    return scan(error);
+    return !users_.observer || scan(error);
 }
 
 bool session::connect(const std::string &store, std::string *error)
@@ -88,7 +90,7 @@ bool session::connect(const std::string &store, std::string *error)
     };
     int32_t code = qz_mom_client_open(store.c_str(), master_, &handle_);
     if (code == 0)
-        code = qz_mom_client_connect(handle_, SW_EBRIDGE_APP_DB, note, this);
+        code = qz_mom_client_connect(handle_, followed_db(), note, this);
     if (code == 0 && wait_until([this] { return connected_; }, PATIENCE_USEC))
         return true;
     *error = printable(store) + ": " + qz_mom_strerror(code != 0 ? code : QZ_MOM_EDOWN);
@@ -110,35 +112,44 @@ bool session::write_ranges(std::span<const range_setting> ranges, std::string *e
 
 bool session::start_users(std::string *error)
 {
-    ebridge_args requester{};
-    requester.user_name = REQUESTER;
-    requester.handle = handle_;
-    requester.mom_db = SW_EBRIDGE_APP_DB;
-    requester.vlan_reply = on_vlan_answer;
-    requester.evlan_reply = on_evlan_answer;
+    ebridge_args requesting{};
+    requesting.handle = handle_;
+    requesting.mom_db = SW_EBRIDGE_APP_DB;
+    requesting.vlan_reply = on_vlan_answer;
+    requesting.evlan_reply = on_evlan_answer;
 
-    ebridge_args observer{};
-    observer.user_name = OBSERVER;
-    observer.handle = handle_;
-    observer.mom_db = SW_EBRIDGE_UDP_DB;
-    observer.evlan_data_type = DATA_OF_ALL;
-    observer.vlan_reply = on_vlan_observed;
-    observer.evlan_reply = on_evlan_observed;
+    ebridge_args observing{};
+    observing.user_name = OBSERVER;
+    observing.handle = handle_;
+    observing.mom_db = SW_EBRIDGE_UDP_DB;
+    observing.evlan_data_type = DATA_OF_ALL;
+    observing.vlan_reply = on_vlan_observed;
+    observing.evlan_reply = on_evlan_observed;
 
-    for (const ebridge_args *user : {&requester, &observer})
-        if (const int32_t code = sw_ebridge_init(user); code != 0)
-            return fail(error, "the library cannot be initialised", code);
+    int32_t code = 0;
+    if (users_.requester != cast::NOBODY) {
+        requesting.user_name = requester();
+        code = sw_ebridge_init(&requesting);
+    }
+    if (code == 0 && users_.observer)
+        code = sw_ebridge_init(&observing);
+    if (code != 0)
+        return fail(error, "the library cannot be initialised", code);
     // Each refusal is told in a line of this command's own; the library's goes to a log file where one is wanted.
     if (std::getenv("QZ_ZLOG_DIR") == nullptr)
         g_sw_vlan_file_zlog_level = 0;
-    if (const int32_t code = sw_evlan_subscribe_with_db(OBSERVER, SW_EBRIDGE_UDP_DB, on_subscribed, this); code != 0)
+    const char *follower = users_.observer ? OBSERVER : requester();
+    const auto db = static_cast<int32_t>(followed_db());
+    if (code = sw_evlan_subscribe_with_db(follower, db, on_subscribed, this); code != 0)
         return fail(error, "the sessions cannot be subscribed", code);
     return true;
 }
 
+// ---- requesting -----------------------------------------------------------------------------------------------------
+
 int32_t session::send(const request &wanted)
 {
-    char *user = const_cast<char *>(REQUESTER);
+    char *user = const_cast<char *>(requester());
     if (wanted.type == U_BRIDGE__EVLAN_TYPE__VLAN) {
         UBridge__VlanAppIndex index = U_BRIDGE__VLAN_APP_INDEX__INIT;
         index.user = user;
@@ -152,6 +163,49 @@ int32_t session::send(const request &wanted)
     index.keyid = static_cast<int32_t>(wanted.keyid);
     const auto value = static_cast<int32_t>(wanted.wanted);
     return sw_evlan_request(&index, value, U_BRIDGE__RES_PRIORITY__LEVEL_0);
+}
+
+// Sends one request, again whenever the store's queues are full. 0, or the code that it failed with.
+int32_t session::send_patiently(const request &wanted, int64_t patience)
+{
+    for (;;) {
+        const int32_t code = send(wanted);
+        if (code != QZ_MOM_EFULL)
+            return code;
+        const size_t before = requests_->settled();
+        if (!wait_until([this, before] { return requests_->settled() > before; }, patience))
+            return code;
+    }
+}
+
+void session::request_all(const run_options &options)
+{
+    const size_t window = std::max<size_t>(MAX_OPEN / requests_->users().size(), 2);
+    size_t sent = 0;
+    progress_teller progress(options, requests_->size());
+    const auto open_requests = [&] { return sent - std::min(sent, requests_->settled()); };
+    for (size_t i = 0; i < requests_->size(); ++i) {
+        if (requests_->at(i).user != users_.requester)
+            continue;
+        const int32_t code = send_patiently(requests_->at(i), options.patience_usec);
+        if (code != 0) {
+            requester_facts facts = requests_->at(i).requester;
+            facts.code = code;
+            note(i, facts);
+            continue;
+        }
+        ++sent;
+        progress.at(requests_->settled());
+        const auto has_room = [&] { return open_requests() < window / 2; };
+        if (open_requests() >= window && !wait_until(has_room, options.patience_usec))
+            return;
+    }
+    const auto all_settled = [&] {
+        progress.at(requests_->settled());
+        return open_requests() == 0;
+    };
+    wait_until(all_settled, options.patience_usec);
+    progress.last(requests_->settled());
 }
 
 // ---- the loop -------------------------------------------------------------------------------------------------------
@@ -191,38 +245,35 @@ void session::happened()
 
 // ---- what is heard --------------------------------------------------------------------------------------------------
 
-request *session::find(uint32_t type, uint32_t keyid)
+template <typename Facts>
+void session::note(size_t index, const Facts &facts)
 {
-    const auto found = by_key_.find(map_key(type, keyid));
-    return found == by_key_.end() ? nullptr : &(*requests_)[found->second];
+    requests_->set(index, facts);
+    if (changed_)
+        changed_(this, index);
+    happened();
 }
 
 void session::answered(uint32_t type, uint32_t keyid, int32_t id)
 {
-    request *of = find(type, keyid);
-    if (!of)
+    const size_t index = requests_->find(type, keyid);
+    if (index == requests_->size())
         return;
-    const bool before = of->done();
-    of->answered = true;
-    of->reply = id;
-    count_done(*of, before);
+    requester_facts facts = requests_->at(index).requester;
+    facts.answered = true;
+    facts.reply = id;
+    note(index, facts);
 }
 
-void session::observed(uint32_t type, uint32_t keyid, int32_t id)
+// Others may hold the same key: what counts is the session of the user that this run requests it with.
+void session::observed(const char *user, uint32_t type, uint32_t keyid, int32_t id)
 {
-    request *of = find(type, keyid);
-    if (!of)
+    const size_t index = requests_->find(type, keyid);
+    if (index == requests_->size() || requests_->user_of(requests_->at(index)) != user)
         return;
-    const bool before = of->done();
-    of->heard = id;
-    count_done(*of, before);
-}
-
-void session::count_done(const request &changed, bool before)
-{
-    done_ += changed.done();
-    done_ -= before;
-    happened();
+    observer_facts facts = requests_->at(index).observer;
+    if (std::exchange(facts.heard, id) != id)
+        note(index, facts);
 }
 
 int32_t session::on_vlan_answer(UBridge__VlanAppIndex *index, int32_t vlan_id)
@@ -239,13 +290,14 @@ int32_t session::on_evlan_answer(UBridge__EvlanAppIndex *app, UBridge__EvlanInde
 
 int32_t session::on_vlan_observed(UBridge__VlanAppIndex *index, int32_t vlan_id)
 {
-    the_session->observed(word(index->type), word(index->keyid), vlan_evlan_id(word(index->type), vlan_id));
+    the_session->observed(index->user, word(index->type), word(index->keyid),
+                          vlan_evlan_id(word(index->type), vlan_id));
     return 0;
 }
 
 int32_t session::on_evlan_observed(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan)
 {
-    the_session->observed(word(app->type), word(app->keyid), evlan->evlan_id);
+    the_session->observed(app->t_user, word(app->type), word(app->keyid), evlan->evlan_id);
     return 0;
 }
 
@@ -263,8 +315,11 @@ int32_t session::on_subscribed(qz_mom_handle *, const qz_mom_notification *msg, 
 
 bool session::scan(std::string *error)
 {
-    for (request &of : *requests_)
-        of.read = false;
+    for (size_t i = 0; i < requests_->size(); ++i) {
+        observer_facts facts = requests_->at(i).observer;
+        facts.found = false;
+        requests_->set(i, facts);
+    }
     scan_ended_ = false;
     const int32_t code = sw_evlan_data_scan_with_db(OBSERVER, SW_EBRIDGE_UDP_DB, on_scanned, this);
     if (code != 0)
@@ -291,35 +346,63 @@ int32_t session::on_scanned(qz_mom_handle *, const qz_mom_notification *msg, voi
 
 void session::note_read(const UBridge__EvlanSession &record)
 {
-    request *of = record.index ? find(word(record.index->type), word(record.index->keyid)) : nullptr;
-    if (!of)
+    const UBridge__EvlanAppIndex *key = record.index;
+    const size_t index = key ? requests_->find(word(key->type), word(key->keyid)) : requests_->size();
+    if (index == requests_->size() || requests_->user_of(requests_->at(index)) != key->t_user)
         return;
-    of->read = true;
-    of->read_equal = std::strcmp(record.index->t_user, REQUESTER) == 0 && record.reply == 1 &&
-                     record.reply_value == of->reply && word(record.request_value) == of->wanted &&
-                     record.mom_db == SW_EBRIDGE_APP_DB;
+    observer_facts facts = requests_->at(index).observer;
+    facts.found = true;
+    facts.request_value = record.request_value;
+    facts.reply_value = record.reply_value;
+    facts.reply = record.reply;
+    facts.mom_db = record.mom_db;
+    requests_->set(index, facts);
 }
 
-const char *session::difference(const request &of) const
+// ---- what the library holds -----------------------------------------------------------------------------------------
+
+namespace
 {
-    if ((of.wanted & 0xffffff) != 0 && word(of.reply) != of.wanted)
-        return "granted another id than the one asked for";
-    if (word(of.reply) >> 24 != of.type)
-        return "granted an id of another type";
+
+translation translate(const request &of, int32_t id)
+{
+    translation made;
     UBridge__EvlanAppIndex app = U_BRIDGE__EVLAN_APP_INDEX__INIT;
     app.type = static_cast<int32_t>(of.type);
     app.keyid = static_cast<int32_t>(of.keyid);
     UBridge__EvlanIndex evlan = U_BRIDGE__EVLAN_INDEX__INIT;
-    if (sw_evlan_app2udp(&app, &evlan) != 0 || evlan.evlan_id != of.reply)
-        return "the key does not translate to the id";
+    if (sw_evlan_app2udp(&app, &evlan) == 0)
+        made.id = evlan.evlan_id;
+    evlan.evlan_id = id;
     UBridge__EvlanAppIndex back = U_BRIDGE__EVLAN_APP_INDEX__INIT;
-    if (sw_evlan_udp2app(&evlan, &back) != 0 || back.type != app.type || back.keyid != app.keyid)
-        return "the id does not translate back to the key";
-    if (!sw_evlan_db_get_item(0, OBSERVER, word(of.reply)))
-        return "the observer has no record of the id";
-    if (!of.read)
-        return "the observer's scan does not find the session";
-    return of.read_equal ? nullptr : "the session that the observer reads is not the one that was granted";
+    made.back = sw_evlan_udp2app(&evlan, &back) == 0 && back.type == app.type && back.keyid == app.keyid;
+    return made;
+}
+
+}  // namespace
+
+void session::note_tables()
+{
+    for (size_t i = 0; i < requests_->size(); ++i) {
+        requester_facts asked = requests_->at(i).requester;
+        if (asked.reply != -1) {
+            asked.map = translate(requests_->at(i), asked.reply);
+            requests_->set(i, asked);
+        }
+        observer_facts seen = requests_->at(i).observer;
+        if (seen.heard != -1) {
+            seen.map = translate(requests_->at(i), seen.heard);
+            seen.held = sw_evlan_db_get_item(0, OBSERVER, word(seen.heard)) != nullptr;
+            requests_->set(i, seen);
+        }
+    }
+}
+
+bool dump_tables()
+{
+    sw_ebridge_list_item_ut_dump();
+    sw_evlan_db_ut_dump(0, 0, 0);
+    return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
 }
 
 }  // namespace ebridge_tool

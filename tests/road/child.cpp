@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,11 +16,11 @@
 namespace road
 {
 
-child::child(std::vector<std::string> command)
+child::child(std::vector<std::string> command, bool terminal)
 {
     int out[2], err[2];
     EXPECT_EQ(pipe(out), 0);
-    EXPECT_EQ(pipe(err), 0);
+    EXPECT_EQ(terminal ? openpty(&err[0], &err[1], nullptr, nullptr, nullptr) : pipe(err), 0);
     pid_ = fork();
     if (pid_ == 0) {
         dup2(out[1], STDOUT_FILENO);
@@ -51,6 +52,17 @@ child::~child()
 
 void child::signal(int number) const { kill(pid_, number); }
 
+pid_t child::own_child(const std::string &name) const
+{
+    for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
+        std::ifstream file(entry.path() / "stat");
+        std::string pid, comm, state, parent;
+        if (file >> pid >> comm >> state >> parent && comm == '(' + name + ')' && parent == std::to_string(pid_))
+            return std::stoi(pid);
+    }
+    return -1;
+}
+
 // False once both ends are closed.
 bool child::read_some()
 {
@@ -60,10 +72,11 @@ bool child::read_some()
     bool open = false;
     for (const pollfd &end : waiting) {
         std::array<char, 65536> block;
-        const ssize_t got = (end.revents & (POLLIN | POLLHUP)) != 0 ? read(end.fd, block.data(), block.size()) : -1;
+        const bool ready = (end.revents & (POLLIN | POLLHUP)) != 0;
+        const ssize_t got = ready ? read(end.fd, block.data(), block.size()) : 0;
         if (got > 0)
             (end.fd == out_ ? seen_.out : seen_.err).append(block.data(), static_cast<size_t>(got));
-        open = open || got != 0;
+        open = open || !ready || got > 0;  // a terminal that all have left reads as an error
     }
     return open;
 }

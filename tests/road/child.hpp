@@ -18,15 +18,19 @@ struct outcome {
 class child
 {
   public:
-    explicit child(std::vector<std::string> command);
+    // `terminal`: its standard error is one.
+    explicit child(std::vector<std::string> command, bool terminal = false);
     ~child();
     child(const child &) = delete;
     child &operator=(const child &) = delete;
 
     // Reads standard error until it has this text; false when the child ends before.
     bool wait_for_error_text(const std::string &text);
+    pid_t pid() const { return pid_; }
+    // The process of that name (as ps shows it) that the program has started; -1 when there is none.
+    pid_t own_child(const std::string &name) const;
     void signal(int number) const;
-    // Reads the rest, and returns when it has ended.
+    // Reads the rest, and returns when it has ended and no process is left that could still print.
     outcome finish();
 
   private:
