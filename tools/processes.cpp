@@ -97,7 +97,8 @@ std::unique_ptr<worker> worker::start(const std::string &name, const std::functi
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
         return nullptr;
-    std::fflush(nullptr);  // or it would be printed twice
+    std::fflush(nullptr);      // or it would be printed twice
+    signal(SIGCHLD, SIG_DFL);  // where it is ignored nobody is told how a process has ended
     const pid_t parent = getpid();
     pid_t pid;
     {

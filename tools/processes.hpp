@@ -1,4 +1,5 @@
-// Processes of this program that work for it and report: started with fork(), heard over a socket each, never left behind.
+// Processes of this program that work for it and report: started with fork(), heard over a socket each, never left
+// behind.
 #pragma once
 
 #include <sys/types.h>

@@ -1,9 +1,9 @@
 // The users of "ebridge run", and the loop that they live on. See session.hpp.
 //
 // A requester's sessions live in the application database; the observer follows their mirrors in the data-plane
-// database, of all users. Where both are in one process their databases differ, so neither subscribes automatically: the
-// observer subscribes and scans by hand. That one subscription serves the process: each reply is applied once, and both
-// users' callbacks are called. A requester by itself follows the application database.
+// database, of all users. Where both are in one process their databases differ, so neither subscribes automatically:
+// the observer subscribes and scans by hand. That one subscription serves the process: each reply is applied once, and
+// both users' callbacks are called. A requester by itself follows the application database.
 #include "session.hpp"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// Users of the library in this process, on an embedded store of their own or on one that they share with others: one that
-// requests, one that observes, or both. The part of "ebridge run" that knows the library; see run.cpp for the flow.
+// Users of the library in this process, on an embedded store of their own or on one that they share with others: one
+// that requests, one that observes, or both. The part of "ebridge run" that knows the library; see run.cpp for the flow.
 #pragma once
 
 #include <cstdint>

@@ -8,6 +8,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <exception>
 #include <memory>
 #include <new>
 #include <thread>
@@ -38,6 +39,8 @@ int report_of(reporter *to, const std::function<bool(bool *store_missing, std::s
         done = work(&store_missing, &error);
     } catch (const std::bad_alloc &) {
         error = "out of memory";
+    } catch (const std::exception &failure) {
+        error = failure.what();
     }
     if (done)
         to->add(FINISHED, 0, {});

@@ -6,8 +6,8 @@
 namespace ebridge_tool
 {
 
-// Fills the book with what requesters and observer report. False when the run itself failed, with one line in *error and
-// out->store_missing; otherwise out->dump prints the observer's tables.
+// Fills the book with what requesters and observer report. False when the run itself failed, with one line in *error
+// and out->store_missing; otherwise out->dump prints the observer's tables.
 bool run_spread(const run_options &options, request_book *requests, run_result *out, std::string *error);
 
 }  // namespace ebridge_tool

@@ -65,6 +65,7 @@ class NobodyAnswers : public testing::Test
   protected:
     void start(bool terminal = false)
     {
+        redis.commands(4, "FLUSHALL");  // of an earlier run
         running.emplace(command(redis, {"--users", "3", "--json", LEAF}), terminal);
         const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         for (const char *key : {"ebridge_run_1:16:10", "ebridge_run_2:32:5207", "ebridge_run_3:32:5208"})
