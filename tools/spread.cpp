@@ -29,39 +29,47 @@ enum order : char { READ = 'r', DUMP = 'd' };
 
 void flush_reports(void *to) { static_cast<reporter *>(to)->flush(); }
 
-// Runs `work`, which returns false with a line in the error when it failed, and reports how it went.
-int report_of(reporter *to, const std::function<bool(bool *store_missing, std::string *error)> &work)
+bool report_failure(reporter *to, report_kind kind, const std::string &line)
 {
-    bool store_missing = false;
-    std::string error;
-    bool done = false;
-    try {
-        done = work(&store_missing, &error);
-    } catch (const std::bad_alloc &) {
-        error = "out of memory";
-    } catch (const std::exception &failure) {
-        error = failure.what();
-    }
-    if (done)
-        to->add(FINISHED, 0, {});
-    else
-        to->add(store_missing ? NO_STORE : FAILED, 0, error);
+    to->add(kind, 0, line);
     to->flush();
-    return done ? 0 : 1;
+    return false;
+}
+
+// Runs `work`, which reports what it fails with and returns false, and reports its end.
+int report_of(reporter *to, const std::function<bool()> &work)
+{
+    try {
+        if (!work())
+            return 1;
+        to->add(FINISHED, 0, {});
+        to->flush();
+        return 0;
+    } catch (const std::bad_alloc &) {
+        report_failure(to, FAILED, "out of memory");
+    } catch (const std::exception &failure) {
+        report_failure(to, FAILED, failure.what());
+    }
+    return 1;
+}
+
+// A failure is reported before the session is closed: closing waits for the store a while longer.
+bool open_session(session *users, const run_options &options, reporter *to)
+{
+    std::string error;
+    return users->open(options, &error) || report_failure(to, users->store_missing() ? NO_STORE : FAILED, error);
 }
 
 int request_share(size_t user, request_book *requests, const run_options &options, reporter *to)
 {
-    return report_of(to, [&](bool *store_missing, std::string *error) {
+    return report_of(to, [&] {
         requests->expect_answers_only();
         session requesting(requests, {.requester = user, .observer = false}, [&](session *of, size_t index) {
             if (to->add_value(ASKED, static_cast<uint32_t>(index), requests->at(index).requester))
                 qz_thread_call(of->master(), flush_reports, to);
         });
-        if (!requesting.open(options, error)) {
-            *store_missing = requesting.store_missing();
+        if (!open_session(&requesting, options, to))
             return false;
-        }
         requesting.request_all(options);
         requesting.note_tables();
         for (size_t i = 0; i < requests->size(); ++i)
@@ -92,20 +100,18 @@ void follow(session *observing, reporter *to)
 
 int observe(request_book *requests, const run_options &options, reporter *to)
 {
-    const auto work = [&](bool *store_missing, std::string *error) {
+    const auto work = [&] {
         session observing(requests, {.requester = cast::NOBODY, .observer = true}, [&](session *of, size_t index) {
             if (to->add_value(SEEN, static_cast<uint32_t>(index), requests->at(index).observer))
                 qz_thread_call(of->master(), flush_reports, to);
         });
-        if (!observing.open(options, error)) {
-            *store_missing = observing.store_missing();
+        if (!open_session(&observing, options, to))
             return false;
-        }
         to->add(FOLLOWS, 0, {});
         to->flush();
         follow(&observing, to);
-        if (!observing.scan(error))
-            return false;
+        if (std::string error; !observing.scan(&error))
+            return report_failure(to, FAILED, error);
         observing.note_tables();
         for (size_t i = 0; i < requests->size(); ++i)
             to->add_value(SEEN, static_cast<uint32_t>(i), requests->at(i).observer);
