@@ -162,8 +162,7 @@ void on_signal(int number)
 // A signal that is ignored (by nohup, say) stays so.
 void end_tidily_on(int number)
 {
-    struct sigaction action {
-    };
+    struct sigaction action = {};
     sigaction(number, nullptr, &action);
     if (action.sa_handler == SIG_IGN)
         return;

@@ -54,8 +54,10 @@ request_book::request_book(const switch_config &config, size_t users, run_result
 {
     for (size_t user = 1; user <= users; ++user)
         users_.push_back(users == 1 ? REQUESTER : REQUESTER + ('_' + std::to_string(user)));
+    size_t turn = 0;
     for (size_t i = 0; i < requests_.size(); ++i) {
-        requests_[i].user = i % users;
+        requests_[i].user = turn;
+        turn = turn + 1 < users ? turn + 1 : 0;
         by_key_.emplace(map_key(requests_[i].type, requests_[i].keyid), i);
     }
 }

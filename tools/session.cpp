@@ -346,9 +346,10 @@ int32_t session::on_scanned(qz_mom_handle *, const qz_mom_notification *msg, voi
 
 void session::note_read(const UBridge__EvlanSession &record)
 {
-    const UBridge__EvlanAppIndex *key = record.index;
-    const size_t index = key ? requests_->find(word(key->type), word(key->keyid)) : requests_->size();
-    if (index == requests_->size() || requests_->user_of(requests_->at(index)) != key->t_user)
+    if (!record.index)
+        return;
+    const size_t index = requests_->find(word(record.index->type), word(record.index->keyid));
+    if (index == requests_->size() || requests_->user_of(requests_->at(index)) != record.index->t_user)
         return;
     observer_facts facts = requests_->at(index).observer;
     facts.found = true;
