@@ -290,7 +290,9 @@ std::vector<session> StoreTest::scan(qz_mom_handle *by, const session &pattern)
     listener found;
     EXPECT_EQ(0, qz_mom_scan(by, app_db, session_record(pattern).message(), 0, listener::hear, &found));
     run_until([&] { return found.ends(QZ_MOM_END_SCAN) == 1; });
-    return sessions(found.changes());
+    auto all = sessions(found.changes());
+    std::ranges::sort(all);
+    return all;
 }
 
 }  // namespace contract

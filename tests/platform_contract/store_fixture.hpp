@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <compare>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -66,7 +67,7 @@ struct session {
     int32_t request = 0;
     int32_t reply_value = 0;
     int32_t reply = 0;
-    bool operator==(const session &) const = default;
+    auto operator<=>(const session &) const = default;
 };
 void PrintTo(const session &what, std::ostream *to);
 
@@ -129,7 +130,7 @@ class StoreTest : public testing::Test
     int32_t follow_field(qz_mom_handle *by, const session &pattern, uint32_t field, listener &to);
     int32_t follow_evlans(qz_mom_handle *by, listener &to);
     int32_t expire(qz_mom_handle *by, const session &what, int32_t mode, qz_mom_timeval delay, listener &to);
-    // What a scan finds, in the order of the delivery.
+    // What a scan finds, in the order of the keys; that of the delivery is the store's own.
     std::vector<session> scan(qz_mom_handle *by, const session &pattern);
 
     bool driven_;

@@ -20,6 +20,7 @@ constexpr size_t ENOUGH_FOR_A_CALL = 64;   // while other calls are under way, f
 constexpr size_t MAX_UNDER_WAY = 4;        // calls
 constexpr size_t MAX_UNTOLD_ENTRIES = 64;  // while so many wait for room no more are read
 constexpr uint32_t SCAN_PIECE = 64;
+constexpr uint32_t SCAN_VISITS = 1024;
 constexpr auto CONNECT_PATIENCE = 2s;
 constexpr auto ANSWER_PATIENCE = 3s;
 constexpr auto LOG_PATIENCE = 4s;
@@ -117,45 +118,54 @@ std::string glob_of(const std::string &name) { return name + '*'; }
 
 }  // namespace
 
-// A scan reads the replica piece by piece, each in its turn in the queue. It keeps the key that it has come to.
+// A scan reads the replica piece by piece, each in its turn in the queue. It keeps the slot that it has come to.
 class replica_scan : public scan_step, public std::enable_shared_from_this<replica_scan>
 {
   public:
     replica_scan(redis_line &line, std::string name, const target &of, const receiver &to)
-        : line_(line), name_(std::move(name)), of_(of), to_(to), from_(of.keys.prefix())
+        : line_(line), name_(std::move(name)), of_(of), to_(to)
     {
     }
 
     void next(client &to) override;
 
   private:
+    void add(const replica::record &record, client &to, deliveries &out) const;
+
     redis_line &line_;
     const std::string name_;
     const target of_;
     const receiver to_;
-    std::string from_;
+    size_t next_ = 0;  // slot
 };
+
+void replica_scan::add(const replica::record &record, client &to, deliveries &out) const
+{
+    const int32_t cmd = record.body->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
+    auto what = make_change({of_.db, cmd, 0, record.key, {}, record.body});
+    line_.office_.add(out, {&to, message{std::move(what), to_, &of_.keys.type()}});
+}
 
 void replica_scan::next(client &to)
 {
     deliveries out;
     bool over = true;
     if (const auto in = line_.followed_.find(name_); in != line_.followed_.end()) {
-        const auto &records = in->second.records;
-        auto at = records.lower_bound(from_);
+        replica &records = in->second.records;
         const uint32_t room = to.box.hard > to.box.depth() ? to.box.hard - to.box.depth() : 1;
-        for (uint32_t seen = 0; seen < 1024 && out.size() < std::min(SCAN_PIECE, room); ++seen, ++at) {
-            if (at == records.end() || of_.keys.past(at->first))
-                break;
-            if (of_.keys.match(at->first) == key_pattern::verdict::differs)
-                continue;
-            const int32_t cmd = at->second->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
-            auto what = make_change({of_.db, cmd, 0, at->first, {}, at->second});
-            out.push_back({&to, message{std::move(what), to_, &of_.keys.type()}});
+        if (of_.keys.exact()) {
+            if (const auto *found = records.find(of_.keys.text()))
+                add(*found, to, out);
+        } else {
+            for (uint32_t seen = 0; seen < SCAN_VISITS && out.size() < std::min(SCAN_PIECE, room); ++seen, ++next_) {
+                if (next_ >= records.slots())
+                    break;
+                const auto &record = records.slot(next_);
+                if (record.body != nullptr && of_.keys.match(record.key) != key_pattern::verdict::differs)
+                    add(record, to, out);
+            }
+            over = next_ >= records.slots();
         }
-        over = at == records.end() || of_.keys.past(at->first);
-        if (!over)
-            from_ = at->first;
     }
     if (over) {
         auto end = make_change({of_.db, 0, QZ_MOM_END_SCAN, of_.keys.text(), {}, nullptr});
@@ -291,15 +301,23 @@ void redis_line::scan_ended(const replica_scan &scan, const std::string &name)
 }
 
 // A table that nobody follows and no scan reads is not kept.
+bool redis_line::is_used(const std::string &name, followed &in)
+{
+    std::erase_if(in.running, [](const auto &each) { return each.expired(); });
+    std::erase_if(in.scans, [this](const auto &each) { return office_.attached(each.from) == nullptr; });
+    return !in.scans.empty() || !in.running.empty() || subscriptions_.any(db_, name);
+}
+
 void redis_line::drop_unused(const std::string &name)
 {
-    const auto at = followed_.find(name);
-    if (at == followed_.end())
-        return;
-    followed &in = at->second;
-    std::erase_if(in.running, [](const auto &each) { return each.expired(); });
-    if (in.scans.empty() && in.running.empty() && !subscriptions_.any(db_, name))
+    if (const auto at = followed_.find(name); at != followed_.end() && !is_used(name, at->second))
         followed_.erase(at);
+}
+
+void redis_line::drop_unused() noexcept
+{
+    for (auto at = followed_.begin(); at != followed_.end();)
+        at = is_used(at->first, at->second) ? std::next(at) : followed_.erase(at);
 }
 
 bool redis_line::settled() const
@@ -716,19 +734,12 @@ bool redis_line::tell(int32_t cmd, std::string_view key, std::string_view writte
         return false;
     }
     office_.send(out);
-    const auto known = in.records.lower_bound(key);
-    const bool is_known = known != in.records.end() && known->first == key;
     if (cmd == QZ_MOM_CMD_DEL || cmd == QZ_MOM_CMD_EXPIRED) {
-        if (is_known)
-            in.records.erase(known);
-        return true;
+        if (auto *known = in.records.find(key))
+            in.records.erase(*known);
+    } else {
+        in.records.put(key, body).seen = in.loading;
     }
-    if (is_known)
-        known->second = body;
-    else
-        in.records.emplace_hint(known, key, body);
-    if (in.loading != 0)
-        in.fresh.emplace(key);
     return true;
 }
 
@@ -796,7 +807,6 @@ void redis_line::load(const std::string &name)
 {
     followed &in = followed_[name];
     in.loading = ++last_load_;
-    in.fresh.clear();
     next_page(name, in.loading, "0");
 }
 
@@ -818,14 +828,14 @@ void redis_line::take_page(const std::string &name, uint64_t number, const redis
         next_page(name, number, page.text);
     row_reader rows(page.more);
     while (!rows.at_end()) {
-        std::string key(rows.text());
-        auto body = rows.body();
+        const std::string_view key = rows.text();
+        auto body = rows.nested_body();
         if (record_name(key) != name)
             continue;
         if (body == nullptr)
-            log_foreign(key.c_str());
+            log_foreign(std::string(key).c_str());
         else
-            take_row(at->second, std::move(key), std::move(body));
+            take_row(at->second, key, std::move(body));
     }
     if (rows.broken())
         return lose("a page of records was not understood");
@@ -834,19 +844,19 @@ void redis_line::take_page(const std::string &name, uint64_t number, const redis
 }
 
 // A record as it is. Told when it is not as it was known.
-void redis_line::take_row(followed &in, std::string key, std::shared_ptr<const content> body)
+void redis_line::take_row(followed &in, std::string_view key, std::shared_ptr<const content> body)
 {
-    in.fresh.insert(key);
-    auto &known = in.records[key];
-    if (known != nullptr && *known == *body)
+    if (auto *known = in.records.find(key); known != nullptr && *known->body == *body) {
+        known->seen = in.loading;
         return;
-    known = body;
+    }
+    in.records.put(key, body).seen = in.loading;
     if (!in.again)
         return;  // the first load: nobody has missed it
     const int32_t cmd = body->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
     const auto numbers = numbers_of(*body);
     auto names = std::make_shared<std::string>(names_of(*in.type, numbers));
-    const auto what = make_change({db_, cmd, 0, std::move(key), std::move(names), std::move(body)});
+    const auto what = make_change({db_, cmd, 0, key, std::move(names), std::move(body)});
     deliveries out;
     subscriptions_.address(what, numbers, office_, out);
     office_.send(out);
@@ -855,18 +865,15 @@ void redis_line::take_row(followed &in, std::string key, std::shared_ptr<const c
 void redis_line::finish_load(const std::string &name)
 {
     followed &in = followed_[name];
-    for (auto at = in.records.begin(); at != in.records.end();) {
-        if (in.fresh.contains(at->first)) {
-            ++at;
+    for (size_t i = 0; i < in.records.slots(); ++i) {
+        auto &record = in.records.slot(i);
+        if (record.body == nullptr || record.seen == in.loading)
             continue;
-        }
-        const auto what = make_change({db_, QZ_MOM_CMD_DEL, 0, at->first, {}, at->second});
         deliveries out;
-        subscriptions_.address(what, {}, office_, out);
+        subscriptions_.address(make_change({db_, QZ_MOM_CMD_DEL, 0, record.key, {}, record.body}), {}, office_, out);
         office_.send(out);
-        at = in.records.erase(at);
+        in.records.erase(record);
     }
-    in.fresh.clear();
     in.loading = 0;
     in.loaded = true;
     in.again = false;

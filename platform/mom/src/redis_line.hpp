@@ -21,12 +21,12 @@
 #include <map>
 #include <random>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "client.hpp"
 #include "redis_link.hpp"
 #include "redis_rows.hpp"
+#include "replica.hpp"
 #include "store.hpp"
 
 namespace mom
@@ -76,6 +76,8 @@ class redis_line
     void want_lock(client &from, wanted_lock &&wanted);
     // What has been put can go to the server now; else it waits for company, or for answers to what is under way.
     bool may_send() const;
+    // Lets go of the tables that a handle which was closed was the last to follow.
+    void drop_unused() noexcept;
     // Nothing that was taken over is still to be done, as far as it can be done at all.
     bool settled() const;
 
@@ -121,7 +123,6 @@ class redis_line
         row_reader rows;
         std::shared_ptr<change_block> told;  // what its rows were told as
     };
-    using table = std::map<std::string, std::shared_ptr<const content>, std::less<>>;
     struct waiting_scan {
         std::weak_ptr<client> from;
         target of;
@@ -129,12 +130,11 @@ class redis_line
     };
     struct followed {
         const ProtobufCMessageDescriptor *type = nullptr;
-        table records;
+        replica records;
         bool loaded = false;
-        uint64_t loading = 0;                   // number of the load under way; 0: none
-        std::unordered_set<std::string> fresh;  // seen since it began
-        std::string written;                    // by the newest write, as text: most writes name the same fields
-        std::vector<uint32_t> numbers;          // the same
+        uint64_t loading = 0;           // number of the load under way; 0: none
+        std::string written;            // by the newest write, as text: most writes name the same fields
+        std::vector<uint32_t> numbers;  // the same
         std::shared_ptr<const std::string> names;
         bool again = false;  // changes may have been missed since somebody began to follow
         std::vector<waiting_scan> scans;
@@ -173,11 +173,12 @@ class redis_line
     void load(const std::string &name);
     void next_page(const std::string &name, uint64_t number, const std::string &cursor);
     void take_page(const std::string &name, uint64_t number, const redis_outcome &page);
-    void take_row(followed &in, std::string key, std::shared_ptr<const content> body);
+    void take_row(followed &in, std::string_view key, std::shared_ptr<const content> body);
     void finish_load(const std::string &name);
     void activate(std::vector<subscription> &&added);
     void start_scan(followed &in, const waiting_scan &scan);
     void scan_ended(const replica_scan &scan, const std::string &name);
+    bool is_used(const std::string &name, followed &in);
     void drop_unused(const std::string &name);
 
     void report(int32_t type);

@@ -146,15 +146,28 @@ void row_reader::skip_body()
 std::shared_ptr<const content> row_reader::body()
 {
     size_t count = 0;
-    size_t size = 0;
-    if (!read_number(text(), count))
-        return nullptr;
+    return read_number(text(), count) ? content_of(2 * count) : nullptr;
+}
+
+std::shared_ptr<const content> row_reader::nested_body()
+{
+    size_t count = 0;
+    if (left_ == 0 || !take_array(rest_, count) || count > rest_.size())
+        return fail(), nullptr;
+    left_ += count - 1;
+    return content_of(count);
+}
+
+// The content that stands in so many texts, field and bytes in turns.
+std::shared_ptr<const content> row_reader::content_of(size_t count)
+{
     fields_.clear();
+    size_t size = 0;
     bool known = true;
-    for (size_t i = 0; i < count && !at_end(); ++i) {
+    for (size_t i = 0; i + 1 < count && !at_end(); i += 2) {
         const std::string_view field = text();
         const std::string_view bytes = text();
-        if (field.empty() && count == 1)
+        if (field.empty() && count == 2)
             return std::make_shared<content>(content{form::whole, std::string(bytes)});
         uint32_t number = 0;
         known = read_number(field, number) && number != 0 && known;

@@ -1,5 +1,5 @@
-// Rows of texts as they go to the server's side and come from it (redis_store.lua): MessagePack arrays of nothing but
-// texts. Calls with writes, entries of the log, pages of records.
+// Rows of texts as they go to the server's side and come from it (redis_store.lua): MessagePack arrays of texts. Calls
+// with writes, entries of the log, pages of records.
 #ifndef MOM_REDIS_ROWS_HPP
 #define MOM_REDIS_ROWS_HPP
 
@@ -43,7 +43,7 @@ class packed_texts
 // What stands before the packed texts of an array.
 std::string array_head(uint32_t count);
 
-// Takes texts off an array; they point into its bytes, which outlive the reader.
+// Takes texts off an array, and arrays of texts within it; they point into its bytes, which outlive the reader.
 class row_reader
 {
   public:
@@ -58,7 +58,9 @@ class row_reader
     // A count, then as often a field and its bytes: a record's content; null when a field is no number. A field "" means
     // that the record was written whole.
     std::shared_ptr<const content> body();
-    // Passes over the same.
+    // The same, field and bytes in turns, in an array of their own.
+    std::shared_ptr<const content> nested_body();
+    // Passes over what body() would take.
     void skip_body();
 
     // A place to come back to.
@@ -68,6 +70,7 @@ class row_reader
 
   private:
     void fail();
+    std::shared_ptr<const content> content_of(size_t count);
 
     std::string_view rest_;
     size_t left_ = 0;

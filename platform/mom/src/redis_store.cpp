@@ -131,6 +131,8 @@ void redis_store::close(client &from) noexcept
         subscriptions_.remove_all(from);
         let_go(from);
         office_->detach(from);
+        for (const auto &[db, each] : lines_)
+            each->drop_unused();
         if (!office_->clients().empty())
             return;
         drained_.wait_for(store_lock, LAST_WRITES, [this] {

@@ -338,21 +338,19 @@ end
 -- ARGV 4: number of an expiry call.
 function verbs.left() return call('HEXISTS', 'mom:left', ARGV[4]) == 1 and 'k' or 'gone' end
 
--- ARGV 4: cursor. 5: glob. Answers the next cursor and the records found: key, count, `count` times field and bytes.
+-- ARGV 4: cursor. 5: glob. Answers the next cursor and the records found: key, and an array of field and bytes in turns.
 function verbs.page()
     local page = call('SCAN', ARGV[4], 'MATCH', ARGV[5], 'COUNT', 1000)
-    local rows = {}
-    for _, key in ipairs(page[2]) do
-        local body = redis.pcall('HGETALL', key)
+    local keys, rows, at = page[2], {}, 0
+    for i = 1, #keys do
+        local key = keys[i]
+        local body = pcall('HGETALL', key)
         if body.err then
             body = body_of(key)
         end
-        if body then
-            local at = #rows
-            rows[at + 1], rows[at + 2] = key, tostring(#body / 2)
-            for i = 1, #body do
-                rows[at + 2 + i] = body[i]
-            end
+        if body and #body > 0 then
+            rows[at + 1], rows[at + 2] = key, body
+            at = at + 2
         end
     end
     return page[1], cmsgpack.pack(rows)
