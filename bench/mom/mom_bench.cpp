@@ -1,290 +1,247 @@
-// The Redis store against raw pipelined hiredis, in one run on one private server: writes that a subscriber in another
-// process hears, and scans. Ratios count; the absolute figures are the machine's. Both placements: everything on one
-// core, and wherever the system puts it.
-#include <hiredis/hiredis.h>
-#include <sched.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <chrono>
+// The Redis store against raw pipelined hiredis, in one run on one private server: writes that subscribers in other
+// processes hear, scans, requests and grants, memory. Ratios count; the absolute figures are the machine's. Both
+// placements: wherever the system puts the processes, and all of them, the server too, on one core.
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
+#include <exception>
 #include <memory>
+#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "qz_mom.h"
+#include "grants.hpp"
+#include "memory.hpp"
+#include "ours.hpp"
+#include "processes.hpp"
+#include "raw.hpp"
 #include "redis_server.hpp"
-#include "u_bridge.pb-c.h"
+#include "report.hpp"
 
 namespace
 {
 
-constexpr uint32_t DB = 4;
-constexpr uint32_t FIELDS[] = {6, 7, 8};
-constexpr int DEPTH = 128;
-constexpr int KEYS = 10000;
+using namespace bench;
 
-using clock_type = std::chrono::steady_clock;
+constexpr int TURNS = 3;
+constexpr int WRITES = 1000 * GROUP;
+constexpr int WRITES_FOR_EIGHT = WRITES / 4;
 
-double seconds_since(clock_type::time_point start)
+constexpr const char *HELP =
+    "usage: mom_bench [--memory]\n"
+    "Measures the store client on a private redis-server against plain hiredis on the same server, prints a table and\n"
+    "writes mom.json beside the program. About three minutes on two cores.\n"
+    "  --memory  the long run of memory: 10 million writes heard and 1 million not read, instead of 1 million of each\n"
+    "\n"
+    "OURS and RAW are rates a second unless a row says otherwise; RATIO is OURS / RAW. CPU us: processor time of all\n"
+    "processes together for each record, which a busy machine disturbs less.\n";
+
+// ---- writes ---------------------------------------------------------------------------------------------------------
+
+process start_raw_writer(const std::string &socket, int count, bool formatted)
 {
-    return std::chrono::duration<double>(clock_type::now() - start).count();
+    return process([=](const channel &parent) {
+        raw_connection to(socket);
+        write_raw(to, KEYS);
+        parent.put();
+        parent.get();
+        formatted ? write_formatted(to, count) : write_raw(to, count);
+        parent.put();
+        parent.get();
+    });
 }
 
-[[noreturn]] void give_up(const char *what)
+// From the word to the writer until everybody has heard everything.
+figure time_writes(const support::redis_server &server, const process &writer, const std::vector<process> &subscribers,
+                   int count)
 {
-    std::fprintf(stderr, "mom_bench: %s\n", what);
-    std::exit(1);
+    std::vector<pid_t> all{server.pid(), writer.pid()};
+    for (const process &each : subscribers) {
+        each.get();
+        each.put();
+        all.push_back(each.pid());
+    }
+    const double used_before = processor_seconds(all);
+    const auto start = std::chrono::steady_clock::now();
+    writer.put();
+    for (const process &each : subscribers)
+        each.get();
+    writer.get();
+    const double seconds = seconds_since(start);
+    return {count / seconds, 1e6 * (processor_seconds(all) - used_before) / count};
 }
 
-// ---- raw ------------------------------------------------------------------------------------------------------------
-
-struct free_context {
-    void operator()(redisContext *context) const { redisFree(context); }
-};
-using raw_connection = std::unique_ptr<redisContext, free_context>;
-
-raw_connection connect_raw(const support::redis_server &server)
+figure our_writes(const support::redis_server &server, int count, int subscribers)
 {
-    raw_connection made(redisConnectUnix(server.socket().c_str()));
-    if (made == nullptr || made->err != 0)
-        give_up("the server cannot be reached");
-    return made;
-}
-
-void read_replies(redisContext &from, int count)
-{
-    for (int i = 0; i < count; ++i) {
-        void *reply = nullptr;
-        if (redisGetReply(&from, &reply) != REDIS_OK)
-            give_up("no reply");
-        freeReplyObject(reply);
-    }
-}
-
-double raw_writes(const support::redis_server &server, int count)
-{
-    const auto to = connect_raw(server);
-    const auto start = clock_type::now();
-    for (int i = 0; i < count; i += DEPTH) {
-        for (int k = 0; k < DEPTH; ++k)
-            redisAppendCommand(to.get(), "HSET raw:app:32:%d 6 %b 7 %b 8 %b", (i + k) % KEYS, "0\x05", size_t{2}, "",
-                               size_t{0}, "@\x01", size_t{2});
-        read_replies(*to, DEPTH);
-    }
-    return count / seconds_since(start);
-}
-
-double raw_scan(const support::redis_server &server, int *found)
-{
-    const auto to = connect_raw(server);
-    redisAppendCommand(to.get(), "SELECT %d", static_cast<int>(DB));
-    read_replies(*to, 1);
-    const auto start = clock_type::now();
-    std::string cursor = "0";
-    *found = 0;
-    do {
-        auto *page = static_cast<redisReply *>(
-            redisCommand(to.get(), "SCAN %s MATCH u_bridge.evlan_session:* COUNT 1000", cursor.c_str()));
-        if (page == nullptr)
-            give_up("no reply");
-        cursor = page->element[0]->str;
-        const auto *keys = page->element[1];
-        for (size_t i = 0; i < keys->elements; ++i)
-            redisAppendCommand(to.get(), "HGETALL %b", keys->element[i]->str, keys->element[i]->len);
-        read_replies(*to, static_cast<int>(keys->elements));
-        *found += static_cast<int>(keys->elements);
-        freeReplyObject(page);
-    } while (cursor != "0");
-    return *found / seconds_since(start);
-}
-
-// ---- ours -----------------------------------------------------------------------------------------------------------
-
-struct session_message {
-    UBridge__EvlanAppIndex index = U_BRIDGE__EVLAN_APP_INDEX__INIT;
-    UBridge__EvlanSession record = U_BRIDGE__EVLAN_SESSION__INIT;
-    char user[4] = "app";
-
-    explicit session_message(int key)
-    {
-        record.index = &index;
-        if (key < 0)
-            return;
-        index.t_user = user;
-        index.type = 32;
-        index.keyid = key;
-        record.request_value = 5;
-        record.request = 1;
-    }
-    session_message(const session_message &) = delete;
-    session_message &operator=(const session_message &) = delete;
-};
-
-// A handle on a loop of its own.
-struct endpoint {
-    qz_thread_master *master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
-    qz_mom_handle *handle = nullptr;
-    int heard = 0;
-    int wanted = 0;
-    bool confirmed = false;
-
-    explicit endpoint(const support::redis_server &server)
-    {
-        if (qz_mom_client_open(server.url().c_str(), master, &handle) != 0)
-            give_up("the store cannot be opened");
-    }
-    ~endpoint()
-    {
-        qz_mom_client_close(handle);
-        qz_thread_master_free(master);
-    }
-    endpoint(const endpoint &) = delete;
-    endpoint &operator=(const endpoint &) = delete;
-
-    static int32_t hear(qz_mom_handle *, const qz_mom_notification *msg, void *args)
-    {
-        auto &self = *static_cast<endpoint *>(args);
-        if (msg->cmd == QZ_MOM_CMD_SUBSCRIBED)
-            self.confirmed = true;
-        else if (msg->value != nullptr)
-            ++self.heard;
-        if (msg->cmd == QZ_MOM_CMD_SUBSCRIBED || msg->end != 0 || (self.wanted != 0 && self.heard >= self.wanted))
-            qz_thread_stop(self.master);
-        return 0;
-    }
-};
-
-// A process that subscribes, says so, hears `count` changes, and ends.
-pid_t start_subscriber(const support::redis_server &server, int count)
-{
-    int ready[2];
-    if (pipe(ready) != 0)
-        give_up("no pipe");
-    const pid_t child = fork();
-    if (child == 0) {
-        endpoint self(server);
-        const session_message any(-1);
-        qz_mom_subscribe(self.handle, DB, &any.record.base, 0, endpoint::hear, &self);
-        qz_thread_run(self.master);
-        self.wanted = count;
-        if (write(ready[1], "x", 1) != 1)
-            _exit(1);
-        qz_thread_run(self.master);
-        _exit(self.heard == count ? 0 : 1);
-    }
-    char byte = 0;
-    if (read(ready[0], &byte, 1) != 1)
-        give_up("the subscriber has not come up");
-    close(ready[0]);
-    close(ready[1]);
-    return child;
-}
-
-double our_writes(const support::redis_server &server, int count, int subscribers)
-{
-    std::vector<pid_t> children;
+    const process writer = start_writer(server.url(), count, KEYS);
+    writer.get();  // subscribers come after its first writes, which are not measured
+    std::vector<process> all;
     for (int i = 0; i < subscribers; ++i)
-        children.push_back(start_subscriber(server, count));
-    endpoint writer(server);
-    const qz_mom_timeval none{0, 0};
-    const session_message absent(KEYS);
-    qz_mom_pexpire_sync(writer.handle, DB, &absent.record.base, QZ_MOM_EXPIRE_EVLAN_SESSION, &none);  // connected now
-    const auto start = clock_type::now();
-    for (int i = 0; i < count; ++i) {
-        const session_message written(i % KEYS);
-        while (qz_mom_hmset(writer.handle, DB, &written.record.base, FIELDS, std::size(FIELDS), nullptr, nullptr) ==
-               QZ_MOM_EFULL)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    if (children.empty())
-        qz_mom_pexpire_sync(writer.handle, DB, &absent.record.base, QZ_MOM_EXPIRE_EVLAN_SESSION, &none);
-    for (const pid_t child : children) {
-        int status = 0;
-        if (waitpid(child, &status, 0) != child || status != 0)
-            give_up("a subscriber has not heard everything");
-    }
-    return count / seconds_since(start);
+        all.push_back(start_subscriber(server.url(), count));
+    return time_writes(server, writer, all, count);
 }
 
-double our_scan(const support::redis_server &server, int expected)
+figure raw_writes(const support::redis_server &server, int count, bool formatted)
 {
-    endpoint reader(server);
-    const session_message any(-1);
-    const auto start = clock_type::now();
-    qz_mom_scan(reader.handle, DB, &any.record.base, 0, endpoint::hear, &reader);
-    qz_thread_run(reader.master);
-    if (reader.heard != expected)
-        give_up("a scan has not found everything");
-    return reader.heard / seconds_since(start);
+    const process writer = start_raw_writer(server.socket(), count, formatted);
+    writer.get();
+    return time_writes(server, writer, {}, count);
 }
 
-void fill(const support::redis_server &server, int count)
+void measure_writes(report &out, const std::string &placement)
 {
-    endpoint writer(server);
-    for (int i = 0; i < count; ++i) {
-        const session_message written(i);
-        while (qz_mom_hmset(writer.handle, DB, &written.record.base, FIELDS, std::size(FIELDS), nullptr, nullptr) ==
-               QZ_MOM_EFULL)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const support::redis_server server(support::redis_server::keeps::nothing);
+    const auto made = medians(
+        TURNS, {[&] { return raw_writes(server, WRITES, false); }, [&] { return raw_writes(server, WRITES, true); },
+                [&] { return our_writes(server, WRITES, 0); }, [&] { return our_writes(server, WRITES, 1); },
+                [&] { return our_writes(server, WRITES_FOR_EIGHT, 8); }});
+    out.row(placement, "(plain HSET/s put together from a format string)", made[1], made[0]);
+    out.row(placement, "writes/s, nobody hears", made[2], made[0]);
+    out.row(placement, "writes/s, one subscriber hears all", made[3], made[0]);
+    out.row(placement, "writes/s, eight hear all", made[4], made[0]);
+}
+
+// ---- scans ----------------------------------------------------------------------------------------------------------
+
+// A process that is connected, and scans whenever it is told to; says how many records it has found.
+process start_scanner(const std::function<std::function<int()>()> &connect)
+{
+    return process([&](const channel &parent) {
+        const auto scan = connect();
+        for (parent.put();; parent.put(scan()))
+            parent.get();
+    });
+}
+
+figure time_scan(const process &scanner, int expected)
+{
+    const auto start = std::chrono::steady_clock::now();
+    scanner.put();
+    if (static_cast<int>(scanner.get()) != expected)
+        throw std::runtime_error("a scan has not found everything");
+    return {expected / seconds_since(start), 0};
+}
+
+void measure_scans(report &out, const std::string &placement)
+{
+    const support::redis_server server(support::redis_server::keeps::nothing);
+    for (const int count : {10000, 1000000}) {
+        raw_connection to(server.socket(), DB);
+        write_raw(to, count, count);
+        const process ours = start_scanner([&]() -> std::function<int()> {
+            return [self = std::make_shared<endpoint>(server.url())] { return self->scan(); };
+        });
+        const process raw = start_scanner([&]() -> std::function<int()> {
+            return [self = std::make_shared<raw_connection>(server.socket(), DB)] { return scan_raw(*self); };
+        });
+        ours.get();
+        raw.get();
+        const auto made = medians(count > KEYS ? 1 : 2 * TURNS + 1,
+                                  {[&] { return time_scan(raw, count); }, [&] { return time_scan(ours, count); }});
+        out.row(placement, "scan records/s, " + std::to_string(count) + " records", made[1], made[0]);
     }
-    const qz_mom_timeval none{0, 0};
-    const session_message absent(count);
-    qz_mom_pexpire_sync(writer.handle, DB, &absent.record.base, QZ_MOM_EXPIRE_EVLAN_SESSION, &none);
 }
 
-// ---- report ---------------------------------------------------------------------------------------------------------
+// ---- grants ---------------------------------------------------------------------------------------------------------
 
-std::string json;
+struct load {
+    int in_flight;
+    int count;
+};
 
-void line(const char *placement, const char *what, double ours, double raw)
+// One side: who asks, and all whose processor time it costs.
+struct side {
+    const process *requester;
+    std::vector<pid_t> all;
+};
+
+struct grant_figures {
+    figure rate, p50, p99;
+};
+
+grant_figures middle(const std::vector<grants> &turns, std::vector<double> processor)
 {
-    std::printf("%-9s  %-34s  %12.0f  %12.0f  %6.2f\n", placement, what, ours, raw, ours / raw);
-    std::fflush(stdout);
-    char row[256];
-    std::snprintf(row, sizeof row, "%s  {\"placement\": \"%s\", \"what\": \"%s\", \"ours\": %.0f, \"raw\": %.0f}",
-                  json.empty() ? "" : ",\n", placement, what, ours, raw);
-    json += row;
-}
-
-void measure(const char *placement)
-{
-    const support::redis_server server;
-    constexpr int WRITES = 400000 / DEPTH * DEPTH;
-    raw_writes(server, WRITES / 4);
-    const double raw = raw_writes(server, WRITES);
-    line(placement, "writes/s, nobody hears", our_writes(server, WRITES, 0), raw);
-    line(placement, "writes/s, one subscriber hears all", our_writes(server, WRITES, 1), raw);
-    line(placement, "writes/s, eight hear all", our_writes(server, WRITES / 4, 8), raw);
-    for (const int count : {KEYS, 1000000}) {
-        fill(server, count);
-        int found = 0;
-        const double raw_rate = raw_scan(server, &found);
-        line(placement, ("scan records/s, " + std::to_string(count) + " records").c_str(), our_scan(server, found),
-             raw_rate);
+    std::vector<double> rates, p50, p99;
+    for (const grants &made : turns) {
+        rates.push_back(made.rate);
+        p50.push_back(made.p50);
+        p99.push_back(made.p99);
     }
+    return {{median(rates), median(std::move(processor))}, {median(p50), 0}, {median(p99), 0}};
+}
+
+// Both sides answer the same demands in turns, each with keys that were not asked for before.
+void measure_load(report &out, const std::string &placement, const load &of, const side (&sides)[2], int first)
+{
+    std::vector<grants> made[2];
+    std::vector<double> processor[2];
+    for (int turn = 0; turn < TURNS; ++turn, first += of.count) {
+        for (const int i : {0, 1}) {
+            const double used_before = processor_seconds(sides[i].all);
+            made[i].push_back(ask(*sides[i].requester, {first, of.count, of.in_flight}));
+            processor[i].push_back(1e6 * (processor_seconds(sides[i].all) - used_before) / of.count);
+        }
+    }
+    const grant_figures ours = middle(made[0], processor[0]), raw = middle(made[1], processor[1]);
+    const std::string in_flight = std::to_string(of.in_flight) + " in flight";
+    out.row(placement, "grants/s, " + in_flight, ours.rate, raw.rate);
+    if (of.in_flight > 1)
+        return;
+    out.row(placement, "request to grant heard, us at p50, " + in_flight, ours.p50, raw.p50);
+    out.row(placement, "request to grant heard, us at p99, " + in_flight, ours.p99, raw.p99);
+}
+
+void measure_grants(report &out, const std::string &placement)
+{
+    const support::redis_server server(support::redis_server::keeps::nothing);
+    const process service(std::vector<std::string>{EBRIDGED_PROGRAM, "--store", server.url()});
+    const process responder = start_raw_responder(server.socket());
+    responder.get();
+    const process ours = start_requester(server.url());
+    const process raw = start_raw_requester(server.socket());
+    const side sides[] = {{&ours, {server.pid(), service.pid(), ours.pid()}},
+                          {&raw, {server.pid(), responder.pid(), raw.pid()}}};
+    for (const side &each : sides)
+        ask(*each.requester, {1, 100, 1});  // waits until the other side is up
+    int first = 1000;
+    for (const load &of : {load{1, 3000}, load{16, 10000}, load{256, 40000}}) {
+        measure_load(out, placement, of, sides, first);
+        first += TURNS * of.count;
+    }
+}
+
+// ---- all ------------------------------------------------------------------------------------------------------------
+
+void measure_speed(report &out, const std::string &placement)
+{
+    measure_writes(out, placement);
+    measure_grants(out, placement);
+    measure_scans(out, placement);
 }
 
 }  // namespace
 
-int main(int, char **argv)
+int main(int argc, char **argv)
 {
-    std::printf("%-9s  %-34s  %12s  %12s  %6s\n", "PLACEMENT", "WHAT", "OURS", "RAW", "SHARE");
-    measure("free");
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(0, &one);
-    sched_setaffinity(0, sizeof one, &one);
-    measure("one core");
-    const std::string program = argv[0];
-    const std::string out = program.substr(0, program.rfind('/') + 1) + "mom.json";
-    if (std::FILE *file = std::fopen(out.c_str(), "w"); file != nullptr) {
-        std::fprintf(file, "[\n%s\n]\n", json.c_str());
-        std::fclose(file);
-        std::printf("written to %s\n", out.c_str());
+    const bool long_run = argc == 2 && std::strcmp(argv[1], "--memory") == 0;
+    if (argc > 1 && !long_run) {
+        const bool asked = std::strcmp(argv[1], "--help") == 0;
+        std::fputs(asked ? HELP : "mom_bench: the only argument is --memory (see mom_bench --help)\n",
+                   asked ? stdout : stderr);
+        return asked ? 0 : 2;
+    }
+    try {
+        report out("mom", "RAW");
+        measure_speed(out, "free");
+        {
+            const one_core pinned;
+            measure_speed(out, "one core");
+        }
+        measure_memory_of_records(out);
+        measure_memory_over_writes(out, long_run ? 10000000 : 1000000, 1000000);
+        out.write();
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "mom_bench: %s\n", error.what());
+        return 1;
     }
     return 0;
 }

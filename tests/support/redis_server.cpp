@@ -19,7 +19,7 @@
 namespace support
 {
 
-redis_server::redis_server()
+redis_server::redis_server(keeps what) : what_(what)
 {
     std::string name = (std::filesystem::temp_directory_path() / "ebridge-redis-XXXXXX").string();
     if (mkdtemp(name.data()) == nullptr)
@@ -45,7 +45,7 @@ void redis_server::start()
         dup2(nowhere, STDIN_FILENO);
         dup2(nowhere, STDOUT_FILENO);
         execlp("redis-server", "redis-server", "--port", "0", "--unixsocket", socket_.c_str(), "--save", "", "--dir",
-               folder_.c_str(), "--appendonly", "yes", "--appendfsync", "no", nullptr);
+               folder_.c_str(), "--appendonly", what_ == keeps::all ? "yes" : "no", "--appendfsync", "no", nullptr);
         _exit(127);
     }
     const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(10);

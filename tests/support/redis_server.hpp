@@ -1,5 +1,5 @@
-// A redis-server of a test's own: on a unix socket in a temporary folder, gone with the test. It keeps its data in that
-// folder, so that it survives a kill.
+// A redis-server of a test's own: on a unix socket in a temporary folder, gone with the test. Unless told
+// otherwise it keeps its data in that folder, so that it survives a kill.
 #pragma once
 
 #include <sys/types.h>
@@ -12,14 +12,18 @@ namespace support
 class redis_server
 {
   public:
+    // What it writes down while it runs: everything, so that it survives a kill; or nothing, so that no file is measured.
+    enum class keeps { all, nothing };
+
     // Started and answering; throws std::runtime_error otherwise.
-    redis_server();
+    explicit redis_server(keeps what = keeps::all);
     ~redis_server();
     redis_server(const redis_server &) = delete;
     redis_server &operator=(const redis_server &) = delete;
 
     std::string url() const { return "redis+unix://" + socket_; }
     const std::string &socket() const { return socket_; }
+    pid_t pid() const { return pid_; }
 
     // As kill -9 does.
     void kill();
@@ -34,6 +38,7 @@ class redis_server
   private:
     std::string talk(const std::string &lines) const;
 
+    const keeps what_;
     std::string folder_;
     std::string socket_;
     pid_t pid_ = -1;
