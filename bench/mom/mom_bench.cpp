@@ -1,12 +1,16 @@
 // The Redis store against raw pipelined hiredis, in one run on one private server: writes that subscribers in other
 // processes hear, scans, requests and grants, memory. Ratios count; the absolute figures are the machine's. Both
 // placements: wherever the system puts the processes, and all of them, the server too, on one core.
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <exception>
+#include <functional>
 #include <memory>
-#include <optional>
+#include <stdexcept>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "grants.hpp"
@@ -16,6 +20,7 @@
 #include "raw.hpp"
 #include "redis_server.hpp"
 #include "report.hpp"
+#include "writes.hpp"
 
 namespace
 {
@@ -27,48 +32,16 @@ constexpr int WRITES = 1000 * GROUP;
 constexpr int WRITES_FOR_EIGHT = WRITES / 4;
 
 constexpr const char *HELP =
-    "usage: mom_bench [--memory]\n"
-    "Measures the store client on a private redis-server against plain hiredis on the same server, prints a table and\n"
-    "writes mom.json beside the program. About three minutes on two cores.\n"
-    "  --memory  the long run of memory: 10 million writes heard and 1 million not read, instead of 1 million of each\n"
+    "usage: mom_bench [--memory] [writes] [grants] [scans] [memory]\n"
+    "Measures the store client on a private redis-server against plain hiredis on the same server: all of it, or the\n"
+    "named parts. Prints a table; all of it is also written to mom.json beside the program, and takes three minutes on\n"
+    "two idle cores.\n"
+    "  --memory  a longer run of memory: 10 million writes heard instead of 1 million\n"
     "\n"
-    "OURS and RAW are rates a second unless a row says otherwise; RATIO is OURS / RAW. CPU us: processor time of all\n"
-    "processes together for each record, which a busy machine disturbs less.\n";
+    "OURS and RAW are rates a second unless a row says otherwise; RATIO is OURS / RAW. CPU us is the processor time of\n"
+    "all processes together for each record, which a busy machine disturbs less.\n";
 
 // ---- writes ---------------------------------------------------------------------------------------------------------
-
-process start_raw_writer(const std::string &socket, int count, bool formatted)
-{
-    return process([=](const channel &parent) {
-        raw_connection to(socket);
-        write_raw(to, KEYS);
-        parent.put();
-        parent.get();
-        formatted ? write_formatted(to, count) : write_raw(to, count);
-        parent.put();
-        parent.get();
-    });
-}
-
-// From the word to the writer until everybody has heard everything.
-figure time_writes(const support::redis_server &server, const process &writer, const std::vector<process> &subscribers,
-                   int count)
-{
-    std::vector<pid_t> all{server.pid(), writer.pid()};
-    for (const process &each : subscribers) {
-        each.get();
-        each.put();
-        all.push_back(each.pid());
-    }
-    const double used_before = processor_seconds(all);
-    const auto start = std::chrono::steady_clock::now();
-    writer.put();
-    for (const process &each : subscribers)
-        each.get();
-    writer.get();
-    const double seconds = seconds_since(start);
-    return {count / seconds, 1e6 * (processor_seconds(all) - used_before) / count};
-}
 
 figure our_writes(const support::redis_server &server, int count, int subscribers)
 {
@@ -78,13 +51,6 @@ figure our_writes(const support::redis_server &server, int count, int subscriber
     for (int i = 0; i < subscribers; ++i)
         all.push_back(start_subscriber(server.url(), count));
     return time_writes(server, writer, all, count);
-}
-
-figure raw_writes(const support::redis_server &server, int count, bool formatted)
-{
-    const process writer = start_raw_writer(server.socket(), count, formatted);
-    writer.get();
-    return time_writes(server, writer, {}, count);
 }
 
 void measure_writes(report &out, const std::string &placement)
@@ -211,34 +177,73 @@ void measure_grants(report &out, const std::string &placement)
 
 // ---- all ------------------------------------------------------------------------------------------------------------
 
-void measure_speed(report &out, const std::string &placement)
+struct choice {
+    bool writes = false, grants = false, scans = false, memory = false;
+    bool long_run = false;
+
+    bool any() const { return writes || grants || scans || memory; }
+};
+
+// False when an argument makes no sense.
+bool read_arguments(int argc, char **argv, choice &out)
 {
-    measure_writes(out, placement);
-    measure_grants(out, placement);
-    measure_scans(out, placement);
+    const std::pair<std::string_view, bool *> known[] = {{"--memory", &out.long_run},
+                                                         {"writes", &out.writes},
+                                                         {"grants", &out.grants},
+                                                         {"scans", &out.scans},
+                                                         {"memory", &out.memory}};
+    for (int i = 1; i < argc; ++i) {
+        const auto at = std::ranges::find(known, argv[i], [](const auto &each) { return each.first; });
+        if (at == std::end(known)) {
+            std::fprintf(stderr, "mom_bench: argument '%s' is unknown (see mom_bench --help)\n", argv[i]);
+            return false;
+        }
+        *at->second = true;
+    }
+    return true;
+}
+
+void measure_speed(report &out, const std::string &placement, const choice &wanted)
+{
+    if (wanted.writes)
+        measure_writes(out, placement);
+    if (wanted.grants)
+        measure_grants(out, placement);
+    if (wanted.scans)
+        measure_scans(out, placement);
+}
+
+void measure(const choice &wanted)
+{
+    const bool all = !wanted.any();
+    const choice parts = all ? choice{true, true, true, true, wanted.long_run} : wanted;
+    report out("mom", "RAW");
+    measure_speed(out, "free", parts);
+    {
+        const one_core pinned;
+        measure_speed(out, "one core", parts);
+    }
+    if (parts.memory) {
+        measure_memory_of_records(out);
+        measure_memory_over_writes(out, parts.long_run ? 10000000 : 1000000, 1000000);
+    }
+    if (all)
+        out.write();
 }
 
 }  // namespace
 
 int main(int argc, char **argv)
 {
-    const bool long_run = argc == 2 && std::strcmp(argv[1], "--memory") == 0;
-    if (argc > 1 && !long_run) {
-        const bool asked = std::strcmp(argv[1], "--help") == 0;
-        std::fputs(asked ? HELP : "mom_bench: the only argument is --memory (see mom_bench --help)\n",
-                   asked ? stdout : stderr);
-        return asked ? 0 : 2;
+    if (argc == 2 && std::string_view(argv[1]) == "--help") {
+        std::fputs(HELP, stdout);
+        return 0;
     }
+    choice wanted;
+    if (!read_arguments(argc, argv, wanted))
+        return 2;
     try {
-        report out("mom", "RAW");
-        measure_speed(out, "free");
-        {
-            const one_core pinned;
-            measure_speed(out, "one core");
-        }
-        measure_memory_of_records(out);
-        measure_memory_over_writes(out, long_run ? 10000000 : 1000000, 1000000);
-        out.write();
+        measure(wanted);
     } catch (const std::exception &error) {
         std::fprintf(stderr, "mom_bench: %s\n", error.what());
         return 1;
