@@ -23,7 +23,7 @@ namespace
 using namespace bench;
 
 constexpr int TURNS = 3;
-constexpr int WRITES = 1000 * GROUP;
+constexpr int WRITES = 2000 * GROUP;
 constexpr int MAX_BEHIND = 256 * GROUP;  // records that the subscriber may be behind the writer
 constexpr int WORDS = 7;                 // of a record: its key, and three times field and bytes
 constexpr const char *NEWS = "news";     // the channel, and the stream

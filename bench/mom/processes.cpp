@@ -1,6 +1,7 @@
 // Children of a measurement, and what /proc says of them.
 #include "processes.hpp"
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -8,13 +9,19 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <utility>
 
 namespace bench
 {
+namespace
+{
+
+constexpr int PATIENCE = 300000;  // milliseconds
+
+}  // namespace
 
 double seconds_since(std::chrono::steady_clock::time_point start)
 {
@@ -36,6 +43,9 @@ void channel::put(double value) const
 
 double channel::get() const
 {
+    pollfd waited{in_, POLLIN, 0};
+    if (poll(&waited, 1, PATIENCE) == 0)
+        throw std::runtime_error("a process of the measurement does not go on");
     double value = 0;
     if (read(in_, &value, sizeof value) != sizeof value)
         throw std::runtime_error("a process of the measurement has ended too early");
@@ -113,21 +123,15 @@ one_core::~one_core() { sched_setaffinity(0, sizeof before_, &before_); }
 
 double processor_seconds(const std::vector<pid_t> &of)
 {
-    double ticks = 0;
+    double all = 0;
     for (const pid_t pid : of) {
-        std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-        std::string text;
-        std::getline(file, text);
-        if (text.empty())
-            throw std::runtime_error("a process of the measurement is gone");
-        std::istringstream rest(text.substr(text.rfind(')') + 1));
-        for (int i = 0; i < 11; ++i)
-            rest >> text;
-        double user = 0, system = 0;
-        rest >> user >> system;
-        ticks += user + system;
+        for (const auto &thread : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+            double nanoseconds = 0;
+            std::ifstream(thread.path() / "schedstat") >> nanoseconds;
+            all += nanoseconds;
+        }
     }
-    return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+    return all * 1e-9;
 }
 
 resident_memory resident(pid_t of)

@@ -16,7 +16,7 @@ double seconds_since(std::chrono::steady_clock::time_point start);
 // The one in the middle; of an even number the upper one.
 double median(std::vector<double> values);
 
-// One end of two pipes. Both calls throw std::runtime_error when the other end is gone.
+// One end of two pipes. Both calls throw std::runtime_error when the other end is gone, or silent for minutes.
 class channel
 {
   public:
@@ -65,7 +65,7 @@ class one_core
     cpu_set_t before_;
 };
 
-// Processor seconds that the processes have used so far, with all their threads.
+// Processor seconds that the threads of the processes have used so far.
 double processor_seconds(const std::vector<pid_t> &of);
 
 struct resident_memory {

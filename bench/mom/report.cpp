@@ -42,17 +42,18 @@ std::vector<figure> medians(int turns, const std::vector<std::function<figure()>
 
 report::report(std::string name, const std::string &baseline) : name_(std::move(name))
 {
-    std::printf("%-9s  %-52s  %11s  %11s  %6s  %9s  %9s\n", "PLACEMENT", "WHAT", "OURS", baseline.c_str(), "RATIO",
-                "CPU us", (baseline + " us").c_str());
+    std::printf("%-9s  %-52s  %11s  %11s  %6s  %9s  %9s  %6s\n", "PLACEMENT", "WHAT", "OURS", baseline.c_str(), "RATIO",
+                "CPU us", (baseline + " us").c_str(), "BY CPU");
 }
 
 void report::row(const std::string &placement, const std::string &what, const figure &ours, const figure &baseline)
 {
     const bool looked = ours.processor > 0 && baseline.processor > 0;
-    std::printf("%-9s  %-52s  %11s  %11s  %6.2f  %9s  %9s\n", placement.c_str(), what.c_str(),
+    std::printf("%-9s  %-52s  %11s  %11s  %6.2f  %9s  %9s  %6s\n", placement.c_str(), what.c_str(),
                 number(ours.value).c_str(), number(baseline.value).c_str(), ours.value / baseline.value,
                 looked ? text_of("%.2f", ours.processor).c_str() : "",
-                looked ? text_of("%.2f", baseline.processor).c_str() : "");
+                looked ? text_of("%.2f", baseline.processor).c_str() : "",
+                looked ? text_of("%.2f", baseline.processor / ours.processor).c_str() : "");
     std::fflush(stdout);
     rows_ += (rows_.empty() ? "" : ",\n") + ("  {\"placement\": \"" + placement) + "\", \"what\": \"" + what +
              "\", \"ours\": " + number(ours.value) + ", \"raw\": " + number(baseline.value) +
