@@ -356,7 +356,8 @@ function verbs.page()
     return page[1], cmsgpack.pack(rows)
 end
 
--- Where the log begins and which one it is.
+-- Which log it is. A server that was a replica meanwhile may have taken over another one, of the same epoch, under
+-- numbers that it had given already: whenever it becomes a master again it begins a new replication history.
 function verbs.hello()
     local epoch = call('GET', 'mom:epoch')
     if not epoch then
@@ -364,7 +365,8 @@ function verbs.hello()
         call('SET', 'mom:epoch', epoch)
     end
     local run = string.match(call('INFO', 'server'), 'run_id:(%w+)')
-    return epoch .. ' ' .. run
+    local history = string.match(call('INFO', 'replication'), 'master_replid:(%w+)')
+    return epoch .. ' ' .. run .. ' ' .. history
 end
 
 -- ---- the call ------------------------------------------------------------------------------------------------------
