@@ -242,7 +242,7 @@ figure run(const support::redis_server &server, const mechanism &of)
 
 void measure(report &out, const std::string &placement)
 {
-    const support::redis_server server(support::redis_server::keeps::nothing);
+    const support::redis_server server("appendonly no\n");  // no file is measured
     raw_connection(server.socket()).ask({"FUNCTION", "LOAD", FUNCTION_PUBLISH});
     const auto all = mechanisms();
     std::vector<std::function<figure()>> runs{[&] { return raw_writes(server, WRITES); }};

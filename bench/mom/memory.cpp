@@ -32,7 +32,7 @@ double used_memory(const support::redis_server &server)
 
 double raw_bytes(int count)
 {
-    const support::redis_server server(support::redis_server::keeps::nothing);
+    const support::redis_server server("appendonly no\n");  // no file is measured
     raw_connection to(server.socket());
     const double before = used_memory(server);
     write_raw(to, count, count);
@@ -47,7 +47,7 @@ struct bytes {
 // The follower says how much it has grown when it knows the table.
 bytes our_bytes(int count)
 {
-    const support::redis_server server(support::redis_server::keeps::nothing);
+    const support::redis_server server("appendonly no\n");  // no file is measured
     const double before = used_memory(server);
     {
         const process writer([&](const channel &parent) {
@@ -123,7 +123,7 @@ process start_deaf(const std::string &url)
 
 void run(report &out, int count, bool reads)
 {
-    const support::redis_server server(support::redis_server::keeps::nothing);
+    const support::redis_server server("appendonly no\n");  // no file is measured
     const process subscriber = reads ? start_hearer(server.url(), count) : start_deaf(server.url());
     subscriber.get();
     const process writer = start_tenths(server.url(), count);

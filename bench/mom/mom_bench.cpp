@@ -57,7 +57,7 @@ figure our_writes(const support::redis_server &server, int count, int subscriber
 
 void measure_writes(report &out, const std::string &placement)
 {
-    const support::redis_server server(support::redis_server::keeps::nothing);
+    const support::redis_server server("appendonly no\n");  // no file is measured
     const auto made =
         medians(WRITE_TURNS,
                 {[&] { return raw_writes(server, WRITES, false); }, [&] { return raw_writes(server, WRITES, true); },
@@ -92,7 +92,7 @@ figure time_scan(const process &scanner, int expected)
 
 void measure_scans(report &out, const std::string &placement)
 {
-    const support::redis_server server(support::redis_server::keeps::nothing);
+    const support::redis_server server("appendonly no\n");  // no file is measured
     for (const int count : {10000, 1000000}) {
         raw_connection to(server.socket(), DB);
         write_raw(to, count, count);
@@ -161,7 +161,7 @@ void measure_load(report &out, const std::string &placement, const load &of, con
 
 void measure_grants(report &out, const std::string &placement)
 {
-    const support::redis_server server(support::redis_server::keeps::nothing);
+    const support::redis_server server("appendonly no\n");  // no file is measured
     const process service(std::vector<std::string>{EBRIDGED_PROGRAM, "--store", server.url()});
     const process responder = start_raw_responder(server.socket());
     responder.get();

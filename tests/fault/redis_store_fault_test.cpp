@@ -1,92 +1,16 @@
 // What a user of the Redis store sees while the server is killed, emptied, stopped, or too slow to follow.
-//
-// The check behind all of them: what a follower has been told adds up to what the store holds.
 #include <signal.h>
 
 #include <algorithm>
-#include <map>
-#include <stdexcept>
 
-#include "store_fixture.hpp"
+#include "fault_fixture.hpp"
 
 namespace contract
 {
 namespace
 {
 
-const std::vector<uint32_t> REQUEST{6, 8};
-
-class RedisFault : public StoreTest
-{
-  protected:
-    RedisFault()
-    {
-        if (!store_url().starts_with("redis"))
-            throw std::runtime_error("needs EBRIDGE_CONTRACT_URL=redis");
-        writer = open();
-        reader = open();
-        EXPECT_EQ(0, qz_mom_client_set_reconnect_cb(reader, app_db, note_event, this));
-        EXPECT_EQ(0, follow(reader, any_session(), told));
-        settle();
-    }
-
-    static int32_t note_event(qz_mom_handle *, uint32_t db, int32_t type, void *self)
-    {
-        EXPECT_EQ(app_db, db);
-        static_cast<RedisFault *>(self)->events.push_back(type);
-        return 0;
-    }
-
-    // Writes when the store takes it, as a patient user does.
-    void write(const session &what)
-    {
-        int32_t code = QZ_MOM_EDOWN;
-        run_until([&] { return (code = hmset(writer, what, REQUEST)) == 0; });
-    }
-
-    void run_until_events(const std::vector<int32_t> &wanted)
-    {
-        run_until([&] { return events == wanted; });
-    }
-
-    // What the follower must take the table for, by what it has been told.
-    std::map<std::string, session> view() const
-    {
-        std::map<std::string, session> made;
-        for (const auto &each : told.changes()) {
-            if (each.cmd == QZ_MOM_CMD_DEL || each.cmd == QZ_MOM_CMD_EXPIRED)
-                made.erase(each.key);
-            else
-                made[each.key] = session_of(*each.record);
-        }
-        return made;
-    }
-
-    // The same of the store, read by a handle that has seen nothing of it before.
-    std::map<std::string, session> store()
-    {
-        std::map<std::string, session> found;
-        for (const session &each : scan(open(), any_session()))
-            found[each.user + std::to_string(each.keyid)] = each;
-        return found;
-    }
-
-    void expect_view_equals_store()
-    {
-        const auto held = store();
-        std::map<std::string, session> seen;
-        for (const auto &[key, each] : view())
-            seen[each.user + std::to_string(each.keyid)] = each;
-        EXPECT_EQ(held, seen);
-    }
-
-    qz_mom_handle *writer;
-    qz_mom_handle *reader;
-    listener told;
-    std::vector<int32_t> events;
-};
-
-session numbered(int32_t keyid, int32_t value = 1) { return {.keyid = keyid, .request_value = value, .request = 1}; }
+using RedisFault = FaultTest;
 
 TEST_F(RedisFault, AKilledServerIsToldOfAndRefusesUntilItIsBack)
 {

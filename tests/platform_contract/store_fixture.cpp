@@ -4,10 +4,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <ostream>
 
-#include "redis_server.hpp"
+#include "spread_store.hpp"
 
 namespace contract
 {
@@ -45,24 +44,39 @@ bool tells_of_record(const heard &each)
            each.cmd == QZ_MOM_CMD_HMSET || each.cmd == QZ_MOM_CMD_EXPIRED;
 }
 
+support::spread_store &store_map()
+{
+    static support::spread_store store;
+    return store;
+}
+
 void stop(void *master) { qz_thread_stop(static_cast<qz_thread_master *>(master)); }
 
 }  // namespace
 
 std::string store_url()
 {
-    const char *url = std::getenv("EBRIDGE_CONTRACT_URL");
-    if (url == nullptr)
-        return "mem:contract";
-    if (std::strcmp(url, "redis") != 0)
-        return url;
-    return store_server().url();
+    const char *given = std::getenv("EBRIDGE_CONTRACT_URL");
+    const std::string url = given == nullptr ? "mem:contract" : given;
+    if (url == "redis")
+        return store_server().url();
+    if (url == "map")
+        return store_map().url();
+    if (url == "sentinel")
+        return store_group().url();
+    return url;
 }
 
 support::redis_server &store_server()
 {
     static support::redis_server server;  // each test is a process, so each has one
     return server;
+}
+
+support::redis_group &store_group()
+{
+    static support::redis_group group;
+    return group;
 }
 
 int32_t listener::hear(qz_mom_handle *handle, const qz_mom_notification *msg, void *args)
@@ -168,10 +182,10 @@ StoreTest::~StoreTest()
     qz_thread_master_free(master_);
 }
 
-qz_mom_handle *StoreTest::open()
+qz_mom_handle *StoreTest::open(const std::string &url)
 {
     qz_mom_handle *handle = nullptr;
-    EXPECT_EQ(0, qz_mom_client_open(store_url().c_str(), master_, &handle));
+    EXPECT_EQ(0, qz_mom_client_open(url.c_str(), master_, &handle));
     EXPECT_EQ(master_, qz_mom_handle_master(handle));
     handles_.push_back(handle);
     fences_.push_back(std::make_unique<fence>(fence{handle, {}}));

@@ -1,7 +1,8 @@
 // What the store tests share: handles on one master, records of what their callbacks heard, and time that passes.
 //
 // The store is named by the environment variable EBRIDGE_CONTRACT_URL, by default an embedded one; "redis" starts a
-// server for each test. Any other store has to be empty at the start. On the embedded store the master's clock is
+// server for each test, "map" two that share the databases by a map file, "sentinel" a group that a sentinel watches.
+// Any other store has to be empty at the start. On the embedded store the master's clock is
 // driven, so that time passes at once; elsewhere it is real.
 #ifndef PLATFORM_CONTRACT_STORE_FIXTURE_HPP
 #define PLATFORM_CONTRACT_STORE_FIXTURE_HPP
@@ -17,6 +18,7 @@
 
 #include "qz_mom.h"
 #include "qz_thread.h"
+#include "redis_group.hpp"
 #include "redis_server.hpp"
 #include "u_bridge.pb-c.h"
 
@@ -29,6 +31,8 @@ constexpr uint32_t app_db = 4;
 std::string store_url();
 // The server that "redis" starts.
 support::redis_server &store_server();
+// The group that "sentinel" starts.
+support::redis_group &store_group();
 
 // One notification, copied.
 struct heard {
@@ -112,7 +116,7 @@ class StoreTest : public testing::Test
     StoreTest();
     ~StoreTest() override;
 
-    qz_mom_handle *open();
+    qz_mom_handle *open(const std::string &url = store_url());
     void close(qz_mom_handle *handle);
 
     // Runs the master until all that has happened so far has been heard by every handle.

@@ -10,10 +10,12 @@
 
 #include "child.hpp"
 #include "redis_server.hpp"
+#include "spread_store.hpp"
 
 using namespace road;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 namespace
 {
@@ -63,7 +65,16 @@ TEST(EbridgedProgram, AStoreThatCannotBeOpenedIsOneLine)
 {
     const outcome seen = run({EBRIDGED_PROGRAM, "--store", "nowhere:x"});
     EXPECT_EQ(seen.status, 3);
-    EXPECT_EQ(seen.err, "ebridged: nowhere:x: malformed URL or unknown scheme\n");
+    EXPECT_EQ(seen.err, "ebridged: nowhere:x: malformed URL, unknown scheme, or a map file that makes no sense\n");
+}
+
+TEST(EbridgedProgram, AMapFileThatMakesNoSenseIsNamedWithItsPlace)
+{
+    const temporary_file map(R"({"INSTANCES": {"redis": {"hostname": "h", "port": "x", "password": "open-sesame"}}})");
+    const outcome seen = run({EBRIDGED_PROGRAM, "--store", "file://" + map.path()});
+    EXPECT_EQ(seen.status, 3);
+    EXPECT_THAT(seen.err, HasSubstr(map.path() + ": /INSTANCES/redis/port: not a number from 1 to 65535\n"));
+    EXPECT_THAT(seen.err, Not(HasSubstr("sesame")));
 }
 
 TEST(EbridgedProgram, HelpSaysWhatTheEmbeddedStoreIsGoodFor)
@@ -82,6 +93,26 @@ TEST(EbridgedProgram, ServesOtherProcessesOverRedis)
         const outcome seen = run({EXAMPLE_PROGRAM, redis.url()});
         EXPECT_EQ(seen.status, 0) << seen.err;
         EXPECT_EQ(seen.out, "VNI 5010 has evlan " + std::string(id) + "\nreleased\n");
+    }
+    service.signal(SIGTERM);
+    EXPECT_EQ(service.finish().status, 0);
+}
+
+// The sessions of database 4 are answered on one server, and mirrored into database 8 on the other.
+TEST(EbridgedProgram, ServesDatabasesThatAMapFileSpreadsOverServers)
+{
+    support::spread_store store;
+    ASSERT_NE(&store.server_of(4), &store.server_of(8));
+    child service({EBRIDGED_PROGRAM, "--store", store.url()});
+    ASSERT_TRUE(service.wait_for_error_text("serving"));
+    const std::string leaf = std::string(EXAMPLES_DIR) + "/leaf.json";
+    const outcome seen = run({EBRIDGE_PROGRAM, "run", "--store", store.url(), leaf});
+    EXPECT_EQ(seen.status, 0) << seen.err;
+    const std::string key = "EXISTS u_bridge.evlan_session:ebridge_run:32:5101";
+    for (const int db : {4, 8}) {
+        support::redis_server &other = store.server_of(db == 4 ? 8 : 4);
+        EXPECT_THAT(store.server_of(db).commands(db, key), HasSubstr(":1\r\n"));
+        EXPECT_THAT(other.commands(db, key), HasSubstr(":0\r\n"));
     }
     service.signal(SIGTERM);
     EXPECT_EQ(service.finish().status, 0);

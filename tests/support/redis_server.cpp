@@ -1,6 +1,7 @@
 // Starting and ending a private redis-server.
 #include "redis_server.hpp"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -13,23 +14,35 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <random>
 #include <stdexcept>
 #include <thread>
 
 namespace support
 {
 
-redis_server::redis_server(keeps what) : what_(what)
+redis_server::redis_server(const std::string &more, kind as) : kind_(as)
 {
     std::string name = (std::filesystem::temp_directory_path() / "ebridge-redis-XXXXXX").string();
     if (mkdtemp(name.data()) == nullptr)
         throw std::runtime_error("no temporary folder");
     folder_ = name;
     socket_ = folder_ + "/socket";
-    start();
+    std::ofstream(folder_ + "/redis.conf")
+        << "port 0\nunixsocket " << socket_ << "\nsave \"\"\ndir " << folder_ << "\nappendonly yes\nappendfsync no\n"
+        << more;
+    try {
+        start();
+    } catch (...) {
+        end();
+        throw;
+    }
 }
 
-redis_server::~redis_server()
+redis_server::~redis_server() { end(); }
+
+void redis_server::end()
 {
     kill();
     std::error_code ignored;
@@ -44,8 +57,8 @@ void redis_server::start()
         const int nowhere = open("/dev/null", O_RDWR);
         dup2(nowhere, STDIN_FILENO);
         dup2(nowhere, STDOUT_FILENO);
-        execlp("redis-server", "redis-server", "--port", "0", "--unixsocket", socket_.c_str(), "--save", "", "--dir",
-               folder_.c_str(), "--appendonly", what_ == keeps::all ? "yes" : "no", "--appendfsync", "no", nullptr);
+        const char *const as = kind_ == kind::sentinel ? "--sentinel" : nullptr;
+        execlp("redis-server", "redis-server", (folder_ + "/redis.conf").c_str(), as, nullptr);
         _exit(127);
     }
     const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -75,7 +88,7 @@ std::string redis_server::commands(int database, const std::string &lines) const
     return talk("SELECT " + std::to_string(database) + "\n" + lines + "\n");
 }
 
-// Sends lines and QUIT, and reads until the server hangs up; "" when it is not there.
+// Sends lines and QUIT, and reads until the server hangs up; "" when it is not there. A sentinel knows no QUIT.
 std::string redis_server::talk(const std::string &lines) const
 {
     sockaddr_un address{};
@@ -88,12 +101,33 @@ std::string redis_server::talk(const std::string &lines) const
     std::string reply;
     if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
         write(fd, sent.data(), sent.size()) == static_cast<ssize_t>(sent.size())) {
+        if (kind_ == kind::sentinel)
+            shutdown(fd, SHUT_WR);
         char piece[4096];
         for (ssize_t size = read(fd, piece, sizeof piece); size > 0; size = read(fd, piece, sizeof piece))
             reply.append(piece, static_cast<size_t>(size));
     }
     close(fd);
     return reply;
+}
+
+// Below the ports that outgoing connections are given, which come and go.
+int free_port()
+{
+    std::random_device device;
+    for (int tries = 0; tries < 1000; ++tries) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const int port = std::uniform_int_distribution<int>(10000, 32000)(device);
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const bool free = bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+        close(fd);
+        if (free)
+            return port;
+    }
+    throw std::runtime_error("no free port");
 }
 
 }  // namespace support

@@ -12,11 +12,10 @@ namespace support
 class redis_server
 {
   public:
-    // What it writes down while it runs: everything, so that it survives a kill; or nothing, so that no file is measured.
-    enum class keeps { all, nothing };
+    enum class kind { store, sentinel };
 
-    // Started and answering; throws std::runtime_error otherwise.
-    explicit redis_server(keeps what = keeps::all);
+    // Started and answering; throws std::runtime_error otherwise. `more`: further lines of its configuration file.
+    explicit redis_server(const std::string &more = {}, kind as = kind::store);
     ~redis_server();
     redis_server(const redis_server &) = delete;
     redis_server &operator=(const redis_server &) = delete;
@@ -24,6 +23,8 @@ class redis_server
     std::string url() const { return "redis+unix://" + socket_; }
     const std::string &socket() const { return socket_; }
     pid_t pid() const { return pid_; }
+    // Its own, for files that are to go with it.
+    const std::string &folder() const { return folder_; }
 
     // As kill -9 does.
     void kill();
@@ -36,12 +37,16 @@ class redis_server
     std::string commands(int database, const std::string &lines) const;
 
   private:
+    void end();
     std::string talk(const std::string &lines) const;
 
-    const keeps what_;
+    const kind kind_;
     std::string folder_;
     std::string socket_;
     pid_t pid_ = -1;
 };
+
+// A port of the loopback address on which nobody listens.
+int free_port();
 
 }  // namespace support

@@ -65,7 +65,7 @@ enum qz_mom_code {
     QZ_MOM_EFULL = -104,  /* a queue is at its hard limit; try again later */
     QZ_MOM_EDOWN = -105,  /* the store cannot be reached */
     QZ_MOM_EFORM = -106,  /* the record exists in the other form (written with set, now hmset, or the reverse) */
-    QZ_MOM_EURL = -107,   /* malformed URL or unknown scheme */
+    QZ_MOM_EURL = -107,   /* malformed URL, unknown scheme, or a map file that makes no sense */
     QZ_MOM_EFENCED = -108 /* the handle does not hold its lock (qz_mom_lock) */
 };
 
@@ -129,10 +129,18 @@ enum { QZ_MOM_RECONNECT_ERROR = 1, QZ_MOM_RECONNECT_DONE = 2 };
  *                                            lives as long as one of them is open
  *   redis://[USER:PASSWORD@]HOST[:PORT]      a Redis server (7.0 or later), shared by processes; databases 0 to 15
  *   redis+unix://[USER:PASSWORD@]/PATH       the same by its unix socket. %XX in USER and PASSWORD stands for a byte
+ *   redis+sentinel://[USER:PASSWORD@]HOST[:PORT][,HOST[:PORT]...]/GROUP
+ *                                            the same on whichever server these sentinels (port 26379) name as the
+ *                                            master of GROUP. A new master may lack what the old one had acknowledged;
+ *                                            that, too, is told as changed and removed
+ *   file:///PATH                             databases spread over several of these by a map file (docs/operators.md), in
+ *                                            JSON: {"INSTANCES": {"redis": {"hostname": "127.0.0.1", "port": 6379}},
+ *                                            "DATABASES": {"APPL_DB": {"id": 4, "instance": "redis"}}}. It is read when
+ *                                            no handle of that URL is open; other databases than it names do not exist
  * A Redis server is connected when a database is first used, and again whenever the connection is lost: calls made
  * before the first connection wait for it, calls made after a loss are refused with EDOWN until it is back. Calls that
  * were under way are then made again, and none is done twice. What changed meanwhile is told as changed, what was
- * removed as removed. *out is set on 0 only. EINVAL, EURL, ENOMEM. */
+ * removed as removed. *out is set on 0 only. EINVAL, EURL (for a map file the log says why), ENOMEM. */
 int32_t qz_mom_client_open(const char *url, qz_thread_master *master, qz_mom_handle **out);
 /* Closes a handle, on its master's thread or while nobody runs the master. No callback of it runs afterwards; expiry
  * marks that it set go on. Null is allowed. */

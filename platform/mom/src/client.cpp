@@ -190,7 +190,7 @@ const char *qz_mom_strerror(int32_t code)
         case QZ_MOM_EFORM:
             return "the record exists in the other form";
         case QZ_MOM_EURL:
-            return "malformed URL or unknown scheme";
+            return "malformed URL, unknown scheme, or a map file that makes no sense";
         case QZ_MOM_EFENCED:
             return "the handle does not hold its lock";
         default:

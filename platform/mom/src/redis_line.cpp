@@ -362,7 +362,7 @@ void redis_line::lose(const char *why)
 
 void redis_line::tick(const redis_address &to, steady::time_point now)
 {
-    if (state_ == state::down && now >= retry_at_) {
+    if (wants_server(now)) {
         connecting_since_ = now;
         state_ = state::connecting;
         greetings_ = log_greetings_ = 0;
@@ -458,6 +458,8 @@ void redis_line::greet(const redis_address &to)
         link->send({"SELECT", db});
         ++expected;
     }
+    if (to.master_only)
+        commands_.send({"ROLE"}), ++greetings_;
     commands_.send({"SCRIPT", "LOAD", REDIS_SCRIPT});
     commands_.send({"EVAL", REDIS_SCRIPT, "0", "hello", client_name_, "0"});
     greetings_ += 2;
@@ -471,6 +473,8 @@ void redis_line::take_greeting(const redisReply &reply)
         return lose("the greeting was refused");
     }
     --greetings_;
+    if (const auto *role = element(&reply, 0); greetings_ == 2 && role != nullptr && text_of(*role) != "master")
+        return lose("it is not a master");
     if (greetings_ == 1)
         script_ = text_of(reply);
     if (greetings_ == 0)

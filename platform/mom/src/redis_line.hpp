@@ -82,6 +82,8 @@ class redis_line
     bool settled() const;
 
     // ---- on the store's thread, with the mutex
+    // It would connect now.
+    bool wants_server(steady::time_point now) const { return state_ == state::down && now >= retry_at_; }
     // What is due by the clock: connecting, ticking, giving up.
     void tick(const redis_address &to, steady::time_point now);
     redis_link &commands() { return commands_; }

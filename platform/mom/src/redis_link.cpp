@@ -1,4 +1,4 @@
-// Connections to Redis servers, and the URLs that name them.
+// Connections to Redis servers.
 #include "redis_link.hpp"
 
 #include <poll.h>
@@ -9,85 +9,6 @@
 
 namespace mom
 {
-namespace
-{
-
-// %XX in names and passwords; nothing when it is malformed.
-std::optional<std::string> unescape(std::string_view text)
-{
-    std::string plain;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '%') {
-            plain += text[i];
-            continue;
-        }
-        unsigned value = 0;
-        const std::string_view digits = text.substr(i + 1, 2);
-        const auto read = std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
-        if (digits.size() != 2 || read.ec != std::errc() || read.ptr != digits.data() + 2 || value == 0)
-            return std::nullopt;
-        plain += static_cast<char>(value);
-        i += 2;
-    }
-    return plain;
-}
-
-bool take(std::string_view &text, std::string_view prefix)
-{
-    if (!text.starts_with(prefix))
-        return false;
-    text.remove_prefix(prefix.size());
-    return true;
-}
-
-// "user:password@"; the last '@' ends it, so that a password may hold one.
-bool take_user(std::string_view &text, redis_address &out)
-{
-    const size_t at = text.rfind('@');
-    if (at == std::string_view::npos)
-        return true;
-    const std::string_view who = text.substr(0, at);
-    const size_t colon = who.find(':');
-    const auto user = unescape(who.substr(0, colon));
-    const auto password = unescape(colon == std::string_view::npos ? std::string_view() : who.substr(colon + 1));
-    text.remove_prefix(at + 1);
-    if (!user || !password || colon == std::string_view::npos)
-        return false;
-    out.user = *user;
-    out.password = *password;
-    return true;
-}
-
-bool take_port(std::string_view text, uint16_t &port)
-{
-    const auto read = std::from_chars(text.data(), text.data() + text.size(), port);
-    return read.ec == std::errc() && read.ptr == text.data() + text.size() && port != 0;
-}
-
-}  // namespace
-
-std::optional<redis_address> redis_address::parse(std::string_view url)
-{
-    redis_address made;
-    if (take(url, "redis+unix://")) {
-        if (!take_user(url, made) || !url.starts_with('/'))
-            return std::nullopt;
-        made.path = url;
-        return made;
-    }
-    if (!take(url, "redis://") || !take_user(url, made))
-        return std::nullopt;
-    size_t colon = url.rfind(':');
-    if (url.ends_with(']'))  // an IPv6 address without a port
-        colon = std::string_view::npos;
-    if (colon != std::string_view::npos && !take_port(url.substr(colon + 1), made.port))
-        return std::nullopt;
-    made.host = url.substr(0, colon);
-    if (made.host.size() > 2 && made.host.front() == '[' && made.host.back() == ']')
-        made.host = made.host.substr(1, made.host.size() - 2);
-    const bool plain = made.host.find_first_of("/[]@ ") == std::string::npos;
-    return !made.host.empty() && plain ? std::optional(made) : std::nullopt;
-}
 
 bool redis_link::open(const redis_address &to)
 {

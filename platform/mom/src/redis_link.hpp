@@ -7,24 +7,13 @@
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 
+#include "redis_address.hpp"
+
 namespace mom
 {
-
-// Where a server is and who we are there: redis://[user:password@]host[:port] or redis+unix://[user:password@]/path.
-struct redis_address {
-    std::string host;
-    uint16_t port = 6379;
-    std::string path;  // of a unix socket; then host and port do not count
-    std::string user;
-    std::string password;
-
-    // Nothing when the URL is malformed.
-    static std::optional<redis_address> parse(std::string_view url);
-};
 
 struct free_reply {
     void operator()(redisReply *reply) const { freeReplyObject(reply); }

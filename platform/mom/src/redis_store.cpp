@@ -79,9 +79,9 @@ int32_t open_redis(std::string_view url, const std::shared_ptr<client> &who)
 
 // ---- opening and closing --------------------------------------------------------------------------------------------
 
-redis_store::redis_store(std::string url, redis_address address)
+redis_store::redis_store(std::string url, redis_map databases)
     : url_(std::move(url)),
-      address_(std::move(address)),
+      databases_(std::move(databases)),
       office_(std::make_shared<post_office>()),
       wake_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
@@ -93,16 +93,19 @@ redis_store::~redis_store() { ::close(wake_fd_); }
 
 std::shared_ptr<redis_store> redis_store::open(std::string_view url, const std::shared_ptr<client> &who, int32_t &code)
 {
-    auto address = redis_address::parse(url);
-    if (!address) {
-        code = QZ_MOM_EURL;
-        return nullptr;
-    }
     auto &all = stores();
     const std::scoped_lock lock(all.mutex);
     auto at = all.stores.find(url);
     if (at == all.stores.end()) {
-        auto made = std::make_shared<redis_store>(std::string(url), std::move(*address));
+        std::string fault;
+        auto databases = map_of_url(url, fault);
+        if (!databases) {
+            if (!fault.empty())
+                log_failure(fault.c_str());
+            code = QZ_MOM_EURL;
+            return nullptr;
+        }
+        auto made = std::make_shared<redis_store>(std::string(url), std::move(*databases));
         at = all.stores.emplace(std::string(url), std::move(made)).first;
     }
     auto store = at->second;
@@ -131,12 +134,12 @@ void redis_store::close(client &from) noexcept
         subscriptions_.remove_all(from);
         let_go(from);
         office_->detach(from);
-        for (const auto &[db, each] : lines_)
-            each->drop_unused();
+        for (const auto &[db, each] : served_)
+            each->line.drop_unused();
         if (!office_->clients().empty())
             return;
         drained_.wait_for(store_lock, LAST_WRITES, [this] {
-            return std::ranges::all_of(lines_, [](const auto &each) { return each.second->settled(); });
+            return std::ranges::all_of(served_, [](const auto &each) { return each.second->line.settled(); });
         });
         stop_ = true;
         wake();
@@ -164,10 +167,11 @@ void redis_store::let_go(const client &leaving) noexcept
 
 redis_line &redis_store::line(uint32_t db)
 {
-    auto &made = lines_[db];
-    if (made == nullptr)
-        made = std::make_unique<redis_line>(db, new_client_name(), *office_, subscriptions_);
-    return *made;
+    if (const auto at = served_.find(db); at != served_.end())
+        return at->second->line;
+    std::unique_ptr<served_database> made(new served_database{
+        redis_line(db, new_client_name(), *office_, subscriptions_), redis_guide(databases_.at(db))});
+    return served_.emplace(db, std::move(made)).first->second->line;
 }
 
 void redis_store::wake() noexcept
@@ -342,26 +346,45 @@ void redis_store::run()
         } catch (const std::bad_alloc &) {
             // What was being done may be half done: begin again as after a lost connection.
             const std::scoped_lock lock(office_->mutex);
-            for (auto &[db, each] : lines_)
-                each->lose("no memory");
+            for (auto &[db, each] : served_) {
+                each->guide.stop();
+                each->line.lose("no memory");
+            }
         }
     }
+}
+
+// Connects where the server is now; who asks for that first comes back later.
+void redis_store::advance(served_database &of, steady::time_point now)
+{
+    if (of.line.wants_server(now)) {
+        switch (of.guide.look(now)) {
+            case redis_guide::answer::asking:
+                return;
+            case redis_guide::answer::nobody:
+                return of.line.lose("no master is known");
+            case redis_guide::answer::known:
+                break;
+        }
+    }
+    of.line.tick(of.guide.server(), now);
 }
 
 // One round: waits for something to happen, then does all that it leads to. False: it was told to stop.
 bool redis_store::work()
 {
+    constexpr size_t LINKS = 3;
     std::vector<pollfd> waited{{wake_fd_, POLLIN, 0}};
-    std::vector<redis_line *> of;
+    std::vector<served_database *> of;
     auto patience = ROUND;
     {
         const std::scoped_lock lock(office_->mutex);
-        for (auto &[db, each] : lines_) {
+        for (auto &[db, each] : served_) {
             of.push_back(each.get());
-            for (redis_link *link : {&each->commands(), &each->log()})
+            for (redis_link *link : {&each->line.commands(), &each->line.log(), &each->guide.link()})
                 waited.push_back(
                     {link->is_open() ? link->descriptor() : -1, link->is_open() ? link->events() : int16_t{0}, 0});
-            if (each->stalled())
+            if (each->line.stalled())
                 patience = STALLED_ROUND;
         }
     }
@@ -375,13 +398,15 @@ bool redis_store::work()
     if (stop_)
         return false;
     const auto now = steady::now();
-    for (size_t i = 0; i < of.size(); ++i)
-        of[i]->step(waited[2 * i + 1].revents, waited[2 * i + 2].revents);
+    for (size_t i = 0; i < of.size(); ++i) {
+        of[i]->line.step(waited[LINKS * i + 1].revents, waited[LINKS * i + 2].revents);
+        of[i]->guide.step(waited[LINKS * i + 3].revents);
+    }
     bool settled = true;
-    for (auto &[db, each] : lines_) {
-        each->work(now);
-        each->tick(address_, now);  // after what has come: an answer that was read late is an answer
-        settled = settled && each->settled();
+    for (auto &[db, each] : served_) {
+        each->line.work(now);
+        advance(*each, now);  // after what has come: an answer that was read late is an answer
+        settled = settled && each->line.settled();
     }
     if (settled && office_->clients().empty())
         drained_.notify_all();

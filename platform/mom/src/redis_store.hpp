@@ -1,5 +1,5 @@
-// The Redis store: the databases of one server, shared by all handles of this process that were opened under its URL.
-// Its own thread talks to the server (redis_line.hpp); calls only leave word.
+// The Redis store: the databases that a URL means, on one server or spread over several, shared by all handles of this
+// process that were opened under it. Its own thread talks to the servers (redis_line.hpp); calls only leave word.
 #ifndef MOM_REDIS_STORE_HPP
 #define MOM_REDIS_STORE_HPP
 
@@ -7,6 +7,8 @@
 #include <thread>
 
 #include "redis_line.hpp"
+#include "redis_map.hpp"
+#include "redis_sentinel.hpp"
 
 namespace mom
 {
@@ -14,13 +16,13 @@ namespace mom
 class redis_store : public store
 {
   public:
-    redis_store(std::string url, redis_address address);
+    redis_store(std::string url, redis_map databases);
     ~redis_store() override;
 
     static std::shared_ptr<redis_store> open(std::string_view url, const std::shared_ptr<client> &who, int32_t &code);
 
     post_office &office() override { return *office_; }
-    bool has_database(uint32_t db) const override { return db < DATABASES; }
+    bool has_database(uint32_t db) const override { return databases_.contains(db); }
     void close(client &from) noexcept override;
     int32_t connect(client &from, uint32_t db, const connection &answer) override;
     int32_t write_whole(client &from, const target &at, content &&body, const receiver &answer) override;
@@ -36,7 +38,10 @@ class redis_store : public store
     int32_t finish(client &from, uint32_t db) override;
 
   private:
-    static constexpr uint32_t DATABASES = 16;
+    struct served_database {
+        redis_line line;
+        redis_guide guide;
+    };
 
     redis_line &line(uint32_t db);
     int32_t put(uint32_t db, redis_operation &&operation);
@@ -46,14 +51,15 @@ class redis_store : public store
                                                          int32_t end);
     void run();
     bool work();
+    static void advance(served_database &of, steady::time_point now);
     void wake() noexcept;
 
     const std::string url_;
-    const redis_address address_;
+    const redis_map databases_;
     const std::shared_ptr<post_office> office_;
     int wake_fd_;
     // All below is guarded by the office's mutex.
-    std::map<uint32_t, std::unique_ptr<redis_line>> lines_;
+    std::map<uint32_t, std::unique_ptr<served_database>> served_;
     subscription_table subscriptions_;
     std::condition_variable drained_;
     bool woken_ = false;

@@ -1,0 +1,93 @@
+// What the fault tests share: one handle that writes, one that follows all sessions, and the check behind all of them:
+// what the follower has been told adds up to what the store holds.
+#pragma once
+
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "store_fixture.hpp"
+
+namespace contract
+{
+
+const std::vector<uint32_t> REQUEST{6, 8};
+
+inline session numbered(int32_t keyid, int32_t value = 1)
+{
+    return {.keyid = keyid, .request_value = value, .request = 1};
+}
+
+class FaultTest : public StoreTest
+{
+  protected:
+    explicit FaultTest(std::string url = store_url()) : url_(std::move(url))
+    {
+        if (url_.starts_with("mem:"))
+            throw std::runtime_error("needs EBRIDGE_CONTRACT_URL to name a Redis store");
+        writer = open(url_);
+        reader = open(url_);
+        EXPECT_EQ(0, qz_mom_client_set_reconnect_cb(reader, app_db, note_event, this));
+        EXPECT_EQ(0, follow(reader, any_session(), told));
+        settle();
+    }
+
+    static int32_t note_event(qz_mom_handle *, uint32_t db, int32_t type, void *self)
+    {
+        EXPECT_EQ(app_db, db);
+        static_cast<FaultTest *>(self)->events.push_back(type);
+        return 0;
+    }
+
+    // Writes when the store takes it, as a patient user does.
+    void write(const session &what)
+    {
+        int32_t code = QZ_MOM_EDOWN;
+        run_until([&] { return (code = hmset(writer, what, REQUEST)) == 0; });
+    }
+
+    void run_until_events(const std::vector<int32_t> &wanted)
+    {
+        run_until([&] { return events == wanted; });
+    }
+
+    // What the follower must take the table for, by what it has been told.
+    std::map<std::string, session> view() const
+    {
+        std::map<std::string, session> made;
+        for (const auto &each : told.changes()) {
+            if (each.cmd == QZ_MOM_CMD_DEL || each.cmd == QZ_MOM_CMD_EXPIRED)
+                made.erase(each.key);
+            else
+                made[each.key] = session_of(*each.record);
+        }
+        return made;
+    }
+
+    // The same of the store, read by a handle that has seen nothing of it before.
+    std::map<std::string, session> store()
+    {
+        std::map<std::string, session> found;
+        for (const session &each : scan(open(url_), any_session()))
+            found[each.user + std::to_string(each.keyid)] = each;
+        return found;
+    }
+
+    void expect_view_equals_store()
+    {
+        const auto held = store();
+        std::map<std::string, session> seen;
+        for (const auto &[key, each] : view())
+            seen[each.user + std::to_string(each.keyid)] = each;
+        EXPECT_EQ(held, seen);
+    }
+
+    const std::string url_;
+    qz_mom_handle *writer;
+    qz_mom_handle *reader;
+    listener told;
+    std::vector<int32_t> events;
+};
+
+}  // namespace contract
