@@ -78,7 +78,8 @@ bool changes_something(const redis_operation &operation)
 // Refusals of a server that will serve again, itself or by another in its place.
 bool passes(std::string_view error)
 {
-    for (const std::string_view kind : {"READONLY", "LOADING", "MASTERDOWN", "NOSCRIPT", "BUSY", "NOREPLICAS"})
+    for (const std::string_view kind :
+         {"READONLY", "LOADING", "MASTERDOWN", "BUSY", "NOREPLICAS", "ERR Function not found"})
         if (error.starts_with(kind))
             return true;
     return false;
@@ -460,8 +461,8 @@ void redis_line::greet(const redis_address &to)
     }
     if (to.master_only)
         commands_.send({"ROLE"}), ++greetings_;
-    commands_.send({"SCRIPT", "LOAD", REDIS_SCRIPT});
-    commands_.send({"EVAL", REDIS_SCRIPT, "0", "hello", client_name_, "0"});
+    commands_.send({"FUNCTION", "LOAD", "REPLACE", REDIS_LIBRARY});
+    commands_.send({"FCALL", REDIS_FUNCTION, "0", "hello", client_name_, "0"});
     greetings_ += 2;
 }
 
@@ -475,8 +476,6 @@ void redis_line::take_greeting(const redisReply &reply)
     --greetings_;
     if (const auto *role = element(&reply, 0); greetings_ == 2 && role != nullptr && text_of(*role) != "master")
         return lose("it is not a master");
-    if (greetings_ == 1)
-        script_ = text_of(reply);
     if (greetings_ == 0)
         serve(reply);
 }
@@ -515,7 +514,7 @@ void redis_line::serve(const redisReply &hello)
 void redis_line::transmit(call &made)
 {
     const redis_operation &first = made.parts.front();
-    redis_words words{"EVALSHA", script_, "0", verb_of(first.what), client_name_, std::to_string(made.number)};
+    redis_words words{"FCALL", REDIS_FUNCTION, "0", verb_of(first.what), client_name_, std::to_string(made.number)};
     if (first.what == redis_operation::kind::write)
         words.add(writes_of(made.parts));
     else

@@ -197,7 +197,6 @@ class redis_line
     redis_link log_;
     int greetings_ = 0;  // replies to the greeting that are still to come
     int log_greetings_ = 0;
-    std::string script_;    // its name on the server
     bool reading_ = false;  // a read of the log is under way
     steady::time_point read_since_{};
     uint64_t read_knowing_ = 0;  // the newest position known when it began

@@ -1,3 +1,4 @@
+#!lua name=@REDIS_FUNCTION@
 -- What the store client has the server do in one atomic step: records, marks, and the log of changes.
 --
 -- Keys of a database, beside the records themselves (a hash of field number to bytes for records written by field, a
@@ -17,17 +18,24 @@
 -- where every write was done, wrote all that the record holds now, and met no mark. That is nearly always so, and packing
 -- rows costs more than writing the records.
 --
--- ARGV: what is to be done, the client, the number of the call (0: reads, that may be made again), and what follows.
--- Every answer begins with a position: once the log has been read up to there it is known what came before the answer.
+-- This is a library of one function, so that none of it is made anew at a call. Its arguments: what is to be done, the
+-- client, the number of the call (0: reads, that may be made again), and what follows. Every answer begins with a
+-- position: once the log has been read up to there it is known what came before the answer.
 
 local LOG_ENTRIES = 4096
 local LOCK_MILLISECONDS = 1500
 local RECORD_BATCH = 500 -- as many fit a call of unpack
 
-local verb, client, number = ARGV[1], ARGV[2], ARGV[3]
-local call, pcall, unpack, tonumber = redis.call, redis.pcall, unpack, tonumber
-local log = {}
-local any_marks = call('EXISTS', 'mom:marks') == 1
+local call, pcall, unpack, tonumber -- as elsewhere; they are not there yet while this is loaded
+
+-- Of the call that is being carried out:
+local ARGV -- its arguments
+local client, number
+local log -- rows that its entry of the log is to have
+local any_marks
+local sent -- a call with writes: the texts that the client sent
+local as_sent -- the log can tell of it by what was sent
+local changed
 
 local function tell(command, key, names, body)
     local at = #log
@@ -82,10 +90,6 @@ end
 -- The texts that the client sent: "h" or "u", key, numbers of the named fields, count, `count` times field and bytes;
 -- "s", key, bytes; "d" or "c", key; "l" or "f", name of a lock, token. "f" is a fence: it stands before a write that is
 -- to be done only by the holder of that lock.
-local sent
-local as_sent = not any_marks -- the log can tell of the call by what was sent
-local changed = false
-
 local words_of = {s = 3, d = 2, c = 2, l = 3, f = 3}
 
 local function tell_sent(at)
@@ -371,23 +375,42 @@ end
 
 -- ---- the call ------------------------------------------------------------------------------------------------------
 
-local done_key = 'mom:done:' .. client
-local answer, more = 'again', nil
-if number == '0' then
-    answer, more = verbs[verb]()
-elseif tonumber(number) > tonumber(call('GET', done_key) or '0') then
-    call('SET', done_key, number, 'PX', 600000)
-    answer, more = verbs[verb]()
-end
-local position
-if sent and as_sent and changed or #log > 0 then
-    position = call('INCR', 'mom:position')
-    local kind, rows = 'sent', ARGV[4]
-    if #log > 0 then
-        kind, rows = 'rows', cmsgpack.pack(log)
+local function position_after()
+    if not (as_sent and changed) and #log == 0 then
+        return call('GET', 'mom:position') or '0'
     end
-    call('XADD', 'mom:log', 'MAXLEN', '~', LOG_ENTRIES, position .. '-0', kind, rows)
-else
-    position = call('GET', 'mom:position') or '0'
+    local position = string.format('%.0f', call('INCR', 'mom:position'))
+    if #log > 0 then
+        call('XADD', 'mom:log', 'MAXLEN', '~', LOG_ENTRIES, position .. '-0', 'rows', cmsgpack.pack(log))
+    else
+        call('XADD', 'mom:log', 'MAXLEN', '~', LOG_ENTRIES, position .. '-0', 'sent', ARGV[4])
+    end
+    return position
 end
-return {tostring(position), answer, more or ''}
+
+-- False when the call was carried out before. Its number is kept for ten minutes.
+local function is_new()
+    if number == '0' then
+        return true
+    end
+    local key = 'mom:done:' .. client
+    local done = call('SET', key, number, 'PX', 600000, 'GET')
+    if done and tonumber(done) >= tonumber(number) then
+        call('SET', key, done, 'PX', 600000)
+        return false
+    end
+    return true
+end
+
+redis.register_function('@REDIS_FUNCTION@', function(_, arguments)
+    call, pcall, unpack, tonumber, ARGV = redis.call, redis.pcall, _G.unpack, _G.tonumber, arguments
+    client, number = ARGV[2], ARGV[3]
+    log, sent, changed = {}, nil, false
+    any_marks = call('EXISTS', 'mom:marks') == 1
+    as_sent = not any_marks
+    local answer, more = 'again', ''
+    if is_new() then
+        answer, more = verbs[ARGV[1]]()
+    end
+    return {position_after(), answer, more or ''}
+end)
