@@ -240,8 +240,8 @@ void service::begin_serving()
 {
     serving_ = true;
     adopt_found();
+    remove_stale_mirrors();
     answer_found();
-    remove_orphan_mirrors();
     found_.clear();
     mirrors_ = {};
     log(EBRIDGED_LOG_INFO, "serving, %zu sessions, %zu ids in use", sessions_.size(), allocator_.size());
@@ -277,12 +277,18 @@ void service::answer_found()
     }
 }
 
-// Mirrors of sessions that went while no service ran.
-void service::remove_orphan_mirrors()
+// Mirrors of sessions that went, or lost their answer, while no service ran. Before anything is answered: their ids are
+// free, and who follows the mirrors must hear of each removal before the id is another key's.
+void service::remove_stale_mirrors()
 {
     for (const mirror_record &mirror : mirrors_) {
-        if (std::ranges::find(databases_, mirror.origin) != databases_.end() && !to_mirror(mirror.name))
-            put(duty::mirror, {mirror.origin, mirror.name});
+        if (std::ranges::find(databases_, mirror.shown.db) == databases_.end())
+            continue;
+        const auto found = found_.find({mirror.shown.db, mirror.key});
+        const bool stands = found != found_.end() && !found->second.gone && !found->second.conflict &&
+                            found->second.content.reply != 0 && found->second.content.reply_value == mirror.reply_value;
+        if (!stands)
+            put(duty::mirror, mirror.shown);
     }
 }
 
@@ -379,7 +385,7 @@ void service::mirror_heard(const qz_mom_notification &msg)
         is_written(msg.cmd) ? record_of<UBridge__EvlanSession>(msg, u_bridge__evlan_session__descriptor) : nullptr;
     session_id id;
     if (record && read_session_id(msg.db, *record, &id) && id_word(record->mom_db) != MIRROR_DB && record->mom_db != 0)
-        mirrors_.push_back({id.name, id_word(record->mom_db)});
+        mirrors_.push_back({{id_word(record->mom_db), id.name}, msg.key, record->reply_value});
 }
 
 // ---- callbacks ------------------------------------------------------------------------------------------------------

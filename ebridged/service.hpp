@@ -80,10 +80,11 @@ class service
         step what;
         progress state = progress::waiting;
     };
-    // A record of the mirror database, and the database that it says it came from.
+    // A record of the mirror database: the session that it says it shows, and with which id.
     struct mirror_record {
-        session_name name;
-        uint32_t origin = 0;
+        session_id shown;
+        std::string key;
+        int32_t reply_value = 0;
     };
     // A session as the store has it at the start, by key text.
     struct found_session {
@@ -124,7 +125,7 @@ class service
     void begin_serving();
     void adopt_found();
     void answer_found();
-    void remove_orphan_mirrors();
+    void remove_stale_mirrors();
     // service.cpp: changes
     void session_heard(const qz_mom_notification &msg, bool live);
     void note_found(const qz_mom_notification &msg, const session_id &id, const session *content, bool live);

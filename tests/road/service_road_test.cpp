@@ -128,6 +128,27 @@ TEST_F(ServiceRoad, ASessionReleasedWhileNobodyServedIsFreeAndItsMirrorGoes)
     EXPECT_EQ(stat().keys, 1U);
 }
 
+// Its id is the next one's, so the removal has to be heard first; also of a session that is there again.
+TEST_F(ServiceRoad, AMirrorOfWhatWasReleasedWhileNobodyServedGoesBeforeItsIdIsAnothers)
+{
+    start_service();
+    follow();
+    request("app", VXLAN, 7);
+    request("app", VXLAN, 8);
+    settle();
+    stop_service();
+    for (uint32_t key : {7U, 8U})
+        release_now("app", VXLAN, key);
+    for (uint32_t key : {1U, 8U})
+        request("app", VXLAN, key);
+    settle();
+    spy(UDP_DB);
+    start_service();
+    const std::string grant = "6 request_value,priority,request,reply_value,reply,mom_db";
+    EXPECT_THAT(written, ElementsAre("3", "3", grant, grant));
+    EXPECT_EQ(answers(UDP_DB), (ids{{"app/1", 0x20000001}, {"app/8", 0x20000002}}));
+}
+
 TEST_F(ServiceRoad, MirrorsOfDatabasesThatItDoesNotServeAreLeftAlone)
 {
     put_session(UDP_DB, {.user = "far",
