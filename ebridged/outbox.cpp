@@ -86,20 +86,27 @@ int32_t service::send_answer(const session_id &id)
         return QZ_MOM_OK;
     session_record written(id.name);
     written.fill(session->second);
-    return qz_mom_hmupdate(handle_, id.db, &written.record.base, ANSWER_FIELDS, std::size(ANSWER_FIELDS), on_written,
-                           number_arg());
+    const int32_t code = qz_mom_hmupdate(handle_, id.db, &written.record.base, ANSWER_FIELDS, std::size(ANSWER_FIELDS),
+                                         on_written, number_arg());
+    if (code == QZ_MOM_OK)
+        session->second.answer = ++writes_[id.db].sent;
+    return code;
 }
 
 int32_t service::send_mirror(const session_name &name)
 {
     session_record written(name);
-    const auto *origin = to_mirror(name);
-    if (!origin)
-        return qz_mom_del(handle_, MIRROR_DB, &written.record.base, on_written, number_arg());
-    written.fill(origin->second);
-    written.record.mom_db = static_cast<int32_t>(origin->first.db);
-    return qz_mom_hmset(handle_, MIRROR_DB, &written.record.base, MIRROR_FIELDS, std::size(MIRROR_FIELDS), on_written,
-                        number_arg());
+    int32_t code = QZ_MOM_OK;
+    if (const auto *origin = to_mirror(name)) {
+        written.fill(origin->second);
+        written.record.mom_db = static_cast<int32_t>(origin->first.db);
+        code = qz_mom_hmset(handle_, MIRROR_DB, &written.record.base, MIRROR_FIELDS, std::size(MIRROR_FIELDS),
+                            on_written, number_arg());
+    } else {
+        code = qz_mom_del(handle_, MIRROR_DB, &written.record.base, on_written, number_arg());
+    }
+    writes_[MIRROR_DB].sent += code == QZ_MOM_OK;
+    return code;
 }
 
 // The answered session that the mirror of this name shows: of several databases the lowest. Null: there is none.
@@ -111,6 +118,12 @@ const std::pair<const session_id, session> *service::to_mirror(const session_nam
             return &*found;
     }
     return nullptr;
+}
+
+void service::write_done(uint32_t db)
+{
+    const uint64_t done = ++writes_[db].done;
+    std::erase_if(stray_, [=](const stray_answer &each) { return each.id.db == db && each.number <= done; });
 }
 
 // A write that the store had taken over and could not do after all.
@@ -137,7 +150,10 @@ void service::write_failed(const qz_mom_notification &msg)
 int32_t service::on_written(qz_mom_handle *, const qz_mom_notification *msg, void *number)
 {
     service *self = find(number);
-    if (self && msg->error != QZ_MOM_OK)
+    if (!self)
+        return 0;
+    self->write_done(msg->db);
+    if (msg->error != QZ_MOM_OK)
         self->write_failed(*msg);
     return 0;
 }

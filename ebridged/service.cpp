@@ -334,14 +334,31 @@ void service::session_written(const session_id &id, const session &content)
 {
     if (content.request == 0)
         return;
+    answer(id, content, decide(id, id_word(content.request_value)));
+}
+
+decision service::decide(const session_id &id, uint32_t wanted)
+{
     const auto now = qz_thread_now(qz_mom_handle_master(handle_));
-    answer(id, content, allocator_.request(holder_of(id), key_of(id.name), id_word(content.request_value), now));
+    if ((wanted & NUMBER_MASK) == 0) {
+        for (const stray_answer &stray : stray_) {
+            if (stray.id != id)
+                continue;
+            const decision again = allocator_.request(holder_of(id), key_of(id.name), stray.evlan_id, now);
+            if (again.why == verdict::granted)
+                return again;
+        }
+    }
+    return allocator_.request(holder_of(id), key_of(id.name), wanted, now);
 }
 
 void service::answer(const session_id &id, const session &content, const decision &made)
 {
     const bool refused = made.why != verdict::granted;
-    session &kept = sessions_[id] = content;
+    session &kept = sessions_[id];
+    const uint64_t under_way = kept.answer;
+    kept = content;
+    kept.answer = under_way;
     kept.reply_value = made.reply;
     kept.reply = 1;
     ++answered_;
@@ -356,7 +373,12 @@ void service::answer(const session_id &id, const session &content, const decisio
 void service::session_removed(const session_id &id)
 {
     allocator_.release(holder_of(id), key_of(id.name), qz_thread_now(qz_mom_handle_master(handle_)));
-    sessions_.erase(id);
+    if (const auto known = sessions_.find(id); known != sessions_.end()) {
+        const session &last = known->second;
+        if (last.answer > writes_[id.db].done && last.reply_value != -1)
+            stray_.push_back({id, last.answer, id_word(last.reply_value)});
+        sessions_.erase(known);
+    }
     if (id.db != MIRROR_DB)
         put(duty::mirror, id);
 }

@@ -7,6 +7,9 @@
 // Writes. What the store cannot take yet is remembered as "this session's answer is due" or "this mirror is due", not
 // as a write: when its turn comes it is written as things stand then. Nothing is lost, and nothing old is written late.
 //
+// A session that is removed and requested again while its answer is under way: the answer lands on the new request, and
+// its user hears it. So that id stays the answer, unless somebody else has got it meanwhile.
+//
 // Callbacks carry a number instead of a pointer, so that one that comes after the end finds nobody and does nothing.
 #pragma once
 
@@ -58,6 +61,7 @@ struct session {
     int32_t request = 0;
     int32_t reply_value = 0;
     int32_t reply = 0;
+    uint64_t answer = 0;  // number of the write that carries the answer; 0: none yet
 };
 
 class service
@@ -93,6 +97,17 @@ class service
         bool live = false;      // heard as a change: a scan's older copy does not count
         bool gone = false;      // removed meanwhile
         bool conflict = false;  // its id cannot be its own
+    };
+    // Writes to a database: how many were sent, and how many of them are done. They are done in their order.
+    struct write_count {
+        uint64_t sent = 0;
+        uint64_t done = 0;
+    };
+    // An answer that was under way when its session was removed.
+    struct stray_answer {
+        session_id id;
+        uint64_t number = 0;
+        uint32_t evlan_id = 0;
     };
     enum class duty { answer, mirror };
     struct due {
@@ -131,6 +146,7 @@ class service
     void note_found(const qz_mom_notification &msg, const session_id &id, const session *content, bool live);
     void session_written(const session_id &id, const session &content);
     void session_removed(const session_id &id);
+    decision decide(const session_id &id, uint32_t wanted);
     void answer(const session_id &id, const session &content, const decision &made);
     void range_heard(const qz_mom_notification &msg);
     void mirror_heard(const qz_mom_notification &msg);
@@ -142,6 +158,7 @@ class service
     int32_t send(const due &next);
     int32_t send_answer(const session_id &id);
     int32_t send_mirror(const session_name &name);
+    void write_done(uint32_t db);
     void write_failed(const qz_mom_notification &msg);
     void retry_later();
     static bool passes(int32_t code);  // a code that may be another one next time
@@ -158,6 +175,8 @@ class service
     std::unordered_map<session_id, session, session_id_hash> sessions_;
     std::deque<due> due_;                        // in the order of writing
     std::unordered_set<due, due_hash> due_set_;  // the same: each is due once
+    std::map<uint32_t, write_count> writes_;     // by database
+    std::vector<stray_answer> stray_;            // nearly always empty
     bool retry_pending_ = false;
     uint64_t answered_ = 0;
     uint64_t refused_ = 0;

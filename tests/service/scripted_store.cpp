@@ -109,9 +109,11 @@ void store::end_scan(const listener &to, uint32_t db, int32_t error) const
               .error = error});
 }
 
-void store::written(const listener &to, uint32_t db, const char *user, uint32_t keyid, uint32_t reply_value) const
+void store::written(const listener &to, uint32_t db, const char *user, uint32_t keyid, uint32_t reply_value,
+                    uint32_t request_value) const
 {
     record content(user, keyid);
+    content.session.request_value = static_cast<int32_t>(request_value);
     content.session.reply = reply_value != 0;
     content.session.reply_value = static_cast<int32_t>(reply_value);
     qz_mom_hash_value hash{0, &content.session.base};

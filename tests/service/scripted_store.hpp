@@ -38,8 +38,9 @@ struct store {
 
     void confirm(const listener &to, uint32_t db) const;
     void end_scan(const listener &to, uint32_t db, int32_t error = 0) const;
-    // A session as it stands: request_value any id of type 32.
-    void written(const listener &to, uint32_t db, const char *user, uint32_t keyid, uint32_t reply_value = 0) const;
+    // A session as it stands; request_value, unless given, any id of type 32.
+    void written(const listener &to, uint32_t db, const char *user, uint32_t keyid, uint32_t reply_value = 0,
+                 uint32_t request_value = 0x20000000) const;
     void removed(const listener &to, uint32_t db, const char *user, uint32_t keyid) const;
     // The outcome of an accepted write.
     void write_done(const store_write &which, uint32_t db, const char *user, uint32_t keyid, int32_t error) const;

@@ -181,6 +181,43 @@ TEST_F(ServiceOrder, AnAnswerThatWaitsIsNotWrittenOnceItsSessionIsGone)
     EXPECT_THAT(store.texts(), testing::Each("del 8 a/32/1"));
 }
 
+// The answer to the first request is applied after the second one was written, so it answers that.
+TEST_F(ServiceOrder, ASessionRequestedAgainWhileItsAnswerIsUnderWayKeepsTheId)
+{
+    serve();
+    store.written(live(), 4, "a", 1);
+    const std::vector<store_write> first = std::exchange(store.writes, {});
+    for (int again = 0; again < 2; ++again) {
+        store.removed(live(), 4, "a", 1);
+        store.written(live(), 4, "a", 1);
+        EXPECT_THAT(store.texts(),
+                    ElementsAre("del 8 a/32/1", "hmupdate 4 a/32/1 0x20000001", "hmset 8 a/32/1 0x20000001"));
+        store.writes.clear();
+    }
+}
+
+TEST_F(ServiceOrder, AnIdRestsOnceItsAnswerIsDone)
+{
+    serve();
+    store.written(live(), 4, "a", 1);
+    store.write_done(store.writes[0], 4, "a", 1, 0);
+    store.removed(live(), 4, "a", 1);
+    store.writes.clear();
+    store.written(live(), 4, "a", 1);
+    EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000002", "hmset 8 a/32/1 0x20000002"));
+}
+
+TEST_F(ServiceOrder, AnIdWhoseAnswerIsUnderWayCanBeAnothersMeanwhile)
+{
+    serve();
+    store.written(live(), 4, "a", 1);
+    store.removed(live(), 4, "a", 1);
+    store.written(live(), 4, "b", 2, 0, 0x20000001);
+    store.writes.clear();
+    store.written(live(), 4, "a", 1);
+    EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000002", "hmset 8 a/32/1 0x20000002"));
+}
+
 TEST_F(ServiceOrder, AWriteThatFailsLaterIsMadeAgain)
 {
     serve();
