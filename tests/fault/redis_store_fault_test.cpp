@@ -1,7 +1,9 @@
 // What a user of the Redis store sees while the server is killed, emptied, stopped, or too slow to follow.
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "fault_fixture.hpp"
 
@@ -70,6 +72,23 @@ TEST_F(RedisFault, WritesUnderWayWhenTheServerDiesAreDoneInTheirOrder)
     settle();
     EXPECT_TRUE(newest());
     expect_view_equals_store();
+}
+
+// A thread that writes to a connection which was closed a moment ago gets this signal; by default it ends the process.
+TEST_F(RedisFault, WritingToAClosedConnectionEndsNoProcess)
+{
+    size_t threads = 0;
+    for (const auto &thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        const pid_t id = std::stoi(thread.path().filename().string());
+        if (id == gettid())
+            continue;
+        EXPECT_EQ(0, tgkill(getpid(), id, SIGPIPE));
+        ++threads;
+    }
+    EXPECT_LT(0u, threads);
+    write(numbered(1));
+    settle();
+    EXPECT_EQ(1u, view().size());
 }
 
 TEST_F(RedisFault, AServerThatAcceptsButNeverAnswersCountsAsLost)

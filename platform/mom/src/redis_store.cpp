@@ -2,6 +2,7 @@
 #include "redis_store.hpp"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -338,6 +339,11 @@ int32_t redis_store::finish(client &, uint32_t db)
 
 void redis_store::run()
 {
+    // Writing to a connection that the server has closed is a loss like others; it must not end the process.
+    sigset_t broken_pipe;
+    sigemptyset(&broken_pipe);
+    sigaddset(&broken_pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &broken_pipe, nullptr);
     while (true) {
         try {
             while (work()) {
