@@ -100,7 +100,7 @@ std::string redis_server::talk(const std::string &lines) const
     const std::string sent = lines + "QUIT\n";
     std::string reply;
     if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
-        write(fd, sent.data(), sent.size()) == static_cast<ssize_t>(sent.size())) {
+        send(fd, sent.data(), sent.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(sent.size())) {
         if (kind_ == kind::sentinel)
             shutdown(fd, SHUT_WR);
         char piece[4096];

@@ -1,0 +1,280 @@
+// See ledger.hpp.
+#include "ledger.hpp"
+
+#include <algorithm>
+#include <cstdio>
+#include <set>
+#include <utility>
+
+namespace fault
+{
+
+namespace
+{
+
+using kind = event::kind;
+
+std::string text(const evlan_key &key) { return std::to_string(key.type) + ':' + std::to_string(key.keyid); }
+
+std::string text(const session_name &name) { return name.user + ':' + text(name.key); }
+
+std::string text(uint32_t id)
+{
+    char hex[16];
+    std::snprintf(hex, sizeof hex, "0x%x", id);
+    return hex;
+}
+
+bool is_id(uint32_t id) { return id != 0 && id != REFUSED; }
+
+class auditor
+{
+  public:
+    auditor(const store_view &store, const std::vector<user_view> &users, const excuses &excused)
+        : store_(store), users_(users), excused_(excused)
+    {
+    }
+
+    std::vector<std::string> run()
+    {
+        look_at_store();
+        note_releases();
+        for (const user_view &user : users_) {
+            look_at_what_was_told(user);
+            look_at_index_map(user);
+            if (!excused_.data_lost) {
+                look_for_changed_ids(user);
+                if (!excused_.changes_merged)
+                    look_for_ids_of_two_keys(user);
+            }
+        }
+        return std::move(wrong_);
+    }
+
+  private:
+    void wrong(const std::string &what) { wrong_.push_back(what); }
+    void wrong(const user_view &user, const std::string &what) { wrong(user.name + ": " + what); }
+
+    // ---- the store ----
+
+    void look_at_store()
+    {
+        for (const auto &[name, id] : store_.sessions) {
+            if (!is_id(id))
+                wrong("store: " + text(name) + (id == 0 ? " is not answered" : " is refused, and still there"));
+            else
+                note_holder(name, id);
+            const auto mirror = store_.mirrors.find(name);
+            if (mirror == store_.mirrors.end())
+                wrong("store: " + text(name) + " has no mirror");
+            else if (mirror->second != id)
+                wrong("store: " + text(name) + " has " + text(id) + ", its mirror " + text(mirror->second));
+        }
+        for (const auto &[name, id] : store_.mirrors)
+            if (!store_.sessions.contains(name))
+                wrong("store: the mirror of " + text(name) + " has no session");
+    }
+
+    void note_holder(const session_name &name, uint32_t id)
+    {
+        if (const auto [at, added] = id_of_.emplace(name.key, id); !added && at->second != id)
+            wrong("store: key " + text(name.key) + " has two ids, " + text(at->second) + " and " + text(id));
+        if (const auto [at, added] = key_of_.emplace(id, name.key); !added && at->second != name.key)
+            wrong("store: id " + text(id) + " has two keys, " + text(at->second) + " and " + text(name.key));
+    }
+
+    // ---- callbacks ----
+
+    static bool in_scope(const user_view &user, const session_name &name)
+    {
+        return user.follows_all || name.user == user.name;
+    }
+
+    void look_at_what_was_told(const user_view &user)
+    {
+        session_ids told;
+        for (const event &each : user.events) {
+            if (each.what == kind::started)
+                told.clear();
+            else if (each.what == kind::granted)
+                told[each.who] = each.id;
+            else if (each.what == kind::removed)
+                told.erase(each.who);
+            else if (each.what == kind::refused)
+                told.erase(each.who);
+            if (each.what == kind::granted && !in_scope(user, each.who))
+                wrong(user, text(each.who) + " is none of its business");
+        }
+        for (const auto &[name, id] : told)
+            if (!store_.sessions.contains(name))
+                wrong(user, "the removal of " + text(name) + " is unheard");
+        for (const auto &[name, id] : store_.sessions) {
+            if (!is_id(id) || !in_scope(user, name))
+                continue;
+            const auto heard = told.find(name);
+            if (heard == told.end())
+                wrong(user, text(name) + " with " + text(id) + " is unheard");
+            else if (heard->second != id)
+                wrong(user, "was told " + text(heard->second) + " for " + text(name) + ", the store has " + text(id));
+        }
+    }
+
+    // ---- the index map ----
+
+    // Keys whose last word was a release: they may be in the index map or not.
+    static std::set<evlan_key> released_last(const user_view &user)
+    {
+        std::set<evlan_key> keys;
+        for (const event &each : user.events) {
+            if (each.what == kind::removed)
+                keys.insert(each.who.key);
+            else if (each.what == kind::granted)
+                keys.erase(each.who.key);
+            else if (each.what == kind::started)
+                keys.clear();
+        }
+        return keys;
+    }
+
+    // Keys that this user has taken back its request for.
+    static std::set<evlan_key> taken_back(const user_view &user)
+    {
+        std::set<evlan_key> keys;
+        for (const event &each : user.events) {
+            if (each.what == kind::released)
+                keys.insert(each.who.key);
+            else if (each.what == kind::requested)
+                keys.erase(each.who.key);
+            else if (each.what == kind::started)
+                keys.clear();
+        }
+        return keys;
+    }
+
+    void look_at_index_map(const user_view &user)
+    {
+        const std::set<evlan_key> may_be_left = taken_back(user);
+        const std::set<evlan_key> may_be_missing = released_last(user);
+        std::map<evlan_key, uint32_t> wanted;
+        for (const auto &[name, id] : store_.sessions)
+            if (is_id(id) && in_scope(user, name))
+                wanted[name.key] = id;
+        for (const auto &[key, id] : user.id_of) {
+            const auto at = wanted.find(key);
+            if (at == wanted.end() && may_be_left.contains(key) && (id == 0 || excused_.data_lost))
+                continue;
+            if (at == wanted.end())
+                wrong(user, "its index map has " + text(key) + " with " + text(id) + ", the store does not");
+            else if (at->second != id)
+                wrong(user, "its index map has " + text(key) + " with " + text(id) + ", the store " + text(at->second));
+        }
+        for (const auto &[key, id] : wanted)
+            if (!user.id_of.contains(key) && !may_be_missing.contains(key))
+                wrong(user, "its index map does not have " + text(key) + " with " + text(id));
+        look_at_other_direction(user, wanted);
+    }
+
+    void look_at_other_direction(const user_view &user, const std::map<evlan_key, uint32_t> &wanted)
+    {
+        for (const auto &[key, id] : user.id_of) {
+            const auto at = user.key_of.find(id);
+            if (excused_.data_lost && !wanted.contains(key))
+                continue;
+            if (id != 0 && (at == user.key_of.end() || at->second != key))
+                wrong(user, "its index map does not lead from " + text(id) + " back to " + text(key));
+        }
+        for (const auto &[id, key] : user.key_of) {
+            const auto at = user.id_of.find(key);
+            if (at == user.id_of.end() || at->second != id)
+                wrong(user, "its index map leads from " + text(id) + " to " + text(key) + ", but not there from it");
+        }
+    }
+
+    // ---- what happened ----
+
+    // Who has let go of what at any time, by its own word.
+    void note_releases()
+    {
+        for (const user_view &user : users_)
+            for (const event &each : user.events)
+                if (each.what == kind::released || each.what == kind::refused)
+                    ever_released_.insert(each.who);
+    }
+
+    // An id may change when the session was removed in between; where that went unheard, only when its user has let go.
+    void look_for_changed_ids(const user_view &user)
+    {
+        struct past {
+            uint32_t id = 0;
+            int releases = 0;  // by this user, whose removal was not heard yet
+        };
+        std::map<session_name, past> pasts;
+        for (const event &each : user.events) {
+            if (each.what == kind::started)
+                continue;
+            past &of = pasts[each.who];
+            if (each.what == kind::released || each.what == kind::refused) {
+                ++of.releases;
+            } else if (each.what == kind::removed) {
+                of.id = 0;
+                of.releases = std::max(0, of.releases - 1);
+            } else if (each.what == kind::granted) {
+                const bool changed = of.id != 0 && of.id != each.id;
+                const bool own = each.who.user == user.name;
+                if (changed && !(own ? of.releases > 0 : ever_released_.contains(each.who)))
+                    wrong(user, text(each.who) + " changed from " + text(of.id) + " to " + text(each.id));
+                if (changed)
+                    of.releases = std::max(0, of.releases - 1);
+                of.id = each.id;
+            }
+        }
+    }
+
+    // At no moment does an id belong to two keys.
+    void look_for_ids_of_two_keys(const user_view &user)
+    {
+        session_ids held;
+        std::map<uint32_t, std::multiset<evlan_key>> keys_of;
+        const auto let_go = [&](const session_name &name) {
+            const auto at = held.find(name);
+            if (at == held.end())
+                return;
+            auto &keys = keys_of[at->second];
+            keys.erase(keys.find(name.key));
+            held.erase(at);
+        };
+        for (const event &each : user.events) {
+            if (each.what == kind::started) {
+                held.clear();
+                keys_of.clear();
+            } else if (each.what == kind::removed || each.what == kind::refused) {
+                let_go(each.who);
+            } else if (each.what == kind::granted) {
+                let_go(each.who);
+                held[each.who] = each.id;
+                auto &keys = keys_of[each.id];
+                keys.insert(each.who.key);
+                if (*keys.begin() != *keys.rbegin())
+                    wrong(user, "id " + text(each.id) + " had two keys at once, " + text(*keys.begin()) + " and " +
+                                    text(*keys.rbegin()));
+            }
+        }
+    }
+
+    const store_view &store_;
+    const std::vector<user_view> &users_;
+    const excuses excused_;
+    std::map<evlan_key, uint32_t> id_of_;
+    std::map<uint32_t, evlan_key> key_of_;
+    std::set<session_name> ever_released_;
+    std::vector<std::string> wrong_;
+};
+
+}  // namespace
+
+std::vector<std::string> ledger(const store_view &store, const std::vector<user_view> &users, const excuses &excused)
+{
+    return auditor(store, users, excused).run();
+}
+
+}  // namespace fault

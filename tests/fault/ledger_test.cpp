@@ -1,0 +1,211 @@
+// The ledger finds each kind of mistake: a world in which all is well, and that world with one thing wrong.
+#include <gmock/gmock.h>
+
+#include "ledger.hpp"
+
+namespace fault
+{
+namespace
+{
+
+using kind = event::kind;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr evlan_key FIRST{32, 1}, SECOND{32, 2}, GONE{32, 3};
+constexpr uint32_t ID1 = 0x20000001, ID2 = 0x20000002, ID3 = 0x20000003;
+const session_name A1{"a", FIRST}, A2{"a", SECOND}, A3{"a", GONE}, B1{"b", FIRST};
+
+// "a" holds two keys and has released a third; "b" shares the first; "all" follows both.
+class Ledger : public testing::Test
+{
+  protected:
+    Ledger()
+    {
+        store.sessions = store.mirrors = {{A1, ID1}, {A2, ID2}, {B1, ID1}};
+        users = {{"a", false, {}, {{FIRST, ID1}, {SECOND, ID2}}, {{ID1, FIRST}, {ID2, SECOND}}},
+                 {"b", false, {}, {{FIRST, ID1}}, {{ID1, FIRST}}},
+                 {"all", true, {}, {{FIRST, ID1}, {SECOND, ID2}}, {{ID1, FIRST}, {ID2, SECOND}}}};
+        a().events = {{kind::started, {}, 0},   {kind::requested, A3, 0}, {kind::granted, A3, ID3},
+                      {kind::requested, A1, 0}, {kind::granted, A1, ID1}, {kind::released, A3, 0},
+                      {kind::requested, A2, 0}, {kind::removed, A3, ID3}, {kind::granted, A2, ID2},
+                      {kind::granted, A2, ID2}};
+        users[1].events = {{kind::started, {}, 0}, {kind::requested, B1, 0}, {kind::granted, B1, ID1}};
+        all().events = {{kind::started, {}, 0},   {kind::granted, A3, ID3}, {kind::granted, A1, ID1},
+                        {kind::removed, A3, ID3}, {kind::granted, B1, ID1}, {kind::granted, A2, ID2}};
+    }
+
+    user_view &a() { return users[0]; }
+    user_view &all() { return users[2]; }
+    void hear(user_view &user, kind what, const session_name &who, uint32_t id = 0)
+    {
+        user.events.push_back({what, who, id});
+    }
+    std::vector<std::string> found(const excuses &excused = {}) const { return ledger(store, users, excused); }
+
+    store_view store;
+    std::vector<user_view> users;
+};
+
+TEST_F(Ledger, FindsNothingWhereAllIsWell) { EXPECT_THAT(found(), IsEmpty()); }
+
+TEST_F(Ledger, FindsAnUnansweredSession)
+{
+    store.sessions[A3] = store.mirrors[A3] = 0;
+    EXPECT_THAT(found(), ElementsAre("store: a:32:3 is not answered"));
+}
+
+TEST_F(Ledger, FindsARefusedSessionThatStays)
+{
+    store.sessions[A3] = store.mirrors[A3] = REFUSED;
+    EXPECT_THAT(found(), ElementsAre("store: a:32:3 is refused, and still there"));
+}
+
+TEST_F(Ledger, FindsAKeyWithTwoIds)
+{
+    store.sessions[B1] = store.mirrors[B1] = ID3;
+    EXPECT_THAT(found(), Contains("store: key 32:1 has two ids, 0x20000001 and 0x20000003"));
+}
+
+TEST_F(Ledger, FindsAnIdWithTwoKeys)
+{
+    store.sessions[A2] = store.mirrors[A2] = ID1;
+    EXPECT_THAT(found(), Contains("store: id 0x20000001 has two keys, 32:1 and 32:2"));
+}
+
+TEST_F(Ledger, FindsMirrorsThatAreMissingOrDifferOrAreLeft)
+{
+    store.mirrors.erase(A1);
+    store.mirrors[A2] = ID3;
+    store.mirrors[A3] = ID3;
+    EXPECT_THAT(found(),
+                ElementsAre("store: a:32:1 has no mirror", "store: a:32:2 has 0x20000002, its mirror 0x20000003",
+                            "store: the mirror of a:32:3 has no session"));
+}
+
+TEST_F(Ledger, FindsAGrantThatAUserDidNotHear)
+{
+    all().events.pop_back();
+    EXPECT_THAT(found(), ElementsAre("all: a:32:2 with 0x20000002 is unheard"));
+}
+
+TEST_F(Ledger, FindsWhatANewLifeDidNotHearAgain)
+{
+    hear(all(), kind::started, {});
+    EXPECT_THAT(found(), Contains("all: a:32:1 with 0x20000001 is unheard"));
+}
+
+TEST_F(Ledger, FindsAnUnheardRemoval)
+{
+    std::erase_if(all().events, [](const event &each) { return each.what == kind::removed; });
+    EXPECT_THAT(found(), ElementsAre("all: the removal of a:32:3 is unheard"));
+}
+
+TEST_F(Ledger, FindsAnotherIdThanTheStores)
+{
+    hear(users[1], kind::granted, B1, ID3);
+    EXPECT_THAT(found({.data_lost = true}), ElementsAre("b: was told 0x20000003 for b:32:1, the store has 0x20000001"));
+}
+
+TEST_F(Ledger, FindsATaleOfSomebodyElsesSession)
+{
+    hear(a(), kind::granted, B1, ID1);
+    EXPECT_THAT(found(), ElementsAre("a: b:32:1 is none of its business"));
+}
+
+TEST_F(Ledger, FindsAnIndexMapThatHasTooMuch)
+{
+    a().id_of[GONE] = ID3;
+    a().key_of[ID3] = GONE;
+    EXPECT_THAT(found(), ElementsAre("a: its index map has 32:3 with 0x20000003, the store does not"));
+}
+
+TEST_F(Ledger, FindsAnIndexMapThatHasTooLittle)
+{
+    all().id_of.erase(SECOND);
+    all().key_of.erase(ID2);
+    EXPECT_THAT(found(), ElementsAre("all: its index map does not have 32:2 with 0x20000002"));
+}
+
+TEST_F(Ledger, FindsAnotherIdInAnIndexMap)
+{
+    a().id_of[SECOND] = ID3;
+    a().key_of = {{ID1, FIRST}, {ID3, SECOND}};
+    EXPECT_THAT(found(), ElementsAre("a: its index map has 32:2 with 0x20000003, the store 0x20000002"));
+}
+
+TEST_F(Ledger, FindsDirectionsOfAnIndexMapThatDiffer)
+{
+    a().key_of.erase(ID2);
+    a().key_of[ID3] = SECOND;
+    EXPECT_THAT(found(), ElementsAre("a: its index map does not lead from 0x20000002 back to 32:2",
+                                     "a: its index map leads from 0x20000003 to 32:2, but not there from it"));
+}
+
+TEST_F(Ledger, ASharedKeyMayLeaveTheIndexMapWithTheFirstRelease)
+{
+    store.sessions.erase(A1);
+    store.mirrors.erase(A1);
+    a().id_of.erase(FIRST);
+    a().key_of.erase(ID1);
+    hear(a(), kind::released, A1);
+    hear(a(), kind::removed, A1, ID1);
+    hear(all(), kind::removed, A1, ID1);
+    EXPECT_THAT(found(), IsEmpty());
+    all().id_of.erase(FIRST);
+    all().key_of.erase(ID1);
+    EXPECT_THAT(found(), IsEmpty());
+    hear(all(), kind::granted, B1, ID1);
+    EXPECT_THAT(found(), ElementsAre("all: its index map does not have 32:1 with 0x20000001"));
+}
+
+TEST_F(Ledger, ARequestThatWasTakenBackUnansweredMayLeaveAKeyWithoutAnId)
+{
+    constexpr evlan_key TAKEN_BACK{32, 9};
+    a().id_of[TAKEN_BACK] = 0;
+    hear(a(), kind::requested, {"a", TAKEN_BACK});
+    EXPECT_THAT(found(), ElementsAre("a: its index map has 32:9 with 0x0, the store does not"));
+    hear(a(), kind::released, {"a", TAKEN_BACK});
+    EXPECT_THAT(found(), IsEmpty());
+    a().id_of[TAKEN_BACK] = ID3;
+    a().key_of[ID3] = TAKEN_BACK;
+    EXPECT_THAT(found(), ElementsAre("a: its index map has 32:9 with 0x20000003, the store does not"));
+    EXPECT_THAT(found({.data_lost = true}), IsEmpty());
+    a().key_of.erase(ID3);
+    EXPECT_THAT(found({.data_lost = true}), IsEmpty());
+    hear(a(), kind::requested, {"a", TAKEN_BACK});
+    EXPECT_THAT(found({.data_lost = true}),
+                ElementsAre("a: its index map has 32:9 with 0x20000003, the store does not"));
+}
+
+TEST_F(Ledger, FindsAnIdThatChangedWhileItWasHeld)
+{
+    hear(a(), kind::granted, A2, ID3);
+    hear(a(), kind::granted, A2, ID2);
+    EXPECT_THAT(found(), ElementsAre("a: a:32:2 changed from 0x20000002 to 0x20000003",
+                                     "a: a:32:2 changed from 0x20000003 to 0x20000002"));
+    EXPECT_THAT(found({.data_lost = true}), IsEmpty());
+}
+
+TEST_F(Ledger, AnIdMayChangeAfterARelease)
+{
+    a().events.insert(a().events.begin() + 1, {{kind::granted, A2, ID3}, {kind::released, A2, 0}});
+    all().events.insert(all().events.begin() + 1, {{kind::granted, A2, ID3}});
+    // The removal is heard by nobody. Nobody but "a" knows of the release.
+    EXPECT_THAT(found({.changes_merged = true}), IsEmpty());
+    std::erase_if(a().events, [](const event &each) { return each.what == kind::released && each.who == A2; });
+    EXPECT_THAT(found({.changes_merged = true}), ElementsAre("a: a:32:2 changed from 0x20000003 to 0x20000002",
+                                                             "all: a:32:2 changed from 0x20000003 to 0x20000002"));
+}
+
+TEST_F(Ledger, FindsAnIdThatHadTwoKeysAtOnce)
+{
+    std::swap(all().events[3], all().events[5]);  // the removal of the third key comes last
+    all().events[1].id = all().events[5].id = ID2;
+    EXPECT_THAT(found(), ElementsAre("all: id 0x20000002 had two keys at once, 32:2 and 32:3"));
+    EXPECT_THAT(found({.changes_merged = true}), IsEmpty());
+}
+
+}  // namespace
+}  // namespace fault

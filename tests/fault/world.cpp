@@ -1,0 +1,244 @@
+// See world.hpp.
+#include "world.hpp"
+
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "sw_ebridge.h"
+
+namespace fault
+{
+
+namespace
+{
+
+constexpr uint32_t LAST_KEY = 9'000'000;  // of the users' last requests
+constexpr size_t MOST_SHOWN = 20;
+
+std::string new_folder()
+{
+    std::string name = (std::filesystem::temp_directory_path() / "ebridge-fault-XXXXXX").string();
+    if (mkdtemp(name.data()) == nullptr)
+        throw std::runtime_error("no temporary folder");
+    return name;
+}
+
+uint32_t seed_of_this_run()
+{
+    const char *wanted = std::getenv("EBRIDGE_FAULT_SEED");
+    return wanted != nullptr ? static_cast<uint32_t>(std::strtoul(wanted, nullptr, 10)) : 1;
+}
+
+// A scan of one session table.
+struct table_reading {
+    session_ids found;
+    bool over = false;
+    bool failed = false;
+
+    static int32_t hear(qz_mom_handle *, const qz_mom_notification *msg, void *self)
+    {
+        auto &reading = *static_cast<table_reading *>(self);
+        if (msg->error != 0)
+            reading.failed = reading.over = true;
+        else if (msg->end == QZ_MOM_END_SCAN)
+            reading.over = true;
+        else if (msg->cmd == QZ_MOM_CMD_HMSET)
+            reading.note(*static_cast<const qz_mom_hash_value *>(msg->value));
+        return 0;
+    }
+
+    void note(const qz_mom_hash_value &value)
+    {
+        const auto &record = *reinterpret_cast<const UBridge__EvlanSession *>(value.record);
+        const session_name name{
+            record.index->t_user,
+            {static_cast<uint32_t>(record.index->type), static_cast<uint32_t>(record.index->keyid)}};
+        found[name] = record.reply == 0 ? 0 : static_cast<uint32_t>(record.reply_value);
+    }
+};
+
+session_ids read_table(qz_mom_handle *handle, uint32_t db)
+{
+    UBridge__EvlanAppIndex index = U_BRIDGE__EVLAN_APP_INDEX__INIT;
+    UBridge__EvlanSession any = U_BRIDGE__EVLAN_SESSION__INIT;
+    any.index = &index;
+    table_reading reading;
+    if (qz_mom_scan(handle, db, &any.base, 0, table_reading::hear, &reading) != 0)
+        throw std::runtime_error("the store cannot be read");
+    const bool came = wait_until([&] {
+        qz_thread_run_pending(qz_mom_handle_master(handle), 0);
+        return reading.over;
+    });
+    if (!came || reading.failed)
+        throw std::runtime_error("the store is not read to its end");
+    return reading.found;
+}
+
+void add_line(const std::string &line, user_view &to, bool *idle)
+{
+    using kind = event::kind;
+    static const std::map<std::string, kind> events = {{"started", kind::started},   {"requested", kind::requested},
+                                                       {"released", kind::released}, {"granted", kind::granted},
+                                                       {"refused", kind::refused},   {"removed", kind::removed}};
+    std::istringstream words(line);
+    std::string what;
+    session_name who;
+    uint32_t id = 0;
+    words >> what >> who.user >> who.key.type >> who.key.keyid >> id;
+    if (const auto known = events.find(what); known != events.end())
+        to.events.push_back({known->second, who, id});
+    else if (what == "view")
+        to.id_of = {}, to.key_of = {};
+    else if (what == "forward")
+        to.id_of[who.key] = id;
+    else if (what == "backward")
+        to.key_of[id] = who.key;
+    else if (what == "idle" || what == "busy")
+        *idle = what == "idle";
+    else if (what == "error")
+        ADD_FAILURE() << to.name << ": a call failed: " << line;
+}
+
+}  // namespace
+
+FaultWorld::FaultWorld() : folder_(new_folder()), url_(redis_.url()), seed_(seed_of_this_run()), random_(seed_) {}
+
+FaultWorld::~FaultWorld()
+{
+    users_.clear();
+    services_.clear();
+    std::error_code ignored;
+    if (!HasFailure() || std::getenv("EBRIDGE_FAULT_KEEP") == nullptr)
+        std::filesystem::remove_all(folder_, ignored);
+}
+
+uint32_t FaultWorld::draw(uint32_t from, uint32_t to)
+{
+    return from + static_cast<uint32_t>(random_()) % (to - from + 1);
+}
+
+process &FaultWorld::start_service()
+{
+    const std::string file = place("service" + std::to_string(services_.size() + 1));
+    services_.push_back(std::make_unique<process>(std::vector<std::string>{EBRIDGED_PROGRAM, "--store", url_}, file));
+    process &made = *services_.back();
+    if (!wait_until([&] { return made.count("serving, ") + made.count("standing by") > 0; }))
+        throw std::runtime_error("the allocator does not start: " + made.words());
+    return made;
+}
+
+process &FaultWorld::start_user(const std::string &name, scope of)
+{
+    actor &made = users_[name];
+    made.of = of;
+    made.runs.reset();
+    made.runs = std::make_unique<process>(std::vector<std::string>{ACTOR_PROGRAM, url_, name, of == ALL ? "2" : "0"},
+                                          place("user-" + name));
+    return *made.runs;
+}
+
+void FaultWorld::tell_all(const std::string &command)
+{
+    for (const auto &[name, each] : users_)
+        each.runs->say(command);
+}
+
+size_t FaultWorld::grants() const
+{
+    size_t count = 0;
+    for (const auto &[name, each] : users_)
+        count += each.runs->count("\ngranted ");
+    return count;
+}
+
+void FaultWorld::wait_for_grants(size_t count, const std::function<void()> &meanwhile)
+{
+    const bool heard = wait_until([&] {
+        if (meanwhile && looks_++ % 20 == 0)
+            meanwhile();
+        return grants() >= count;
+    });
+    ASSERT_TRUE(heard) << grants() << " of " << count << " grants were heard";
+}
+
+user_view FaultWorld::view_of(const std::string &name, const actor &of, bool *idle)
+{
+    user_view made{name, of.of == ALL, {}, {}, {}};
+    std::istringstream words(of.runs->words());
+    for (std::string line; std::getline(words, line);)
+        add_line(line, made, idle);
+    return made;
+}
+
+std::vector<user_view> FaultWorld::look(bool *all_idle)
+{
+    const std::string number = std::to_string(++looks_);
+    tell_all("view " + number);
+    *all_idle = true;
+    std::vector<user_view> views;
+    for (const auto &[name, each] : users_) {
+        if (!wait_until([&] { return each.runs->count("\nend - 0 0 " + number + '\n') == 1; }))
+            throw std::runtime_error(name + " does not answer");
+        bool idle = false;
+        views.push_back(view_of(name, each, &idle));
+        *all_idle = *all_idle && idle;
+    }
+    return views;
+}
+
+void FaultWorld::wait_until_idle(const std::function<void()> &meanwhile)
+{
+    const bool idle = wait_until([&] {
+        if (meanwhile)
+            meanwhile();
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        bool all_idle = false;
+        look(&all_idle);
+        return all_idle;
+    });
+    ASSERT_TRUE(idle) << "some requests are never answered";
+}
+
+store_view FaultWorld::read_store() const
+{
+    qz_thread_master *master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
+    qz_mom_handle *handle = nullptr;
+    if (master == nullptr || qz_mom_client_open(redis_.url().c_str(), master, &handle) != 0)
+        throw std::runtime_error("the store cannot be opened");
+    store_view seen{read_table(handle, SW_EBRIDGE_APP_DB), read_table(handle, SW_EBRIDGE_UDP_DB)};
+    qz_mom_client_close(handle);
+    qz_thread_master_free(master);
+    return seen;
+}
+
+void FaultWorld::expect_the_ledger_to_be_clean(const excuses &excused)
+{
+    uint32_t key = LAST_KEY;
+    for (const auto &[name, each] : users_)
+        each.runs->say("want " + std::to_string(U_BRIDGE__EVLAN_TYPE__VXLAN) + ' ' + std::to_string(++key) + " 1");
+    std::vector<std::string> wrong;
+    store_view seen;
+    wait_until(
+        [&] {
+            bool all_idle = false;
+            const auto views = look(&all_idle);
+            seen = read_store();
+            wrong = ledger(seen, views, excused);
+            if (!all_idle)
+                wrong.push_back("some requests are not answered yet");
+            return wrong.empty();
+        },
+        20);
+    for (size_t i = 0; i < std::min(wrong.size(), MOST_SHOWN); ++i)
+        ADD_FAILURE() << wrong[i] << (i == 0 ? ", seed " + std::to_string(seed_) : "");
+    EXPECT_LE(users_.size(), seen.sessions.size());
+    for (const auto &[name, each] : users_)
+        EXPECT_FALSE(each.runs->ended_by_itself()) << name;
+    for (const auto &each : services_)
+        EXPECT_FALSE(each->ended_by_itself()) << each->words();
+}
+
+}  // namespace fault
