@@ -85,6 +85,22 @@ TEST_F(ProcessFault, AServerThatComesBackWithoutItsData)
     expect_the_ledger_to_be_clean({.data_lost = true});
 }
 
+// The allocator has lost its lock with the data, and the store is gone again before it has asked for it anew.
+TEST_F(ProcessFault, AServerThatIsLostAgainAndAgainLeavesAnAllocatorThatServes)
+{
+    start_service();
+    start_user("alpha", OWN);
+    for (int i = 0; i < 15; ++i) {
+        redis_.kill();
+        redis_.forget();
+        redis_.start();
+        std::this_thread::sleep_for(std::chrono::milliseconds(draw(1, 60)));
+    }
+    user("alpha").say("want 32 1 100");
+    wait_until_idle([this] { tell_all("again"); });
+    expect_the_ledger_to_be_clean({.data_lost = true});
+}
+
 TEST_F(ProcessFault, AServerThatIsStoppedForFiveSeconds)
 {
     start_service();
