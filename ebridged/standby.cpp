@@ -11,6 +11,7 @@ namespace
 {
 
 constexpr const char *LOCK = "ebridged";
+constexpr int64_t RETRY_USEC = 100'000;
 
 ebridged_options with_databases(ebridged_options options, const std::vector<uint32_t> &databases)
 {
@@ -51,6 +52,7 @@ int32_t standby::start()
 int32_t standby::open()
 {
     connected_ = held_ = 0;
+    handle_ = nullptr;
     int32_t code = qz_mom_client_open(url_.c_str(), master_, &handle_);
     for (size_t i = 0; code == QZ_MOM_OK && i < written_.size(); ++i)
         code = qz_mom_client_connect(handle_, written_[i], on_connected, this);
@@ -104,11 +106,22 @@ void standby::step_down()
     log_(EBRIDGED_LOG_ERROR, "the store's lock is lost");
     service_.reset();
     told_->entered(state::standing_by);
+    open_anew();
+}
+
+// The store may be away just now: tried again until it works.
+void standby::open_anew()
+{
     // The new one first: the connections stay as they are.
     qz_mom_handle *const lost = handle_;
-    if (const int32_t code = open(); code != QZ_MOM_OK)
-        log_(EBRIDGED_LOG_ERROR, "%s: %s", url_.c_str(), qz_mom_strerror(code));
+    const int32_t code = open();
     qz_mom_client_close(lost);
+    if (code == QZ_MOM_OK)
+        return;
+    log_(EBRIDGED_LOG_DEBUG, "%s: %s", url_.c_str(), qz_mom_strerror(code));
+    const auto again = [](void *self) { static_cast<standby *>(self)->open_anew(); };
+    if (qz_thread_call_after(master_, RETRY_USEC, again, this) != 0)
+        log_(EBRIDGED_LOG_ERROR, "no timer: this process will not serve again");
 }
 
 }  // namespace ebridged

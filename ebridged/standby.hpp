@@ -47,6 +47,7 @@ class standby
     void ask();
     void serve();
     void step_down();
+    void open_anew();
 
     const std::string url_;
     qz_thread_master *const master_;
