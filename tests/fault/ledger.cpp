@@ -98,9 +98,7 @@ class auditor
                 told.clear();
             else if (each.what == kind::granted)
                 told[each.who] = each.id;
-            else if (each.what == kind::removed)
-                told.erase(each.who);
-            else if (each.what == kind::refused)
+            else if (each.what == kind::removed || each.what == kind::refused)
                 told.erase(each.who);
             if (each.what == kind::granted && !in_scope(user, each.who))
                 wrong(user, text(each.who) + " is none of its business");

@@ -180,7 +180,8 @@ std::vector<user_view> FaultWorld::look(bool *all_idle)
     *all_idle = true;
     std::vector<user_view> views;
     for (const auto &[name, each] : users_) {
-        if (!wait_until([&] { return each.runs->count("\nend - 0 0 " + number + '\n') == 1; }))
+        const process &runs = *each.runs;
+        if (!wait_until([&] { return runs.count("\nend - 0 0 " + number + '\n') == 1; }))
             throw std::runtime_error(name + " does not answer");
         bool idle = false;
         views.push_back(view_of(name, each, &idle));
