@@ -47,6 +47,15 @@ class FaultTest : public StoreTest
         run_until([&] { return (code = hmset(writer, what, REQUEST)) == 0; });
     }
 
+    // What was written may have been heard before its answer came, and what is not answered is written again after a
+    // loss: to a store that has forgotten it, too. A call that waits is answered after all of it.
+    void wait_for_answers()
+    {
+        const qz_mom_timeval delay{1000, 0};
+        EXPECT_EQ(0, qz_mom_pexpire_sync(writer, app_db, session_record(numbered(1000)).message(),
+                                         QZ_MOM_EXPIRE_EVLAN_SESSION, &delay));
+    }
+
     void run_until_events(const std::vector<int32_t> &wanted)
     {
         run_until([&] { return events == wanted; });

@@ -36,6 +36,7 @@ TEST_F(RedisFault, WhatAnEmptiedServerHasLostIsToldAsRemovedWithItsLastContent)
     for (int32_t i = 1; i <= 50; ++i)
         write(numbered(i, i));
     settle();
+    wait_for_answers();
     told.all.clear();
     store_server().kill();
     store_server().forget();
@@ -129,6 +130,7 @@ TEST_F(RedisFault, AnExpiryCallEndsWhenItsRecordsAreLost)
     listener expired;
     EXPECT_EQ(0, expire(writer, any_session(), QZ_MOM_EXPIRE_PATTERN, {1000, 0}, expired));
     settle();
+    wait_for_answers();
     store_server().kill();
     store_server().forget();
     store_server().start();
@@ -141,6 +143,7 @@ TEST_F(RedisFault, AStoreThatIsEmptiedBehindAnOpenConnectionIsNoticed)
     for (int32_t i = 1; i <= 5; ++i)
         write(numbered(i));
     settle();
+    wait_for_answers();
     store_server().commands(app_db, "FLUSHALL");
     run_until([&] { return told.count(QZ_MOM_CMD_DEL) == 5; });
     write(numbered(9));
