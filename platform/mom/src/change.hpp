@@ -49,8 +49,9 @@ class change_block : public std::enable_shared_from_this<change_block>
     change_ptr add(change what)
     {
         const size_t at = texts_.size();
-        texts_.append(what.key) += '\0';
+        const std::string_view key = what.key;
         changes_.push_back(std::move(what));
+        texts_.append(key) += '\0';
         changes_.back().key = std::string_view(texts_).substr(at, texts_.size() - 1 - at);
         return {shared_from_this(), &changes_.back()};
     }

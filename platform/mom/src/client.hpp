@@ -20,6 +20,7 @@ struct wanted_lock {
     // Each time of holding the lock has a token, unlike any other; empty while it is not held.
     std::string given;  // as the store has it
     std::string told;   // as the callback has been told; the fence of the writes, which are decided by what was told
+    bool announced = false;  // the callback has been told, or is about to be, that it is held
     lock_news news;
 };
 

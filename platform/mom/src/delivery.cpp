@@ -229,6 +229,11 @@ void post_office::add(deliveries &out, delivery &&what)
     out.splice(out.end(), spare_, spare_.begin());
 }
 
+bool post_office::nothing_waits(const deliveries &out) const noexcept
+{
+    return std::ranges::all_of(out, [](const delivery &each) { return each.to->box.depth() == 0; });
+}
+
 void post_office::recycle(deliveries &used) noexcept
 {
     constexpr size_t enough = 1024;

@@ -118,6 +118,8 @@ class post_office : public std::enable_shared_from_this<post_office>
     void add(deliveries &out, delivery &&what);
     // True when no queue would pass its hard limit.
     bool room_for(const deliveries &out) const noexcept;
+    // True when nobody who is to hear of it has anything waiting: then it may pass a limit that is smaller than itself.
+    bool nothing_waits(const deliveries &out) const noexcept;
     // Puts each delivery into the queue of its handle; `out` is empty afterwards.
     void send(deliveries &out) noexcept;
     void send_urgent(deliveries &out) noexcept;

@@ -254,9 +254,10 @@ std::vector<encoded_field> encode_fields(const ProtobufCMessage &record, std::sp
     auto at = fields.begin();
     for (std::string_view rest = bytes, field; !rest.empty();) {
         const uint32_t number = take_field(rest, field);
-        while (at->number != number)
+        while (at != fields.end() && at->number < number)
             ++at;
-        at->bytes.append(field);
+        if (at != fields.end() && at->number == number)
+            at->bytes.append(field);  // else a required one that nobody named
     }
     clear_other_cases(type, fields);
     return fields;

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <utility>
 
+#include "key_text.hpp"
 #include "mom_log.hpp"
 #include "redis_script.hpp"
 
@@ -96,6 +97,16 @@ std::vector<uint32_t> numbers_of(std::string_view joined)
     return numbers;
 }
 
+std::vector<uint32_t> data_numbers(const ProtobufCMessageDescriptor &type)
+{
+    std::vector<uint32_t> numbers;
+    for (unsigned i = 0; i < type.n_fields; ++i) {
+        if (&type.fields[i] != key_field(type))
+            numbers.push_back(type.fields[i].id);
+    }
+    return numbers;
+}
+
 bool is_write(const redis_operation &each) { return each.what == redis_operation::kind::write; }
 
 // The rows of all these writes in one array.
@@ -151,6 +162,7 @@ void replica_scan::next(client &to)
 {
     deliveries out;
     bool over = true;
+    size_t at = next_;
     if (const auto in = line_.followed_.find(name_); in != line_.followed_.end()) {
         replica &records = in->second.records;
         const uint32_t room = to.box.hard > to.box.depth() ? to.box.hard - to.box.depth() : 1;
@@ -158,14 +170,14 @@ void replica_scan::next(client &to)
             if (const auto *found = records.find(of_.keys.text()))
                 add(*found, to, out);
         } else {
-            for (uint32_t seen = 0; seen < SCAN_VISITS && out.size() < std::min(SCAN_PIECE, room); ++seen, ++next_) {
-                if (next_ >= records.slots())
+            for (uint32_t seen = 0; seen < SCAN_VISITS && out.size() < std::min(SCAN_PIECE, room); ++seen, ++at) {
+                if (at >= records.slots())
                     break;
-                const auto &record = records.slot(next_);
+                const auto &record = records.slot(at);
                 if (record.body != nullptr && of_.keys.match(record.key) != key_pattern::verdict::differs)
                     add(record, to, out);
             }
-            over = next_ >= records.slots();
+            over = at >= records.slots();
         }
     }
     if (over) {
@@ -174,6 +186,7 @@ void replica_scan::next(client &to)
     } else {
         out.push_back({&to, shared_from_this()});
     }
+    next_ = at;
     line_.office_.send(out);
     if (over)
         line_.scan_ended(*this, name_);
@@ -274,7 +287,7 @@ int32_t redis_line::scan(client &from, const target &of, const receiver &to)
         const std::string name = wanted.of.keys.type().name;
         followed &in = followed_[name];
         in.type = &wanted.of.keys.type();
-        if (in.loaded)
+        if (in.loaded && in.loading == 0)
             return start_scan(in, wanted);
         in.scans.push_back(wanted);
         if (in.loading == 0)
@@ -378,6 +391,8 @@ void redis_line::tick(const redis_address &to, steady::time_point now)
     }
     if (state_ != state::up)
         return;
+    if (now - up_since_ > CONNECT_PATIENCE)
+        failures_ = 0;
     if (!under_way_.empty() && now - under_way_.front().sent > ANSWER_PATIENCE)
         return lose("no answer");
     if (reading_ && now - read_since_ > LOG_PATIENCE)
@@ -420,20 +435,30 @@ void redis_line::take_tokens(const std::vector<std::weak_ptr<client>> &asked, co
         if (token.empty() || to == nullptr || token == "=")
             continue;
         wanted_lock &wanted = to->locks.at(db_);
-        if (!wanted.given.empty())
+        if (wanted.announced)
             tell_lock(*to, {});
         wanted.given = token == "-" ? std::string() : token;
         // All that was written before the lock was given is told first.
         if (!wanted.given.empty())
-            held_.push_back({fired.position, [this, who, token] {
-                                 if (const auto holder = office_.attached(who))
-                                     tell_lock(*holder, token);
-                             }});
+            held_.push_back({fired.position, [this, who, token] { tell_given(who, token); }});
     }
+}
+
+// While tables are read anew, not all of it is told yet.
+void redis_line::tell_given(const std::weak_ptr<client> &who, const std::string &token)
+{
+    const auto holder = office_.attached(who);
+    if (holder == nullptr || holder->locks.at(db_).given != token)
+        return;  // closed, or lost again
+    if (std::ranges::any_of(followed_, [](const auto &each) { return each.second.loading != 0; }))
+        after_loads_.push_back([this, who, token] { tell_given(who, token); });
+    else
+        tell_lock(*holder, token);
 }
 
 void redis_line::tell_lock(client &to, const std::string &token)
 {
+    to.locks.at(db_).announced = !token.empty();
     lock_news news = to.locks.at(db_).news;
     news.token = token;
     post(to, std::move(news));
@@ -462,7 +487,7 @@ void redis_line::greet(const redis_address &to)
     if (to.master_only)
         commands_.send({"ROLE"}), ++greetings_;
     commands_.send({"FUNCTION", "LOAD", "REPLACE", REDIS_LIBRARY});
-    commands_.send({"FCALL", REDIS_FUNCTION, "0", "hello", client_name_, "0"});
+    commands_.send({"FCALL", REDIS_FUNCTION, "0", "hello", client_name_, "0 0"});
     greetings_ += 2;
 }
 
@@ -492,7 +517,7 @@ void redis_line::serve(const redisReply &hello)
     const bool goes_on = identity_ == text_of(*identity) && now_at >= position_;
     identity_ = text_of(*identity);
     state_ = state::up;
-    failures_ = 0;
+    up_since_ = steady::now();
     for (call &each : under_way_)
         transmit(each);
     if (first) {
@@ -514,7 +539,11 @@ void redis_line::serve(const redisReply &hello)
 void redis_line::transmit(call &made)
 {
     const redis_operation &first = made.parts.front();
-    redis_words words{"FCALL", REDIS_FUNCTION, "0", verb_of(first.what), client_name_, std::to_string(made.number)};
+    const auto numbered = std::ranges::find_if(under_way_, [](const call &each) { return each.number != 0; });
+    const uint64_t oldest = numbered != under_way_.end() ? numbered->number : made.number;
+    redis_words words{"FCALL",      REDIS_FUNCTION,
+                      "0",          verb_of(first.what),
+                      client_name_, std::to_string(made.number) + ' ' + std::to_string(oldest)};
     if (first.what == redis_operation::kind::write)
         words.add(writes_of(made.parts));
     else
@@ -595,15 +624,17 @@ void redis_line::answered(call &&made, const redisReply &reply)
         outcome.text = text_of(*text);
         if (const auto *more = element(&reply, 2))
             outcome.more = text_of(*more);
-        letters = text_of(*text);
+        letters = outcome.text == "again" ? outcome.more : outcome.text;
     }
-    const bool by_letter = is_write(made.parts.front()) && letters != "again";
+    const bool by_letter = is_write(made.parts.front());
     for (auto &part : made.parts) {
         redis_outcome own = outcome;
         if (by_letter && !part.row.empty() && !letters.empty()) {
             own.code = code_of(letters.front());
             letters.remove_prefix(1);
         }
+        if (part.what == redis_operation::kind::mark && outcome.code != QZ_MOM_OK)
+            end_of_mark(client_name_ + ':' + std::to_string(made.number), outcome.code);
         conclude(part, std::move(own));
     }
     // At once: what this answer leads to may begin to follow, from here on.
@@ -686,7 +717,7 @@ bool redis_line::tell_next(log_entry &entry)
         return true;
     }
     if (command == "end") {
-        end_of_mark(std::string(key));
+        end_of_mark(std::string(key), QZ_MOM_OK);
         rows.skip(2);
         return true;
     }
@@ -732,7 +763,7 @@ bool redis_line::tell(int32_t cmd, std::string_view key, std::string_view writte
     const auto what = entry.told->add({db_, cmd, 0, key, written.empty() ? nullptr : in.names, body});
     deliveries out;
     subscriptions_.address(what, in.numbers, office_, out);
-    if (!office_.room_for(out)) {
+    if (!office_.room_for(out) && !office_.nothing_waits(out)) {
         entry.told->take_back();
         return false;
     }
@@ -779,13 +810,17 @@ void redis_line::tell_all()
     }
 }
 
-void redis_line::end_of_mark(const std::string &id)
+// `error`: why the server has refused the call.
+void redis_line::end_of_mark(const std::string &id, int32_t error)
 {
     const auto at = marks_.find(id);
     if (at == marks_.end())
         return;
-    if (const auto to = office_.attached(at->second.owner))
-        post(*to, message{at->second.end, at->second.to});
+    if (const auto to = office_.attached(at->second.owner)) {
+        change end = *at->second.end;
+        end.error = error;
+        post(*to, message{make_change(std::move(end)), at->second.to});
+    }
     marks_.erase(at);
 }
 
@@ -798,7 +833,7 @@ void redis_line::look_for_lost_marks()
         asked.words = {id};
         asked.finish = [this, id = id](const redis_outcome &found) {
             if (found.text == "gone")
-                end_of_mark(id);
+                end_of_mark(id, QZ_MOM_OK);
         };
         queue_.push_back(std::move(asked));
     }
@@ -827,6 +862,10 @@ void redis_line::take_page(const std::string &name, uint64_t number, const redis
     const auto at = followed_.find(name);
     if (at == followed_.end() || at->second.loading != number)
         return;
+    if (page.code != QZ_MOM_OK) {
+        load(name);
+        return lose("a page of records was refused");
+    }
     if (page.text != "0")
         next_page(name, number, page.text);
     row_reader rows(page.more);
@@ -857,7 +896,8 @@ void redis_line::take_row(followed &in, std::string_view key, std::shared_ptr<co
     if (!in.again)
         return;  // the first load: nobody has missed it
     const int32_t cmd = body->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
-    const auto numbers = numbers_of(*body);
+    // Any field may have been written meanwhile; one that is at its default again does not show in the record.
+    const auto numbers = data_numbers(*in.type);
     auto names = std::make_shared<std::string>(names_of(*in.type, numbers));
     const auto what = make_change({db_, cmd, 0, key, std::move(names), std::move(body)});
     deliveries out;
@@ -883,6 +923,8 @@ void redis_line::finish_load(const std::string &name)
     for (const auto &each : std::exchange(in.scans, {}))
         start_scan(in, each);
     drop_unused(name);
+    for (const auto &act : std::exchange(after_loads_, {}))
+        act();
 }
 
 // ---- a round --------------------------------------------------------------------------------------------------------

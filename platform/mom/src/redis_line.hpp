@@ -153,6 +153,7 @@ class redis_line
     void send_queued(steady::time_point now);
     void fire(steady::time_point now);
     void take_tokens(const std::vector<std::weak_ptr<client>> &asked, const redis_outcome &fired);
+    void tell_given(const std::weak_ptr<client> &who, const std::string &token);
     void tell_lock(client &to, const std::string &token);
     void ask_at_once(redis_operation &&operation, steady::time_point now);
     void answered(call &&made, const redisReply &reply);
@@ -169,7 +170,7 @@ class redis_line
     bool may_tell(uint64_t position) const;
     void lose_track(uint64_t position);
     void restart_at(uint64_t position);
-    void end_of_mark(const std::string &id);
+    void end_of_mark(const std::string &id, int32_t error);
     void look_for_lost_marks();
 
     void load(const std::string &name);
@@ -202,6 +203,7 @@ class redis_line
     uint64_t read_knowing_ = 0;  // the newest position known when it began
     steady::time_point retry_at_{};
     steady::time_point connecting_since_{};
+    steady::time_point up_since_{};
     steady::time_point fire_at_{};
     bool firing_ = false;
     uint32_t failures_ = 0;
@@ -221,6 +223,7 @@ class redis_line
 
     std::map<std::string, followed, std::less<>> followed_;
     uint64_t last_load_ = 0;
+    std::vector<std::function<void()>> after_loads_;
     std::vector<std::weak_ptr<client>> lockers_;  // handles that have asked for a lock
     struct waiting_mark {
         std::weak_ptr<client> owner;

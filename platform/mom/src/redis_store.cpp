@@ -314,7 +314,7 @@ int32_t redis_store::lock(client &from, uint32_t db, const std::string &name, co
     auto &asked = line(db);
     if (from.locks.contains(db))
         return QZ_MOM_EINVAL;
-    asked.want_lock(from, wanted_lock{name, {}, {}, news});
+    asked.want_lock(from, wanted_lock{name, {}, {}, false, news});
     wake();
     return QZ_MOM_OK;
 }

@@ -10,7 +10,8 @@
 --   mom:calls      hash: key of a marked record -> number of the expiry call that marked it
 --   mom:lock:NAME  token of the holder of a lock; runs out when nobody renews it
 --   mom:left       hash: number of an expiry call -> marks that are left of it
---   mom:done:ID    the last call that this client has had carried out; forgotten after ten minutes
+--   mom:done:ID    number of the last call that this client has had carried out, and what it and the three before it were
+--                  answered, newest first, a '|' before each; forgotten after ten minutes
 --
 -- An entry of the log has one field. "rows": an array of rows of texts, a change each: command, key, numbers of the
 -- written fields, count, then `count` times field and bytes ("" for a whole record); the end of an expiry call is the
@@ -19,8 +20,8 @@
 -- rows costs more than writing the records.
 --
 -- This is a library of one function, so that none of it is made anew at a call. Its arguments: what is to be done, the
--- client, the number of the call (0: reads, that may be made again), and what follows. Every answer begins with a
--- position: once the log has been read up to there it is known what came before the answer.
+-- client, the number of the call (0: reads, that may be made again) and that of the oldest one that the client has under
+-- way, and what follows. Every answer begins with a position: once the log has been read up to there it is known what came before the answer.
 
 local LOG_ENTRIES = 4096
 local LOCK_MILLISECONDS = 1500
@@ -30,7 +31,7 @@ local call, pcall, unpack, tonumber -- as elsewhere; they are not there yet whil
 
 -- Of the call that is being carried out:
 local ARGV -- its arguments
-local client, number
+local client, number, oldest
 local log -- rows that its entry of the log is to have
 local any_marks
 local sent -- a call with writes: the texts that the client sent
@@ -258,6 +259,13 @@ local function now()
     return tonumber(time[1]) * 1000000 + tonumber(time[2])
 end
 
+-- Another log begins: whoever followed the old one compares anew.
+local function new_epoch()
+    local epoch = client .. '-' .. string.format('%.0f', now())
+    call('SET', 'mom:epoch', epoch)
+    return epoch
+end
+
 local function fire()
     if not any_marks then
         return 0
@@ -272,7 +280,7 @@ end
 -- The last argument is the delay in microseconds.
 function verbs.mark()
     local delay = tonumber(table.remove(ARGV))
-    local id = client .. ':' .. number
+    local id = client .. ':' .. string.format('%.0f', number)
     local deadline = string.format('%.0f', now() + delay)
     local count = 0
     local earlier = {}
@@ -332,11 +340,12 @@ end
 -- ARGV 4...: locks that are wanted, each a name and the token that its holder has. Answers the epoch, so that who asks
 -- now and then learns that the data was lost behind an open connection, and what became of each lock.
 function verbs.fire()
+    local fired = fire()
     local answers = {call('GET', 'mom:epoch') or ''}
     for at = 4, #ARGV, 2 do
         answers[#answers + 1] = keep_lock(ARGV[at], ARGV[at + 1])
     end
-    return fire() == RECORD_BATCH and 'more' or 'k', table.concat(answers, ' ')
+    return fired == RECORD_BATCH and 'more' or 'k', table.concat(answers, ' ')
 end
 
 -- ARGV 4: number of an expiry call.
@@ -365,8 +374,7 @@ end
 function verbs.hello()
     local epoch = call('GET', 'mom:epoch')
     if not epoch then
-        epoch = client
-        call('SET', 'mom:epoch', epoch)
+        epoch = new_epoch()
     end
     local run = string.match(call('INFO', 'server'), 'run_id:(%w+)')
     local history = string.match(call('INFO', 'replication'), 'master_replid:(%w+)')
@@ -375,42 +383,64 @@ end
 
 -- ---- the call ------------------------------------------------------------------------------------------------------
 
+local function add_entry(position, kind, rows)
+    return pcall('XADD', 'mom:log', 'MAXLEN', '~', LOG_ENTRIES, position .. '-0', kind, rows)
+end
+
+-- The records are written by now: where somebody has broken the log a new one is begun, so that all are heard of.
 local function position_after()
     if not (as_sent and changed) and #log == 0 then
         return call('GET', 'mom:position') or '0'
     end
     local position = string.format('%.0f', call('INCR', 'mom:position'))
+    local kind, rows = 'sent', ARGV[4]
     if #log > 0 then
-        call('XADD', 'mom:log', 'MAXLEN', '~', LOG_ENTRIES, position .. '-0', 'rows', cmsgpack.pack(log))
-    else
-        call('XADD', 'mom:log', 'MAXLEN', '~', LOG_ENTRIES, position .. '-0', 'sent', ARGV[4])
+        kind, rows = 'rows', cmsgpack.pack(log)
+    end
+    if type(add_entry(position, kind, rows)) == 'table' then
+        call('DEL', 'mom:log')
+        new_epoch()
+        add_entry(position, kind, rows)
     end
     return position
 end
 
--- False when the call was carried out before. Its number is kept for ten minutes.
-local function is_new()
-    if number == '0' then
-        return true
-    end
+-- Numbered calls are carried out once, and in their order. One whose predecessor was refused is refused, too, until the
+-- client has made that again: nothing is returned.
+local function once(act)
     local key = 'mom:done:' .. client
-    local done = call('SET', key, number, 'PX', 600000, 'GET')
-    if done and tonumber(done) >= tonumber(number) then
-        call('SET', key, done, 'PX', 600000)
-        return false
+    local done = call('GET', key) or '0||||'
+    local last = tonumber(string.match(done, '^%d+'))
+    if number <= last then
+        local answers = string.match(done, '|.*')
+        return 'again', string.match(answers, '^' .. string.rep('|[^|]*', last - number) .. '|([^|]*)') or ''
     end
-    return true
+    if math.max(last + 1, oldest) < number then
+        return nil
+    end
+    local answer, more = act()
+    local kept = string.match(done, '|[^|]*|[^|]*|[^|]*')
+    call('SET', key, string.format('%.0f', number) .. '|' .. answer .. kept, 'PX', 600000)
+    return answer, more
 end
 
 redis.register_function('@REDIS_FUNCTION@', function(_, arguments)
     call, pcall, unpack, tonumber, ARGV = redis.call, redis.pcall, _G.unpack, _G.tonumber, arguments
-    client, number = ARGV[2], ARGV[3]
+    client = ARGV[2]
+    number, oldest = string.match(ARGV[3], '^(%d+) (%d+)$')
+    number, oldest = tonumber(number), tonumber(oldest)
     log, sent, changed = {}, nil, false
     any_marks = call('EXISTS', 'mom:marks') == 1
     as_sent = not any_marks
-    local answer, more = 'again', ''
-    if is_new() then
-        answer, more = verbs[ARGV[1]]()
+    local act = verbs[ARGV[1]]
+    local answer, more
+    if number == 0 then
+        answer, more = act()
+    else
+        answer, more = once(act)
+    end
+    if not answer then
+        return redis.error_reply('BUSY an earlier call is still to be made')
     end
     return {position_after(), answer, more or ''}
 end)
