@@ -134,24 +134,35 @@ class auditor
         return keys;
     }
 
-    // Keys that this user has taken back its request for.
-    static std::set<evlan_key> taken_back(const user_view &user)
+    // Keys that this user has let go of and that may be in its index map for good: `with_id`, when a removal was heard
+    // while they were requested, so that the index map kept them, and no grant since.
+    struct leftover {
+        bool requested = false;
+        bool with_id = false;
+    };
+    static std::map<evlan_key, leftover> leftovers(const user_view &user)
     {
-        std::set<evlan_key> keys;
+        std::map<evlan_key, leftover> keys;
         for (const event &each : user.events) {
-            if (each.what == kind::released)
-                keys.insert(each.who.key);
-            else if (each.what == kind::requested)
-                keys.erase(each.who.key);
-            else if (each.what == kind::started)
+            if (each.what == kind::started)
                 keys.clear();
+            if (each.what == kind::started || each.who.user != user.name)
+                continue;
+            leftover &of = keys[each.who.key];
+            if (each.what == kind::requested)
+                of.requested = true;
+            else if (each.what == kind::released)
+                of.requested = false;
+            else
+                of.with_id = each.what == kind::removed && (of.requested || of.with_id);
         }
+        std::erase_if(keys, [](const auto &each) { return each.second.requested; });
         return keys;
     }
 
     void look_at_index_map(const user_view &user)
     {
-        const std::set<evlan_key> may_be_left = taken_back(user);
+        const std::map<evlan_key, leftover> may_be_left = leftovers(user);
         const std::set<evlan_key> may_be_missing = released_last(user);
         std::map<evlan_key, uint32_t> wanted;
         for (const auto &[name, id] : store_.sessions)
@@ -159,7 +170,8 @@ class auditor
                 wanted[name.key] = id;
         for (const auto &[key, id] : user.id_of) {
             const auto at = wanted.find(key);
-            if (at == wanted.end() && may_be_left.contains(key) && (id == 0 || excused_.data_lost))
+            const auto left = may_be_left.find(key);
+            if (at == wanted.end() && left != may_be_left.end() && (id == 0 || left->second.with_id))
                 continue;
             if (at == wanted.end())
                 wrong(user, "its index map has " + text(key) + " with " + text(id) + ", the store does not");
@@ -169,14 +181,14 @@ class auditor
         for (const auto &[key, id] : wanted)
             if (!user.id_of.contains(key) && !may_be_missing.contains(key))
                 wrong(user, "its index map does not have " + text(key) + " with " + text(id));
-        look_at_other_direction(user, wanted);
+        look_at_other_direction(user, may_be_left);
     }
 
-    void look_at_other_direction(const user_view &user, const std::map<evlan_key, uint32_t> &wanted)
+    void look_at_other_direction(const user_view &user, const std::map<evlan_key, leftover> &may_be_left)
     {
         for (const auto &[key, id] : user.id_of) {
             const auto at = user.key_of.find(id);
-            if (excused_.data_lost && !wanted.contains(key))
+            if (const auto left = may_be_left.find(key); left != may_be_left.end() && left->second.with_id)
                 continue;
             if (id != 0 && (at == user.key_of.end() || at->second != key))
                 wrong(user, "its index map does not lead from " + text(id) + " back to " + text(key));

@@ -10,9 +10,9 @@
 // callbacks may repeat. When connections were lost, several changes of a record may be heard as one, so that a removal
 // between two grants can go unheard. A key that several users share leaves the index map with the first release that
 // is heard, unless the user of this process has it requested; the next grant brings it back. A request that is taken
-// back before anybody answered it can leave its key in the index map, without an id. A key that the store has lost stays
-// there as long as it is requested, and when it is released after that, nothing is removed, so nobody hears of it and
-// it stays. A user's own evlan records outlive a release, and are not looked at.
+// back before anybody answered it can leave its key in the index map: no removal is heard of what nobody had heard of.
+// It stays without an id, or with an earlier one when the removal of that was heard while the key was requested again;
+// the same goes for a key that the store has lost. A user's own evlan records outlive a release, and are not looked at.
 #pragma once
 
 #include <compare>
