@@ -5,6 +5,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "store_fixture.hpp"
@@ -17,6 +18,18 @@ const std::vector<uint32_t> REQUEST{6, 8};
 inline session numbered(int32_t keyid, int32_t value = 1)
 {
     return {.keyid = keyid, .request_value = value, .request = 1};
+}
+
+// Who opens a store under another URL shares neither connections nor what is known with those who have it open already.
+inline std::string other_url_of_the_same(std::string url)
+{
+    constexpr std::string_view sentinel = "redis+sentinel://";
+    if (url.starts_with(sentinel)) {
+        const std::string first =
+            url.substr(sentinel.size(), url.find_first_of(",/", sentinel.size()) - sentinel.size());
+        return url.insert(sentinel.size(), first + ',');
+    }
+    return url.insert(url.rfind('/'), "/.");
 }
 
 class FaultTest : public StoreTest
@@ -78,19 +91,23 @@ class FaultTest : public StoreTest
     std::map<std::string, session> store()
     {
         std::map<std::string, session> found;
-        for (const session &each : scan(open(url_), any_session()))
+        qz_mom_handle *stranger = open(other_url_of_the_same(url_));
+        for (const session &each : scan(stranger, any_session()))
             found[each.user + std::to_string(each.keyid)] = each;
+        close(stranger);
         return found;
     }
 
-    void expect_view_equals_store()
+    // The view, by user and key as well.
+    std::map<std::string, session> seen() const
     {
-        const auto held = store();
-        std::map<std::string, session> seen;
+        std::map<std::string, session> made;
         for (const auto &[key, each] : view())
-            seen[each.user + std::to_string(each.keyid)] = each;
-        EXPECT_EQ(held, seen);
+            made[each.user + std::to_string(each.keyid)] = each;
+        return made;
     }
+
+    void expect_view_equals_store() { EXPECT_EQ(store(), seen()); }
 
     const std::string url_;
     qz_mom_handle *writer;

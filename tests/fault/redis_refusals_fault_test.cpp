@@ -1,0 +1,240 @@
+// What a user of the Redis store sees when the server refuses, when somebody else has been at its data, and when what was
+// missed is more than the newest content: the news that follow from it, and that nothing is taken for done that was not.
+#include <signal.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "fault_fixture.hpp"
+
+namespace contract
+{
+namespace
+{
+
+class RedisRefusals : public FaultTest
+{
+  protected:
+    // Writes have been answered when this returns.
+    int32_t answered(const session &what)
+    {
+        listener answer;
+        EXPECT_EQ(0, qz_mom_hmset(writer, app_db, session_record(what).message(), REQUEST.data(),
+                                  static_cast<uint32_t>(REQUEST.size()), listener::hear, &answer));
+        run_until([&] { return !answer.all.empty(); });
+        return answer.all.empty() ? QZ_MOM_EDOWN : answer.all.front().error;
+    }
+
+    // A call of the server's function, as a client of another name would make it.
+    std::string call(const std::string &number, const std::string &writes)
+    {
+        const std::string list = store_server().commands(app_db, "FUNCTION LIST");
+        const std::string name = list.substr(list.find("mom_"), sizeof "mom_123456789012" - 1);
+        return store_server().commands(app_db,
+                                       "FCALL " + name + " 0 write tester \"" + number + "\" \"" + writes + '"');
+    }
+
+    // Soon what the follower was told is what the server holds.
+    void expect_agreement()
+    {
+        for (int tries = 0; tries < 50 && seen() != store(); ++tries)
+            pass_time(100);
+        expect_view_equals_store();
+    }
+
+    // As if another client had made these calls while the server was away from this one.
+    static void change_behind_the_back(const std::vector<std::vector<std::string>> &calls)
+    {
+        namespace fs = std::filesystem;
+        for (const auto &each : fs::directory_iterator(store_server().folder() + "/appendonlydir")) {
+            if (each.path().string().find(".incr.aof") == std::string::npos)
+                continue;
+            std::ofstream file(each.path(), std::ios::app | std::ios::binary);
+            for (const auto &words : calls) {
+                file << '*' << words.size() << "\r\n";
+                for (const auto &word : words)
+                    file << '$' << word.size() << "\r\n" << word << "\r\n";
+            }
+        }
+    }
+};
+
+TEST_F(RedisRefusals, AnEmptiedStoreIsNoticedAlsoWhenItIsWrittenAtOnce)
+{
+    for (int32_t i = 1; i <= 5; ++i)
+        EXPECT_EQ(0, answered(numbered(i)));
+    store_server().commands(app_db, "FLUSHALL");
+    for (int32_t i = 101; i <= 140; ++i)
+        EXPECT_EQ(0, answered(numbered(i)));
+    run_until([&] { return told.count(QZ_MOM_CMD_DEL) == 5; });
+    expect_agreement();
+}
+
+TEST_F(RedisRefusals, AFieldThatWentBackToItsDefaultMeanwhileIsHeardByItsFollower)
+{
+    listener field;
+    EXPECT_EQ(0, follow_field(reader, any_session(), 8, field));
+    write(numbered(1));
+    settle();
+    store_server().kill();
+    run_until_events({QZ_MOM_RECONNECT_ERROR});
+    change_behind_the_back({{"SELECT", "4"}, {"HSET", "u_bridge.evlan_session:app:32:1", "8", ""}});
+    store_server().start();
+    run_until_events({QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE});
+    run_until([&] { return sessions(field.changes()).back().request == 0; });
+    EXPECT_EQ(0, sessions(field.changes()).back().request);
+}
+
+TEST_F(RedisRefusals, AnExpiryCallThatIsRefusedEndsWithAnError)
+{
+    write(numbered(1));
+    settle();
+    store_server().commands(app_db, "CONFIG SET maxmemory 1");
+    listener expired;
+    EXPECT_EQ(0, expire(writer, any_session(), QZ_MOM_EXPIRE_PATTERN, {1000, 0}, expired));
+    run_until([&] { return !expired.all.empty(); });
+    store_server().commands(app_db, "CONFIG SET maxmemory 0");
+    settle();
+    ASSERT_EQ(1u, expired.ends(QZ_MOM_END_EXPIRY));
+    EXPECT_NE(0, expired.all.front().error);
+    EXPECT_EQ(1u, expired.all.size());
+}
+
+TEST_F(RedisRefusals, AScanWhileATableIsReadAnewFindsAllThatIsThere)
+{
+    constexpr int32_t COUNT = 5000, CHANGED = 300;
+    for (int32_t i = 1; i <= COUNT; ++i)
+        write(numbered(i));
+    settle();
+    store_server().kill();
+    run_until_events({QZ_MOM_RECONNECT_ERROR});
+    std::vector<std::vector<std::string>> calls{{"SELECT", "4"}};
+    for (int32_t i = 1; i <= CHANGED; ++i) {
+        calls.push_back({"DEL", "u_bridge.evlan_session:app:32:" + std::to_string(i)});
+        calls.push_back({"HSET", "u_bridge.evlan_session:app:32:" + std::to_string(COUNT + i), "8", "@\x01"});
+    }
+    change_behind_the_back(calls);
+    store_server().start();
+    run_until_events({QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE});
+    const auto found = scan(reader, any_session());
+    EXPECT_EQ(static_cast<size_t>(COUNT), found.size());
+    EXPECT_EQ(CHANGED + 1, found.front().keyid);
+    EXPECT_EQ(COUNT + CHANGED, found.back().keyid);
+}
+
+TEST_F(RedisRefusals, ALogThatSomebodyBrokeIsBegunAnew)
+{
+    int32_t value = 0;
+    for (const char *harm : {"SET mom:log x", "DEL mom:position", "XADD mom:log * rows x", "DEL mom:log"}) {
+        EXPECT_EQ(0, answered(numbered(1, ++value)));
+        store_server().commands(app_db, harm);
+        for (int32_t i = 2; i <= 10; ++i)
+            write(numbered(i, ++value));
+        expect_agreement();
+        EXPECT_EQ(value, seen().at("app10").request_value) << harm;
+    }
+}
+
+TEST_F(RedisRefusals, ALimitBelowOneChangeStopsNobody)
+{
+    listener one, two;
+    auto *small = open(url_);
+    EXPECT_EQ(0, follow(small, any_session(), one));
+    EXPECT_EQ(0, follow(small, any_session(), two));
+    settle();
+    EXPECT_EQ(0, qz_mom_set_queue_limits(small, 0, 1, 1));
+    EXPECT_EQ(0, answered(numbered(1)));
+    run_until([&] { return one.changes().size() == 1 && two.changes().size() == 1; });
+}
+
+struct lock_ear {
+    std::vector<int32_t> all;
+
+    static int32_t hear(qz_mom_handle *, uint32_t, int32_t held, void *self)
+    {
+        static_cast<lock_ear *>(self)->all.push_back(held);
+        return 0;
+    }
+};
+
+TEST_F(RedisRefusals, ALockThatIsTakenAwayIsToldAndComesBackInTurns)
+{
+    lock_ear ear;
+    auto *locker = open(url_);
+    EXPECT_EQ(0, qz_mom_lock(locker, app_db, "x", lock_ear::hear, &ear));
+    run_until([&] { return ear.all == std::vector<int32_t>{1}; });
+    store_server().commands(app_db, "SET mom:lock:x somebody");
+    EXPECT_EQ(QZ_MOM_EFENCED, [&] {
+        listener answer;
+        const int32_t code = qz_mom_del(locker, app_db, session_record(numbered(1)).message(), listener::hear, &answer);
+        if (code != 0)
+            return code;
+        run_until([&] { return !answer.all.empty(); });
+        return answer.all.front().error;
+    }());
+    run_until([&] { return ear.all == std::vector<int32_t>{1, 0}; });
+    store_server().commands(app_db, "DEL mom:lock:x");
+    run_until([&] { return ear.all == std::vector<int32_t>{1, 0, 1}; });
+    store_server().kill();
+    store_server().forget();
+    store_server().start();
+    run_until([&] { return ear.all == std::vector<int32_t>{1, 0, 1, 0, 1}; });
+    close(locker);
+}
+
+// One that was lost before it could be told was never held.
+TEST_F(RedisRefusals, ALockIsNotToldAsHeldAfterItIsLost)
+{
+    qz_thread_master *idle = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
+    qz_mom_handle *slow = nullptr;
+    listener hears;
+    ASSERT_EQ(0, qz_mom_client_open(url_.c_str(), idle, &slow));
+    ASSERT_EQ(0, qz_mom_subscribe(slow, app_db, session_record(any_session()).message(), 0, listener::hear, &hears));
+    settle();
+    EXPECT_EQ(0, qz_mom_set_queue_limits(slow, 0, 1, 3));
+    for (int32_t i = 1; i <= 20; ++i) {
+        write(numbered(i));
+        pass_time(2);
+    }
+    lock_ear ear;
+    auto *locker = open(url_);
+    EXPECT_EQ(0, qz_mom_lock(locker, app_db, "x", lock_ear::hear, &ear));
+    run_until([&] { return store_server().commands(app_db, "EXISTS mom:lock:x").find(":1") != std::string::npos; });
+    store_server().commands(app_db, "SET mom:lock:x somebody");
+    pass_time(600);
+    EXPECT_EQ(0, qz_mom_set_queue_limits(slow, 10, 100, 300));
+    run_until([&] { return view().size() == 20; });
+    pass_time(300);
+    EXPECT_TRUE(ear.all.empty());
+    close(locker);
+    qz_mom_client_close(slow);
+    qz_thread_master_free(idle);
+}
+
+// The promise behind calls that are made again: each is carried out once, in its order, and answers the same again.
+TEST_F(RedisRefusals, TheServerCarriesOutNumberedCallsOnceAndInTheirOrder)
+{
+    const auto contains = [](const std::string &text, const char *part) {
+        return text.find(part) != std::string::npos;
+    };
+    const std::string hash_one = "\\x96\\xa1h\\xa3key\\xa16\\xa11\\xa16\\xa1x";  // h key 6 1 6 x
+    store_server().commands(app_db, "SET key text");
+    const std::string refused = call("1 1", hash_one);
+    EXPECT_TRUE(contains(refused, "$1\r\nf")) << refused;
+    store_server().commands(app_db, "DEL key");
+    const std::string again = call("1 1", hash_one);  // now it could be done, but it was answered before
+    EXPECT_TRUE(contains(again, "again") && contains(again, "$1\r\nf")) << again;
+    EXPECT_TRUE(contains(store_server().commands(app_db, "EXISTS key"), ":0"));
+
+    EXPECT_TRUE(contains(call("3 2", hash_one), "BUSY"));  // the second is still to come
+    EXPECT_TRUE(contains(store_server().commands(app_db, "EXISTS key"), ":0"));
+    EXPECT_FALSE(contains(call("2 2", hash_one), "again"));
+    EXPECT_FALSE(contains(call("3 2", hash_one), "BUSY"));
+    EXPECT_TRUE(contains(call("2 2", hash_one), "again"));
+    EXPECT_FALSE(contains(call("5 5", hash_one), "BUSY"));  // the client has given the fourth up
+    EXPECT_TRUE(contains(call("3 3", hash_one), "again"));
+    EXPECT_FALSE(contains(call("6 6", hash_one), "again"));
+}
+
+}  // namespace
+}  // namespace contract
