@@ -15,7 +15,7 @@ TEST(StoreRows, TextsOfAllLengthsComeBack)
 {
     packed_texts packed;
     std::vector<std::string> texts;
-    for (const size_t size : {0, 1, 31, 32, 255, 256, 65535, 65536, 100000})
+    for (const size_t size : std::vector<size_t>{0, 1, 31, 32, 255, 256, 65535, 65536, 100000})
         texts.emplace_back(size, static_cast<char>('a' + texts.size()));
     texts.emplace_back("\0\xff\n", 3);
     for (const auto &text : texts)

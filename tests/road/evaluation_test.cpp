@@ -5,7 +5,6 @@
 
 using namespace ebridge_tool;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace
 {

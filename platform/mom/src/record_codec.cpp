@@ -175,8 +175,8 @@ void clear_other_cases(const ProtobufCMessageDescriptor &type, std::vector<encod
         return;
     // A cleared member may have been named, too: then it stands here twice, empty both times.
     std::ranges::sort(fields, {}, &encoded_field::number);
-    const auto repeated = std::ranges::unique(fields, {}, &encoded_field::number);
-    fields.erase(repeated.begin(), repeated.end());
+    const auto same = [](const encoded_field &x, const encoded_field &y) { return x.number == y.number; };
+    fields.erase(std::unique(fields.begin(), fields.end(), same), fields.end());
 }
 
 // protobuf-c answers bad bytes and a lack of memory with the same null; this allocator remembers which it was.

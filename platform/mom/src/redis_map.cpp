@@ -238,6 +238,13 @@ bool map_reader::read_database(const json &from, const std::string &path)
     return true;
 }
 
+std::string below(std::string path, const std::string &name)
+{
+    path += '/';
+    path += name;
+    return path;
+}
+
 std::optional<redis_map> map_reader::read(const json &file)
 {
     std::string path;
@@ -250,7 +257,7 @@ std::optional<redis_map> map_reader::read(const json &file)
         return std::nullopt;
     for (const auto &[name, value] : instances->items()) {
         redis_instance made;
-        if (!read_instance(value, path + '/' + name, made))
+        if (!read_instance(value, below(path, name), made))
             return std::nullopt;
         instances_.emplace(name, std::make_shared<const redis_instance>(std::move(made)));
     }
@@ -258,7 +265,7 @@ std::optional<redis_map> map_reader::read(const json &file)
     if (databases == nullptr)
         return std::nullopt;
     for (const auto &[name, value] : databases->items()) {
-        if (!read_database(value, path + '/' + name))
+        if (!read_database(value, below(path, name)))
             return std::nullopt;
     }
     return std::move(databases_);
