@@ -34,7 +34,7 @@ bench: ## build and run the benchmarks
 lint: ## formatting, clang-tidy and shell scripts
 	@sh cmake/packages.sh build test lint
 	@sh cmake/configure.sh -DEBRIDGE_TESTS=ON $(CONFIGURE)
-	@cmake --build build --parallel $(JOBS) --target ebridge_records
+	@cmake --build build --parallel $(JOBS) --target ebridge_records all_descriptors
 	@sh cmake/lint.sh build $(JOBS)
 
 format: ## rewrite our sources in the project's format

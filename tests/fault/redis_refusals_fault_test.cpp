@@ -135,6 +135,21 @@ TEST_F(RedisRefusals, ALogThatSomebodyBrokeIsBegunAnew)
     }
 }
 
+TEST_F(RedisRefusals, AnswersStayWithinTheQueue)
+{
+    EXPECT_EQ(0, qz_mom_set_queue_limits(writer, 1, 2, 40));
+    listener answers;
+    const session_record record(numbered(1));
+    size_t taken = 0;
+    int32_t code = 0;
+    for (int tries = 0; tries < 1000 && code == 0; ++tries, taken += code == 0)
+        code = qz_mom_hmset(writer, app_db, record.message(), REQUEST.data(), 2, listener::hear, &answers);
+    EXPECT_EQ(QZ_MOM_EFULL, code);
+    EXPECT_LE(taken, 40u);
+    run_until([&] { return answers.all.size() == taken; });
+    EXPECT_EQ(0, answered(numbered(2)));
+}
+
 TEST_F(RedisRefusals, ALimitBelowOneChangeStopsNobody)
 {
     listener one, two;

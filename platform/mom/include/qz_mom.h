@@ -21,8 +21,9 @@
  *  7. Null. A null handle, record, key message or mandatory callback is refused with QZ_MOM_EINVAL, never a crash.
  *  8. Bounds. What waits to be delivered to a handle is bounded (qz_mom_set_queue_limits); past the hard limit the
  *     calls that would add to it are refused with QZ_MOM_EFULL. Only the ends of expiry calls already accepted may come
- *     on top. On Redis a full queue refuses no write: the log of changes is read on when there is room. There EFULL
- *     means that 65,536 calls wait for the server.
+ *     on top. On Redis a full queue refuses no write but one that wants an answer: the log of changes is read on when
+ *     there is room. There EFULL means that the handle's answers, waiting and under way, have reached the limit, or
+ *     that 65,536 calls wait for the server; and what a table that is read anew after a loss differs in may come on top.
  *  9. Keys. The key of a record that is delivered is read from its key text (see below). So an address in a key that
  *     was written as zeros comes back as null.
  * 10. Foreign data. Records whose key text or content is not of the type asked for are skipped; each is logged once per
@@ -194,8 +195,8 @@ int32_t qz_mom_unsubscribe(qz_mom_handle *handle, uint32_t db, const ProtobufCMe
 
 /* ---- expiry marks ----------------------------------------------------------------------------------------------- *
  * A mark fires once, within a second of its time, whoever set it: the record is removed and subscribers hear command
- * 27 with the record as it last was. set and hmset clear a mark; hmupdate does not. While a subscriber has no room for
- * the news, its mark waits. Modes 3 and 4 take records of u_bridge.evlan_session and u_bridge.eport_session only. */
+ * 27 with the record as it last was. set and hmset clear a mark; hmupdate does not. While a subscriber of an
+ * embedded store has no room for the news, its mark waits. Modes 3 and 4 take records of u_bridge.evlan_session and u_bridge.eport_session only. */
 
 /* Marks one record or all that match (`mode`). An accepted call ends with exactly one notification to `cb` with `end`
  * 2, once none of its marks is left: fired, cleared, replaced by another call, or their records deleted; at once when

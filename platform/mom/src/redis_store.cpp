@@ -220,8 +220,17 @@ int32_t redis_store::connect(client &from, uint32_t db, const connection &answer
 int32_t redis_store::put_write(client &from, const target &at, packed_texts &&row, const receiver &to)
 {
     redis_operation write;
-    write.finish = answer_to(from, at, to, QZ_MOM_END_NONE);
     const std::scoped_lock lock(office_->mutex);
+    if (to.cb != nullptr) {
+        if (from.box.depth() + from.owed >= from.box.hard)
+            return QZ_MOM_EFULL;
+        write.finish = [this, who = from.weak_from_this(),
+                        tell = answer_to(from, at, to, QZ_MOM_END_NONE)](const redis_outcome &done) {
+            if (const auto owner = office_->attached(who))
+                --owner->owed;
+            tell(done);
+        };
+    }
     if (const auto fence = from.locks.find(at.db); fence == from.locks.end()) {
         write.row = std::move(row);
     } else if (!fence->second.told.empty()) {
@@ -232,6 +241,8 @@ int32_t redis_store::put_write(client &from, const target &at, packed_texts &&ro
     }
     redis_line &asked = line(at.db);
     const int32_t code = asked.put(std::move(write));
+    if (code == QZ_MOM_OK && to.cb != nullptr)
+        ++from.owed;
     if (asked.may_send())
         wake();
     return code;
