@@ -202,6 +202,8 @@ std::function<void(const redis_outcome &)> redis_store::answer_to(client &from, 
         const auto owner = office_->attached(who);
         if (owner == nullptr)
             return;
+        if (end == QZ_MOM_END_NONE)
+            --owner->owed;
         deliveries out;
         out.push_back({owner.get(), message{answer(at, end, done.code), to}});
         office_->send(out);
@@ -221,16 +223,9 @@ int32_t redis_store::put_write(client &from, const target &at, packed_texts &&ro
 {
     redis_operation write;
     const std::scoped_lock lock(office_->mutex);
-    if (to.cb != nullptr) {
-        if (from.box.depth() + from.owed >= from.box.hard)
-            return QZ_MOM_EFULL;
-        write.finish = [this, who = from.weak_from_this(),
-                        tell = answer_to(from, at, to, QZ_MOM_END_NONE)](const redis_outcome &done) {
-            if (const auto owner = office_->attached(who))
-                --owner->owed;
-            tell(done);
-        };
-    }
+    if (to.cb != nullptr && from.box.depth() + from.owed >= from.box.hard)
+        return QZ_MOM_EFULL;
+    write.finish = answer_to(from, at, to, QZ_MOM_END_NONE);
     if (const auto fence = from.locks.find(at.db); fence == from.locks.end()) {
         write.row = std::move(row);
     } else if (!fence->second.told.empty()) {
