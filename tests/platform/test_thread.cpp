@@ -547,6 +547,144 @@ TEST(ThreadRun, SleepingRunnerWakesForEarlierTimerOfAnotherThread)
     EXPECT_EQ(0, runner.end());
 }
 
+// ---- descriptors ----------------------------------------------------------------------------------------------------
+
+namespace
+{
+
+// A pipe that can be read as long as something is in it.
+class letter_box
+{
+  public:
+    letter_box() { EXPECT_EQ(0, pipe(ends_)); }
+    letter_box(const letter_box &) = delete;
+    letter_box &operator=(const letter_box &) = delete;
+    ~letter_box()
+    {
+        ::close(ends_[0]);
+        ::close(ends_[1]);
+    }
+    int descriptor() const { return ends_[0]; }
+    void put() const { EXPECT_EQ(1, ::write(ends_[1], "x", 1)); }
+    void take() const
+    {
+        char letter = 0;
+        EXPECT_EQ(1, ::read(ends_[0], &letter, 1));
+    }
+
+  private:
+    int ends_[2] = {-1, -1};
+};
+
+int32_t watch(const master_ptr &master, const letter_box &box, void *arg)
+{
+    return qz_thread_watch(master.get(), box.descriptor(), call_action, arg);
+}
+
+}  // namespace
+
+TEST(ThreadWatch, RefusesWhatCannotBeWatched)
+{
+    const auto real = make_master(QZ_THREAD_CLOCK_REAL);
+    const auto driven = make_master(QZ_THREAD_CLOCK_DRIVEN);
+    const letter_box box;
+    script s;
+    EXPECT_EQ(QZ_THREAD_EINVAL, qz_thread_watch(nullptr, box.descriptor(), no_call, nullptr));
+    EXPECT_EQ(QZ_THREAD_EINVAL, qz_thread_watch(real.get(), box.descriptor(), nullptr, nullptr));
+    EXPECT_EQ(QZ_THREAD_EINVAL, qz_thread_watch(real.get(), -1, no_call, nullptr));
+    EXPECT_EQ(QZ_THREAD_EINVAL, qz_thread_watch(real.get(), 1 << 20, no_call, nullptr));
+    EXPECT_EQ(QZ_THREAD_EINVAL, qz_thread_watch(driven.get(), box.descriptor(), no_call, nullptr));
+    EXPECT_EQ(0, watch(real, box, s.noting("first")));
+    EXPECT_EQ(QZ_THREAD_EINVAL, watch(real, box, s.noting("second")));
+    EXPECT_EQ(QZ_THREAD_EINVAL, qz_thread_unwatch(nullptr, box.descriptor()));
+    EXPECT_EQ(QZ_THREAD_EINVAL, qz_thread_unwatch(real.get(), -1));
+    EXPECT_EQ(QZ_THREAD_EINVAL, qz_thread_unwatch(driven.get(), box.descriptor()));
+    EXPECT_EQ(0, qz_thread_unwatch(real.get(), box.descriptor()));
+    EXPECT_EQ(QZ_THREAD_EINVAL, qz_thread_unwatch(real.get(), box.descriptor()));
+}
+
+TEST(ThreadWatch, IsCalledAgainAndAgainUntilNothingIsLeftToRead)
+{
+    const auto master = make_master(QZ_THREAD_CLOCK_REAL);
+    const letter_box box;
+    script s;
+    EXPECT_EQ(0, watch(master, box, s.keep([&] {
+                  s.note("read");
+                  box.take();
+              })));
+    EXPECT_EQ(0, qz_thread_run_pending(master.get(), 0));
+    box.put();
+    box.put();
+    EXPECT_EQ(1, qz_thread_run_pending(master.get(), 0));
+    EXPECT_EQ(1, qz_thread_run_pending(master.get(), 0));
+    EXPECT_EQ(0, qz_thread_run_pending(master.get(), 0));
+    EXPECT_THAT(s.log, ElementsAre("read", "read"));
+}
+
+TEST(ThreadWatch, WakesARunnerThatSleeps)
+{
+    const auto master = make_master(QZ_THREAD_CLOCK_REAL);
+    const letter_box box;
+    running runner(master);
+    std::promise<void> came;
+    action read = [&] {
+        box.take();
+        came.set_value();
+    };
+    EXPECT_EQ(0, watch(master, box, &read));  // while it sleeps
+    box.put();
+    came.get_future().wait();
+    EXPECT_EQ(0, runner.end());
+}
+
+TEST(ThreadWatch, AMasterThatIsAlwaysBusyLooksNowAndThen)
+{
+    const auto master = make_master(QZ_THREAD_CLOCK_REAL);
+    const letter_box box;
+    script s;
+    action busy = [&] { qz_thread_call(master.get(), call_action, &busy); };
+    EXPECT_EQ(0, watch(master, box, s.keep([&] {
+                  box.take();
+                  qz_thread_stop(master.get());
+              })));
+    busy();
+    box.put();
+    EXPECT_EQ(0, qz_thread_run(master.get()));
+}
+
+TEST(ThreadWatch, EndsWithUnwatch)
+{
+    const auto master = make_master(QZ_THREAD_CLOCK_REAL);
+    const letter_box box;
+    script s;
+    EXPECT_EQ(0, watch(master, box, s.noting("read")));
+    EXPECT_EQ(0, qz_thread_unwatch(master.get(), box.descriptor()));
+    box.put();
+    EXPECT_EQ(0, qz_thread_run_pending(master.get(), 0));
+    EXPECT_EQ(0, watch(master, box, s.noting("read again")));
+    EXPECT_EQ(1, qz_thread_run_pending(master.get(), 0));
+    EXPECT_THAT(s.log, ElementsAre("read again"));
+}
+
+TEST(ThreadWatch, MoreDescriptorsThanOneLookTakesAllHaveTheirTurn)
+{
+    const auto master = make_master(QZ_THREAD_CLOCK_REAL);
+    std::vector<std::unique_ptr<letter_box>> boxes;
+    int came = 0;
+    script s;
+    for (int i = 0; i < 40; ++i) {
+        const letter_box &box = *boxes.emplace_back(std::make_unique<letter_box>());
+        EXPECT_EQ(0, watch(master, box, s.keep([&] {
+                      box.take();
+                      ++came;
+                  })));
+        box.put();
+    }
+    while (qz_thread_run_pending(master.get(), 0) > 0) {
+    }
+    EXPECT_EQ(40, came);
+}
+
 TEST(ThreadRun, SecondThreadFindsItBusy)
 {
     const auto master = make_master(QZ_THREAD_CLOCK_REAL);

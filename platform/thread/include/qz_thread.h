@@ -92,6 +92,14 @@ int32_t qz_thread_call(qz_thread_master *master, qz_thread_call_func func, void 
  * master meanwhile waits for the end of `func`. */
 int32_t qz_thread_call_wait(qz_thread_master *master, qz_thread_call_func func, void *arg);
 
+/* Watches a descriptor: when something can be read from it (or it is broken), `func` is posted to the master, again and
+ * again as long as that is so and the descriptor is watched. The master looks before it sleeps, and now and then while
+ * it is busy. At most one watch a descriptor; it stays the caller's, who keeps it open until it is unwatched. Real clock
+ * only. 0, EINVAL (also when the system cannot watch it, or does already), ENOMEM. */
+int32_t qz_thread_watch(qz_thread_master *master, int descriptor, qz_thread_call_func func, void *arg);
+/* Ends the watch. A call that was posted before may still come. 0, or EINVAL when it is not watched. */
+int32_t qz_thread_unwatch(qz_thread_master *master, int descriptor);
+
 /* 1 when the calling thread runs the master or when no thread does; else 0 (also for a null master). */
 int32_t qz_thread_is_master_thread(const qz_thread_master *master);
 /* See convention 4; null masters are passed over. `what` names the call for the message, for example "qz_mom_hmset". */

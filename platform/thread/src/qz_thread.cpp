@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -29,6 +30,7 @@ namespace
 
 constexpr int64_t forever = std::numeric_limits<int64_t>::max();
 constexpr int64_t microseconds_per_second = 1'000'000;
+constexpr int calls_between_looks = 64;  // at watched descriptors, while there is always something to do
 
 // Tells threads apart by an address that each has of its own; unlike a thread number it stays right across fork().
 const void *this_thread()
@@ -64,6 +66,8 @@ struct qz_thread_master {
     void post(qz_thread_call_func func, void *arg);
     void insert(int64_t delay, timer_call timer);
     void call_wait(qz_thread_call_func func, void *arg);
+    bool watch(int descriptor, qz_thread_call_func func, void *arg);
+    bool unwatch(int descriptor);
 
     int32_t run();
     void stop();
@@ -83,6 +87,8 @@ struct qz_thread_master {
     bool call_next();
     int32_t call_due(int32_t limit);
     void sleep();
+    void look();
+    void post_readable() noexcept;
 
     const bool driven_;
     const bool checks_ = checks_wanted();
@@ -99,6 +105,11 @@ struct qz_thread_master {
     bool stop_ = false;
     bool asleep_ = false;  // the runner sleeps, or is about to: whoever adds work has to wake it
     agenda agenda_;
+    struct watch_call {
+        qz_thread_call_func func;
+        void *arg;
+    };
+    std::map<int, watch_call> watches_;  // by descriptor
 };
 
 // Ends ownership however the owner's scope is left.
@@ -217,6 +228,23 @@ void qz_thread_master::call_wait(qz_thread_call_func func, void *arg)
     }
 }
 
+bool qz_thread_master::watch(int descriptor, qz_thread_call_func func, void *arg)
+{
+    const std::lock_guard lock(lock_);
+    if (driven_ || !watches_.emplace(descriptor, watch_call{.func = func, .arg = arg}).second)
+        return false;
+    const bool done = sleeper_.watch(descriptor);
+    if (!done)
+        watches_.erase(descriptor);
+    return done;
+}
+
+bool qz_thread_master::unwatch(int descriptor)
+{
+    const std::lock_guard lock(lock_);
+    return watches_.erase(descriptor) == 1 && sleeper_.unwatch(descriptor);
+}
+
 // ---- running --------------------------------------------------------------------------------------------------------
 
 int64_t qz_thread_master::next_due()
@@ -276,6 +304,31 @@ void qz_thread_master::sleep()
     sleeper_.sleep_until(due);
     const std::lock_guard lock(lock_);
     asleep_ = false;
+    post_readable();
+}
+
+void qz_thread_master::look()
+{
+    const std::lock_guard lock(lock_);
+    if (watches_.empty())
+        return;
+    sleeper_.look();
+    post_readable();
+}
+
+// Under the lock. Without memory for a call it is found again the next time.
+void qz_thread_master::post_readable() noexcept
+{
+    for (const int descriptor : sleeper_.readable()) {
+        const auto watched = watches_.find(descriptor);
+        if (watched == watches_.end())
+            continue;
+        try {
+            agenda_.post({.func = watched->second.func, .arg = watched->second.arg, .waiter = nullptr});
+        } catch (const std::bad_alloc &) {
+            return;
+        }
+    }
 }
 
 int32_t qz_thread_master::run()
@@ -285,14 +338,19 @@ int32_t qz_thread_master::run()
     if (!claim_as_runner())
         return QZ_THREAD_EBUSY;
     const ownership owned(*this);
-    for (;;) {
+    for (int calls = 0;;) {
         {
             const std::lock_guard lock(lock_);
             if (std::exchange(stop_, false))
                 return 0;
         }
-        if (!call_next())
+        if (!call_next()) {
             sleep();
+            calls = 0;
+        } else if (++calls == calls_between_looks) {
+            look();
+            calls = 0;
+        }
     }
 }
 
@@ -308,6 +366,7 @@ int32_t qz_thread_master::run_pending(int32_t limit)
     if (!claim_as_runner())
         return QZ_THREAD_EBUSY;
     const ownership owned(*this);
+    look();
     return call_due(limit);
 }
 
@@ -416,6 +475,20 @@ int32_t qz_thread_call_wait(qz_thread_master *master, qz_thread_call_func func, 
     if (!master || !func)
         return QZ_THREAD_EINVAL;
     return guarded([&] { master->call_wait(func, arg); });
+}
+
+int32_t qz_thread_watch(qz_thread_master *master, int descriptor, qz_thread_call_func func, void *arg)
+{
+    if (!master || !func || descriptor < 0)
+        return QZ_THREAD_EINVAL;
+    bool watched = false;
+    const int32_t code = guarded([&] { watched = master->watch(descriptor, func, arg); });
+    return code != 0 || watched ? code : QZ_THREAD_EINVAL;
+}
+
+int32_t qz_thread_unwatch(qz_thread_master *master, int descriptor)
+{
+    return master && master->unwatch(descriptor) ? 0 : QZ_THREAD_EINVAL;
 }
 
 int32_t qz_thread_is_master_thread(const qz_thread_master *master)

@@ -1,9 +1,13 @@
-// How a master on the real clock waits: a libuv loop with one timer and one wake-up handle.
+// How a master on the real clock waits: a libuv loop with one timer, one wake-up handle, and one set of watched
+// descriptors. Any thread may add to the set and take from it; a handle of the loop for each would be the loop's alone.
 #pragma once
 
 #include <uv.h>
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
+#include <span>
 
 namespace thread_master
 {
@@ -26,11 +30,26 @@ class sleeper
     // Ends a sleep; from any thread.
     void wake();
 
+    // From any thread. A watched descriptor that can be read ends a sleep. False when the system refuses.
+    bool watch(int descriptor);
+    bool unwatch(int descriptor);
+    // Looks for such descriptors without waiting, as sleep_until() does in the end.
+    void look();
+    // What was found; until the next sleep or look.
+    std::span<const int> readable() const { return {readable_.data(), found_}; }
+
   private:
+    void find_readable();
+
     uv_loop_t loop_{};
     uv_async_t async_{};
     uv_timer_t timer_{};
+    uv_poll_t poll_{};
     bool open_ = false;
+    int watched_ = -1;                // an epoll descriptor
+    bool may_read_ = false;           // the loop has seen something on it
+    std::array<int, 16> readable_{};  // more are found the next time
+    size_t found_ = 0;
 };
 
 }  // namespace thread_master
