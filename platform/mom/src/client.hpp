@@ -28,7 +28,7 @@ struct client : qz_mom_handle, std::enable_shared_from_this<client> {
     std::shared_ptr<store> kept_in;  // set once, when the handle is opened
     // Guarded by the store's mutex:
     mailbox box;
-    uint32_t owed = 0;  // answers to writes that are under way
+    uint32_t owed = 0;                           // answers to writes that are under way
     std::map<uint32_t, reconnection> reconnect;  // by database
     std::map<uint32_t, wanted_lock> locks;       // by database
 };

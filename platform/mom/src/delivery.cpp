@@ -159,6 +159,7 @@ void pump::run()
             each.what = connection{};  // what it held is released here, without the mutex
     }
     const std::scoped_lock lock(office->mutex);
+    office->calls_made(*master_);
     posted_ = false;
     wake();
 }
@@ -205,6 +206,10 @@ std::optional<pump::next_call> pump::next(post_office &office, deliveries &used)
             return mark;
         client *who = office.pick(*this);
         if (who == nullptr) {
+            office.calls_made(*master_);
+            who = office.pick(*this);
+        }
+        if (who == nullptr) {
             posted_ = false;
             return std::nullopt;
         }
@@ -217,6 +222,12 @@ std::optional<pump::next_call> pump::next(post_office &office, deliveries &used)
         if (!std::holds_alternative<std::shared_ptr<scan_step>>(first.front().what))
             return next_call{keep(office, who), std::move(first)};
     }
+}
+
+void post_office::calls_made(const qz_thread_master &master) noexcept
+{
+    if (between_calls_ != nullptr)
+        between_calls_->between_calls_of(master);
 }
 
 void post_office::add(deliveries &out, delivery &&what)

@@ -66,6 +66,15 @@ class scan_step
     virtual void next(client &to) = 0;
 };
 
+// What a store does when a master's thread has made its calls, before it turns to something else.
+class between_calls
+{
+  public:
+    virtual ~between_calls() = default;
+    // With the mutex. May queue deliveries.
+    virtual void between_calls_of(const qz_thread_master &master) noexcept = 0;
+};
+
 struct delivery {
     client *to;
     std::variant<message, connection, reconnection, lock_news, std::shared_ptr<scan_step>> what;
@@ -124,6 +133,11 @@ class post_office : public std::enable_shared_from_this<post_office>
     void send(deliveries &out) noexcept;
     void send_urgent(deliveries &out) noexcept;
 
+    // Has the pump of the handle's master come by, also when there is nothing to deliver.
+    void wake(const client &who) noexcept;
+    // Null: nobody. Whoever it is stays until it is replaced.
+    void set_between_calls(between_calls *done) noexcept { between_calls_ = done; }
+
     // While held, only what is urgent is delivered.
     void hold(bool held) noexcept;
     bool held() const { return held_; }
@@ -136,14 +150,15 @@ class post_office : public std::enable_shared_from_this<post_office>
     friend class pump;
 
     void recycle(deliveries &used) noexcept;
+    void calls_made(const qz_thread_master &master) noexcept;
     deliveries *turn(client &who) const noexcept;
     client *pick(pump &by) const noexcept;
     pump *pump_of(const qz_thread_master *master) const noexcept;
-    void wake(const client &who) noexcept;
 
     std::vector<std::shared_ptr<client>> clients_;
     std::vector<std::shared_ptr<pump>> pumps_;
     deliveries spare_;
+    between_calls *between_calls_ = nullptr;
     uint64_t arrivals_ = 0;
     uint64_t seed_ = 0;
     bool held_ = false;

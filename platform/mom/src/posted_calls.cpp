@@ -74,6 +74,11 @@ int32_t post_address::post(qz_thread_master *master) const noexcept
     return qz_thread_call(master, run_posted, as_argument(number_));
 }
 
+int32_t post_address::watch(qz_thread_master *master, int descriptor) const noexcept
+{
+    return qz_thread_watch(master, descriptor, run_posted, as_argument(number_));
+}
+
 int32_t post_address::post_after(qz_thread_master *master, int64_t usec) const noexcept
 {
     return qz_thread_call_after(master, usec, run_posted, as_argument(number_));

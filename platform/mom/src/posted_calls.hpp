@@ -36,6 +36,8 @@ class post_address
     void close() noexcept;
     // Results are those of qz_thread_call() and qz_thread_call_after().
     int32_t post(qz_thread_master *master) const noexcept;
+    // As qz_thread_watch() does; `run` is to read.
+    int32_t watch(qz_thread_master *master, int descriptor) const noexcept;
     int32_t post_after(qz_thread_master *master, int64_t usec) const noexcept;
 
   private:

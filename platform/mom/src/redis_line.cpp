@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdio>
 #include <utility>
 
 #include "key_text.hpp"
@@ -16,7 +17,6 @@ namespace
 
 using namespace std::chrono_literals;
 
-constexpr size_t MAX_WRITES = 128;         // of one call
 constexpr size_t ENOUGH_FOR_A_CALL = 64;   // while other calls are under way, fewer writes wait for company
 constexpr size_t MAX_UNDER_WAY = 4;        // calls
 constexpr size_t MAX_UNTOLD_ENTRIES = 64;  // while so many wait for room no more are read
@@ -192,11 +192,14 @@ void replica_scan::next(client &to)
         line_.scan_ended(*this, name_);
 }
 
-redis_line::redis_line(uint32_t db, std::string client_name, post_office &office, subscription_table &subscriptions)
+redis_line::redis_line(uint32_t db, std::string client_name, link_set &links, post_office &office,
+                       subscription_table &subscriptions)
     : db_(db),
       client_name_(std::move(client_name)),
       office_(office),
       subscriptions_(subscriptions),
+      commands_(links),
+      log_(links),
       random_(static_cast<uint32_t>(std::hash<std::string>()(client_name_) | 1))
 {
 }
@@ -359,13 +362,28 @@ void redis_line::report(int32_t type)
     office_.send_urgent(out);
 }
 
-void redis_line::lose(const char *why)
+// Without memory for it the next tick reports it.
+void redis_line::report_loss() noexcept
+{
+    try {
+        if (loss_untold_)
+            report(QZ_MOM_RECONNECT_ERROR);
+        loss_untold_ = false;
+    } catch (const std::bad_alloc &) {
+        log_failure("no memory to tell of a lost connection; trying again later");
+    }
+}
+
+void redis_line::lose(const char *why) noexcept
 {
     commands_.close();
     log_.close();
     if (state_ == state::up) {
-        log_failure(("the connection to database " + std::to_string(db_) + " is lost: " + why).c_str());
-        report(QZ_MOM_RECONNECT_ERROR);
+        char text[160];
+        std::snprintf(text, sizeof text, "the connection to database %u is lost: %s", db_, why);
+        log_failure(text);
+        loss_untold_ = true;
+        report_loss();
     }
     state_ = state::down;
     reading_ = false;
@@ -383,6 +401,7 @@ void redis_line::tick(const redis_address &to, steady::time_point now)
         if (!commands_.open(to) || !log_.open(to))
             return lose("it cannot be opened");
     }
+    report_loss();
     if (state_ == state::connecting) {
         if (commands_.connected() && log_.connected() && greetings_ == 0)
             greet(to);
@@ -464,12 +483,10 @@ void redis_line::tell_lock(client &to, const std::string &token)
     post(to, std::move(news));
 }
 
-void redis_line::step(int16_t command_events, int16_t log_events)
+void redis_line::step()
 {
-    if (commands_.is_open() && !commands_.step(command_events))
-        return lose("the server closed it");
-    if (log_.is_open() && !log_.step(log_events))
-        return lose("the server closed it");
+    if ((commands_.is_open() && !commands_.step()) || (log_.is_open() && !log_.step()))
+        lose("the server closed it");
 }
 
 void redis_line::greet(const redis_address &to)

@@ -62,8 +62,10 @@ class redis_line
 {
   public:
     static constexpr size_t MAX_QUEUED = 65536;
+    static constexpr size_t MAX_WRITES = 128;  // of one call
 
-    redis_line(uint32_t db, std::string client_name, post_office &office, subscription_table &subscriptions);
+    redis_line(uint32_t db, std::string client_name, link_set &links, post_office &office,
+               subscription_table &subscriptions);
 
     // ---- with the mutex, from any thread
     // EDOWN, EFULL; or taken over.
@@ -76,6 +78,8 @@ class redis_line
     void want_lock(client &from, wanted_lock &&wanted);
     // What has been put can go to the server now; else it waits for company, or for answers to what is under way.
     bool may_send() const;
+    // Another full call waits; true once for each.
+    bool has_full_call() const { return !queue_.empty() && queue_.size() % MAX_WRITES == 0; }
     // Lets go of the tables that a handle which was closed was the last to follow.
     void drop_unused() noexcept;
     // Nothing that was taken over is still to be done, as far as it can be done at all.
@@ -86,12 +90,12 @@ class redis_line
     bool wants_server(steady::time_point now) const { return state_ == state::down && now >= retry_at_; }
     // What is due by the clock: connecting, ticking, giving up.
     void tick(const redis_address &to, steady::time_point now);
-    redis_link &commands() { return commands_; }
-    redis_link &log() { return log_; }
-    void step(int16_t command_events, int16_t log_events);
+    bool is_up() const { return state_ == state::up; }
+    // Takes in what has come.
+    void step();
     // Sends what waits, tells what has come.
     void work(steady::time_point now);
-    void lose(const char *why);
+    void lose(const char *why) noexcept;
     // True when something waits for room in a queue.
     bool stalled() const { return stalled_; }
 
@@ -185,6 +189,7 @@ class redis_line
     void drop_unused(const std::string &name);
 
     void report(int32_t type);
+    void report_loss() noexcept;
     steady::duration pause();
 
     const uint32_t db_;
@@ -194,6 +199,7 @@ class redis_line
 
     state state_ = state::down;
     bool was_up_ = false;
+    bool loss_untold_ = false;
     redis_link commands_;
     redis_link log_;
     int greetings_ = 0;  // replies to the greeting that are still to come

@@ -1,36 +1,78 @@
 // Connections to Redis servers.
 #include "redis_link.hpp"
 
-#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <charconv>
 #include <new>
+#include <utility>
 
 namespace mom
 {
 
+link_set::link_set() : descriptor_(epoll_create1(EPOLL_CLOEXEC))
+{
+    if (descriptor_ < 0)
+        throw std::bad_alloc();
+}
+
+link_set::~link_set() { ::close(descriptor_); }
+
+void link_set::look()
+{
+    std::array<epoll_event, 32> events;  // what does not fit is there the next time
+    const int count = epoll_wait(descriptor_, events.data(), static_cast<int>(events.size()), 0);
+    for (int i = 0; i < count; ++i) {
+        const auto &event = events[static_cast<size_t>(i)];
+        static_cast<redis_link *>(event.data.ptr)->happened_ = event.events;
+    }
+}
+
 bool redis_link::open(const redis_address &to)
 {
+    close();
     context_.reset(to.path.empty() ? redisConnectNonBlock(to.host.c_str(), to.port)
                                    : redisConnectUnixNonBlock(to.path.c_str()));
     if (context_ == nullptr)
         throw std::bad_alloc();
-    connected_ = false;
-    unsent_ = false;
-    if (context_->err != 0)
-        context_.reset();
+    if (context_->err != 0 || !wait())
+        close();
     return is_open();
 }
 
-int16_t redis_link::events() const { return static_cast<int16_t>(connected_ && !unsent_ ? POLLIN : POLLIN | POLLOUT); }
-
-bool redis_link::step(int16_t events)
+void redis_link::close()
 {
-    if (!connected_ && (events & (POLLOUT | POLLERR | POLLHUP)) != 0) {
+    context_.reset();
+    connected_ = false;
+    unsent_.clear();
+    happened_ = waited_for_ = 0;
+}
+
+bool redis_link::wait()
+{
+    const uint32_t wanted = connected_ && unsent_.empty() ? EPOLLIN : EPOLLIN | EPOLLOUT;
+    if (wanted == waited_for_)
+        return true;
+    epoll_event event{};
+    event.events = wanted;
+    event.data.ptr = this;
+    const int how = waited_for_ == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
+    waited_for_ = wanted;
+    return epoll_ctl(set_.descriptor(), how, context_->fd, &event) == 0;
+}
+
+bool redis_link::step()
+{
+    const uint32_t happened = std::exchange(happened_, 0);
+    if (!connected_ && (happened & (EPOLLOUT | EPOLLERR | EPOLLHUP)) != 0) {
         int error = 0;
         socklen_t size = sizeof error;
-        if (getsockopt(descriptor(), SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0)
+        if (getsockopt(context_->fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0)
             return false;
         connected_ = true;
         if (context_->unix_sock.path == nullptr)
@@ -38,18 +80,24 @@ bool redis_link::step(int16_t events)
     }
     if (!connected_)
         return true;
-    if ((events & (POLLIN | POLLERR | POLLHUP)) != 0 && redisBufferRead(context_.get()) != REDIS_OK)
+    if ((happened & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0 && redisBufferRead(context_.get()) != REDIS_OK)
         return false;
     return flush();
 }
 
+// Not by hiredis, whose way of writing ends the process when the server has closed the connection (SIGPIPE), on whatever
+// thread that is.
 bool redis_link::flush()
 {
-    int done = 0;
-    if (redisBufferWrite(context_.get(), &done) != REDIS_OK)
-        return false;
-    unsent_ = done == 0;
-    return true;
+    while (connected_ && !unsent_.empty()) {
+        const ssize_t sent = ::send(context_->fd, unsent_.data(), unsent_.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0 && errno != EINTR && errno != EAGAIN)
+            return false;
+        if (sent < 0 && errno == EAGAIN)
+            break;
+        unsent_.erase(0, static_cast<size_t>(std::max<ssize_t>(sent, 0)));
+    }
+    return wait();
 }
 
 void redis_words::add(std::string_view word)
@@ -70,10 +118,7 @@ void redis_words::append(const redis_words &others)
 
 void redis_link::send(const redis_words &words)
 {
-    const std::string command = '*' + std::to_string(words.count()) + "\r\n" + words.encoded();
-    if (redisAppendFormattedCommand(context_.get(), command.data(), command.size()) != REDIS_OK)
-        throw std::bad_alloc();
-    unsent_ = true;
+    unsent_.append("*").append(std::to_string(words.count())).append("\r\n").append(words.encoded());
 }
 
 redis_reply redis_link::next(bool &broken)

@@ -1,4 +1,5 @@
-// One connection to a Redis server: commands out, replies in, without ever waiting. Its owner polls the descriptor.
+// Connections to Redis servers: commands out, replies in, without ever waiting, and the set in which all connections of a
+// store are waited for. Guarded by the store's mutex, but for link_set::descriptor().
 #ifndef MOM_REDIS_LINK_HPP
 #define MOM_REDIS_LINK_HPP
 
@@ -49,20 +50,42 @@ class redis_words
     size_t count_ = 0;
 };
 
+class redis_link;
+
+// Whoever waits for its links waits until this set's descriptor can be read, and then looks, with the mutex.
+class link_set
+{
+  public:
+    link_set();
+    ~link_set();
+    link_set(const link_set &) = delete;
+    link_set &operator=(const link_set &) = delete;
+
+    int descriptor() const { return descriptor_; }
+    // Leaves word at each link of what has happened to it.
+    void look();
+
+  private:
+    friend class redis_link;
+
+    const int descriptor_;  // of epoll; what is closed leaves it by itself
+};
+
 class redis_link
 {
   public:
+    explicit redis_link(link_set &set) : set_(set) {}
+    redis_link(const redis_link &) = delete;  // the set knows where it is
+    redis_link &operator=(const redis_link &) = delete;
+
     // Begins to connect; false when that cannot even begin.
     bool open(const redis_address &to);
-    void close() { context_.reset(); }
+    void close();
     bool is_open() const { return context_ != nullptr; }
     bool connected() const { return is_open() && connected_; }
 
-    int descriptor() const { return context_->fd; }
-    // What poll() is to wait for.
-    int16_t events() const;
-    // After poll(). False: the connection is lost.
-    bool step(int16_t events);
+    // Takes in what the set has seen. False: the connection is lost.
+    bool step();
     void send(const redis_words &words);
     // Writes what was sent as far as the socket takes it. False: the connection is lost.
     bool flush();
@@ -74,9 +97,17 @@ class redis_link
         void operator()(redisContext *context) const { redisFree(context); }
     };
 
+    friend class link_set;
+
+    // Has the set wait for what matters now. False when it cannot.
+    bool wait();
+
+    link_set &set_;
     std::unique_ptr<redisContext, free_context> context_;
     bool connected_ = false;
-    bool unsent_ = false;
+    std::string unsent_;
+    uint32_t happened_ = 0;    // as the set has seen it
+    uint32_t waited_for_ = 0;  // as the set knows it
 };
 
 }  // namespace mom

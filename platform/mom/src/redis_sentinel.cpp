@@ -29,7 +29,8 @@ bool read_master(const redisReply &reply, redis_address &out)
 
 }  // namespace
 
-redis_guide::redis_guide(std::shared_ptr<const redis_instance> to) : to_(std::move(to)), server_(to_->server)
+redis_guide::redis_guide(std::shared_ptr<const redis_instance> to, link_set &links)
+    : to_(std::move(to)), server_(to_->server), link_(links)
 {
     if (!to_->sentinels.empty()) {
         server_.path.clear();
@@ -104,9 +105,9 @@ void redis_guide::stop()
     asked_ = 0;
 }
 
-void redis_guide::step(int16_t events)
+void redis_guide::step()
 {
-    if (link_.is_open() && !link_.step(events))
+    if (link_.is_open() && !link_.step())
         give_up_on_sentinel("the connection is lost");
 }
 

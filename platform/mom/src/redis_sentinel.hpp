@@ -1,5 +1,5 @@
 // The way to an instance: where its server is now. Of a group of servers its sentinels are asked, in turn and anew
-// before each attempt to connect, who the master is; nothing is waited for but in poll(). That what they name is a master
+// before each attempt to connect, who the master is; nothing is waited for here. That what they name is a master
 // is for whoever connects to check (redis_address::master_only).
 #ifndef MOM_REDIS_SENTINEL_HPP
 #define MOM_REDIS_SENTINEL_HPP
@@ -18,7 +18,7 @@ class redis_guide
   public:
     enum class answer { asking, known, nobody };
 
-    explicit redis_guide(std::shared_ptr<const redis_instance> to);
+    redis_guide(std::shared_ptr<const redis_instance> to, link_set &links);
 
     // Begins to look, or looks on. `known`: server() is where to connect now. `nobody`: each sentinel has been asked and
     // none has named a master; the next call begins again.
@@ -26,9 +26,8 @@ class redis_guide
     // As the last `known` left it.
     const redis_address &server() const { return server_; }
 
-    redis_link &link() { return link_; }
-    // After poll().
-    void step(int16_t events);
+    // Takes in what has come from the sentinel.
+    void step();
     void stop();
 
   private:

@@ -2,7 +2,6 @@
 #include "redis_store.hpp"
 
 #include <poll.h>
-#include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -20,7 +19,7 @@ namespace
 
 using namespace std::chrono_literals;
 
-constexpr auto ROUND = 20ms;         // the longest time between two looks at the clock
+constexpr auto ROUND = 20ms;         // the longest time between two looks at the clock, and at what the reader does
 constexpr auto STALLED_ROUND = 2ms;  // while something waits for room
 constexpr auto LAST_WRITES = 2s;     // what a store that is closed has for what it has taken over
 constexpr auto SYNC_PATIENCE = 5s;
@@ -113,8 +112,12 @@ std::shared_ptr<redis_store> redis_store::open(std::string_view url, const std::
     try {
         const std::scoped_lock store_lock(store->office_->mutex);
         store->office_->attach(who);
-        if (!store->thread_.joinable())
-            store->thread_ = std::thread([raw = store.get()] { raw->run(); });
+        if (!store->thread_.joinable()) {
+            store->address_.open(store);
+            store->thread_ = std::thread([raw = store.get()] { raw->serve(); });
+            store->office_->set_between_calls(store.get());
+        }
+        store->choose_reader();
     } catch (const std::system_error &) {
         all.stores.erase(at);
         throw std::bad_alloc();
@@ -137,16 +140,30 @@ void redis_store::close(client &from) noexcept
         office_->detach(from);
         for (const auto &[db, each] : served_)
             each->line.drop_unused();
+        choose_reader();
         if (!office_->clients().empty())
             return;
-        drained_.wait_for(store_lock, LAST_WRITES, [this] {
-            return std::ranges::all_of(served_, [](const auto &each) { return each.second->line.settled(); });
-        });
+        wait_for(store_lock, LAST_WRITES, [this] { return is_settled(); });
+        office_->set_between_calls(nullptr);
+        address_.close();
         stop_ = true;
         wake();
     }
     thread_.join();
     all.stores.erase(url_);
+}
+
+// The master of the handle that has been open the longest reads. Where it cannot, the store's thread does.
+void redis_store::choose_reader() noexcept
+{
+    qz_thread_master *wanted = office_->clients().empty() ? nullptr : office_->clients().front()->master;
+    if (wanted == reader_)
+        return;
+    if (reader_ != nullptr)
+        qz_thread_unwatch(reader_, links_.descriptor());
+    reader_ = wanted != nullptr && address_.watch(wanted, links_.descriptor()) == 0 ? wanted : nullptr;
+    reader_is_late_ = false;
+    wake();
 }
 
 // Without memory for it the server lets the lock go by itself, a little later.
@@ -171,7 +188,7 @@ redis_line &redis_store::line(uint32_t db)
     if (const auto at = served_.find(db); at != served_.end())
         return at->second->line;
     std::unique_ptr<served_database> made(new served_database{
-        redis_line(db, new_client_name(), *office_, subscriptions_), redis_guide(databases_.at(db))});
+        redis_line(db, new_client_name(), links_, *office_, subscriptions_), redis_guide(databases_.at(db), links_)});
     return served_.emplace(db, std::move(made)).first->second->line;
 }
 
@@ -185,12 +202,26 @@ void redis_store::wake() noexcept
         log_failure("the store's thread cannot be woken");
 }
 
-int32_t redis_store::put(uint32_t db, redis_operation &&operation)
+// Sees to it that somebody sends what a line was given. Within callbacks that is the master, when they are over; one that
+// writes on and on must not wait for that.
+int32_t redis_store::taken_over(client &from, const redis_line &by, int32_t code) noexcept
+{
+    if (code != QZ_MOM_OK)
+        return code;
+    if (!by.is_up())
+        wake();
+    else if (by.has_full_call())
+        talk(true);
+    else if (by.may_send())
+        office_->wake(from);
+    return code;
+}
+
+int32_t redis_store::put(client &from, uint32_t db, redis_operation &&operation)
 {
     const std::scoped_lock lock(office_->mutex);
-    const int32_t code = line(db).put(std::move(operation));
-    wake();
-    return code;
+    redis_line &asked = line(db);
+    return taken_over(from, asked, asked.put(std::move(operation)));
 }
 
 std::function<void(const redis_outcome &)> redis_store::answer_to(client &from, const target &at, const receiver &to,
@@ -213,9 +244,8 @@ std::function<void(const redis_outcome &)> redis_store::answer_to(client &from, 
 int32_t redis_store::connect(client &from, uint32_t db, const connection &answer)
 {
     const std::scoped_lock lock(office_->mutex);
-    const int32_t code = line(db).connect(from, answer);
-    wake();
-    return code;
+    redis_line &asked = line(db);
+    return taken_over(from, asked, asked.connect(from, answer));
 }
 
 // A fenced handle's write carries what the server is to find at its lock.
@@ -238,9 +268,7 @@ int32_t redis_store::put_write(client &from, const target &at, packed_texts &&ro
     const int32_t code = asked.put(std::move(write));
     if (code == QZ_MOM_OK && to.cb != nullptr)
         ++from.owed;
-    if (asked.may_send())
-        wake();
-    return code;
+    return taken_over(from, asked, code);
 }
 
 int32_t redis_store::write_whole(client &from, const target &at, content &&body, const receiver &to)
@@ -272,25 +300,22 @@ int32_t redis_store::clear_mark(client &from, const target &at, const receiver &
 int32_t redis_store::scan(client &from, const target &of, const receiver &to)
 {
     const std::scoped_lock lock(office_->mutex);
-    const int32_t code = line(of.db).scan(from, of, to);
-    wake();
-    return code;
+    redis_line &asked = line(of.db);
+    return taken_over(from, asked, asked.scan(from, of, to));
 }
 
-int32_t redis_store::subscribe(client &, uint32_t db, std::vector<subscription> &&added)
+int32_t redis_store::subscribe(client &from, uint32_t db, std::vector<subscription> &&added)
 {
     const std::scoped_lock lock(office_->mutex);
-    const int32_t code = line(db).follow(std::move(added));
-    wake();
-    return code;
+    redis_line &asked = line(db);
+    return taken_over(from, asked, asked.follow(std::move(added)));
 }
 
 int32_t redis_store::unsubscribe(client &from, const target &of, const receiver &to)
 {
     const std::scoped_lock lock(office_->mutex);
-    const int32_t code = line(of.db).unfollow(from, of, to);
-    wake();
-    return code;
+    redis_line &asked = line(of.db);
+    return taken_over(from, asked, asked.unfollow(from, of, to));
 }
 
 int32_t redis_store::mark(client &from, const target &of, int64_t delay_usec, const receiver &end)
@@ -302,7 +327,7 @@ int32_t redis_store::mark(client &from, const target &of, int64_t delay_usec, co
     asked.owner = from.weak_from_this();
     asked.end = answer(of, QZ_MOM_END_EXPIRY, QZ_MOM_OK);
     asked.to = end;
-    return put(of.db, std::move(asked));
+    return put(from, of.db, std::move(asked));
 }
 
 int32_t redis_store::remove_marked(client &from, const target &of, const receiver &end)
@@ -311,7 +336,7 @@ int32_t redis_store::remove_marked(client &from, const target &of, const receive
     asked.what = redis_operation::kind::sweep;
     asked.words = words_of(of);
     asked.finish = answer_to(from, of, end, QZ_MOM_END_EXPIRY);
-    return put(of.db, std::move(asked));
+    return put(from, of.db, std::move(asked));
 }
 
 int32_t redis_store::lock(client &from, uint32_t db, const std::string &name, const lock_news &news)
@@ -337,33 +362,77 @@ int32_t redis_store::finish(client &, uint32_t db)
     std::unique_lock lock(office_->mutex);
     if (const int32_t code = line(db).put(std::move(asked)); code != QZ_MOM_OK)
         return code;
-    wake();
-    return drained_.wait_for(lock, SYNC_PATIENCE, [&done] { return *done; }) ? QZ_MOM_OK : QZ_MOM_EDOWN;
+    return wait_for(lock, SYNC_PATIENCE, [&done] { return *done; }) ? QZ_MOM_OK : QZ_MOM_EDOWN;
 }
 
-// ---- the thread -----------------------------------------------------------------------------------------------------
+template <typename Done>
+bool redis_store::wait_for(std::unique_lock<std::mutex> &lock, steady::duration patience, Done done)
+{
+    ++waiting_;
+    wake();
+    const bool over = drained_.wait_for(lock, patience, done);
+    --waiting_;
+    return over;
+}
+
+// ---- talking to the servers -----------------------------------------------------------------------------------------
+
+// Without memory what was being done may be half done: begin again as after a lost connection.
+template <typename Act>
+void redis_store::with_each(Act act) noexcept
+{
+    try {
+        for (auto &[db, each] : served_)
+            act(*each);
+    } catch (const std::bad_alloc &) {
+        for (auto &[db, each] : served_) {
+            each->guide.stop();
+            each->line.lose("no memory");
+        }
+    }
+}
+
+// With the mutex. What may take time (looking up the name of a host) is left to the store's thread.
+void redis_store::talk(bool listen) noexcept
+{
+    if (listen) {
+        links_.look();
+        with_each([](served_database &each) {
+            each.line.step();
+            each.guide.step();
+        });
+    }
+    with_each([now = steady::now()](served_database &each) { each.line.work(now); });
+}
+
+void redis_store::between_calls_of(const qz_thread_master &) noexcept { talk(false); }
 
 void redis_store::run()
 {
-    // Writing to a connection that the server has closed is a loss like others; it must not end the process.
-    sigset_t broken_pipe;
-    sigemptyset(&broken_pipe);
-    sigaddset(&broken_pipe, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &broken_pipe, nullptr);
-    while (true) {
-        try {
-            while (work()) {
-            }
-            return;
-        } catch (const std::bad_alloc &) {
-            // What was being done may be half done: begin again as after a lost connection.
-            const std::scoped_lock lock(office_->mutex);
-            for (auto &[db, each] : served_) {
-                each->guide.stop();
-                each->line.lose("no memory");
-            }
-        }
+    const std::scoped_lock lock(office_->mutex);
+    reader_is_late_ = false;
+    if (!stop_)
+        talk(true);
+}
+
+// ---- the store's thread ---------------------------------------------------------------------------------------------
+
+void redis_store::serve()
+{
+    while (turn()) {
     }
+}
+
+bool redis_store::is_settled() const
+{
+    return std::ranges::all_of(served_, [](const auto &each) { return each.second->line.settled(); });
+}
+
+// Whether the store's thread reads now.
+bool redis_store::reads() const
+{
+    const auto needs_it = [](const auto &each) { return !each.second->line.is_up() || each.second->line.stalled(); };
+    return reader_ == nullptr || reader_is_late_ || waiting_ > 0 || std::ranges::any_of(served_, needs_it);
 }
 
 // Connects where the server is now; who asks for that first comes back later.
@@ -382,45 +451,33 @@ void redis_store::advance(served_database &of, steady::time_point now)
     of.line.tick(of.guide.server(), now);
 }
 
-// One round: waits for something to happen, then does all that it leads to. False: it was told to stop.
-bool redis_store::work()
+// Waits for something to happen, then does all that it leads to. False: it was told to stop.
+bool redis_store::turn()
 {
-    constexpr size_t LINKS = 3;
-    std::vector<pollfd> waited{{wake_fd_, POLLIN, 0}};
-    std::vector<served_database *> of;
-    auto patience = ROUND;
+    bool reading = false, stalled = false;
     {
         const std::scoped_lock lock(office_->mutex);
-        for (auto &[db, each] : served_) {
-            of.push_back(each.get());
-            for (redis_link *link : {&each->line.commands(), &each->line.log(), &each->guide.link()})
-                waited.push_back(
-                    {link->is_open() ? link->descriptor() : -1, link->is_open() ? link->events() : int16_t{0}, 0});
-            if (each->line.stalled())
-                patience = STALLED_ROUND;
-        }
+        reading = reads();
+        stalled = std::ranges::any_of(served_, [](const auto &each) { return each.second->line.stalled(); });
     }
-    poll(waited.data(), waited.size(), static_cast<int>(patience.count()));
+    pollfd waited[] = {{wake_fd_, POLLIN, 0}, {reading ? links_.descriptor() : -1, POLLIN, 0}};
+    const bool in_time = poll(waited, 2, static_cast<int>((stalled ? STALLED_ROUND : ROUND).count())) > 0;
     uint64_t count = 0;
     if ((waited[0].revents & POLLIN) != 0 && read(wake_fd_, &count, sizeof count) < 0)
         log_failure("the store's thread cannot read what woke it");
+    // What is still unread may have come just now; then the reader soon says that it is not late.
+    pollfd unread{links_.descriptor(), POLLIN, 0};
+    const bool late = !reading && !in_time && poll(&unread, 1, 0) > 0;
 
     const std::scoped_lock lock(office_->mutex);
     woken_ = false;
     if (stop_)
         return false;
-    const auto now = steady::now();
-    for (size_t i = 0; i < of.size(); ++i) {
-        of[i]->line.step(waited[LINKS * i + 1].revents, waited[LINKS * i + 2].revents);
-        of[i]->guide.step(waited[LINKS * i + 3].revents);
-    }
-    bool settled = true;
-    for (auto &[db, each] : served_) {
-        each->line.work(now);
-        advance(*each, now);  // after what has come: an answer that was read late is an answer
-        settled = settled && each->line.settled();
-    }
-    if (settled && office_->clients().empty())
+    reader_is_late_ = reader_is_late_ || late;
+    talk(true);
+    // After what has come: an answer that was read late is an answer.
+    with_each([now = steady::now()](served_database &each) { advance(each, now); });
+    if (office_->clients().empty() && is_settled())
         drained_.notify_all();
     return true;
 }

@@ -1,11 +1,18 @@
 // The Redis store: the databases that a URL means, on one server or spread over several, shared by all handles of this
-// process that were opened under it. Its own thread talks to the servers (redis_line.hpp); calls only leave word.
+// process that were opened under it.
+//
+// Who talks to the servers (redis_line.hpp). Handing a message from thread to thread costs more than all else that is
+// done with it. So calls only leave word, and the thread of the handles' own master sends what was asked for once it is
+// done with the callbacks that asked (`between_calls`), and reads what comes while it has nothing else to do (`run`).
+// The store's own thread connects, keeps the clock, and does the reading for a master that does not come to it: one that
+// is busy, does not run, waits in a call, or cannot watch descriptors.
 #ifndef MOM_REDIS_STORE_HPP
 #define MOM_REDIS_STORE_HPP
 
 #include <condition_variable>
 #include <thread>
 
+#include "posted_calls.hpp"
 #include "redis_line.hpp"
 #include "redis_map.hpp"
 #include "redis_sentinel.hpp"
@@ -13,7 +20,10 @@
 namespace mom
 {
 
-class redis_store : public store
+class redis_store : public store,
+                    public post_target,
+                    public between_calls,
+                    public std::enable_shared_from_this<redis_store>
 {
   public:
     redis_store(std::string url, redis_map databases);
@@ -37,6 +47,12 @@ class redis_store : public store
     int32_t lock(client &from, uint32_t db, const std::string &name, const lock_news &news) override;
     int32_t finish(client &from, uint32_t db) override;
 
+    // With the mutex, on a master's thread that has made its calls.
+    void between_calls_of(const qz_thread_master &master) noexcept override;
+    // On the thread of the master that reads: something has come.
+    void run() override;
+    void retry() noexcept override {}
+
   private:
     struct served_database {
         redis_line line;
@@ -44,21 +60,39 @@ class redis_store : public store
     };
 
     redis_line &line(uint32_t db);
-    int32_t put(uint32_t db, redis_operation &&operation);
+    int32_t put(client &from, uint32_t db, redis_operation &&operation);
     int32_t put_write(client &from, const target &at, packed_texts &&row, const receiver &to);
     void let_go(const client &leaving) noexcept;
     std::function<void(const redis_outcome &)> answer_to(client &from, const target &at, const receiver &to,
                                                          int32_t end);
-    void run();
-    bool work();
+    int32_t taken_over(client &from, const redis_line &by, int32_t code) noexcept;
+    template <typename Done>
+    bool wait_for(std::unique_lock<std::mutex> &lock, steady::duration patience, Done done);
+    void choose_reader() noexcept;
+
+    // ---- the store's thread
+    void serve();
+    bool turn();
+    bool reads() const;
+    bool is_settled() const;
     static void advance(served_database &of, steady::time_point now);
     void wake() noexcept;
+
+    // ---- any thread
+    template <typename Act>
+    void with_each(Act act) noexcept;
+    void talk(bool listen) noexcept;
 
     const std::string url_;
     const redis_map databases_;
     const std::shared_ptr<post_office> office_;
     int wake_fd_;
+    link_set links_;
     // All below is guarded by the office's mutex.
+    post_address address_;
+    qz_thread_master *reader_ = nullptr;  // the master that watches the links
+    bool reader_is_late_ = false;
+    int waiting_ = 0;  // calls that wait for an answer; one of them may be the reader's own
     std::map<uint32_t, std::unique_ptr<served_database>> served_;
     subscription_table subscriptions_;
     std::condition_variable drained_;
