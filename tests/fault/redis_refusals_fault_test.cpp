@@ -26,12 +26,12 @@ class RedisRefusals : public FaultTest
     }
 
     // A call of the server's function, as a client of another name would make it.
-    std::string call(const std::string &number, const std::string &writes)
+    std::string call(const std::string &numbers, const std::string &writes)
     {
         const std::string list = store_server().commands(app_db, "FUNCTION LIST");
         const std::string name = list.substr(list.find("mom_"), sizeof "mom_123456789012" - 1);
-        return store_server().commands(app_db,
-                                       "FCALL " + name + " 0 write tester \"" + number + "\" \"" + writes + '"');
+        return store_server().commands(app_db, "FCALL " + name + " 0 write " + std::to_string(app_db) + " tester " +
+                                                   numbers + " \"" + writes + '"');
     }
 
     // Soon what the follower was told is what the server holds.
@@ -125,7 +125,8 @@ TEST_F(RedisRefusals, AScanWhileATableIsReadAnewFindsAllThatIsThere)
 TEST_F(RedisRefusals, ALogThatSomebodyBrokeIsBegunAnew)
 {
     int32_t value = 0;
-    for (const char *harm : {"SET mom:log x", "DEL mom:position", "XADD mom:log * rows x", "DEL mom:log"}) {
+    for (const char *harm : {"SET mom:log x", "HDEL mom:state position", "SET mom:state x", "DEL mom:state",
+                             "SET mom:marks x", "XADD mom:log * rows x", "DEL mom:log"}) {
         EXPECT_EQ(0, answered(numbered(1, ++value)));
         store_server().commands(app_db, harm);
         for (int32_t i = 2; i <= 10; ++i)

@@ -17,16 +17,13 @@ namespace
 
 using namespace std::chrono_literals;
 
-constexpr size_t ENOUGH_FOR_A_CALL = 64;   // while other calls are under way, fewer writes wait for company
-constexpr size_t MAX_UNDER_WAY = 4;        // calls
-constexpr size_t MAX_UNTOLD_ENTRIES = 64;  // while so many wait for room no more are read
+constexpr size_t ENOUGH_FOR_A_CALL = 64;  // while other calls are under way, fewer writes wait for company
+constexpr size_t MAX_UNDER_WAY = 4;       // calls
 constexpr uint32_t SCAN_PIECE = 64;
 constexpr uint32_t SCAN_VISITS = 1024;
 constexpr auto CONNECT_PATIENCE = 2s;
 constexpr auto ANSWER_PATIENCE = 3s;
-constexpr auto LOG_PATIENCE = 4s;
 constexpr auto FIRE_INTERVAL = 200ms;
-constexpr std::string_view LOG_BLOCK = "1000";  // milliseconds that a read of the log waits for an entry
 
 uint64_t number_of(std::string_view text)
 {
@@ -65,6 +62,8 @@ std::string_view verb_of(redis_operation::kind kind)
             return "page";
         case redis_operation::kind::lost_mark:
             return "left";
+        case redis_operation::kind::fetch:
+            break;
     }
     return {};
 }
@@ -199,7 +198,7 @@ redis_line::redis_line(uint32_t db, std::string client_name, link_set &links, po
       office_(office),
       subscriptions_(subscriptions),
       commands_(links),
-      log_(links),
+      feed_(db, links),
       random_(static_cast<uint32_t>(std::hash<std::string>()(client_name_) | 1))
 {
 }
@@ -377,7 +376,7 @@ void redis_line::report_loss() noexcept
 void redis_line::lose(const char *why) noexcept
 {
     commands_.close();
-    log_.close();
+    feed_.close();
     if (state_ == state::up) {
         char text[160];
         std::snprintf(text, sizeof text, "the connection to database %u is lost: %s", db_, why);
@@ -386,9 +385,11 @@ void redis_line::lose(const char *why) noexcept
         report_loss();
     }
     state_ = state::down;
-    reading_ = false;
     firing_ = false;
-    std::erase_if(under_way_, [](const call &each) { return each.parts.front().what == redis_operation::kind::fire; });
+    std::erase_if(under_way_, [](const call &each) {
+        const auto what = each.parts.front().what;
+        return what == redis_operation::kind::fire || what == redis_operation::kind::fetch;
+    });
     retry_at_ = steady::now() + pause();
 }
 
@@ -397,13 +398,13 @@ void redis_line::tick(const redis_address &to, steady::time_point now)
     if (wants_server(now)) {
         connecting_since_ = now;
         state_ = state::connecting;
-        greetings_ = log_greetings_ = 0;
-        if (!commands_.open(to) || !log_.open(to))
+        greetings_ = 0;
+        if (!commands_.open(to) || !feed_.open(to))
             return lose("it cannot be opened");
     }
     report_loss();
     if (state_ == state::connecting) {
-        if (commands_.connected() && log_.connected() && greetings_ == 0)
+        if (commands_.connected() && feed_.is_connected() && greetings_ == 0)
             greet(to);
         if (now - connecting_since_ > CONNECT_PATIENCE)
             return lose("no answer to the greeting");
@@ -414,8 +415,8 @@ void redis_line::tick(const redis_address &to, steady::time_point now)
         failures_ = 0;
     if (!under_way_.empty() && now - under_way_.front().sent > ANSWER_PATIENCE)
         return lose("no answer");
-    if (reading_ && now - read_since_ > LOG_PATIENCE)
-        return lose("no answer to a read of the log");
+    if (!feed_.is_alive(now))
+        return lose("the log has fallen silent");
     if (!firing_ && now >= fire_at_)
         fire(now);
 }
@@ -485,26 +486,25 @@ void redis_line::tell_lock(client &to, const std::string &token)
 
 void redis_line::step()
 {
-    if ((commands_.is_open() && !commands_.step()) || (log_.is_open() && !log_.step()))
-        lose("the server closed it");
+    if (commands_.is_open() && !commands_.step())
+        return lose("the server closed it");
+    if (!feed_.listen(steady::now()))
+        lose(std::string(feed_.why()).c_str());
 }
 
 void redis_line::greet(const redis_address &to)
 {
-    const std::string db = std::to_string(db_);
-    for (redis_link *link : {&commands_, &log_}) {
-        int &expected = link == &commands_ ? greetings_ : log_greetings_;
-        if (!to.password.empty() && to.user.empty())
-            link->send({"AUTH", to.password}), ++expected;
-        else if (!to.password.empty())
-            link->send({"AUTH", to.user, to.password}), ++expected;
-        link->send({"SELECT", db});
-        ++expected;
+    if (!to.password.empty()) {
+        commands_.send(to.user.empty() ? redis_words{"AUTH", to.password} : redis_words{"AUTH", to.user, to.password});
+        ++greetings_;
     }
+    commands_.send({"SELECT", std::to_string(db_)});
+    ++greetings_;
+    feed_.greet(to);
     if (to.master_only)
         commands_.send({"ROLE"}), ++greetings_;
     commands_.send({"FUNCTION", "LOAD", "REPLACE", REDIS_LIBRARY});
-    commands_.send({"FCALL", REDIS_FUNCTION, "0", "hello", client_name_, "0 0"});
+    commands_.send({"FCALL", REDIS_FUNCTION, "0", "hello", std::to_string(db_), client_name_, "0", "0"});
     greetings_ += 2;
 }
 
@@ -531,19 +531,20 @@ void redis_line::serve(const redisReply &hello)
         return lose("the greeting was not understood");
     const bool first = identity_.empty();
     const uint64_t now_at = number_of(text_of(*position));
-    const bool goes_on = identity_ == text_of(*identity) && now_at >= position_;
+    const bool goes_on = identity_ == text_of(*identity) && now_at >= feed_.position();
     identity_ = text_of(*identity);
     state_ = state::up;
     up_since_ = steady::now();
     for (call &each : under_way_)
         transmit(each);
     if (first) {
-        position_ = told_ = now_at;
+        feed_.go_to(now_at);
+        told_ = now_at;
     } else if (!goes_on) {
         for (held &each : held_)
             each.position = 0;
-        entries_.clear();
         answered_ = now_at;
+        feed_.go_to(now_at);
         restart_at(now_at);
     }
     if (was_up_)
@@ -556,17 +557,24 @@ void redis_line::serve(const redisReply &hello)
 void redis_line::transmit(call &made)
 {
     const redis_operation &first = made.parts.front();
+    made.sent = steady::now();
+    if (first.what == redis_operation::kind::fetch)
+        return commands_.send(first.words);
     const auto numbered = std::ranges::find_if(under_way_, [](const call &each) { return each.number != 0; });
     const uint64_t oldest = numbered != under_way_.end() ? numbered->number : made.number;
-    redis_words words{"FCALL",      REDIS_FUNCTION,
-                      "0",          verb_of(first.what),
-                      client_name_, std::to_string(made.number) + ' ' + std::to_string(oldest)};
+    redis_words words{"FCALL",
+                      REDIS_FUNCTION,
+                      "0",
+                      verb_of(first.what),
+                      std::to_string(db_),
+                      client_name_,
+                      std::to_string(made.number),
+                      std::to_string(oldest)};
     if (first.what == redis_operation::kind::write)
         words.add(writes_of(made.parts));
     else
         words.append(first.words);
     commands_.send(words);
-    made.sent = steady::now();
 }
 
 void redis_line::ask_at_once(redis_operation &&operation, steady::time_point now)
@@ -636,6 +644,8 @@ void redis_line::answered(call &&made, const redisReply &reply)
         log_failure(("database " + std::to_string(db_) + ": " + std::string(text_of(reply))).c_str());
         outcome.code = QZ_MOM_EDOWN;
         outcome.position = told_;
+    } else if (made.parts.front().what == redis_operation::kind::fetch) {
+        return take_fetched(reply);
     } else if (const auto *text = element(&reply, 1); text != nullptr) {
         outcome.position = answered_ = number_of(text_of(*reply.element[0]));
         outcome.text = text_of(*text);
@@ -655,63 +665,38 @@ void redis_line::answered(call &&made, const redisReply &reply)
         conclude(part, std::move(own));
     }
     // At once: what this answer leads to may begin to follow, from here on.
-    if (!needs_log() && !reading_ && entries_.empty()) {
-        position_ = told_ = answered_;
+    if (!needs_log() && feed_.is_idle()) {
+        feed_.go_to(answered_);
+        told_ = answered_;
         tell_all();
     }
 }
 
 // ---- the log --------------------------------------------------------------------------------------------------------
 
-void redis_line::read_log(steady::time_point now)
+void redis_line::fetch_missed(steady::time_point now)
 {
-    if (!needs_log() || reading_ || log_greetings_ > 0 || stalled_ || entries_.size() >= MAX_UNTOLD_ENTRIES)
+    feed_.follow(needs_log(), now);
+    if (stalled_ || !feed_.wants_fetch())
         return;
-    const std::string from = std::to_string(position_) + "-0";
-    log_.send({"XREAD", "COUNT", "32", "BLOCK", LOG_BLOCK, "STREAMS", "mom:log", from});
-    reading_ = true;
-    read_since_ = now;
-    read_knowing_ = answered_;
+    redis_operation asked;
+    asked.what = redis_operation::kind::fetch;
+    asked.words = feed_.fetch(answered_);
+    ask_at_once(std::move(asked), now);
 }
 
-void redis_line::take_entries(const redisReply &reply)
+void redis_line::take_fetched(const redisReply &reply)
 {
-    reading_ = false;
-    const auto *entries = element(element(&reply, 0), 1);
-    for (size_t i = 0; entries != nullptr && i < entries->elements; ++i)
-        take_entry(*entries->element[i]);
-    if (entries == nullptr && read_knowing_ > position_)
-        lose_track(read_knowing_);
+    if (const uint64_t lost = feed_.take_fetched(reply)) {
+        log_failure("changes have left the log before they were read; the followed tables are read anew");
+        restart_at(lost);
+    }
 }
 
-// Entries have left the log before they were read.
-void redis_line::lose_track(uint64_t position)
-{
-    log_failure("changes have left the log before they were read; the followed tables are read anew");
-    entries_.clear();
-    restart_at(position);
-}
-
-void redis_line::take_entry(const redisReply &entry)
-{
-    const auto *id = element(&entry, 0);
-    const auto *kind = element(element(&entry, 1), 0);
-    const auto *array = element(element(&entry, 1), 1);
-    if (id == nullptr || array == nullptr)
-        return;
-    const uint64_t position = number_of(text_of(*id));
-    if (position <= position_)
-        return;
-    if (position != position_ + 1)
-        lose_track(position - 1);
-    position_ = position;
-    entries_.emplace_back(position, text_of(*array), text_of(*kind) == "sent");
-}
-
-// The log does not lead on from where it was read to: what is followed is compared anew.
+// The log does not lead on from where it was heard to: what is followed is compared anew.
 void redis_line::restart_at(uint64_t position)
 {
-    position_ = told_ = position;
+    told_ = position;
     std::vector<std::string> names;
     for (auto &[name, in] : followed_) {
         names.push_back(name);
@@ -811,9 +796,9 @@ void redis_line::tell_all()
             act();
             continue;
         }
-        if (entries_.empty() || !may_tell(entries_.front().position))
+        if (feed_.is_empty() || !may_tell(feed_.front().position))
             return;
-        log_entry &entry = entries_.front();
+        log_entry &entry = feed_.front();
         while (!entry.rows.at_end()) {
             if (!tell_next(entry)) {
                 stalled_ = true;
@@ -823,7 +808,7 @@ void redis_line::tell_all()
         if (entry.rows.broken())
             log_foreign("mom:log");
         told_ = entry.position;
-        entries_.pop_front();
+        feed_.pop();
     }
 }
 
@@ -963,24 +948,12 @@ void redis_line::work(steady::time_point now)
             answered(std::move(made), *reply);
         }
     }
-    while (log_.is_open()) {
-        const auto reply = log_.next(broken);
-        if (broken || (reply != nullptr && reply->type == REDIS_REPLY_ERROR))
-            return lose("the log cannot be read");
-        if (reply == nullptr)
-            break;
-        if (log_greetings_ > 0) {
-            --log_greetings_;
-            continue;
-        }
-        take_entries(*reply);
-    }
     tell_all();
     if (state_ != state::up)
         return;
     send_queued(now);
-    read_log(now);
-    if (!commands_.flush() || !log_.flush())
+    fetch_missed(now);
+    if (!commands_.flush() || !feed_.flush())
         lose("the server closed it");
 }
 

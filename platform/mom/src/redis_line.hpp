@@ -1,17 +1,16 @@
-// One database of a Redis server, as this process sees it: two connections, what is to be done there, and a replica of
-// the tables that are followed.
+// One database of a Redis server, as this process sees it: a connection for what is to be done there, another one for
+// what is heard from there (redis_feed.hpp), and a replica of the tables that are followed.
 //
 // Order. The server numbers what happens in a database: each call that changes something adds one entry to its log, and
-// each answer says how far the log had come. The log is read on the second connection, entry by entry. What an answer
-// leads to waits until the log has been read up to there. So everything is told in the order in which it happened. Who
-// follows nothing does not read the log: the answers alone say how far it is.
+// each answer says how far the log had come. What an answer leads to waits until the log has been heard up to there. So everything is told in the order in which it happened. Who
+// follows nothing does not hear the log: the answers alone say how far it is.
 //
 // Losses. Calls that are under way when a connection breaks are made again; the server remembers the last one of each
 // client and does none twice. The log goes on where it was left. When entries are missing (the log is kept at a bounded
 // length, the data may be gone) the followed tables are read anew and compared with the replica: what differs is told
 // as changed, what is missing as removed, with the content that it last had.
 //
-// All of it runs on the store's own thread, with the office's mutex. Others touch `queue_` and `state` alone, with it.
+// All of it happens with the office's mutex, on whatever thread.
 #ifndef MOM_REDIS_LINE_HPP
 #define MOM_REDIS_LINE_HPP
 
@@ -24,6 +23,7 @@
 #include <vector>
 
 #include "client.hpp"
+#include "redis_feed.hpp"
 #include "redis_link.hpp"
 #include "redis_rows.hpp"
 #include "replica.hpp"
@@ -31,8 +31,6 @@
 
 namespace mom
 {
-
-using steady = std::chrono::steady_clock;
 
 // What the server answered to one operation.
 struct redis_outcome {
@@ -43,11 +41,11 @@ struct redis_outcome {
 };
 
 struct redis_operation {
-    enum class kind { write, mark, sweep, fire, page, lost_mark };
+    enum class kind { write, mark, sweep, fire, page, lost_mark, fetch };
 
     kind what = kind::write;
     packed_texts row;                                   // of a write; none: only asks for the position
-    redis_words words;                                  // of anything else: arguments of the server's side
+    redis_words words;                                  // of a fetch: the command; else arguments of the server's side
     bool at_once = false;                               // `finish` does not wait for the log
     std::function<void(const redis_outcome &)> finish;  // may be empty
     // Of a mark: who hears of its end.
@@ -85,7 +83,7 @@ class redis_line
     // Nothing that was taken over is still to be done, as far as it can be done at all.
     bool settled() const;
 
-    // ---- on the store's thread, with the mutex
+    // ---- with the mutex, for whoever talks to the server
     // It would connect now.
     bool wants_server(steady::time_point now) const { return state_ == state::down && now >= retry_at_; }
     // What is due by the clock: connecting, ticking, giving up.
@@ -113,21 +111,6 @@ class redis_line
     struct held {
         uint64_t position;
         std::function<void()> act;
-    };
-    // An entry of the log, told row by row: a call with writes as it was sent, or rows that the server made.
-    struct log_entry {
-        log_entry(uint64_t at, std::string_view array, bool sent)
-            : position(at), bytes(array), as_sent(sent), rows(bytes)
-        {
-        }
-        log_entry(const log_entry &) = delete;
-        log_entry &operator=(const log_entry &) = delete;
-
-        const uint64_t position;
-        const std::string bytes;
-        const bool as_sent;
-        row_reader rows;
-        std::shared_ptr<change_block> told;  // what its rows were told as
     };
     struct waiting_scan {
         std::weak_ptr<client> from;
@@ -164,15 +147,13 @@ class redis_line
     void conclude(redis_operation &part, redis_outcome &&outcome);
 
     bool needs_log() const { return !followed_.empty() || !marks_.empty(); }
-    void read_log(steady::time_point now);
-    void take_entries(const redisReply &reply);
-    void take_entry(const redisReply &entry);
+    void fetch_missed(steady::time_point now);
+    void take_fetched(const redisReply &reply);
     void tell_all();
     bool tell_next(log_entry &entry);
     bool tell(int32_t cmd, std::string_view key, std::string_view written, log_entry &entry);
     void note_written(followed &in, std::string_view written) const;
     bool may_tell(uint64_t position) const;
-    void lose_track(uint64_t position);
     void restart_at(uint64_t position);
     void end_of_mark(const std::string &id, int32_t error);
     void look_for_lost_marks();
@@ -201,12 +182,8 @@ class redis_line
     bool was_up_ = false;
     bool loss_untold_ = false;
     redis_link commands_;
-    redis_link log_;
+    redis_feed feed_;
     int greetings_ = 0;  // replies to the greeting that are still to come
-    int log_greetings_ = 0;
-    bool reading_ = false;  // a read of the log is under way
-    steady::time_point read_since_{};
-    uint64_t read_knowing_ = 0;  // the newest position known when it began
     steady::time_point retry_at_{};
     steady::time_point connecting_since_{};
     steady::time_point up_since_{};
@@ -220,10 +197,8 @@ class redis_line
     uint64_t last_call_ = 0;
 
     std::string identity_;   // of the log: epoch and server
-    uint64_t position_ = 0;  // entries up to here are read
     uint64_t told_ = 0;      // changes up to here are told
     uint64_t answered_ = 0;  // the newest position that an answer has named
-    std::deque<log_entry> entries_;
     std::deque<held> held_;
     bool stalled_ = false;
 

@@ -4,14 +4,21 @@
 -- Keys of a database, beside the records themselves (a hash of field number to bytes for records written by field, a
 -- string for records written whole):
 --   mom:log        a stream; one entry holds the changes of one call, its id is POSITION-0
---   mom:position   the position of the newest entry
+--   mom:state      hash, so that a call reads and writes all that it needs of it at once:
+--                    position   of the newest entry
+--                    marks      "1": there may be marks
+--                    done:ID    number of the last call that this client has had carried out, the position at that time,
+--                               and unless these are all empty, what this call and the three before it were answered,
+--                               newest first, a '|' before each; forgotten some time after a thousand other clients have
+--                               come
 --   mom:epoch      drawn when the log begins; another one means that the data was lost
 --   mom:marks      sorted set: key of a marked record, time at which its mark fires (microseconds)
 --   mom:calls      hash: key of a marked record -> number of the expiry call that marked it
 --   mom:lock:NAME  token of the holder of a lock; runs out when nobody renews it
 --   mom:left       hash: number of an expiry call -> marks that are left of it
---   mom:done:ID    number of the last call that this client has had carried out, and what it and the three before it were
---                  answered, newest first, a '|' before each; forgotten after ten minutes
+--
+-- Each entry of the log is also pushed to the channel mom:log:DATABASE: its position, the first letter of its field, and
+-- the array.
 --
 -- An entry of the log has one field. "rows": an array of rows of texts, a change each: command, key, numbers of the
 -- written fields, count, then `count` times field and bytes ("" for a whole record); the end of an expiry call is the
@@ -20,21 +27,27 @@
 -- rows costs more than writing the records.
 --
 -- This is a library of one function, so that none of it is made anew at a call. Its arguments: what is to be done, the
--- client, the number of the call (0: reads, that may be made again) and that of the oldest one that the client has under
--- way, and what follows. Every answer begins with a position: once the log has been read up to there it is known what came before the answer.
+-- database, the client, the number of the call (0: reads, that may be made again), that of the oldest one that the client
+-- has under way, and what follows. Every answer begins with a position: once the log has been read up to there it is known what came before the answer.
 
 local LOG_ENTRIES = 4096
 local LOCK_MILLISECONDS = 1500
 local RECORD_BATCH = 500 -- as many fit a call of unpack
+local CLIENTS_KEPT = 1000
+local CHANGES_KEPT = 1000000 -- one who has had no call for as long is not about to make one again
 
 local call, pcall, unpack, tonumber -- as elsewhere; they are not there yet while this is loaded
 
 -- Of the call that is being carried out:
 local ARGV -- its arguments
-local client, number, oldest
+local client, number, oldest, database
 local log -- rows that its entry of the log is to have
 local any_marks
+local position -- before the call
+local done -- of the client's earlier calls
+local state -- fields of mom:state that are to be written, and their values
 local sent -- a call with writes: the texts that the client sent
+local held -- token of the fence that stood before the last fenced write, where the client holds that lock
 local as_sent -- the log can tell of it by what was sent
 local changed
 
@@ -120,20 +133,34 @@ end
 -- Each write gets where it begins and returns where the next one does, and a letter for the client when it was not done.
 local write = {}
 
+-- How many fields the record has after the write, or 0 where it may not be created; or what the server said against it.
+local function set_fields(key, at, behind, creates)
+    if creates then
+        local added = pcall('HSET', key, unpack(sent, at, behind - 1))
+        return type(added) == 'table' and added or call('HLEN', key)
+    end
+    local before = pcall('HLEN', key)
+    if type(before) == 'table' or before == 0 then
+        return before
+    end
+    local added = pcall('HSET', key, unpack(sent, at, behind - 1))
+    return type(added) == 'table' and added or before + added
+end
+
 local function write_fields(at, creates)
     local key, count = sent[at + 1], tonumber(sent[at + 3])
     local behind = at + 4 + 2 * count
-    if not creates and call('EXISTS', key) == 0 then
+    local total = set_fields(key, at + 4, behind, creates)
+    if type(total) == 'table' then
+        tell_otherwise(at)
+        return behind, string.find(total.err, 'WRONGTYPE', 1, true) and 'f' or 'm'
+    end
+    if total == 0 then
         tell_otherwise(at)
         return behind
     end
-    local done = pcall('HSET', key, unpack(sent, at + 4, behind - 1))
-    if type(done) == 'table' then
-        tell_otherwise(at)
-        return behind, string.find(done.err, 'WRONGTYPE', 1, true) and 'f' or 'm'
-    end
     changed = true
-    if call('HLEN', key) ~= count then
+    if total ~= count then
         local numbers = sent[at + 2]
         tell_otherwise(at)
         tell(string.find(numbers, ',', 1, true) and '6' or '4', key, numbers, call('HGETALL', key))
@@ -179,12 +206,20 @@ end
 
 local function lock_key(name) return 'mom:lock:' .. name end
 
-local function holds_lock(at) return call('GET', lock_key(sent[at + 1])) == sent[at + 2] end
+-- A client has one fence; it is looked at once a call.
+local function holds_lock(at)
+    local token = sent[at + 2]
+    if held ~= token then
+        held = call('GET', lock_key(sent[at + 1])) == token and token
+    end
+    return held
+end
 
 -- Lets a lock go.
 function write.l(at)
     if holds_lock(at) then
         call('DEL', lock_key(sent[at + 1]))
+        held = nil
     end
     return at + 3
 end
@@ -203,9 +238,9 @@ end
 
 local verbs = {}
 
--- ARGV 4: the writes. Answers a letter for each, or nothing at all when all were done.
+-- ARGV 6: the writes. Answers a letter for each, or nothing at all when all were done.
 function verbs.write()
-    sent = cmsgpack.unpack(ARGV[4])
+    sent = cmsgpack.unpack(ARGV[6])
     local letters
     local at, count, size = 1, 0, #sent
     while at <= size do
@@ -219,9 +254,9 @@ function verbs.write()
     return letters and letters .. string.rep('k', count) or ''
 end
 
--- ARGV 4: glob of the keys that can match. 5: "1" when that is one key exactly. 6...: the key's pieces, "" for any.
+-- ARGV 6: glob of the keys that can match. 7: "1" when that is one key exactly. 8...: the key's pieces, "" for any.
 local function matches(key)
-    local at = 6
+    local at = 8
     local rest = string.find(key, ':', 1, true)
     for piece in string.gmatch(rest and string.sub(key, rest) or '', ':([^:]*)') do
         local wanted = ARGV[at]
@@ -234,16 +269,16 @@ local function matches(key)
 end
 
 local function each_match(visit)
-    if ARGV[5] == '1' then
-        if call('EXISTS', ARGV[4]) == 1 then
-            visit(ARGV[4])
+    if ARGV[7] == '1' then
+        if call('EXISTS', ARGV[6]) == 1 then
+            visit(ARGV[6])
         end
         return
     end
     local seen = {}
     local cursor = '0'
     repeat
-        local page = call('SCAN', cursor, 'MATCH', ARGV[4], 'COUNT', 1000)
+        local page = call('SCAN', cursor, 'MATCH', ARGV[6], 'COUNT', 1000)
         cursor = page[1]
         for _, key in ipairs(page[2]) do
             if not seen[key] and matches(key) then
@@ -264,6 +299,17 @@ local function new_epoch()
     local epoch = client .. '-' .. string.format('%.0f', now())
     call('SET', 'mom:epoch', epoch)
     return epoch
+end
+
+local function note(field, value)
+    state[#state + 1], state[#state + 2] = field, value
+end
+
+local function note_marks(any)
+    if any ~= any_marks then
+        note('marks', any and '1' or '')
+    end
+    any_marks = any
 end
 
 local function fire()
@@ -300,7 +346,7 @@ function verbs.mark()
         tell('end', id, '', {})
     else
         call('HSET', 'mom:left', id, count)
-        any_marks = true
+        note_marks(true)
     end
     if delay == 0 then
         while fire() == RECORD_BATCH do
@@ -313,8 +359,8 @@ function verbs.sweep()
     if any_marks then
         local marked = {}
         for _, key in ipairs(call('ZRANGE', 'mom:marks', 0, -1)) do
-            if ARGV[5] == '1' and key == ARGV[4] or ARGV[5] ~= '1' and matches(key) and
-                string.sub(key, 1, #ARGV[4] - 1) == string.sub(ARGV[4], 1, -2) then
+            if ARGV[7] == '1' and key == ARGV[6] or ARGV[7] ~= '1' and matches(key) and
+                string.sub(key, 1, #ARGV[6] - 1) == string.sub(ARGV[6], 1, -2) then
                 marked[#marked + 1] = key
             end
         end
@@ -337,23 +383,29 @@ local function keep_lock(name, token)
     return holder and '=' or kept
 end
 
--- ARGV 4...: locks that are wanted, each a name and the token that its holder has. Answers the epoch, so that who asks
+-- ARGV 6...: locks that are wanted, each a name and the token that its holder has. Answers the epoch, so that who asks
 -- now and then learns that the data was lost behind an open connection, and what became of each lock.
 function verbs.fire()
+    local marks = pcall('ZCARD', 'mom:marks')
+    if type(marks) == 'table' then -- somebody has written something else there
+        call('DEL', 'mom:marks')
+        marks = 0
+    end
+    note_marks(marks > 0)
     local fired = fire()
     local answers = {call('GET', 'mom:epoch') or ''}
-    for at = 4, #ARGV, 2 do
+    for at = 6, #ARGV, 2 do
         answers[#answers + 1] = keep_lock(ARGV[at], ARGV[at + 1])
     end
     return fired == RECORD_BATCH and 'more' or 'k', table.concat(answers, ' ')
 end
 
--- ARGV 4: number of an expiry call.
-function verbs.left() return call('HEXISTS', 'mom:left', ARGV[4]) == 1 and 'k' or 'gone' end
+-- ARGV 6: number of an expiry call.
+function verbs.left() return call('HEXISTS', 'mom:left', ARGV[6]) == 1 and 'k' or 'gone' end
 
--- ARGV 4: cursor. 5: glob. Answers the next cursor and the records found: key, and an array of field and bytes in turns.
+-- ARGV 6: cursor. 7: glob. Answers the next cursor and the records found: key, and an array of field and bytes in turns.
 function verbs.page()
-    local page = call('SCAN', ARGV[4], 'MATCH', ARGV[5], 'COUNT', 1000)
+    local page = call('SCAN', ARGV[6], 'MATCH', ARGV[7], 'COUNT', 1000)
     local keys, rows, at = page[2], {}, 0
     for i = 1, #keys do
         local key = keys[i]
@@ -369,9 +421,23 @@ function verbs.page()
     return page[1], cmsgpack.pack(rows)
 end
 
+local function forget_clients()
+    if call('HLEN', 'mom:state') <= CLIENTS_KEPT then
+        return
+    end
+    local fields = call('HGETALL', 'mom:state')
+    for i = 1, #fields, 2 do
+        local at = string.match(fields[i + 1], '^%d+ (%d+)')
+        if at and tonumber(at) + CHANGES_KEPT < position then
+            call('HDEL', 'mom:state', fields[i])
+        end
+    end
+end
+
 -- Which log it is. A server that was a replica meanwhile may have taken over another one, of the same epoch, under
 -- numbers that it had given already: whenever it becomes a master again it begins a new replication history.
 function verbs.hello()
+    forget_clients()
     local epoch = call('GET', 'mom:epoch')
     if not epoch then
         epoch = new_epoch()
@@ -383,55 +449,71 @@ end
 
 -- ---- the call ------------------------------------------------------------------------------------------------------
 
-local function add_entry(position, kind, rows)
-    return pcall('XADD', 'mom:log', 'MAXLEN', '~', LOG_ENTRIES, position .. '-0', kind, rows)
+local function add_entry(at, kind, rows)
+    return pcall('XADD', 'mom:log', 'MAXLEN', '~', LOG_ENTRIES, at .. '-0', kind, rows)
 end
 
 -- The records are written by now: where somebody has broken the log a new one is begun, so that all are heard of.
-local function position_after()
-    if not (as_sent and changed) and #log == 0 then
-        return call('GET', 'mom:position') or '0'
-    end
-    local position = string.format('%.0f', call('INCR', 'mom:position'))
-    local kind, rows = 'sent', ARGV[4]
+local function add_to_log()
+    position = position + 1
+    local at = string.format('%.0f', position)
+    local kind, rows = 'sent', ARGV[6]
     if #log > 0 then
         kind, rows = 'rows', cmsgpack.pack(log)
     end
-    if type(add_entry(position, kind, rows)) == 'table' then
+    if type(add_entry(at, kind, rows)) == 'table' then
         call('DEL', 'mom:log')
         new_epoch()
-        add_entry(position, kind, rows)
+        add_entry(at, kind, rows)
     end
-    return position
+    call('PUBLISH', 'mom:log:' .. database, at .. string.sub(kind, 1, 1) .. rows)
+    note('position', at)
 end
 
 -- Numbered calls are carried out once, and in their order. One whose predecessor was refused is refused, too, until the
 -- client has made that again: nothing is returned.
 local function once(act)
-    local key = 'mom:done:' .. client
-    local done = call('GET', key) or '0||||'
     local last = tonumber(string.match(done, '^%d+'))
+    local answers = string.match(done, '|.*')
     if number <= last then
-        local answers = string.match(done, '|.*')
-        return 'again', string.match(answers, '^' .. string.rep('|[^|]*', last - number) .. '|([^|]*)') or ''
+        return 'again', answers and number + 3 >= last and
+            string.match(answers, '^' .. string.rep('|[^|]*', last - number) .. '|([^|]*)') or ''
     end
     if math.max(last + 1, oldest) < number then
         return nil
     end
     local answer, more = act()
-    local given_up = string.rep('|', math.min(number - last - 1, 3))
-    local kept = string.match(given_up .. string.match(done, '|.*'), '|[^|]*|[^|]*|[^|]*')
-    call('SET', key, string.format('%.0f', number) .. '|' .. answer .. kept, 'PX', 600000)
+    local now_done = string.format('%s %.0f', ARGV[4], position)
+    if answer ~= '' or answers then
+        local given_up = string.rep('|', math.min(number - last - 1, 3))
+        local kept = string.match(given_up .. (answers or '||||'), '|[^|]*|[^|]*|[^|]*')
+        now_done = now_done .. '|' .. answer .. kept
+        if string.find(now_done, '^%d+ %d+||||$') then
+            now_done = string.match(now_done, '^[^|]*')
+        end
+    end
+    note('done:' .. client, now_done)
     return answer, more
+end
+
+local function read_state()
+    local read = pcall('HMGET', 'mom:state', 'position', 'marks', 'done:' .. client)
+    if read.err then -- somebody has written something else there
+        call('DEL', 'mom:state')
+        new_epoch()
+        read = {}
+    end
+    position = tonumber(read[1] or 0) or 0
+    any_marks = read[2] == '1'
+    done = read[3] or '0'
+    state = {}
 end
 
 redis.register_function('@REDIS_FUNCTION@', function(_, arguments)
     call, pcall, unpack, tonumber, ARGV = redis.call, redis.pcall, _G.unpack, _G.tonumber, arguments
-    client = ARGV[2]
-    number, oldest = string.match(ARGV[3], '^(%d+) (%d+)$')
-    number, oldest = tonumber(number), tonumber(oldest)
-    log, sent, changed = {}, nil, false
-    any_marks = call('EXISTS', 'mom:marks') == 1
+    database, client, number, oldest = ARGV[2], ARGV[3], tonumber(ARGV[4]), tonumber(ARGV[5])
+    read_state()
+    log, sent, changed, held = {}, nil, false, nil
     as_sent = not any_marks
     local act = verbs[ARGV[1]]
     local answer, more
@@ -443,5 +525,11 @@ redis.register_function('@REDIS_FUNCTION@', function(_, arguments)
     if not answer then
         return redis.error_reply('BUSY an earlier call is still to be made')
     end
-    return {position_after(), answer, more or ''}
+    if #log > 0 or as_sent and changed then
+        add_to_log()
+    end
+    if #state > 0 then
+        call('HSET', 'mom:state', unpack(state))
+    end
+    return {string.format('%.0f', position), answer, more or ''}
 end)

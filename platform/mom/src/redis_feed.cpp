@@ -1,0 +1,178 @@
+// Pushed and fetched entries of a log. See redis_feed.hpp.
+#include "redis_feed.hpp"
+
+#include <algorithm>
+#include <charconv>
+
+namespace mom
+{
+namespace
+{
+
+using namespace std::chrono_literals;
+
+constexpr size_t MAX_UNTOLD = 64;  // entries; while so many wait for room no more are taken
+constexpr size_t FETCHED = 32;     // entries at a time
+constexpr auto PING_INTERVAL = 1s;
+constexpr auto PATIENCE = 4s;  // with a server that says nothing
+constexpr auto LINGER = 1s;    // on the channel when nobody follows any more: many scans are short
+
+// A number and what stands behind it.
+std::pair<uint64_t, std::string_view> number_and_rest(std::string_view text)
+{
+    uint64_t number = 0;
+    const auto read = std::from_chars(text.data(), text.data() + text.size(), number);
+    text.remove_prefix(static_cast<size_t>(read.ptr - text.data()));
+    return {number, text};
+}
+
+bool is_word(const redisReply *reply, std::string_view word) { return reply != nullptr && text_of(*reply) == word; }
+
+}  // namespace
+
+redis_feed::redis_feed(uint32_t db, link_set &links) : channel_name_("mom:log:" + std::to_string(db)), link_(links) {}
+
+// ---- the connection -------------------------------------------------------------------------------------------------
+
+void redis_feed::close()
+{
+    link_.close();
+    channel_ = channel::closed;
+    wanted_ = pinged_ = fetching_ = false;
+}
+
+void redis_feed::greet(const redis_address &to)
+{
+    if (!to.password.empty())
+        link_.send(to.user.empty() ? redis_words{"AUTH", to.password} : redis_words{"AUTH", to.user, to.password});
+}
+
+void redis_feed::follow(bool wanted, steady::time_point now)
+{
+    if (wanted && !wanted_)
+        behind_ = true;
+    if (!wanted && wanted_)
+        unwanted_since_ = now;
+    wanted_ = wanted;
+    if (wanted && channel_ == channel::closed) {
+        link_.send({"SUBSCRIBE", channel_name_});
+        channel_ = channel::asked;
+    } else if (!wanted && channel_ == channel::open && now - unwanted_since_ > LINGER) {
+        link_.send({"UNSUBSCRIBE", channel_name_});
+        channel_ = channel::closed;
+    }
+}
+
+bool redis_feed::is_alive(steady::time_point now)
+{
+    if (channel_ == channel::closed)
+        return true;
+    if (!pinged_ && now - pinged_at_ > PING_INTERVAL) {
+        link_.send({"PING"});
+        pinged_ = true;
+        pinged_at_ = now;
+    }
+    return !pinged_ || now - std::max(pinged_at_, heard_at_) < PATIENCE;
+}
+
+bool redis_feed::listen(steady::time_point now)
+{
+    if (!link_.is_open())
+        return true;
+    why_ = "the server closed it";
+    if (!link_.step())
+        return false;
+    bool broken = false;
+    while (const auto reply = link_.next(broken)) {
+        heard_at_ = now;
+        if (!take(*reply))
+            return false;
+    }
+    if (broken)
+        why_ = "what came is no reply";
+    return !broken;
+}
+
+bool redis_feed::take(const redisReply &reply)
+{
+    if (reply.type == REDIS_REPLY_ERROR) {
+        why_ = text_of(reply);
+        return false;
+    }
+    const auto *kind = element(&reply, 0);
+    if (is_word(kind, "message") && element(&reply, 2) != nullptr)
+        take_push(text_of(*reply.element[2]));
+    else if (is_word(kind, "subscribe") && channel_ == channel::asked)
+        channel_ = channel::open;
+    else if (is_word(kind, "pong") || is_word(&reply, "PONG"))
+        pinged_ = false;
+    return true;
+}
+
+// ---- the entries ----------------------------------------------------------------------------------------------------
+
+// Position, 's' (as sent) or 'r' (rows), and the array.
+void redis_feed::take_push(std::string_view entry)
+{
+    const auto [position, rest] = number_and_rest(entry);
+    if (!wanted_ || position <= position_ || rest.empty())
+        return;
+    pushed_ = position;
+    if (position != position_ + 1 || behind_ || entries_.size() >= MAX_UNTOLD) {
+        behind_ = true;
+        return;
+    }
+    position_ = position;
+    entries_.emplace_back(position, rest.substr(1), rest.front() == 's');
+}
+
+void redis_feed::go_to(uint64_t position)
+{
+    entries_.clear();
+    position_ = pushed_ = position;
+}
+
+bool redis_feed::wants_fetch() const
+{
+    return behind_ && wanted_ && channel_ == channel::open && !fetching_ && entries_.size() < MAX_UNTOLD;
+}
+
+redis_words redis_feed::fetch(uint64_t known)
+{
+    fetching_ = true;
+    known_ = std::max(known, pushed_);
+    const std::string after = '(' + std::to_string(position_) + "-0";
+    return {"XRANGE", "mom:log", after, "+", "COUNT", std::to_string(FETCHED)};
+}
+
+uint64_t redis_feed::take_fetched(const redisReply &reply)
+{
+    fetching_ = false;
+    const uint64_t pushed = pushed_;
+    uint64_t lost = 0;
+    for (size_t i = 0; i < reply.elements; ++i) {
+        const auto *entry = reply.element[i];
+        const auto *kind = element(element(entry, 1), 0);
+        const auto *array = element(element(entry, 1), 1);
+        if (array == nullptr)
+            continue;
+        const uint64_t position = number_and_rest(text_of(*entry->element[0])).first;
+        if (position <= position_)
+            continue;
+        if (position != position_ + 1) {
+            go_to(position - 1);
+            lost = position - 1;
+        }
+        position_ = position;
+        entries_.emplace_back(position, text_of(*array), is_word(kind, "sent"));
+    }
+    if (reply.elements == 0 && known_ > position_) {
+        go_to(known_);
+        lost = known_;
+    }
+    pushed_ = std::max(pushed, position_);
+    behind_ = reply.elements == FETCHED || position_ < pushed_;
+    return lost;
+}
+
+}  // namespace mom

@@ -1,0 +1,100 @@
+// The log of one database, as this process hears of it: its entries, in their order and without a gap.
+//
+// The server pushes each entry to a channel when it adds it to the log. So who follows a database need not ask for
+// anything as long as all goes well. What was not heard (before the subscription, over a loss, or because so much waited
+// to be told that it was passed over) is fetched from the log itself; the owner makes that call, on its connection for
+// commands.
+#ifndef MOM_REDIS_FEED_HPP
+#define MOM_REDIS_FEED_HPP
+
+#include <chrono>
+#include <deque>
+#include <memory>
+#include <string>
+
+#include "change.hpp"
+#include "redis_link.hpp"
+#include "redis_rows.hpp"
+
+namespace mom
+{
+
+using steady = std::chrono::steady_clock;
+
+// An entry of the log, told row by row: a call with writes as it was sent, or rows that the server made.
+struct log_entry {
+    log_entry(uint64_t at, std::string_view array, bool sent) : position(at), bytes(array), as_sent(sent), rows(bytes)
+    {
+    }
+    log_entry(const log_entry &) = delete;
+    log_entry &operator=(const log_entry &) = delete;
+
+    const uint64_t position;
+    const std::string bytes;
+    const bool as_sent;
+    row_reader rows;
+    std::shared_ptr<change_block> told;  // what its rows were told as
+};
+
+class redis_feed
+{
+  public:
+    redis_feed(uint32_t db, link_set &links);
+
+    // ---- the connection
+    bool open(const redis_address &to) { return link_.open(to); }
+    void close();
+    bool is_connected() const { return link_.connected(); }
+    void greet(const redis_address &to);
+    // Hears what has come. False: the connection is of no use any more; why() says why.
+    bool listen(steady::time_point now);
+    const char *why() const { return why_.c_str(); }
+    bool flush() { return !link_.is_open() || link_.flush(); }
+    // Whether anybody follows the database now. One who does so no more for a while is not pushed to.
+    void follow(bool wanted, steady::time_point now);
+    // Asks for a sign of life now and then. False: none has come for too long.
+    bool is_alive(steady::time_point now);
+
+    // ---- the entries
+    uint64_t position() const { return position_; }
+    // Nothing that has been heard, or is being fetched, is still to be told.
+    bool is_idle() const { return entries_.empty() && !fetching_; }
+    bool is_empty() const { return entries_.empty(); }
+    log_entry &front() { return entries_.front(); }
+    void pop() { entries_.pop_front(); }
+    // What is behind `position` is next; what waits is forgotten.
+    void go_to(uint64_t position);
+
+    // Entries are to be fetched, and there is room for them.
+    bool wants_fetch() const;
+    // The command. `known`: a position that the log has reached.
+    redis_words fetch(uint64_t known);
+    // Its reply. Returns 0, or the position up to which entries have left the log before they were heard.
+    uint64_t take_fetched(const redisReply &reply);
+
+  private:
+    enum class channel { closed, asked, open };
+
+    bool take(const redisReply &reply);
+    void take_push(std::string_view entry);
+
+    const std::string channel_name_;
+    redis_link link_;
+    std::string why_;
+    channel channel_ = channel::closed;
+    bool wanted_ = false;
+    steady::time_point unwanted_since_{};
+    bool pinged_ = false;
+    steady::time_point pinged_at_{};
+    steady::time_point heard_at_{};
+
+    std::deque<log_entry> entries_;
+    uint64_t position_ = 0;  // entries up to here have been heard
+    uint64_t pushed_ = 0;    // the newest entry that was pushed, heard or passed over
+    bool behind_ = false;    // entries may have been missed since
+    bool fetching_ = false;
+    uint64_t known_ = 0;  // when the fetch began
+};
+
+}  // namespace mom
+#endif
