@@ -29,6 +29,9 @@ inline std::string other_url_of_the_same(std::string url)
             url.substr(sentinel.size(), url.find_first_of(",/", sentinel.size()) - sentinel.size());
         return url.insert(sentinel.size(), first + ',');
     }
+    constexpr std::string_view by_name = "redis://localhost:";
+    if (url.starts_with(by_name))
+        return "redis://127.0.0.1:" + url.substr(by_name.size());
     return url.insert(url.rfind('/'), "/.");
 }
 

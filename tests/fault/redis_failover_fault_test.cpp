@@ -220,6 +220,28 @@ TEST_F(FailoverBare, AGroupThatNoSentinelKnowsIsNeverConnected)
     qz_mom_client_close(handle);
 }
 
+// Two of three agree that the master is gone, though the third sentinel has died with it.
+TEST(RedisFailoverByMajority, TheGroupOutlivesItsMasterAndASentinel)
+{
+    support::redis_group group(3);
+    struct followed : FaultTest {
+        explicit followed(const std::string &url) : FaultTest(url) {}
+        void TestBody() override {}
+        using FaultTest::expect_view_equals_store;
+        using FaultTest::run_until_events;
+        using FaultTest::settle;
+        using FaultTest::write;
+    } by(group.url());
+    by.write(numbered(1));
+    by.settle();
+    group.sentinel(0).kill();
+    group.master().kill();
+    by.run_until_events(LOST_AND_BACK);
+    by.write(numbered(2));
+    by.settle();
+    by.expect_view_equals_store();
+}
+
 // A server, named by its own URL, that has been a replica while nobody was connected: same process, same epoch, and a
 // log that has gone on under the same numbers with other changes.
 TEST(RedisHistory, AServerThatTookOverAnothersHistoryIsComparedAnew)

@@ -136,6 +136,21 @@ TEST_F(RedisRefusals, ALogThatSomebodyBrokeIsBegunAnew)
     }
 }
 
+TEST_F(RedisRefusals, AMarkThatTheServerRefusesIsNoSuccess)
+{
+    const qz_mom_timeval later{1000, 0};
+    const auto mark = [&] {
+        return qz_mom_pexpire_sync(writer, app_db, session_record(numbered(1)).message(), QZ_MOM_EXPIRE_EVLAN_SESSION,
+                                   &later);
+    };
+    EXPECT_EQ(0, answered(numbered(1)));
+    EXPECT_EQ(0, mark());
+    store_server().commands(app_db, "CONFIG SET maxmemory 1");
+    EXPECT_EQ(QZ_MOM_EDOWN, mark());
+    store_server().commands(app_db, "CONFIG SET maxmemory 0");
+    EXPECT_EQ(0, mark());
+}
+
 TEST_F(RedisRefusals, AnswersStayWithinTheQueue)
 {
     EXPECT_EQ(0, qz_mom_set_queue_limits(writer, 1, 2, 40));

@@ -212,5 +212,41 @@ TEST_F(RedisFault, KeysAndBytesThatAreNotOursDisturbNobody)
     EXPECT_EQ(4, found[0].keyid);
 }
 
+// A host's name is looked up for each connection, on the side.
+TEST(RedisByName, AServerIsFoundAndFoundAgainByTheNameOfItsHost)
+{
+    const int port = support::free_port();
+    support::redis_server server("port " + std::to_string(port) + "\nbind 127.0.0.1\n");
+    struct followed : FaultTest {
+        explicit followed(const std::string &url) : FaultTest(url) {}
+        void TestBody() override {}
+        using FaultTest::expect_view_equals_store;
+        using FaultTest::run_until_events;
+        using FaultTest::settle;
+        using FaultTest::write;
+    } by("redis://localhost:" + std::to_string(port));
+    by.write(numbered(1));
+    by.settle();
+    server.kill();
+    by.run_until_events({QZ_MOM_RECONNECT_ERROR});
+    server.start();
+    by.run_until_events({QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE});
+    by.write(numbered(2));
+    by.settle();
+    by.expect_view_equals_store();
+}
+
+TEST(RedisByName, AHostThatNobodyKnowsRefusesAndBlocksNobody)
+{
+    qz_thread_master *master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
+    qz_mom_handle *handle = nullptr;
+    ASSERT_EQ(0, qz_mom_client_open("redis://nobody.invalid:6379", master, &handle));
+    const qz_mom_timeval later{1000, 0};
+    EXPECT_EQ(QZ_MOM_EDOWN, qz_mom_pexpire_sync(handle, app_db, session_record(numbered(1)).message(),
+                                                QZ_MOM_EXPIRE_EVLAN_SESSION, &later));
+    qz_mom_client_close(handle);
+    qz_thread_master_free(master);
+}
+
 }  // namespace
 }  // namespace contract

@@ -203,7 +203,8 @@ int32_t qz_mom_unsubscribe(qz_mom_handle *handle, uint32_t db, const ProtobufCMe
  * nothing matched. A delay of 0 fires before any later call is applied. `cb` may be null. */
 int32_t qz_mom_pexpire(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, int32_t mode,
                        const qz_mom_timeval *delay, qz_mom_msg_cb cb, void *args);
-/* Returns when the marks are set; nothing tells of their end. */
+/* Returns when the marks are set, or with the reason why they are not; nothing tells of their end. After five seconds
+ * without an answer EDOWN: then they may be set yet. */
 int32_t qz_mom_pexpire_sync(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, int32_t mode,
                             const qz_mom_timeval *delay);
 /* Takes the mark off one record; a record without one, or none at all, is no failure. `cb` as for writes. */

@@ -114,8 +114,10 @@ std::optional<meaning> meaning_of(int32_t mode, const ProtobufCMessage *record)
     return meaning::exact;
 }
 
+// `set(client, store, target, microseconds)` for the call's arguments.
+template <typename Set>
 int32_t mark(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, int32_t mode,
-             const qz_mom_timeval *delay, const receiver &end, const char *what)
+             const qz_mom_timeval *delay, const char *what, Set set)
 {
     if (const int32_t code = check_handle(handle, db))
         return code;
@@ -123,7 +125,7 @@ int32_t mark(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record,
     if (!how || !valid(delay))
         return QZ_MOM_EINVAL;
     return with_records(handle, db, record, *how, what, [&](client &from, store &in, const target &of) {
-        return in.mark(from, of, microseconds(*delay), end);
+        return set(from, in, of, microseconds(*delay));
     });
 }
 
@@ -299,16 +301,17 @@ int32_t qz_mom_unsubscribe(qz_mom_handle *handle, uint32_t db, const ProtobufCMe
 int32_t qz_mom_pexpire(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, int32_t mode,
                        const qz_mom_timeval *delay, qz_mom_msg_cb cb, void *args)
 {
-    return mark(handle, db, record, mode, delay, receiver{cb, args}, __func__);
+    return mark(handle, db, record, mode, delay, __func__,
+                [&](client &from, store &in, const target &of, int64_t usec) {
+                    return in.mark(from, of, usec, receiver{cb, args});
+                });
 }
 
 int32_t qz_mom_pexpire_sync(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, int32_t mode,
                             const qz_mom_timeval *delay)
 {
-    const int32_t code = mark(handle, db, record, mode, delay, receiver{nullptr, nullptr}, nullptr);
-    if (code != QZ_MOM_OK)
-        return code;
-    return with_database(handle, db, nullptr, [db](client &from, store &in) { return in.finish(from, db); });
+    return mark(handle, db, record, mode, delay, nullptr,
+                [](client &from, store &in, const target &of, int64_t usec) { return in.mark_now(from, of, usec); });
 }
 
 int32_t qz_mom_clear_expire(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, qz_mom_msg_cb cb,

@@ -39,10 +39,13 @@ class embedded_store : public store, public post_target, public std::enable_shar
     int32_t subscribe(client &from, uint32_t db, std::vector<subscription> &&added) override;
     int32_t unsubscribe(client &from, const target &of, const receiver &to) override;
     int32_t mark(client &from, const target &of, int64_t delay_usec, const receiver &end) override;
+    int32_t mark_now(client &from, const target &of, int64_t delay_usec) override
+    {
+        return mark(from, of, delay_usec, {nullptr, nullptr});  // every call is done when it returns
+    }
     int32_t clear_mark(client &from, const target &at, const receiver &answer) override;
     int32_t remove_marked(client &from, const target &of, const receiver &end) override;
     int32_t lock(client &from, uint32_t db, const std::string &name, const lock_news &news) override;
-    int32_t finish(client &, uint32_t) override { return QZ_MOM_OK; }  // every call is done when it returns
 
     // qz_mom_embedded.h
     void seed(uint64_t seed);

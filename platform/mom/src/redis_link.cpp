@@ -1,6 +1,8 @@
 // Connections to Redis servers.
 #include "redis_link.hpp"
 
+#include <arpa/inet.h>
+#include <netdb.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,6 +16,12 @@
 
 namespace mom
 {
+namespace
+{
+
+constexpr auto NAME_LIFE = std::chrono::seconds(1);  // long enough for all who wait for it
+
+}  // namespace
 
 link_set::link_set() : descriptor_(epoll_create1(EPOLL_CLOEXEC))
 {
@@ -33,10 +41,50 @@ void link_set::look()
     }
 }
 
+std::string link_set::address_of(const std::string &host)
+{
+    std::array<unsigned char, sizeof(in6_addr)> address;
+    if (inet_pton(AF_INET, host.c_str(), address.data()) == 1 || inet_pton(AF_INET6, host.c_str(), address.data()) == 1)
+        return host;
+    if (const auto at = found_.find(host);
+        at != found_.end() && std::chrono::steady_clock::now() - at->second.since < NAME_LIFE)
+        return at->second.address;
+    if (std::ranges::find(unknown_, host) == unknown_.end())
+        unknown_.push_back(host);
+    return {};
+}
+
+void link_set::found(const std::string &name, std::string address)
+{
+    found_[name] = {std::move(address), std::chrono::steady_clock::now()};
+}
+
+std::string look_up(const std::string &host)
+{
+    addrinfo wanted{};
+    wanted.ai_socktype = SOCK_STREAM;
+    for (const int family : {AF_INET, AF_INET6}) {
+        wanted.ai_family = family;
+        addrinfo *found = nullptr;
+        if (getaddrinfo(host.c_str(), nullptr, &wanted, &found) != 0)
+            continue;
+        std::array<char, INET6_ADDRSTRLEN> text{};
+        const int code =
+            getnameinfo(found->ai_addr, found->ai_addrlen, text.data(), text.size(), nullptr, 0, NI_NUMERICHOST);
+        freeaddrinfo(found);
+        if (code == 0)
+            return text.data();
+    }
+    return {};
+}
+
 bool redis_link::open(const redis_address &to)
 {
     close();
-    context_.reset(to.path.empty() ? redisConnectNonBlock(to.host.c_str(), to.port)
+    const std::string address = to.path.empty() ? set_.address_of(to.host) : std::string();
+    if (to.path.empty() && address.empty())
+        return false;
+    context_.reset(to.path.empty() ? redisConnectNonBlock(address.c_str(), to.port)
                                    : redisConnectUnixNonBlock(to.path.c_str()));
     if (context_ == nullptr)
         throw std::bad_alloc();

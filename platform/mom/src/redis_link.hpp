@@ -5,11 +5,15 @@
 
 #include <hiredis/hiredis.h>
 
+#include <chrono>
 #include <cstdint>
 #include <initializer_list>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "redis_address.hpp"
 
@@ -65,11 +69,29 @@ class link_set
     // Leaves word at each link of what has happened to it.
     void look();
 
+    // Looking up the name of a host may take seconds, in which nobody should wait for the mutex. So a link that meets a
+    // name leaves it here, and connects the next time it is opened, once somebody who can wait has looked it up.
+    std::vector<std::string> take_unknown() { return std::exchange(unknown_, {}); }
+    void found(const std::string &name, std::string address);
+
   private:
     friend class redis_link;
 
+    struct known_host {
+        std::string address;
+        std::chrono::steady_clock::time_point since;
+    };
+
+    // The address behind a host's name or address; "" when it is not known, or was looked up too long ago.
+    std::string address_of(const std::string &host);
+
     const int descriptor_;  // of epoll; what is closed leaves it by itself
+    std::vector<std::string> unknown_;
+    std::map<std::string, known_host> found_;
 };
+
+// The address of a host, as text; "" when there is none. May take long.
+std::string look_up(const std::string &host);
 
 class redis_link
 {
@@ -78,7 +100,7 @@ class redis_link
     redis_link(const redis_link &) = delete;  // the set knows where it is
     redis_link &operator=(const redis_link &) = delete;
 
-    // Begins to connect; false when that cannot even begin.
+    // Begins to connect; false when that cannot even begin, also because the name of the host is not known yet.
     bool open(const redis_address &to);
     void close();
     bool is_open() const { return context_ != nullptr; }

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <optional>
 #include <system_error>
 
 #include "mom_log.hpp"
@@ -66,6 +67,15 @@ redis_words words_of(const target &of)
     for (const auto &wanted : of.keys.wanted())
         words.add(wanted);
     return words;
+}
+
+redis_operation mark_of(const target &of, int64_t delay_usec)
+{
+    redis_operation asked;
+    asked.what = redis_operation::kind::mark;
+    asked.words = words_of(of);
+    asked.words.add(std::to_string(delay_usec));
+    return asked;
 }
 
 }  // namespace
@@ -320,14 +330,26 @@ int32_t redis_store::unsubscribe(client &from, const target &of, const receiver 
 
 int32_t redis_store::mark(client &from, const target &of, int64_t delay_usec, const receiver &end)
 {
-    redis_operation asked;
-    asked.what = redis_operation::kind::mark;
-    asked.words = words_of(of);
-    asked.words.add(std::to_string(delay_usec));
+    redis_operation asked = mark_of(of, delay_usec);
     asked.owner = from.weak_from_this();
     asked.end = answer(of, QZ_MOM_END_EXPIRY, QZ_MOM_OK);
     asked.to = end;
     return put(from, of.db, std::move(asked));
+}
+
+int32_t redis_store::mark_now(client &, const target &of, int64_t delay_usec)
+{
+    const auto answered = std::make_shared<std::optional<int32_t>>();
+    redis_operation asked = mark_of(of, delay_usec);
+    asked.at_once = true;
+    asked.finish = [this, answered](const redis_outcome &done) {
+        *answered = done.code;
+        drained_.notify_all();
+    };
+    std::unique_lock lock(office_->mutex);
+    if (const int32_t code = line(of.db).put(std::move(asked)); code != QZ_MOM_OK)
+        return code;
+    return wait_for(lock, SYNC_PATIENCE, [&answered] { return answered->has_value(); }) ? **answered : QZ_MOM_EDOWN;
 }
 
 int32_t redis_store::remove_marked(client &from, const target &of, const receiver &end)
@@ -348,21 +370,6 @@ int32_t redis_store::lock(client &from, uint32_t db, const std::string &name, co
     asked.want_lock(from, wanted_lock{name, {}, {}, false, news});
     wake();
     return QZ_MOM_OK;
-}
-
-int32_t redis_store::finish(client &, uint32_t db)
-{
-    const auto done = std::make_shared<bool>(false);
-    redis_operation asked;
-    asked.at_once = true;
-    asked.finish = [this, done](const redis_outcome &) {
-        *done = true;
-        drained_.notify_all();
-    };
-    std::unique_lock lock(office_->mutex);
-    if (const int32_t code = line(db).put(std::move(asked)); code != QZ_MOM_OK)
-        return code;
-    return wait_for(lock, SYNC_PATIENCE, [&done] { return *done; }) ? QZ_MOM_OK : QZ_MOM_EDOWN;
 }
 
 template <typename Done>
@@ -469,7 +476,7 @@ bool redis_store::turn()
     pollfd unread{links_.descriptor(), POLLIN, 0};
     const bool late = !reading && !in_time && poll(&unread, 1, 0) > 0;
 
-    const std::scoped_lock lock(office_->mutex);
+    std::unique_lock lock(office_->mutex);
     woken_ = false;
     if (stop_)
         return false;
@@ -479,7 +486,25 @@ bool redis_store::turn()
     with_each([now = steady::now()](served_database &each) { advance(each, now); });
     if (office_->clients().empty() && is_settled())
         drained_.notify_all();
+    look_up_names(lock);
     return true;
+}
+
+void redis_store::look_up_names(std::unique_lock<std::mutex> &lock) noexcept
+{
+    try {
+        for (const auto &name : links_.take_unknown()) {
+            lock.unlock();
+            std::string address = look_up(name);
+            lock.lock();
+            if (!address.empty())
+                links_.found(name, std::move(address));
+        }
+    } catch (const std::bad_alloc &) {
+        // The next attempt to connect asks for it again.
+        if (!lock.owns_lock())
+            lock.lock();
+    }
 }
 
 }  // namespace mom

@@ -42,10 +42,10 @@ class redis_store : public store,
     int32_t subscribe(client &from, uint32_t db, std::vector<subscription> &&added) override;
     int32_t unsubscribe(client &from, const target &of, const receiver &to) override;
     int32_t mark(client &from, const target &of, int64_t delay_usec, const receiver &end) override;
+    int32_t mark_now(client &from, const target &of, int64_t delay_usec) override;
     int32_t clear_mark(client &from, const target &at, const receiver &answer) override;
     int32_t remove_marked(client &from, const target &of, const receiver &end) override;
     int32_t lock(client &from, uint32_t db, const std::string &name, const lock_news &news) override;
-    int32_t finish(client &from, uint32_t db) override;
 
     // With the mutex, on a master's thread that has made its calls.
     void between_calls_of(const qz_thread_master &master) noexcept override;
@@ -76,6 +76,7 @@ class redis_store : public store,
     bool reads() const;
     bool is_settled() const;
     static void advance(served_database &of, steady::time_point now);
+    void look_up_names(std::unique_lock<std::mutex> &lock) noexcept;
     void wake() noexcept;
 
     // ---- any thread

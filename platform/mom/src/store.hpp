@@ -55,14 +55,13 @@ class store
     virtual int32_t unsubscribe(client &from, const target &of, const receiver &to) = 0;
 
     virtual int32_t mark(client &from, const target &of, int64_t delay_usec, const receiver &end) = 0;
+    // Returns when the marks are set, or refused; EDOWN also when that takes too long: they may be set yet.
+    virtual int32_t mark_now(client &from, const target &of, int64_t delay_usec) = 0;
     virtual int32_t clear_mark(client &from, const target &at, const receiver &answer) = 0;
     virtual int32_t remove_marked(client &from, const target &of, const receiver &end) = 0;
 
     // The handle has asked for none in that database before.
     virtual int32_t lock(client &from, uint32_t db, const std::string &name, const lock_news &news) = 0;
-
-    // Waits until what this handle's calls on the database have asked for is done; EDOWN when that takes too long.
-    virtual int32_t finish(client &from, uint32_t db) = 0;
 };
 
 // The schemes. Each opens the store of the name or URL for a handle: the handle is attached, and code 0 returned.
