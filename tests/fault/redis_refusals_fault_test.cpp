@@ -15,12 +15,14 @@ namespace
 class RedisRefusals : public FaultTest
 {
   protected:
-    // Writes have been answered when this returns.
+    // Writes have been answered when this returns. What was done to the data may have cost the connection meanwhile.
     int32_t answered(const session &what)
     {
         listener answer;
-        EXPECT_EQ(0, qz_mom_hmset(writer, app_db, session_record(what).message(), REQUEST.data(),
-                                  static_cast<uint32_t>(REQUEST.size()), listener::hear, &answer));
+        run_until([&] {
+            return qz_mom_hmset(writer, app_db, session_record(what).message(), REQUEST.data(),
+                                static_cast<uint32_t>(REQUEST.size()), listener::hear, &answer) == QZ_MOM_OK;
+        });
         run_until([&] { return !answer.all.empty(); });
         return answer.all.empty() ? QZ_MOM_EDOWN : answer.all.front().error;
     }
@@ -37,6 +39,7 @@ class RedisRefusals : public FaultTest
     // Soon what the follower was told is what the server holds.
     void expect_agreement()
     {
+        wait_for_answers();
         for (int tries = 0; tries < 50 && seen() != store(); ++tries)
             pass_time(100);
         expect_view_equals_store();

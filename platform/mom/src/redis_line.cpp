@@ -637,7 +637,7 @@ void redis_line::answered(call &&made, const redisReply &reply)
     redis_outcome outcome;
     std::string_view letters;
     if (reply.type == REDIS_REPLY_ERROR) {
-        if (passes(text_of(reply))) {
+        if (passes(text_of(reply)) || made.parts.front().what == redis_operation::kind::fetch) {
             under_way_.push_front(std::move(made));
             return lose(std::string(text_of(reply)).c_str());
         }
@@ -664,12 +664,7 @@ void redis_line::answered(call &&made, const redisReply &reply)
             end_of_mark(client_name_ + ':' + std::to_string(made.number), outcome.code);
         conclude(part, std::move(own));
     }
-    // At once: what this answer leads to may begin to follow, from here on.
-    if (!needs_log() && feed_.is_idle()) {
-        feed_.go_to(answered_);
-        told_ = answered_;
-        tell_all();
-    }
+    pass_over_log();  // at once: what this answer leads to may begin to follow, from here on
 }
 
 // ---- the log --------------------------------------------------------------------------------------------------------
@@ -929,6 +924,16 @@ void redis_line::finish_load(const std::string &name)
         act();
 }
 
+// Nobody who follows anything waits for the log: what the newest answers lead to is done at once.
+void redis_line::pass_over_log()
+{
+    if (needs_log() || !feed_.is_idle())
+        return;
+    feed_.go_to(answered_);
+    told_ = answered_;
+    tell_all();
+}
+
 // ---- a round --------------------------------------------------------------------------------------------------------
 
 void redis_line::work(steady::time_point now)
@@ -949,11 +954,18 @@ void redis_line::work(steady::time_point now)
         }
     }
     tell_all();
-    if (state_ != state::up)
-        return;
-    send_queued(now);
-    fetch_missed(now);
-    if (!commands_.flush() || !feed_.flush())
+    if (told_ < answered_)
+        pass_over_log();
+    if (state_ == state::up) {
+        send_queued(now);
+        fetch_missed(now);
+    }
+    flush();
+}
+
+void redis_line::flush()
+{
+    if (commands_.is_open() && (!commands_.flush() || !feed_.flush()))
         lose("the server closed it");
 }
 

@@ -91,6 +91,9 @@ class redis_line
     bool is_up() const { return state_ == state::up; }
     // Takes in what has come.
     void step();
+    bool is_connecting() const { return state_ == state::connecting; }
+    // What was put together goes out.
+    void flush();
     // Sends what waits, tells what has come.
     void work(steady::time_point now);
     void lose(const char *why) noexcept;
@@ -150,6 +153,7 @@ class redis_line
     void fetch_missed(steady::time_point now);
     void take_fetched(const redisReply &reply);
     void tell_all();
+    void pass_over_log();
     bool tell_next(log_entry &entry);
     bool tell(int32_t cmd, std::string_view key, std::string_view written, log_entry &entry);
     void note_written(followed &in, std::string_view written) const;

@@ -2,6 +2,7 @@
 #include "redis_link.hpp"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -31,14 +32,15 @@ link_set::link_set() : descriptor_(epoll_create1(EPOLL_CLOEXEC))
 
 link_set::~link_set() { ::close(descriptor_); }
 
-void link_set::look()
+bool link_set::look()
 {
     std::array<epoll_event, 32> events;  // what does not fit is there the next time
     const int count = epoll_wait(descriptor_, events.data(), static_cast<int>(events.size()), 0);
     for (int i = 0; i < count; ++i) {
         const auto &event = events[static_cast<size_t>(i)];
-        static_cast<redis_link *>(event.data.ptr)->happened_ = event.events;
+        static_cast<redis_link *>(event.data.ptr)->happened_ |= event.events;
     }
+    return count > 0;
 }
 
 std::string link_set::address_of(const std::string &host)
@@ -88,13 +90,16 @@ bool redis_link::open(const redis_address &to)
                                    : redisConnectUnixNonBlock(to.path.c_str()));
     if (context_ == nullptr)
         throw std::bad_alloc();
-    if (context_->err != 0 || !wait())
+    if (context_->err != 0 || fcntl(context_->fd, F_SETFD, FD_CLOEXEC) != 0 || !wait())
         close();
     return is_open();
 }
 
+// A child that the program has made may hold the same socket open: then closing it here would not take it from the set.
 void redis_link::close()
 {
+    if (waited_for_ != 0)
+        epoll_ctl(set_.descriptor(), EPOLL_CTL_DEL, context_->fd, nullptr);
     context_.reset();
     connected_ = false;
     unsent_.clear();

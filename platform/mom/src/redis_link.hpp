@@ -66,8 +66,8 @@ class link_set
     link_set &operator=(const link_set &) = delete;
 
     int descriptor() const { return descriptor_; }
-    // Leaves word at each link of what has happened to it.
-    void look();
+    // Leaves word at each link of what has happened to it. False: nothing has.
+    bool look();
 
     // Looking up the name of a host may take seconds, in which nobody should wait for the mutex. So a link that meets a
     // name leaves it here, and connects the next time it is opened, once somebody who can wait has looked it up.
@@ -85,7 +85,7 @@ class link_set
     // The address behind a host's name or address; "" when it is not known, or was looked up too long ago.
     std::string address_of(const std::string &host);
 
-    const int descriptor_;  // of epoll; what is closed leaves it by itself
+    const int descriptor_;  // of epoll
     std::vector<std::string> unknown_;
     std::map<std::string, known_host> found_;
 };

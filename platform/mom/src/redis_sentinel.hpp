@@ -23,6 +23,7 @@ class redis_guide
     // Begins to look, or looks on. `known`: server() is where to connect now. `nobody`: each sentinel has been asked and
     // none has named a master; the next call begins again.
     answer look(std::chrono::steady_clock::time_point now);
+    bool is_asking() const { return link_.is_open(); }
     // As the last `known` left it.
     const redis_address &server() const { return server_; }
 

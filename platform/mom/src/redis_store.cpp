@@ -8,8 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <exception>
 #include <optional>
-#include <system_error>
 
 #include "mom_log.hpp"
 
@@ -128,13 +128,12 @@ std::shared_ptr<redis_store> redis_store::open(std::string_view url, const std::
             store->office_->set_between_calls(store.get());
         }
         store->choose_reader();
-    } catch (const std::system_error &) {
-        all.stores.erase(at);
-        throw std::bad_alloc();
-    } catch (...) {
+    } catch (const std::exception &) {
+        const std::scoped_lock store_lock(store->office_->mutex);
+        store->office_->detach(*who);
         if (store->office_->clients().empty())
             all.stores.erase(at);
-        throw;
+        throw std::bad_alloc();
     }
     return store;
 }
@@ -400,26 +399,34 @@ void redis_store::with_each(Act act) noexcept
 }
 
 // With the mutex. What may take time (looking up the name of a host) is left to the store's thread.
-void redis_store::talk(bool listen) noexcept
+bool redis_store::talk(bool listen) noexcept
 {
+    bool heard = false;
     if (listen) {
-        links_.look();
+        heard = links_.look();
         with_each([](served_database &each) {
             each.line.step();
             each.guide.step();
         });
     }
     with_each([now = steady::now()](served_database &each) { each.line.work(now); });
+    return heard;
 }
+
+// It connects: what comes next is for the store's thread to do.
+bool redis_store::is_on_the_way(served_database &each) { return each.line.is_connecting() || each.guide.is_asking(); }
 
 void redis_store::between_calls_of(const qz_thread_master &) noexcept { talk(false); }
 
 void redis_store::run()
 {
     const std::scoped_lock lock(office_->mutex);
-    reader_is_late_ = false;
-    if (!stop_)
-        talk(true);
+    if (stop_)
+        return;
+    const bool heard = talk(true);
+    reader_is_late_ = reader_is_late_ && !heard;
+    if (std::ranges::any_of(served_, [](const auto &each) { return is_on_the_way(*each.second); }))
+        wake();
 }
 
 // ---- the store's thread ---------------------------------------------------------------------------------------------
@@ -438,8 +445,8 @@ bool redis_store::is_settled() const
 // Whether the store's thread reads now.
 bool redis_store::reads() const
 {
-    const auto needs_it = [](const auto &each) { return !each.second->line.is_up() || each.second->line.stalled(); };
-    return reader_ == nullptr || reader_is_late_ || waiting_ > 0 || std::ranges::any_of(served_, needs_it);
+    return reader_ == nullptr || reader_is_late_ || waiting_ > 0 ||
+           std::ranges::any_of(served_, [](const auto &each) { return each.second->line.stalled(); });
 }
 
 // Connects where the server is now; who asks for that first comes back later.
@@ -483,7 +490,10 @@ bool redis_store::turn()
     reader_is_late_ = reader_is_late_ || late;
     talk(true);
     // After what has come: an answer that was read late is an answer.
-    with_each([now = steady::now()](served_database &each) { advance(each, now); });
+    with_each([now = steady::now()](served_database &each) {
+        advance(each, now);
+        each.line.flush();
+    });
     if (office_->clients().empty() && is_settled())
         drained_.notify_all();
     look_up_names(lock);

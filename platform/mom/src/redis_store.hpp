@@ -82,7 +82,9 @@ class redis_store : public store,
     // ---- any thread
     template <typename Act>
     void with_each(Act act) noexcept;
-    void talk(bool listen) noexcept;
+    // True: something had come.
+    bool talk(bool listen) noexcept;
+    static bool is_on_the_way(served_database &each);
 
     const std::string url_;
     const redis_map databases_;

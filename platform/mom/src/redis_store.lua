@@ -6,11 +6,13 @@
 --   mom:log        a stream; one entry holds the changes of one call, its id is POSITION-0
 --   mom:state      hash, so that a call reads and writes all that it needs of it at once:
 --                    position   of the newest entry
---                    marks      "1": there may be marks
---                    done:ID    number of the last call that this client has had carried out, the position at that time,
+--                    marks      "1": there may be marks; "": there are none
+--                    clock      seconds; the time is told by whoever fires marks
+--                    done:ID    number of the last call that this client has had carried out, the clock at that time,
 --                               and unless these are all empty, what this call and the three before it were answered,
---                               newest first, a '|' before each; forgotten some time after a thousand other clients have
---                               come
+--                               newest first, a '|' before each
+--                    cursor     of a walk over these fields, a step whenever a client comes, which forgets clients that
+--                               have had no call for ten minutes
 --   mom:epoch      drawn when the log begins; another one means that the data was lost
 --   mom:marks      sorted set: key of a marked record, time at which its mark fires (microseconds)
 --   mom:calls      hash: key of a marked record -> number of the expiry call that marked it
@@ -33,8 +35,8 @@
 local LOG_ENTRIES = 4096
 local LOCK_MILLISECONDS = 1500
 local RECORD_BATCH = 500 -- as many fit a call of unpack
-local CLIENTS_KEPT = 1000
-local CHANGES_KEPT = 1000000 -- one who has had no call for as long is not about to make one again
+local CLIENT_SECONDS = 600
+local CLIENTS_A_STEP = 200
 
 local call, pcall, unpack, tonumber -- as elsewhere; they are not there yet while this is loaded
 
@@ -45,9 +47,10 @@ local log -- rows that its entry of the log is to have
 local any_marks
 local position -- before the call
 local done -- of the client's earlier calls
+local clock
 local state -- fields of mom:state that are to be written, and their values
 local sent -- a call with writes: the texts that the client sent
-local held -- token of the fence that stood before the last fenced write, where the client holds that lock
+local fence_name, fence_token, fence_holds -- the fence that was looked at last
 local as_sent -- the log can tell of it by what was sent
 local changed
 
@@ -76,7 +79,7 @@ local function marks_gone(id, count)
 end
 
 local function unmark(key)
-    if any_marks and call('ZREM', 'mom:marks', key) == 1 then
+    if any_marks and pcall('ZREM', 'mom:marks', key) == 1 then
         local id = call('HGET', 'mom:calls', key)
         call('HDEL', 'mom:calls', key)
         return id
@@ -206,20 +209,21 @@ end
 
 local function lock_key(name) return 'mom:lock:' .. name end
 
--- A client has one fence; it is looked at once a call.
+-- Writes of one handle stand together, behind the same fence: it is looked at once.
 local function holds_lock(at)
-    local token = sent[at + 2]
-    if held ~= token then
-        held = call('GET', lock_key(sent[at + 1])) == token and token
+    local name, token = sent[at + 1], sent[at + 2]
+    if name ~= fence_name or token ~= fence_token then
+        fence_name, fence_token = name, token
+        fence_holds = call('GET', lock_key(name)) == token
     end
-    return held
+    return fence_holds
 end
 
 -- Lets a lock go.
 function write.l(at)
     if holds_lock(at) then
         call('DEL', lock_key(sent[at + 1]))
-        held = nil
+        fence_name = nil
     end
     return at + 3
 end
@@ -305,6 +309,14 @@ local function note(field, value)
     state[#state + 1], state[#state + 2] = field, value
 end
 
+local function set_clock()
+    local seconds = call('TIME')[1]
+    if seconds ~= clock then
+        note('clock', seconds)
+    end
+    return tonumber(seconds)
+end
+
 local function note_marks(any)
     if any ~= any_marks then
         note('marks', any and '1' or '')
@@ -378,7 +390,7 @@ local function keep_lock(name, token)
     if holder and holder ~= token then
         return '-'
     end
-    local kept = holder or client .. ':' .. string.format('%.0f', now())
+    local kept = holder or client .. ':' .. name .. ':' .. string.format('%.0f', now())
     call('SET', key, kept, 'PX', LOCK_MILLISECONDS)
     return holder and '=' or kept
 end
@@ -392,6 +404,7 @@ function verbs.fire()
         marks = 0
     end
     note_marks(marks > 0)
+    set_clock()
     local fired = fire()
     local answers = {call('GET', 'mom:epoch') or ''}
     for at = 6, #ARGV, 2 do
@@ -422,21 +435,24 @@ function verbs.page()
 end
 
 local function forget_clients()
-    if call('HLEN', 'mom:state') <= CLIENTS_KEPT then
-        return
-    end
-    local fields = call('HGETALL', 'mom:state')
+    local seconds = set_clock()
+    local step = call('HSCAN', 'mom:state', call('HGET', 'mom:state', 'cursor') or '0', 'COUNT', CLIENTS_A_STEP)
+    note('cursor', step[1])
+    local fields = step[2]
     for i = 1, #fields, 2 do
-        local at = string.match(fields[i + 1], '^%d+ (%d+)')
-        if at and tonumber(at) + CHANGES_KEPT < position then
+        local at = string.match(fields[i], '^done:') and string.match(fields[i + 1], '^%d+ (%d+)')
+        if at and tonumber(at) + CLIENT_SECONDS < seconds then
             call('HDEL', 'mom:state', fields[i])
         end
     end
 end
 
+local function channel() return 'mom:log:' .. database end
+
 -- Which log it is. A server that was a replica meanwhile may have taken over another one, of the same epoch, under
 -- numbers that it had given already: whenever it becomes a master again it begins a new replication history.
 function verbs.hello()
+    call('PUBLISH', channel(), '0') -- says nothing; a user who may not do so is refused here, and not after a write
     forget_clients()
     local epoch = call('GET', 'mom:epoch')
     if not epoch then
@@ -466,8 +482,8 @@ local function add_to_log()
         new_epoch()
         add_entry(at, kind, rows)
     end
-    call('PUBLISH', 'mom:log:' .. database, at .. string.sub(kind, 1, 1) .. rows)
     note('position', at)
+    return at .. string.sub(kind, 1, 1) .. rows
 end
 
 -- Numbered calls are carried out once, and in their order. One whose predecessor was refused is refused, too, until the
@@ -483,7 +499,7 @@ local function once(act)
         return nil
     end
     local answer, more = act()
-    local now_done = string.format('%s %.0f', ARGV[4], position)
+    local now_done = ARGV[4] .. ' ' .. clock
     if answer ~= '' or answers then
         local given_up = string.rep('|', math.min(number - last - 1, 3))
         local kept = string.match(given_up .. (answers or '||||'), '|[^|]*|[^|]*|[^|]*')
@@ -497,23 +513,28 @@ local function once(act)
 end
 
 local function read_state()
-    local read = pcall('HMGET', 'mom:state', 'position', 'marks', 'done:' .. client)
+    local read = pcall('HMGET', 'mom:state', 'position', 'marks', 'clock', 'done:' .. client)
     if read.err then -- somebody has written something else there
         call('DEL', 'mom:state')
         new_epoch()
         read = {}
     end
     position = tonumber(read[1] or 0) or 0
-    any_marks = read[2] == '1'
-    done = read[3] or '0'
+    clock = read[3] or '0'
+    done = read[4] or '0'
     state = {}
+    any_marks = read[2] == '1'
+    if not read[2] then
+        any_marks = call('EXISTS', 'mom:marks') == 1
+        note('marks', any_marks and '1' or '')
+    end
 end
 
 redis.register_function('@REDIS_FUNCTION@', function(_, arguments)
     call, pcall, unpack, tonumber, ARGV = redis.call, redis.pcall, _G.unpack, _G.tonumber, arguments
     database, client, number, oldest = ARGV[2], ARGV[3], tonumber(ARGV[4]), tonumber(ARGV[5])
     read_state()
-    log, sent, changed, held = {}, nil, false, nil
+    log, sent, changed, fence_name = {}, nil, false, nil
     as_sent = not any_marks
     local act = verbs[ARGV[1]]
     local answer, more
@@ -525,11 +546,12 @@ redis.register_function('@REDIS_FUNCTION@', function(_, arguments)
     if not answer then
         return redis.error_reply('BUSY an earlier call is still to be made')
     end
-    if #log > 0 or as_sent and changed then
-        add_to_log()
-    end
+    local entry = (#log > 0 or as_sent and changed) and add_to_log()
     if #state > 0 then
         call('HSET', 'mom:state', unpack(state))
+    end
+    if entry then
+        pcall('PUBLISH', channel(), entry) -- all is done by now: who does not hear of it fetches it
     end
     return {string.format('%.0f', position), answer, more or ''}
 end)

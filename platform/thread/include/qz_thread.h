@@ -93,9 +93,10 @@ int32_t qz_thread_call(qz_thread_master *master, qz_thread_call_func func, void 
 int32_t qz_thread_call_wait(qz_thread_master *master, qz_thread_call_func func, void *arg);
 
 /* Watches a descriptor: when something can be read from it (or it is broken), `func` is posted to the master, again and
- * again as long as that is so and the descriptor is watched. The master looks before it sleeps, and now and then while
- * it is busy. At most one watch a descriptor; it stays the caller's, who keeps it open until it is unwatched. Real clock
- * only. 0, EINVAL (also when the system cannot watch it, or does already), ENOMEM. */
+ * again as long as that is so and the descriptor is watched, though not while a call is still waiting. Somebody else may
+ * have read by then: `func` must not wait for something to read. The master looks before it sleeps, now and then while it
+ * is busy, and once at the beginning of qz_thread_run_pending(). At most one watch a descriptor; it stays the caller's,
+ * who keeps it open until it is unwatched. Real clock only. 0, EINVAL (also when the system cannot watch it, or does already), ENOMEM. */
 int32_t qz_thread_watch(qz_thread_master *master, int descriptor, qz_thread_call_func func, void *arg);
 /* Ends the watch. A call that was posted before may still come. 0, or EINVAL when it is not watched. */
 int32_t qz_thread_unwatch(qz_thread_master *master, int descriptor);

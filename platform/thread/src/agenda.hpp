@@ -26,6 +26,7 @@ struct posted_call {
     qz_thread_call_func func;
     void *arg;
     waiting_call *waiter;  // null: nobody waits
+    int descriptor = -1;   // of a watch: the one that can be read
     uint64_t sequence = 0;
 };
 

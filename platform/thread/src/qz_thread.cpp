@@ -108,6 +108,7 @@ struct qz_thread_master {
     struct watch_call {
         qz_thread_call_func func;
         void *arg;
+        bool posted = false;  // and not called yet
     };
     std::map<int, watch_call> watches_;  // by descriptor
 };
@@ -231,7 +232,7 @@ void qz_thread_master::call_wait(qz_thread_call_func func, void *arg)
 bool qz_thread_master::watch(int descriptor, qz_thread_call_func func, void *arg)
 {
     const std::lock_guard lock(lock_);
-    if (driven_ || !watches_.emplace(descriptor, watch_call{.func = func, .arg = arg}).second)
+    if (driven_ || !watches_.emplace(descriptor, watch_call{.func = func, .arg = arg, .posted = false}).second)
         return false;
     const bool done = sleeper_.watch(descriptor);
     if (!done)
@@ -260,6 +261,10 @@ bool qz_thread_master::call_next()
     {
         const std::lock_guard lock(lock_);
         next = agenda_.take(now());
+        if (const auto *call = std::get_if<posted_call>(&next); call && call->descriptor >= 0) {
+            if (const auto watched = watches_.find(call->descriptor); watched != watches_.end())
+                watched->second.posted = false;
+        }
     }
     if (const auto *call = std::get_if<posted_call>(&next)) {
         call->func(call->arg);
@@ -321,13 +326,17 @@ void qz_thread_master::post_readable() noexcept
 {
     for (const int descriptor : sleeper_.readable()) {
         const auto watched = watches_.find(descriptor);
-        if (watched == watches_.end())
+        if (watched == watches_.end() || watched->second.posted)
             continue;
         try {
-            agenda_.post({.func = watched->second.func, .arg = watched->second.arg, .waiter = nullptr});
+            agenda_.post({.func = watched->second.func,
+                          .arg = watched->second.arg,
+                          .waiter = nullptr,
+                          .descriptor = descriptor});
         } catch (const std::bad_alloc &) {
             return;
         }
+        watched->second.posted = true;
     }
 }
 

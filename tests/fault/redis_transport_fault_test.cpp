@@ -1,0 +1,252 @@
+// How the client talks to the server: on whose thread, over which connections, with which rights, and what the server keeps
+// of it.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "fault_fixture.hpp"
+
+namespace contract
+{
+namespace
+{
+
+bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+
+// Times that the process's other threads have gone to sleep so far.
+uint64_t sleeps_of_other_threads()
+{
+    uint64_t sum = 0;
+    for (const auto &thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (thread.path().filename() == std::to_string(gettid()))
+            continue;
+        std::ifstream status(thread.path() / "status");
+        for (std::string word; status >> word;) {
+            uint64_t count = 0;
+            if (word == "voluntary_ctxt_switches:" && status >> count)
+                sum += count;
+        }
+    }
+    return sum;
+}
+
+class RedisTransport : public FaultTest
+{
+  protected:
+    // Returns when the server has answered.
+    void exchange(qz_mom_handle *by, const session &what)
+    {
+        listener answer;
+        EXPECT_EQ(0, qz_mom_hmset(by, app_db, session_record(what).message(), REQUEST.data(),
+                                  static_cast<uint32_t>(REQUEST.size()), listener::hear, &answer));
+        run_until([&] { return !answer.all.empty(); });
+    }
+
+    // A call of the server's function, as a client of that name would make it, with packed writes.
+    static std::string call(const std::string &client_and_numbers, const std::string &writes)
+    {
+        const std::string list = store_server().commands(app_db, "FUNCTION LIST");
+        const std::string name = list.substr(list.find("mom_"), sizeof "mom_123456789012" - 1);
+        return store_server().commands(app_db, "FCALL " + name + " 0 write " + std::to_string(app_db) + ' ' +
+                                                   client_and_numbers + " \"" + writes + '"');
+    }
+};
+
+TEST_F(RedisTransport, MessagesAreNotHandedFromThreadToThread)
+{
+    constexpr int32_t COUNT = 1000;
+    exchange(writer, numbered(1));
+    const uint64_t before = sleeps_of_other_threads();
+    for (int32_t i = 1; i <= COUNT; ++i)
+        exchange(writer, numbered(i % 10, i));
+    EXPECT_GT(COUNT / 2u, sleeps_of_other_threads() - before);
+}
+
+TEST_F(RedisTransport, AChildProcessInheritsNoConnection)
+{
+    exchange(writer, numbered(1));
+    int sockets = 0;
+    for (const auto &each : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        if (!contains(std::filesystem::read_symlink(each.path(), gone).string(), "socket:"))
+            continue;
+        ++sockets;
+        EXPECT_NE(0, fcntl(std::stoi(each.path().filename().string()), F_GETFD) & FD_CLOEXEC);
+    }
+    EXPECT_LE(2, sockets);
+}
+
+TEST_F(RedisTransport, AHandleMayGoWithItsMasterWhileOthersStay)
+{
+    const std::string url = other_url_of_the_same(url_);
+    qz_thread_master *first = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
+    qz_mom_handle *leaving = nullptr;
+    ASSERT_EQ(0, qz_mom_client_open(url.c_str(), first, &leaving));
+    qz_mom_handle *staying = open(url);
+    exchange(staying, numbered(1));
+    qz_mom_client_close(leaving);
+    qz_thread_master_free(first);
+    exchange(staying, numbered(2));
+    EXPECT_EQ(2u, scan(staying, any_session()).size());
+    close(staying);
+}
+
+TEST_F(RedisTransport, AMasterOnTheDrivenClockIsReadFor)
+{
+    qz_thread_master *driven = qz_thread_master_create(QZ_THREAD_CLOCK_DRIVEN);
+    qz_mom_handle *handle = nullptr;
+    listener hears;
+    ASSERT_EQ(0, qz_mom_client_open(other_url_of_the_same(url_).c_str(), driven, &handle));
+    ASSERT_EQ(0, qz_mom_subscribe(handle, app_db, session_record(any_session()).message(), 0, listener::hear, &hears));
+    run_until([&] {
+        qz_thread_run_pending(driven, 0);
+        return hears.count(QZ_MOM_CMD_SUBSCRIBED) == 1;
+    });
+    exchange(writer, numbered(1));
+    run_until([&] {
+        qz_thread_run_pending(driven, 0);
+        return hears.changes().size() == 1;
+    });
+    qz_mom_client_close(handle);
+    qz_thread_master_free(driven);
+}
+
+TEST_F(RedisTransport, AFollowerThatDoesNotReadHearsAllOfItInTheEnd)
+{
+    constexpr int32_t COUNT = 300;  // more calls than wait in the client, each an entry of the log
+    qz_thread_master *idle = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
+    qz_mom_handle *slow = nullptr;
+    listener hears;
+    ASSERT_EQ(0, qz_mom_client_open(other_url_of_the_same(url_).c_str(), idle, &slow));
+    ASSERT_EQ(0, qz_mom_subscribe(slow, app_db, session_record(any_session()).message(), 0, listener::hear, &hears));
+    run_until([&] {
+        qz_thread_run_pending(idle, 0);
+        return hears.count(QZ_MOM_CMD_SUBSCRIBED) == 1;
+    });
+    EXPECT_EQ(0, qz_mom_set_queue_limits(slow, 0, 1, 3));
+    for (int32_t i = 1; i <= COUNT; ++i)
+        exchange(writer, numbered(1, i));
+    EXPECT_EQ(0, qz_mom_set_queue_limits(slow, 10, 100, 300));
+    run_until([&] {
+        qz_thread_run_pending(idle, 0);
+        return hears.changes().size() == COUNT;
+    });
+    int32_t value = 0;
+    for (const session &each : sessions(hears.changes()))
+        EXPECT_EQ(++value, each.request_value);
+    qz_mom_client_close(slow);
+    qz_thread_master_free(idle);
+}
+
+TEST_F(RedisTransport, WhoFollowsNothingAnyMoreIsNotPushedTo)
+{
+    const auto listeners = [](const char *count) {
+        return contains(store_server().commands(app_db, "PUBSUB NUMSUB mom:log:4"), count);
+    };
+    qz_thread_master *master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
+    qz_mom_handle *handle = nullptr;
+    listener hears;
+    const session_record any(any_session());
+    const auto run_own_until = [&](const std::function<bool()> &done) {
+        run_until([&] {
+            qz_thread_run_pending(master, 0);
+            return done();
+        });
+    };
+    ASSERT_EQ(0, qz_mom_client_open(other_url_of_the_same(url_).c_str(), master, &handle));
+    for (size_t round = 1; round <= 2; ++round) {
+        ASSERT_EQ(0, qz_mom_subscribe(handle, app_db, any.message(), 0, listener::hear, &hears));
+        run_own_until([&] { return hears.count(QZ_MOM_CMD_SUBSCRIBED) == round && listeners(":2"); });
+        exchange(writer, numbered(1));
+        run_own_until([&] { return hears.changes().size() == round; });
+        ASSERT_EQ(0, qz_mom_unsubscribe(handle, app_db, any.message(), listener::hear, &hears));
+        run_own_until([&] { return listeners(":1"); });
+        exchange(writer, numbered(1));
+    }
+    qz_mom_client_close(handle);
+    qz_thread_master_free(master);
+}
+
+// ---- rights ---------------------------------------------------------------------------------------------------------
+
+std::string as_user(std::string url)
+{
+    constexpr std::string_view scheme = "redis+unix://";
+    return url.insert(scheme.size(), "app:secret@");
+}
+
+struct followed : FaultTest {
+    explicit followed(const std::string &url) : FaultTest(url) {}
+    void TestBody() override {}
+    using FaultTest::expect_view_equals_store;
+    using FaultTest::settle;
+    using FaultTest::write;
+};
+
+TEST_F(RedisTransport, AUserNeedsKeysCommandsAndTheChannelOfTheLog)
+{
+    store_server().commands(app_db, "ACL SETUSER app on >secret ~* &mom:* +@all");
+    followed by(as_user(url_));
+    by.write(numbered(1));
+    by.settle();
+    by.expect_view_equals_store();
+}
+
+TEST_F(RedisTransport, AUserWithoutTheChannelIsRefusedBeforeAnythingIsWritten)
+{
+    store_server().commands(app_db, "ACL SETUSER app on >secret ~* resetchannels +@all");
+    qz_mom_handle *handle = open(as_user(url_));
+    EXPECT_EQ(0, hmset(handle, numbered(7), REQUEST));
+    const qz_mom_timeval later{1000, 0};
+    EXPECT_EQ(QZ_MOM_EDOWN, qz_mom_pexpire_sync(handle, app_db, session_record(numbered(7)).message(),
+                                                QZ_MOM_EXPIRE_EVLAN_SESSION, &later));
+    EXPECT_TRUE(contains(store_server().commands(app_db, "EXISTS u_bridge.evlan_session:app:32:7"), ":0"));
+    close(handle);
+}
+
+// ---- what the server keeps ------------------------------------------------------------------------------------------
+
+TEST_F(RedisTransport, MarksAreMetAlsoWhenItIsForgottenThatThereAreAny)
+{
+    listener expired;
+    exchange(writer, numbered(1));
+    EXPECT_EQ(0, expire(writer, numbered(1), QZ_MOM_EXPIRE_EVLAN_SESSION, {1, 0}, expired));
+    wait_for_answers();
+    store_server().commands(app_db, "HDEL mom:state marks");
+    exchange(writer, numbered(1, 5));
+    run_until([&] { return expired.ends(QZ_MOM_END_EXPIRY) == 1; });
+    pass_time(1500);
+    EXPECT_EQ(1u, view().size());
+    expect_view_equals_store();
+}
+
+TEST_F(RedisTransport, AFenceIsALockByItsNameAndItsToken)
+{
+    store_server().commands(app_db, "SET mom:lock:x T\nSET mom:lock:y U");
+    const std::string one = "\\xa1f\\xa1x\\xa1T\\xa1s\\xa3one\\xa1v", two = "\\xa1f\\xa1y\\xa1T\\xa1s\\xa3two\\xa1v";
+    const std::string answer = call("tester 1 1", "\\x9c" + one + two);
+    EXPECT_TRUE(contains(answer, "kl")) << answer;
+    EXPECT_TRUE(contains(store_server().commands(app_db, "EXISTS one"), ":1"));
+    EXPECT_TRUE(contains(store_server().commands(app_db, "EXISTS two"), ":0"));
+}
+
+TEST_F(RedisTransport, ClientsThatAreLongGoneAreForgotten)
+{
+    const auto has = [](const std::string &client) {
+        return contains(store_server().commands(app_db, "HEXISTS mom:state done:" + client), ":1");
+    };
+    EXPECT_FALSE(contains(call("young 1 1", "\\x93\\xa1s\\xa3one\\xa1v"), "ERR"));
+    store_server().commands(app_db, "HSET mom:state done:old \"5 1\"");
+    EXPECT_TRUE(has("young"));
+    EXPECT_TRUE(has("old"));
+    qz_mom_handle *stranger = open(other_url_of_the_same(url_));
+    exchange(stranger, numbered(1));
+    EXPECT_TRUE(has("young"));
+    EXPECT_FALSE(has("old"));
+    close(stranger);
+}
+
+}  // namespace
+}  // namespace contract
