@@ -655,17 +655,17 @@ TEST(ThreadWatch, AMasterThatIsAlwaysBusyLooksNowAndThen)
 TEST(ThreadWatch, HasOneCallWaitingAtTheMost)
 {
     const auto master = make_master(QZ_THREAD_CLOCK_REAL);
-    const letter_box first, second;
+    const letter_box one, other;
     int calls = 0;
     action count = [&] { ++calls; };
-    EXPECT_EQ(0, watch(master, first, &count));
-    EXPECT_EQ(0, watch(master, second, &count));
-    first.put();
-    second.put();
+    EXPECT_EQ(0, watch(master, one, &count));
+    EXPECT_EQ(0, watch(master, other, &count));
+    one.put();
+    other.put();
     for (int i = 0; i < 1000; ++i)
         EXPECT_EQ(1, qz_thread_run_pending(master.get(), 1));
-    first.take();
-    second.take();
+    one.take();
+    other.take();
     EXPECT_GE(2, qz_thread_run_pending(master.get(), 0));
     EXPECT_EQ(0, qz_thread_run_pending(master.get(), 0));
 }
