@@ -350,8 +350,9 @@ TEST_F(Initialisation, RefusedConnectionFreesItsArguments)
     EXPECT_EQ(-77, sw_ebridge_init(&args));
     recording::on_free(nullptr);
     const void *connecting = recording::calls_of("qz_mom_client_connect").at(0).args;
-    EXPECT_THAT(blocks, Contains(connecting).Times(1));
-    EXPECT_THAT(blocks, Contains(refused_list_args).Times(1));
+    // Once at least: the memory may have been given out and freed again. Twice in a row is for a sanitizer to find.
+    EXPECT_THAT(blocks, Contains(connecting));
+    EXPECT_THAT(blocks, Contains(refused_list_args));
 }
 
 // ---- the data connection
