@@ -136,6 +136,11 @@ TEST(SpreadRun, WhatIsRefusedIsNamedAndLeavesNoSession)
     range.index = U_BRIDGE__EVLAN_TYPE__VXLAN;
     range.evlan_id_min = range.evlan_id_max = 7;
     ASSERT_EQ(qz_mom_set(operating.handle, 4, &range.base, nullptr, nullptr), 0);
+    UBridge__EvlanAppIndex any = U_BRIDGE__EVLAN_APP_INDEX__INIT;
+    UBridge__EvlanSession nothing = U_BRIDGE__EVLAN_SESSION__INIT;
+    nothing.index = &any;
+    const qz_mom_timeval later{1000, 0};  // a call that waits: the range is written before it
+    ASSERT_EQ(qz_mom_pexpire_sync(operating.handle, 4, &nothing.base, QZ_MOM_EXPIRE_PATTERN, &later), 0);
     child service({EBRIDGED_PROGRAM, "--store", redis.url()});
     ASSERT_TRUE(service.wait_for_error_text("serving"));
     const temporary_file file(R"({"VXLAN_TUNNEL_MAP": {"t|one": {"vni": "100", "vlan": "Vlan1"},

@@ -445,8 +445,9 @@ bool redis_store::is_settled() const
 // Whether the store's thread reads now.
 bool redis_store::reads() const
 {
-    return reader_ == nullptr || reader_is_late_ || waiting_ > 0 ||
-           std::ranges::any_of(served_, [](const auto &each) { return each.second->line.stalled(); });
+    return reader_ == nullptr || reader_is_late_ || waiting_ > 0 || std::ranges::any_of(served_, [](const auto &each) {
+               return each.second->line.stalled() || is_on_the_way(*each.second);
+           });
 }
 
 // Connects where the server is now; who asks for that first comes back later.
