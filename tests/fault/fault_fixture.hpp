@@ -124,4 +124,17 @@ class FaultTest : public StoreTest
     std::vector<int32_t> events;
 };
 
+// The same on a store of a test's own, beside that of the fixture or in its place.
+struct followed : FaultTest {
+    explicit followed(const std::string &url) : FaultTest(url) {}
+    void TestBody() override {}
+    using FaultTest::events;
+    using FaultTest::expect_view_equals_store;
+    using FaultTest::run_until;
+    using FaultTest::run_until_events;
+    using FaultTest::settle;
+    using FaultTest::view;
+    using FaultTest::write;
+};
+
 }  // namespace contract

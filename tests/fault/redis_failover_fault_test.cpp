@@ -224,14 +224,7 @@ TEST_F(FailoverBare, AGroupThatNoSentinelKnowsIsNeverConnected)
 TEST(RedisFailoverByMajority, TheGroupOutlivesItsMasterAndASentinel)
 {
     support::redis_group group(3);
-    struct followed : FaultTest {
-        explicit followed(const std::string &url) : FaultTest(url) {}
-        void TestBody() override {}
-        using FaultTest::expect_view_equals_store;
-        using FaultTest::run_until_events;
-        using FaultTest::settle;
-        using FaultTest::write;
-    } by(group.url());
+    followed by(group.url());
     by.write(numbered(1));
     by.settle();
     group.sentinel(0).kill();
@@ -250,17 +243,6 @@ TEST(RedisHistory, AServerThatTookOverAnothersHistoryIsComparedAnew)
     support::redis_server &first = group.master();
     support::redis_server &second = group.replica();
     group.sentinel(0).kill();  // the roles are changed by hand
-    struct followed : FaultTest {
-        explicit followed(const std::string &url) : FaultTest(url) {}
-        void TestBody() override {}
-        using FaultTest::events;
-        using FaultTest::expect_view_equals_store;
-        using FaultTest::run_until;
-        using FaultTest::run_until_events;
-        using FaultTest::settle;
-        using FaultTest::view;
-        using FaultTest::write;
-    };
     followed here(first.url());
     for (int32_t i = 1; i <= 10; ++i)
         here.write(numbered(i));

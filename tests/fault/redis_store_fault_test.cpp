@@ -217,14 +217,7 @@ TEST(RedisByName, AServerIsFoundAndFoundAgainByTheNameOfItsHost)
 {
     const int port = support::free_port();
     support::redis_server server("port " + std::to_string(port) + "\nbind 127.0.0.1\n");
-    struct followed : FaultTest {
-        explicit followed(const std::string &url) : FaultTest(url) {}
-        void TestBody() override {}
-        using FaultTest::expect_view_equals_store;
-        using FaultTest::run_until_events;
-        using FaultTest::settle;
-        using FaultTest::write;
-    } by("redis://localhost:" + std::to_string(port));
+    followed by("redis://localhost:" + std::to_string(port));
     by.write(numbered(1));
     by.settle();
     server.kill();

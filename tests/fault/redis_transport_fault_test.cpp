@@ -177,14 +177,6 @@ std::string as_user(std::string url)
     return url.insert(scheme.size(), "app:secret@");
 }
 
-struct followed : FaultTest {
-    explicit followed(const std::string &url) : FaultTest(url) {}
-    void TestBody() override {}
-    using FaultTest::expect_view_equals_store;
-    using FaultTest::settle;
-    using FaultTest::write;
-};
-
 TEST_F(RedisTransport, AUserNeedsKeysCommandsAndTheChannelOfTheLog)
 {
     store_server().commands(app_db, "ACL SETUSER app on >secret ~* &mom:* +@all");
