@@ -133,6 +133,7 @@ struct followed : FaultTest {
     using FaultTest::run_until;
     using FaultTest::run_until_events;
     using FaultTest::settle;
+    using FaultTest::told;
     using FaultTest::view;
     using FaultTest::write;
 };

@@ -57,6 +57,17 @@ class ProcessFault : public FaultWorld
     }
 };
 
+TEST_F(ProcessFault, AServerThatIsKilledAndComesBackWithItsData)
+{
+    start_service();
+    start_users();
+    during_requests(4, [this] {
+        redis_.kill();
+        redis_.start();
+    });
+    expect_the_ledger_to_be_clean({.changes_merged = true});
+}
+
 // A request that the store lost before anybody heard of it stays unanswered, so users ask again.
 TEST_F(ProcessFault, AServerThatComesBackWithoutItsData)
 {

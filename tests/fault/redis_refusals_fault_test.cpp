@@ -81,7 +81,8 @@ TEST_F(RedisRefusals, AFieldThatWentBackToItsDefaultMeanwhileIsHeardByItsFollowe
     settle();
     store_server().kill();
     run_until_events({QZ_MOM_RECONNECT_ERROR});
-    change_behind_the_back({{"SELECT", "4"}, {"HSET", "u_bridge.evlan_session:app:32:1", "8", ""}});
+    change_behind_the_back(
+        {{"SELECT", "4"}, {"DEL", "mom:lives"}, {"HSET", "u_bridge.evlan_session:app:32:1", "8", ""}});
     store_server().start();
     run_until_events({QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE});
     run_until([&] { return sessions(field.changes()).back().request == 0; });
@@ -111,7 +112,7 @@ TEST_F(RedisRefusals, AScanWhileATableIsReadAnewFindsAllThatIsThere)
     settle();
     store_server().kill();
     run_until_events({QZ_MOM_RECONNECT_ERROR});
-    std::vector<std::vector<std::string>> calls{{"SELECT", "4"}};
+    std::vector<std::vector<std::string>> calls{{"SELECT", "4"}, {"DEL", "mom:lives"}};
     for (int32_t i = 1; i <= CHANGED; ++i) {
         calls.push_back({"DEL", "u_bridge.evlan_session:app:32:" + std::to_string(i)});
         calls.push_back({"HSET", "u_bridge.evlan_session:app:32:" + std::to_string(COUNT + i), "8", "@\x01"});

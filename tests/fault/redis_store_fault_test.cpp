@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "fault_fixture.hpp"
 
@@ -28,6 +29,35 @@ TEST_F(RedisFault, AKilledServerIsToldOfAndRefusesUntilItIsBack)
     EXPECT_EQ(2u, view().size());
     expect_view_equals_store();
     EXPECT_EQ(1u, told.count(QZ_MOM_CMD_SUBSCRIBED));  // none for what the client repeats by itself
+}
+
+// Also what is written as it was before: so does a user who asks once more for what he has, and waits for his answer.
+TEST_F(RedisFault, AServerThatIsBackWithItsDataIsFollowedOnFromWhereItWasLeft)
+{
+    namespace fs = std::filesystem;
+    const fs::path way = store_server().folder() + "/way";
+    fs::create_directory_symlink(store_server().folder(), way);
+    const std::string file = fs::path(store_server().socket()).filename();
+    followed late("redis+unix://" + (way / file).string());
+    for (int32_t i = 1; i <= 20; ++i)
+        write(numbered(i));
+    late.run_until([&] { return late.view().size() == 20; });
+    late.told.all.clear();
+    store_server().kill();
+    fs::remove(way);
+    store_server().start();
+    run_until_events({QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE});
+    write(numbered(7));
+    del(writer, numbered(8));
+    write(numbered(8));
+    settle();
+    fs::create_directory_symlink(store_server().folder(), way);
+    late.run_until([&] { return late.told.changes().size() >= 3; });
+    late.run_until_events({QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE});
+    std::vector<int32_t> heard;
+    for (const session &each : sessions(late.told.changes()))
+        heard.push_back(each.keyid);
+    EXPECT_EQ((std::vector<int32_t>{7, 8, 8}), heard);
 }
 
 TEST_F(RedisFault, WhatAnEmptiedServerHasLostIsToldAsRemovedWithItsLastContent)
@@ -151,8 +181,9 @@ TEST_F(RedisFault, AStoreThatIsEmptiedBehindAnOpenConnectionIsNoticed)
     expect_view_equals_store();
 }
 
-// The log is of a bounded length. Who was away for too long is told what differs now, removals included.
-TEST_F(RedisFault, AFollowerThatFallsBehindTheLogIsToldWhatDiffers)
+// The log is of a bounded length. Who was away for too long is told of all that is there now, within the bounds of his
+// queue: what looks as it did may have been written anew.
+TEST_F(RedisFault, AFollowerThatFallsBehindTheLogIsToldOfAllThatIsThere)
 {
     for (int32_t i = 1; i <= 100; ++i)
         write(numbered(i));
@@ -160,17 +191,29 @@ TEST_F(RedisFault, AFollowerThatFallsBehindTheLogIsToldWhatDiffers)
     EXPECT_EQ(0, qz_mom_set_queue_limits(reader, 1, 2, 4));
     // Nobody runs the reader's master meanwhile: its queue is full, and the log is not read on. Each call that waits
     // makes an entry of its own.
-    const qz_mom_timeval delay{1000, 0};
-    for (int32_t i = 1; i <= 75; ++i) {
-        EXPECT_EQ(0, i <= 50 ? del(writer, numbered(i)) : hmset(writer, numbered(i, 2), REQUEST));
+    const auto finish_call = [&] {
+        const qz_mom_timeval delay{1000, 0};
         EXPECT_EQ(0, qz_mom_pexpire_sync(writer, app_db, session_record(numbered(1000)).message(),
                                          QZ_MOM_EXPIRE_EVLAN_SESSION, &delay));
+    };
+    for (int32_t i = 1; i <= 75; ++i) {
+        EXPECT_EQ(0, i <= 50 ? del(writer, numbered(i)) : hmset(writer, numbered(i, 2), REQUEST));
+        finish_call();
     }
+    EXPECT_EQ(0, hmset(writer, numbered(100), REQUEST));
+    finish_call();
     store_server().commands(app_db, "XTRIM mom:log MAXLEN 0");
-    EXPECT_EQ(0, qz_mom_set_queue_limits(reader, 100, 200, 1000));
-    run_until([&] { return view().size() == 50; });
+    uint32_t deepest = 0;
+    run_until([&] {
+        deepest = std::max(deepest, qz_mom_queue_depth(reader));
+        return view().size() == 50;
+    });
     settle();
+    EXPECT_LE(deepest, 4u);
     expect_view_equals_store();
+    const auto again =
+        std::ranges::count_if(sessions(told.changes()), [](const session &each) { return each.keyid == 100; });
+    EXPECT_EQ(2, again);
 }
 
 // Nobody runs the reader's master for a while: its queue stays within its limits, the writers go on, nothing is missed.

@@ -159,7 +159,7 @@ void pump::run()
             each.what = connection{};  // what it held is released here, without the mutex
     }
     const std::scoped_lock lock(office->mutex);
-    office->calls_made(*master_);
+    office->calls_made();
     posted_ = false;
     wake();
 }
@@ -206,7 +206,7 @@ std::optional<pump::next_call> pump::next(post_office &office, deliveries &used)
             return mark;
         client *who = office.pick(*this);
         if (who == nullptr) {
-            office.calls_made(*master_);
+            office.calls_made();
             who = office.pick(*this);
         }
         if (who == nullptr) {
@@ -224,10 +224,10 @@ std::optional<pump::next_call> pump::next(post_office &office, deliveries &used)
     }
 }
 
-void post_office::calls_made(const qz_thread_master &master) noexcept
+void post_office::calls_made() noexcept
 {
     if (between_calls_ != nullptr)
-        between_calls_->between_calls_of(master);
+        between_calls_->all_made();
 }
 
 void post_office::add(deliveries &out, delivery &&what)

@@ -72,7 +72,7 @@ class between_calls
   public:
     virtual ~between_calls() = default;
     // With the mutex. May queue deliveries.
-    virtual void between_calls_of(const qz_thread_master &master) noexcept = 0;
+    virtual void all_made() noexcept = 0;
 };
 
 struct delivery {
@@ -150,7 +150,7 @@ class post_office : public std::enable_shared_from_this<post_office>
     friend class pump;
 
     void recycle(deliveries &used) noexcept;
-    void calls_made(const qz_thread_master &master) noexcept;
+    void calls_made() noexcept;
     deliveries *turn(client &who) const noexcept;
     client *pick(pump &by) const noexcept;
     pump *pump_of(const qz_thread_master *master) const noexcept;

@@ -41,12 +41,6 @@ void redis_feed::close()
     wanted_ = pinged_ = fetching_ = false;
 }
 
-void redis_feed::greet(const redis_address &to)
-{
-    if (!to.password.empty())
-        link_.send(to.user.empty() ? redis_words{"AUTH", to.password} : redis_words{"AUTH", to.user, to.password});
-}
-
 void redis_feed::follow(bool wanted, steady::time_point now)
 {
     if (wanted && !wanted_)

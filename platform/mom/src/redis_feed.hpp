@@ -45,7 +45,7 @@ class redis_feed
     bool open(const redis_address &to) { return link_.open(to); }
     void close();
     bool is_connected() const { return link_.connected(); }
-    void greet(const redis_address &to);
+    void greet(const redis_address &to) { link_.send_name(to); }
     // Hears what has come. False: the connection is of no use any more; why() says why.
     bool listen(steady::time_point now);
     const char *why() const { return why_.c_str(); }

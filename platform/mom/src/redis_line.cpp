@@ -124,6 +124,22 @@ std::string writes_of(const std::vector<redis_operation> &parts)
     return array;
 }
 
+// What could not be done, for want of room or of memory, is still the next that is read.
+template <typename Act>
+bool whole_or_not(row_reader &rows, Act act)
+{
+    const auto before = rows.here();
+    try {
+        if (act())
+            return true;
+    } catch (const std::bad_alloc &) {
+        rows.go_to(before);
+        throw;
+    }
+    rows.go_to(before);
+    return false;
+}
+
 // A glob that the keys of a record type match, and some others whose names go on.
 std::string glob_of(const std::string &name) { return name + '*'; }
 
@@ -436,7 +452,7 @@ void redis_line::fire(steady::time_point now)
     }
     asked.finish = [this, lockers = lockers_](const redis_outcome &done) {
         firing_ = false;
-        if (done.code == QZ_MOM_OK && !identity_.starts_with(done.more.substr(0, done.more.find(' ')) + ' '))
+        if (done.code == QZ_MOM_OK && done.more.substr(0, done.more.find(' ')) != epoch_)
             return lose("the store was emptied");
         fire_at_ = steady::now() + (done.text == "more" ? 0ms : FIRE_INTERVAL);
         take_tokens(lockers, done);
@@ -494,17 +510,15 @@ void redis_line::step()
 
 void redis_line::greet(const redis_address &to)
 {
-    if (!to.password.empty()) {
-        commands_.send(to.user.empty() ? redis_words{"AUTH", to.password} : redis_words{"AUTH", to.user, to.password});
-        ++greetings_;
-    }
+    greetings_ += commands_.send_name(to);
     commands_.send({"SELECT", std::to_string(db_)});
     ++greetings_;
     feed_.greet(to);
     if (to.master_only)
         commands_.send({"ROLE"}), ++greetings_;
     commands_.send({"FUNCTION", "LOAD", "REPLACE", REDIS_LIBRARY});
-    commands_.send({"FCALL", REDIS_FUNCTION, "0", "hello", std::to_string(db_), client_name_, "0", "0"});
+    commands_.send({"FCALL", REDIS_FUNCTION, "0", "hello", std::to_string(db_), client_name_, "0", "0", life_,
+                    std::to_string(std::max(answered_, feed_.position()))});
     greetings_ += 2;
 }
 
@@ -526,13 +540,15 @@ void redis_line::take_greeting(const redisReply &reply)
 void redis_line::serve(const redisReply &hello)
 {
     const auto *position = element(&hello, 0);
-    const auto *identity = element(&hello, 1);
-    if (position == nullptr || identity == nullptr)
+    const auto *verdict = element(&hello, 1);
+    const auto *names = element(&hello, 2);
+    if (position == nullptr || verdict == nullptr || names == nullptr)
         return lose("the greeting was not understood");
-    const bool first = identity_.empty();
+    const bool first = life_.empty();
     const uint64_t now_at = number_of(text_of(*position));
-    const bool goes_on = identity_ == text_of(*identity) && now_at >= feed_.position();
-    identity_ = text_of(*identity);
+    const std::string_view both = text_of(*names);
+    epoch_ = both.substr(0, both.find(' '));
+    life_ = both.substr(std::min(epoch_.size() + 1, both.size()));
     state_ = state::up;
     up_since_ = steady::now();
     for (call &each : under_way_)
@@ -540,7 +556,7 @@ void redis_line::serve(const redisReply &hello)
     if (first) {
         feed_.go_to(now_at);
         told_ = now_at;
-    } else if (!goes_on) {
+    } else if (text_of(*verdict) != "on") {
         for (held &each : held_)
             each.position = 0;
         answered_ = now_at;
@@ -702,11 +718,10 @@ void redis_line::restart_at(uint64_t position)
     look_for_lost_marks();
 }
 
-// Tells of the next row. False when one who would hear of it has no room: then the row is still the next one.
+// Tells of the next row. False when one who would hear of it has no room.
 bool redis_line::tell_next(log_entry &entry)
 {
     row_reader &rows = entry.rows;
-    const auto before = rows.here();
     const std::string_view command = rows.text();
     const std::string_view key = rows.text();
     if (command == "f" || command == "l") {
@@ -724,10 +739,7 @@ bool redis_line::tell_next(log_entry &entry)
     int32_t cmd = static_cast<int32_t>(number_of(command));
     if (entry.as_sent)
         cmd = command == "s" ? QZ_MOM_CMD_SET : written.find(',') == written.npos ? QZ_MOM_CMD_HSET : QZ_MOM_CMD_HMSET;
-    if (tell(cmd, key, written, entry))
-        return true;
-    rows.go_to(before);
-    return false;
+    return tell(cmd, key, written, entry);
 }
 
 void redis_line::note_written(followed &in, std::string_view written) const
@@ -760,7 +772,7 @@ bool redis_line::tell(int32_t cmd, std::string_view key, std::string_view writte
     const auto what = entry.told->add({db_, cmd, 0, key, written.empty() ? nullptr : in.names, body});
     deliveries out;
     subscriptions_.address(what, in.numbers, office_, out);
-    if (!office_.room_for(out) && !office_.nothing_waits(out)) {
+    if (!has_room(out)) {
         entry.told->take_back();
         return false;
     }
@@ -785,6 +797,12 @@ void redis_line::tell_all()
 {
     stalled_ = false;
     while (true) {
+        if (page_ != nullptr) {
+            stalled_ = !take_rows();
+            if (stalled_)
+                return;
+            continue;
+        }
         if (!held_.empty() && held_.front().position <= told_) {
             const auto act = std::move(held_.front().act);
             held_.pop_front();
@@ -795,10 +813,9 @@ void redis_line::tell_all()
             return;
         log_entry &entry = feed_.front();
         while (!entry.rows.at_end()) {
-            if (!tell_next(entry)) {
-                stalled_ = true;
+            stalled_ = !whole_or_not(entry.rows, [&] { return tell_next(entry); });
+            if (stalled_)
                 return;
-            }
         }
         if (entry.rows.broken())
             log_foreign("mom:log");
@@ -865,61 +882,88 @@ void redis_line::take_page(const std::string &name, uint64_t number, const redis
     }
     if (page.text != "0")
         next_page(name, number, page.text);
-    row_reader rows(page.more);
-    while (!rows.at_end()) {
-        const std::string_view key = rows.text();
-        auto body = rows.nested_body();
-        if (record_name(key) != name)
-            continue;
-        if (body == nullptr)
-            log_foreign(std::string(key).c_str());
-        else
-            take_row(at->second, key, std::move(body));
-    }
-    if (rows.broken())
-        return lose("a page of records was not understood");
-    if (page.text == "0")
-        finish_load(name);
+    page_ = std::make_unique<record_page>(name, number, page.text == "0", page.more);
 }
 
-// A record as it is. Told when it is not as it was known.
-void redis_line::take_row(followed &in, std::string_view key, std::shared_ptr<const content> body)
+// False: one who would hear of what is left of the page has no room for it.
+bool redis_line::take_rows()
 {
-    if (auto *known = in.records.find(key); known != nullptr && *known->body == *body) {
-        known->seen = in.loading;
-        return;
+    record_page &page = *page_;
+    const auto at = followed_.find(page.name);
+    if (at == followed_.end() || at->second.loading != page.load) {
+        page_.reset();
+        return true;
     }
-    in.records.put(key, body).seen = in.loading;
-    if (!in.again)
-        return;  // the first load: nobody has missed it
-    const int32_t cmd = body->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
-    // Any field may have been written meanwhile; one that is at its default again does not show in the record.
-    const auto numbers = data_numbers(*in.type);
-    auto names = std::make_shared<std::string>(names_of(*in.type, numbers));
-    const auto what = make_change({db_, cmd, 0, key, std::move(names), std::move(body)});
+    while (!page.rows.at_end()) {
+        if (!whole_or_not(page.rows, [&] { return take_row(at->second); }))
+            return false;
+    }
+    if (page.rows.broken()) {
+        page_.reset();
+        lose("a page of records was not understood");
+        return true;
+    }
+    if (page.is_last && !sweep(at->second))
+        return false;
+    if (std::exchange(page_, nullptr)->is_last)
+        finish_load(at->second);
+    return true;
+}
+
+// A record as it is. Who has missed changes is told of each, also when it is as it was known: it may have been written
+// anew, as who asks once more for what he has does, and waits for his answer.
+bool redis_line::take_row(followed &in)
+{
+    const std::string_view key = page_->rows.text();
+    auto body = page_->rows.nested_body();
+    if (record_name(key) != page_->name)
+        return true;
+    if (body == nullptr) {
+        log_foreign(std::string(key).c_str());
+        return true;
+    }
     deliveries out;
-    subscriptions_.address(what, numbers, office_, out);
+    if (in.again) {
+        const int32_t cmd = body->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
+        // Any field may have been written meanwhile; one that is at its default again does not show in the record.
+        const auto numbers = data_numbers(*in.type);
+        auto names = std::make_shared<std::string>(names_of(*in.type, numbers));
+        subscriptions_.address(make_change({db_, cmd, 0, key, std::move(names), body}), numbers, office_, out);
+    }
+    if (!has_room(out))
+        return false;
+    in.records.put(key, std::move(body)).seen = in.loading;
     office_.send(out);
+    return true;
 }
 
-void redis_line::finish_load(const std::string &name)
+// What no page has shown is gone.
+bool redis_line::sweep(followed &in)
 {
-    followed &in = followed_[name];
-    for (size_t i = 0; i < in.records.slots(); ++i) {
-        auto &record = in.records.slot(i);
+    for (size_t &at = page_->next_slot; at < in.records.slots(); ++at) {
+        auto &record = in.records.slot(at);
         if (record.body == nullptr || record.seen == in.loading)
             continue;
         deliveries out;
         subscriptions_.address(make_change({db_, QZ_MOM_CMD_DEL, 0, record.key, {}, record.body}), {}, office_, out);
+        if (!has_room(out))
+            return false;
         office_.send(out);
         in.records.erase(record);
     }
+    return true;
+}
+
+bool redis_line::has_room(const deliveries &out) const { return office_.room_for(out) || office_.nothing_waits(out); }
+
+void redis_line::finish_load(followed &in)
+{
     in.loading = 0;
     in.loaded = true;
     in.again = false;
     for (const auto &each : std::exchange(in.scans, {}))
         start_scan(in, each);
-    drop_unused(name);
+    drop_unused(in.type->name);
     for (const auto &act : std::exchange(after_loads_, {}))
         act();
 }

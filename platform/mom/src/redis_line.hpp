@@ -2,13 +2,14 @@
 // what is heard from there (redis_feed.hpp), and a replica of the tables that are followed.
 //
 // Order. The server numbers what happens in a database: each call that changes something adds one entry to its log, and
-// each answer says how far the log had come. What an answer leads to waits until the log has been heard up to there. So everything is told in the order in which it happened. Who
-// follows nothing does not hear the log: the answers alone say how far it is.
+// each answer says how far the log had come. What an answer leads to waits until the log has been heard up to there. So
+// everything is told in the order in which it happened. Who follows nothing does not hear the log: the answers alone
+// say how far it is.
 //
 // Losses. Calls that are under way when a connection breaks are made again; the server remembers the last one of each
 // client and does none twice. The log goes on where it was left. When entries are missing (the log is kept at a bounded
-// length, the data may be gone) the followed tables are read anew and compared with the replica: what differs is told
-// as changed, what is missing as removed, with the content that it last had.
+// length, the data may be gone) the followed tables are read anew: what is there is told as changed, what is missing as
+// removed, with the content that it last had.
 //
 // All of it happens with the office's mutex, on whatever thread.
 #ifndef MOM_REDIS_LINE_HPP
@@ -18,6 +19,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -133,6 +135,23 @@ class redis_line
         std::vector<std::weak_ptr<replica_scan>> running;  // scans that read the replica
     };
 
+    // A page of records, taken in row by row.
+    struct record_page {
+        record_page(const std::string &of, uint64_t number, bool last, std::string_view array)
+            : name(of), load(number), is_last(last), bytes(array), rows(bytes)
+        {
+        }
+        record_page(const record_page &) = delete;
+        record_page &operator=(const record_page &) = delete;
+
+        const std::string name;
+        const uint64_t load;
+        const bool is_last;
+        const std::string bytes;
+        row_reader rows;
+        size_t next_slot = 0;  // of the replica, when what is gone is looked for
+    };
+
     template <typename News>
     void post(client &to, News what);
 
@@ -165,8 +184,11 @@ class redis_line
     void load(const std::string &name);
     void next_page(const std::string &name, uint64_t number, const std::string &cursor);
     void take_page(const std::string &name, uint64_t number, const redis_outcome &page);
-    void take_row(followed &in, std::string_view key, std::shared_ptr<const content> body);
-    void finish_load(const std::string &name);
+    bool take_rows();
+    bool take_row(followed &in);
+    bool sweep(followed &in);
+    bool has_room(const deliveries &out) const;
+    void finish_load(followed &in);
     void activate(std::vector<subscription> &&added);
     void start_scan(followed &in, const waiting_scan &scan);
     void scan_ended(const replica_scan &scan, const std::string &name);
@@ -200,7 +222,8 @@ class redis_line
     std::deque<call> under_way_;
     uint64_t last_call_ = 0;
 
-    std::string identity_;   // of the log: epoch and server
+    std::string epoch_;      // of the log
+    std::string life_;       // of the log: while it is the same, a position means the same entry
     uint64_t told_ = 0;      // changes up to here are told
     uint64_t answered_ = 0;  // the newest position that an answer has named
     std::deque<held> held_;
@@ -208,6 +231,7 @@ class redis_line
 
     std::map<std::string, followed, std::less<>> followed_;
     uint64_t last_load_ = 0;
+    std::unique_ptr<record_page> page_;  // nothing else is told before all of it is
     std::vector<std::function<void()>> after_loads_;
     std::vector<std::weak_ptr<client>> lockers_;  // handles that have asked for a lock
     struct waiting_mark {

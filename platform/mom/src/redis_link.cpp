@@ -174,6 +174,14 @@ void redis_link::send(const redis_words &words)
     unsent_.append("*").append(std::to_string(words.count())).append("\r\n").append(words.encoded());
 }
 
+bool redis_link::send_name(const redis_address &to)
+{
+    if (to.password.empty())
+        return false;
+    send(to.user.empty() ? redis_words{"AUTH", to.password} : redis_words{"AUTH", to.user, to.password});
+    return true;
+}
+
 redis_reply redis_link::next(bool &broken)
 {
     void *reply = nullptr;

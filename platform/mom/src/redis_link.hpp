@@ -109,6 +109,8 @@ class redis_link
     // Takes in what the set has seen. False: the connection is lost.
     bool step();
     void send(const redis_words &words);
+    // Says who we are there, where that is asked for: true, and a reply will come.
+    bool send_name(const redis_address &to);
     // Writes what was sent as far as the socket takes it. False: the connection is lost.
     bool flush();
     // The next reply that has come, or null. Sets `broken` when what came is no reply.

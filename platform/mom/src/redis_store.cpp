@@ -416,7 +416,7 @@ bool redis_store::talk(bool listen) noexcept
 // It connects: what comes next is for the store's thread to do.
 bool redis_store::is_on_the_way(served_database &each) { return each.line.is_connecting() || each.guide.is_asking(); }
 
-void redis_store::between_calls_of(const qz_thread_master &) noexcept { talk(false); }
+void redis_store::all_made() noexcept { talk(false); }
 
 void redis_store::run()
 {

@@ -48,7 +48,7 @@ class redis_store : public store,
     int32_t lock(client &from, uint32_t db, const std::string &name, const lock_news &news) override;
 
     // With the mutex, on a master's thread that has made its calls.
-    void between_calls_of(const qz_thread_master &master) noexcept override;
+    void all_made() noexcept override;
     // On the thread of the master that reads: something has come.
     void run() override;
     void retry() noexcept override {}

@@ -14,6 +14,8 @@
 --                    cursor     of a walk over these fields, a step whenever a client comes, which forgets clients that
 --                               have had no call for ten minutes
 --   mom:epoch      drawn when the log begins; another one means that the data was lost
+--   mom:lives      the last lives of the log, oldest first, each its name and the position at which it began: a life is the
+--                  time for which one server gives the positions
 --   mom:marks      sorted set: key of a marked record, time at which its mark fires (microseconds)
 --   mom:calls      hash: key of a marked record -> number of the expiry call that marked it
 --   mom:lock:NAME  token of the holder of a lock; runs out when nobody renews it
@@ -33,6 +35,7 @@
 -- has under way, and what follows. Every answer begins with a position: once the log has been read up to there it is known what came before the answer.
 
 local LOG_ENTRIES = 4096
+local LIVES = 64
 local LOCK_MILLISECONDS = 1500
 local RECORD_BATCH = 500 -- as many fit a call of unpack
 local CLIENT_SECONDS = 600
@@ -302,6 +305,7 @@ end
 local function new_epoch()
     local epoch = client .. '-' .. string.format('%.0f', now())
     call('SET', 'mom:epoch', epoch)
+    call('DEL', 'mom:lives')
     return epoch
 end
 
@@ -449,18 +453,53 @@ end
 
 local function channel() return 'mom:log:' .. database end
 
--- Which log it is. A server that was a replica meanwhile may have taken over another one, of the same epoch, under
--- numbers that it had given already: whenever it becomes a master again it begins a new replication history.
+-- A server that was restarted may have come back without the end of its data, and one that has become a master may never
+-- have had it: what was lost is not known, but what it has is where the lives before it ended. A server that is a master
+-- once more has a new replication history.
+local function life_of_this_server(epoch)
+    local run = string.match(call('INFO', 'server'), 'run_id:(%w+)')
+    local history = string.match(call('INFO', 'replication'), 'master_replid:(%w+)')
+    return redis.sha1hex(epoch .. run .. history)
+end
+
+local function lives_until(newest)
+    local kept = pcall('GET', 'mom:lives')
+    local lives = {}
+    for name, start in string.gmatch(type(kept) == 'string' and kept or '', '(%S+) (%d+)') do
+        lives[#lives + 1] = {name = name, start = tonumber(start)}
+    end
+    if #lives == 0 or lives[#lives].name ~= newest then
+        lives[#lives + 1] = {name = newest, start = position}
+        local texts = {}
+        for i = math.max(1, #lives - LIVES + 1), #lives do
+            texts[#texts + 1] = lives[i].name .. ' ' .. string.format('%.0f', lives[i].start)
+        end
+        call('SET', 'mom:lives', table.concat(texts, ' '))
+    end
+    return lives
+end
+
+-- Whether the log still has all that was heard of it, up to `at`, in that life.
+local function leads_on(lives, life, at)
+    local last = position
+    for i = #lives, 1, -1 do
+        if lives[i].name == life then
+            return at <= last
+        end
+        last = lives[i].start
+    end
+    return false
+end
+
+-- ARGV 6: the life in which the client heard the log last. 7: up to where. Answers whether the log leads on from there,
+-- the epoch, and the life that it is in now.
 function verbs.hello()
     call('PUBLISH', channel(), '0') -- says nothing; a user who may not do so is refused here, and not after a write
     forget_clients()
-    local epoch = call('GET', 'mom:epoch')
-    if not epoch then
-        epoch = new_epoch()
-    end
-    local run = string.match(call('INFO', 'server'), 'run_id:(%w+)')
-    local history = string.match(call('INFO', 'replication'), 'master_replid:(%w+)')
-    return epoch .. ' ' .. run .. ' ' .. history
+    local epoch = call('GET', 'mom:epoch') or new_epoch()
+    local life = life_of_this_server(epoch)
+    local lives = lives_until(life)
+    return leads_on(lives, ARGV[6], tonumber(ARGV[7])) and 'on' or 'anew', epoch .. ' ' .. life
 end
 
 -- ---- the call ------------------------------------------------------------------------------------------------------
