@@ -9,7 +9,7 @@ set -eu
 packages_of() {
     case $1 in
     build) echo 'g++ cmake ninja-build pkg-config libprotobuf-c-dev protobuf-c-compiler libuv1-dev libspdlog-dev' \
-        'libhiredis-dev libsystemd-dev nlohmann-json3-dev libcli11-dev' ;;
+        'libhiredis-dev nlohmann-json3-dev libcli11-dev' ;;
     test) echo 'libgtest-dev libgmock-dev redis-server' ;;
     bench) echo 'libbenchmark-dev libabsl-dev redis-server' ;;
     lint) echo 'clang clang-format clang-tidy libclang-rt-14-dev shellcheck' ;;

@@ -1,7 +1,6 @@
 // ebridged, the program: the allocator service in the foreground on a message store.
 #include <signal.h>
 #include <syslog.h>
-#include <systemd/sd-daemon.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -9,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "notify.hpp"
 #include "standby.hpp"
 
 namespace
@@ -96,7 +96,7 @@ class reporter : public ebridged::standby::observer
   private:
     void tell(const char *manager, const char *line)
     {
-        sd_notify(0, manager);
+        ebridged::notify_manager(manager);
         log_line(EBRIDGED_LOG_INFO, line, given_);
     }
 

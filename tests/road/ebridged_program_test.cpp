@@ -198,29 +198,52 @@ TEST(EbridgedProgram, StepsDownWhenItWasStoppedForTooLong)
     EXPECT_EQ(run({EXAMPLE_PROGRAM, redis.url()}).status, 0);
 }
 
-TEST(EbridgedProgram, TellsTheServiceManagerWhereItStands)
+// What a service manager that listens there is told from the start to the end.
+std::vector<std::string> told_at(const std::string &place)
 {
     const support::redis_server redis;
-    const temporary_file place("");
-    const std::string path = place.folder() + "/notify";
     const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un name{};
     name.sun_family = AF_UNIX;
-    path.copy(name.sun_path, sizeof name.sun_path - 1);
-    ASSERT_EQ(0, bind(manager, reinterpret_cast<const sockaddr *>(&name), sizeof name));
-    child service({"/usr/bin/env", "NOTIFY_SOCKET=" + path, EBRIDGED_PROGRAM, "--store", redis.url()});
-    ASSERT_TRUE(service.wait_for_error_text("serving, "));
+    place.copy(name.sun_path, sizeof name.sun_path - 1);
+    if (place[0] == '@')
+        name.sun_path[0] = '\0';
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + place.size());
+    EXPECT_EQ(0, bind(manager, reinterpret_cast<const sockaddr *>(&name), size));
+    child service({"/usr/bin/env", "NOTIFY_SOCKET=" + place, EBRIDGED_PROGRAM, "--store", redis.url()});
+    EXPECT_TRUE(service.wait_for_error_text("serving, "));
     service.signal(SIGTERM);
     EXPECT_EQ(service.finish().status, 0);
     std::vector<std::string> told;
     char text[256];
-    for (ssize_t size = 0; (size = recv(manager, text, sizeof text, MSG_DONTWAIT)) > 0;)
-        told.emplace_back(text, static_cast<size_t>(size));
+    for (ssize_t got = 0; (got = recv(manager, text, sizeof text, MSG_DONTWAIT)) > 0;)
+        told.emplace_back(text, static_cast<size_t>(got));
     close(manager);
-    ASSERT_GE(told.size(), 3u);
-    EXPECT_EQ(told.front(), "STATUS=Waiting for the store");
-    EXPECT_EQ(told[told.size() - 2], "READY=1\nSTATUS=Serving");
-    EXPECT_EQ(told.back(), "STOPPING=1");
+    return told;
+}
+
+TEST(EbridgedProgram, TellsTheServiceManagerWhereItStands)
+{
+    const temporary_file place("");
+    for (const std::string &name : {place.folder() + "/notify", "@ebridge-test-" + std::to_string(getpid())}) {
+        const auto told = told_at(name);
+        ASSERT_GE(told.size(), 3u) << name;
+        EXPECT_EQ(told.front(), "STATUS=Waiting for the store");
+        EXPECT_EQ(told[told.size() - 2], "READY=1\nSTATUS=Serving");
+        EXPECT_EQ(told.back(), "STOPPING=1");
+    }
+}
+
+TEST(EbridgedProgram, ServesAlsoWhenTheServiceManagerCannotBeTold)
+{
+    const support::redis_server redis;
+    for (const std::string &name :
+         {std::string("relative"), '/' + std::string(300, 'x'), std::string("/nowhere/socket")}) {
+        child service({"/usr/bin/env", "NOTIFY_SOCKET=" + name, EBRIDGED_PROGRAM, "--store", redis.url()});
+        EXPECT_TRUE(service.wait_for_error_text("serving, ")) << name;
+        service.signal(SIGTERM);
+        EXPECT_EQ(service.finish().status, 0);
+    }
 }
 
 TEST(EbridgeRun, AStoreThatIsNotThereIsOneLineAndStatus3)
