@@ -52,6 +52,8 @@ class ProcessFault : public FaultWorld
         for (int i = 0; i < times; ++i) {
             wait_for_grants(grants() + draw(piece / 4, piece));
             fault();
+            if (HasFatalFailure())
+                return;
         }
         wait_until_idle();
     }

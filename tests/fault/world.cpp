@@ -125,7 +125,8 @@ process &FaultWorld::start_service()
     const std::string file = place("service" + std::to_string(services_.size() + 1));
     services_.push_back(std::make_unique<process>(std::vector<std::string>{EBRIDGED_PROGRAM, "--store", url_}, file));
     process &made = *services_.back();
-    if (!wait_until([&] { return made.count("serving, ") + made.count("standing by") > 0; }))
+    const char *const sign = services_.size() == 1 ? "serving, " : "standing by";
+    if (!wait_until([&] { return made.count(sign) > 0; }))
         throw std::runtime_error("the allocator does not start: " + made.words());
     return made;
 }

@@ -33,7 +33,7 @@ class FaultWorld : public testing::Test
     // The store's URL for processes that are started from here on.
     void connect_through(const std::string &url) { url_ = url; }
 
-    // An allocator, which serves or stands by.
+    // An allocator: the first one serves when this returns, the others stand by.
     process &start_service();
     // A user; again under the same name after its process was killed.
     process &start_user(const std::string &name, scope of);
