@@ -4,7 +4,7 @@
 # The presets in CMakePresets.json are what these targets use; call cmake and ctest yourself for the other compilers and
 # the sanitizers.
 .DEFAULT_GOAL := help
-.PHONY: build demo test bench lint format clean help
+.PHONY: build demo test arm bench lint format clean help
 
 # More for cmake's first step, for example: make test CONFIGURE=-DCMAKE_BUILD_TYPE=Debug
 CONFIGURE ?=
@@ -24,6 +24,12 @@ test: ## build everything with its tests and run them
 	@cmake --build build --parallel $(JOBS)
 	@ctest --test-dir build --output-on-failure --no-tests=error --no-label-summary --parallel $(JOBS)
 
+arm: ## cross-build everything for 32-bit ARM and run its tests under an emulator
+	@sh cmake/packages.sh build test arm
+	@mkdir -p build-arm && cmake --preset arm >build-arm/configure.log 2>&1 || { cat build-arm/configure.log >&2; exit 1; }
+	@cmake --build --preset arm --parallel $(JOBS)
+	@ctest --preset arm --no-label-summary --parallel $(JOBS)
+
 bench: ## build and run the benchmarks
 	@sh cmake/packages.sh build bench
 	@sh cmake/configure.sh -DEBRIDGE_BENCH=ON $(CONFIGURE)
@@ -42,7 +48,7 @@ format: ## rewrite our sources in the project's format
 	@sh cmake/sources.sh c | xargs clang-format -i
 
 clean: ## remove every build folder
-	rm -rf build build-clang build-asan build-tsan
+	rm -rf build build-clang build-asan build-tsan build-arm
 
 help: ## this list
 	@awk -F ':.*## ' '/^[a-z]+:.*## /{printf "make %-8s %s\n", $$1, $$2}' Makefile

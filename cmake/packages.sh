@@ -1,5 +1,5 @@
 #!/bin/sh
-# packages.sh LIST...: makes sure that the packages of the named lists (build, test, bench, lint) are installed.
+# packages.sh LIST...: makes sure that the packages of the named lists (build, test, bench, lint, arm) are installed.
 #
 # On Debian 12 what is missing is installed with apt-get, after one line that says so. On another system, or without the
 # right to install, what is missing is printed and the status is 2. When nothing is missing nothing is said and nothing
@@ -12,6 +12,8 @@ packages_of() {
         'libhiredis-dev nlohmann-json3-dev libcli11-dev' ;;
     test) echo 'libgtest-dev libgmock-dev redis-server' ;;
     bench) echo 'libbenchmark-dev libabsl-dev redis-server' ;;
+    arm) echo 'g++-arm-linux-gnueabihf qemu-user-static libprotobuf-c-dev:armhf libuv1-dev:armhf' \
+        'libspdlog-dev:armhf libhiredis-dev:armhf libgtest-dev:armhf libgmock-dev:armhf' ;;
     lint) echo 'clang clang-format clang-tidy libclang-rt-14-dev shellcheck' ;;
     *) echo "packages.sh: no list '$1'" >&2; exit 2 ;;
     esac
@@ -66,6 +68,9 @@ apt() {
     # shellcheck disable=SC2086
     $as_root env DEBIAN_FRONTEND=noninteractive apt-get -q -y -o DPkg::Lock::Timeout=300 "$@" >>"$log" 2>&1
 }
+case $missing in
+*:armhf*) $as_root dpkg --add-architecture armhf ;;
+esac
 # A package list that cannot be refreshed may still do; when it does not, the log says why.
 # None of the packages above starts a service. A list that comes to name a server has to keep it from being started.
 # shellcheck disable=SC2086

@@ -18,7 +18,7 @@ void service_log::operator()(ebridged_log_level level, const char *format, ...) 
     va_end(args);
     // Names come from other programs: what they contain must not end a line or move a terminal's cursor.
     std::replace_if(
-        line, line + std::strlen(line), [](char c) { return (c >= 0 && c < ' ') || c == 0x7f; }, '?');
+        line, line + std::strlen(line), [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
     if (func_)
         func_(level, line, args_);
     else if (level == EBRIDGED_LOG_ERROR)

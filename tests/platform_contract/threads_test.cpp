@@ -166,7 +166,7 @@ TEST(ThreadsContract, HandlesOpenAndCloseWhileOthersWrite)
 
 TEST(ThreadsContractDeathTest, CheckedCallOnAnotherThreadThanTheMastersAborts)
 {
-    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    testing::GTEST_FLAG(death_test_style) = EBRIDGE_DEATH_TEST_STYLE;
     setenv("QZ_THREAD_CHECK", "1", 1);
     EXPECT_DEATH(
         {

@@ -314,7 +314,8 @@ TEST_F(StoreContract, NoticesWithoutKeyAreOneRecordEach)
     settle();
     ASSERT_EQ(1u, hears.changes().size());
     EXPECT_EQ("u_bridge.vlan_end", hears.changes()[0].key);
-    EXPECT_EQ(UINT64_MAX, reinterpret_cast<const UBridge__VlanEnd &>(*hears.changes()[0].record).timestamp);
+    const void *heard = hears.changes()[0].record.get();
+    EXPECT_EQ(UINT64_MAX, static_cast<const UBridge__VlanEnd *>(heard)->timestamp);
     EXPECT_EQ(0, qz_mom_del(writer, app_db, &notice.base, nullptr, nullptr));
     settle();
     EXPECT_EQ(1u, hears.count(QZ_MOM_CMD_DEL));

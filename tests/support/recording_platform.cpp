@@ -154,6 +154,13 @@ std::string quoted(const char *text)
 
 std::string fields_of(const ProtobufCMessage *message);
 
+// What stands there in a record.
+template <typename Value>
+const Value &value_at(const char *place)
+{
+    return *static_cast<const Value *>(static_cast<const void *>(place));
+}
+
 // One value of a field; empty when it is at its default.
 std::string value_text(const ProtobufCFieldDescriptor &field, const char *at)
 {
@@ -163,29 +170,29 @@ std::string value_text(const ProtobufCFieldDescriptor &field, const char *at)
         case PROTOBUF_C_TYPE_SINT32:
         case PROTOBUF_C_TYPE_SFIXED32:
         case PROTOBUF_C_TYPE_ENUM:
-            return number(*reinterpret_cast<const int32_t *>(at));
+            return number(value_at<int32_t>(at));
         case PROTOBUF_C_TYPE_UINT32:
         case PROTOBUF_C_TYPE_FIXED32:
-            return number(*reinterpret_cast<const uint32_t *>(at));
+            return number(value_at<uint32_t>(at));
         case PROTOBUF_C_TYPE_INT64:
         case PROTOBUF_C_TYPE_SINT64:
         case PROTOBUF_C_TYPE_SFIXED64:
-            return number(*reinterpret_cast<const int64_t *>(at));
+            return number(value_at<int64_t>(at));
         case PROTOBUF_C_TYPE_UINT64:
         case PROTOBUF_C_TYPE_FIXED64:
-            return number(*reinterpret_cast<const uint64_t *>(at));
+            return number(value_at<uint64_t>(at));
         case PROTOBUF_C_TYPE_FLOAT:
-            return number(*reinterpret_cast<const float *>(at));
+            return number(value_at<float>(at));
         case PROTOBUF_C_TYPE_DOUBLE:
-            return number(*reinterpret_cast<const double *>(at));
+            return number(value_at<double>(at));
         case PROTOBUF_C_TYPE_BOOL:
-            return *reinterpret_cast<const protobuf_c_boolean *>(at) ? "1" : "";
+            return value_at<protobuf_c_boolean>(at) ? "1" : "";
         case PROTOBUF_C_TYPE_STRING: {
-            const char *text = *reinterpret_cast<const char *const *>(at);
+            const char *text = value_at<char *>(at);
             return text && *text ? quoted(text) : "";
         }
         case PROTOBUF_C_TYPE_BYTES: {
-            const auto *bytes = reinterpret_cast<const ProtobufCBinaryData *>(at);
+            const auto *bytes = &value_at<ProtobufCBinaryData>(at);
             std::string out;
             for (size_t i = 0; i < bytes->len; ++i) {
                 char pair[3];
@@ -195,7 +202,7 @@ std::string value_text(const ProtobufCFieldDescriptor &field, const char *at)
             return out;
         }
         case PROTOBUF_C_TYPE_MESSAGE: {
-            const auto *message = *reinterpret_cast<const ProtobufCMessage *const *>(at);
+            const auto *message = value_at<ProtobufCMessage *>(at);
             return message ? "{" + fields_of(message) + "}" : "";
         }
     }
@@ -226,8 +233,8 @@ size_t element_size(const ProtobufCFieldDescriptor &field)
 
 std::string list_text(const ProtobufCFieldDescriptor &field, const char *base)
 {
-    const size_t count = *reinterpret_cast<const size_t *>(base + field.quantifier_offset);
-    const char *elements = *reinterpret_cast<const char *const *>(base + field.offset);
+    const size_t count = value_at<size_t>(base + field.quantifier_offset);
+    const char *elements = value_at<char *>(base + field.offset);
     if (count == 0)
         return {};
     std::string out = "[";
@@ -245,7 +252,7 @@ std::string fields_of(const ProtobufCMessage *message)
     for (unsigned i = 0; i < message->descriptor->n_fields; ++i) {
         const auto &field = message->descriptor->fields[i];
         const bool of_oneof = (field.flags & PROTOBUF_C_FIELD_FLAG_ONEOF) != 0;
-        if (of_oneof && *reinterpret_cast<const uint32_t *>(base + field.quantifier_offset) != field.id)
+        if (of_oneof && value_at<uint32_t>(base + field.quantifier_offset) != field.id)
             continue;
         const std::string value =
             field.label == PROTOBUF_C_LABEL_REPEATED ? list_text(field, base) : value_text(field, base + field.offset);

@@ -213,15 +213,20 @@ constexpr uint32_t DEFAULT_BUCKETS = 1365;
 constexpr uintptr_t POISON_NEXT = 0x00100100;
 constexpr uintptr_t POISON_PREV = 0x00200200;
 
+sw_switch_hash_node *node_around(sw_list_head *link, size_t offset)
+{
+    void *node = reinterpret_cast<char *>(link) - offset;
+    return static_cast<sw_switch_hash_node *>(node);
+}
+
 sw_switch_hash_node *node_of_bucket_link(sw_list_head *link)
 {
-    return reinterpret_cast<sw_switch_hash_node *>(reinterpret_cast<char *>(link) -
-                                                   offsetof(sw_switch_hash_node, bucket));
+    return node_around(link, offsetof(sw_switch_hash_node, bucket));
 }
 
 sw_switch_hash_node *node_of_all_link(sw_list_head *link)
 {
-    return reinterpret_cast<sw_switch_hash_node *>(reinterpret_cast<char *>(link) - offsetof(sw_switch_hash_node, all));
+    return node_around(link, offsetof(sw_switch_hash_node, all));
 }
 
 uint32_t bucket_of(const sw_switch_hash *table, const void *item_or_key)

@@ -281,7 +281,7 @@ TEST(RecordDefaults, StringsAreTheSharedEmptyString)
     unsigned strings = 0;
     for (const auto *message : all_messages) {
         const auto memory = std::make_unique<std::byte[]>(message->sizeof_message);
-        auto *record = reinterpret_cast<ProtobufCMessage *>(memory.get());
+        auto *record = static_cast<ProtobufCMessage *>(static_cast<void *>(memory.get()));
         protobuf_c_message_init(message, record);
         for (unsigned i = 0; i < message->n_fields; ++i) {
             const ProtobufCFieldDescriptor &field = message->fields[i];
