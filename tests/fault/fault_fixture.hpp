@@ -2,6 +2,8 @@
 // what the follower has been told adds up to what the store holds.
 #pragma once
 
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -80,6 +82,22 @@ class FaultTest : public StoreTest
     void run_until_events(const std::vector<int32_t> &wanted)
     {
         run_until([&] { return events == wanted; });
+    }
+
+    // As if another client had made these calls while the server was away from this one.
+    static void change_behind_the_back(const std::vector<std::vector<std::string>> &calls)
+    {
+        namespace fs = std::filesystem;
+        for (const auto &each : fs::directory_iterator(store_server().folder() + "/appendonlydir")) {
+            if (each.path().string().find(".incr.aof") == std::string::npos)
+                continue;
+            std::ofstream file(each.path(), std::ios::app | std::ios::binary);
+            for (const auto &words : calls) {
+                file << '*' << words.size() << "\r\n";
+                for (const auto &word : words)
+                    file << '$' << word.size() << "\r\n" << word << "\r\n";
+            }
+        }
     }
 
     // What the follower must take the table for, by what it has been told.

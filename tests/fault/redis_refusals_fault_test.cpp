@@ -44,22 +44,6 @@ class RedisRefusals : public FaultTest
             pass_time(100);
         expect_view_equals_store();
     }
-
-    // As if another client had made these calls while the server was away from this one.
-    static void change_behind_the_back(const std::vector<std::vector<std::string>> &calls)
-    {
-        namespace fs = std::filesystem;
-        for (const auto &each : fs::directory_iterator(store_server().folder() + "/appendonlydir")) {
-            if (each.path().string().find(".incr.aof") == std::string::npos)
-                continue;
-            std::ofstream file(each.path(), std::ios::app | std::ios::binary);
-            for (const auto &words : calls) {
-                file << '*' << words.size() << "\r\n";
-                for (const auto &word : words)
-                    file << '$' << word.size() << "\r\n" << word << "\r\n";
-            }
-        }
-    }
 };
 
 TEST_F(RedisRefusals, AnEmptiedStoreIsNoticedAlsoWhenItIsWrittenAtOnce)

@@ -56,7 +56,7 @@ class change_block : public std::enable_shared_from_this<change_block>
         return {shared_from_this(), &changes_.back()};
     }
     // Takes back the newest, which nobody holds.
-    void take_back()
+    void take_back() noexcept
     {
         texts_.resize(texts_.size() - 1 - changes_.back().key.size());
         changes_.pop_back();

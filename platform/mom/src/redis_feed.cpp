@@ -116,8 +116,8 @@ void redis_feed::take_push(std::string_view entry)
         behind_ = true;
         return;
     }
-    position_ = position;
     entries_.emplace_back(position, rest.substr(1), rest.front() == 's');
+    position_ = position;
 }
 
 void redis_feed::go_to(uint64_t position)
@@ -157,8 +157,8 @@ uint64_t redis_feed::take_fetched(const redisReply &reply)
             go_to(position - 1);
             lost = position - 1;
         }
-        position_ = position;
         entries_.emplace_back(position, text_of(*array), is_word(kind, "sent"));
+        position_ = position;
     }
     if (reply.elements == 0 && known_ > position_) {
         go_to(known_);

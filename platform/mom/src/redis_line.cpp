@@ -140,6 +140,41 @@ bool whole_or_not(row_reader &rows, Act act)
     return false;
 }
 
+// The newest change of a block, taken back when it was not told after all.
+class newest_told
+{
+  public:
+    newest_told(change_block &block, change &&what) : made(block.add(std::move(what))), block_(&block) {}
+    ~newest_told()
+    {
+        made.reset();
+        if (block_ != nullptr)
+            block_->take_back();
+    }
+    newest_told(const newest_told &) = delete;
+    newest_told &operator=(const newest_told &) = delete;
+    void keep() { block_ = nullptr; }
+
+    change_ptr made;
+
+  private:
+    change_block *block_;
+};
+
+// Acts on the first of them and takes it off. Without memory it stays.
+template <typename Item, typename Act>
+void take_first(std::list<Item> &from, Act act)
+{
+    std::list<Item> taken;
+    taken.splice(taken.begin(), from, from.begin());
+    try {
+        act(taken.front());
+    } catch (const std::bad_alloc &) {
+        from.splice(from.begin(), taken);
+        throw;
+    }
+}
+
 // A glob that the keys of a record type match, and some others whose names go on.
 std::string glob_of(const std::string &name) { return name + '*'; }
 
@@ -268,19 +303,21 @@ int32_t redis_line::follow(std::vector<subscription> &&added)
         const std::string name = shared->front().pattern.type().name;
         followed &in = followed_[name];
         in.type = &shared->front().pattern.type();
-        activate(std::move(*shared));
         if (!in.loaded && in.loading == 0)
             load(name);
+        activate(*shared);
     };
     return put(std::move(asked));
 }
 
-void redis_line::activate(std::vector<subscription> &&added)
+void redis_line::activate(std::vector<subscription> added)
 {
-    const auto first = added.front();
-    subscriptions_.add(db_, std::move(added));
+    const subscription &first = added.front();
     auto what = make_change({db_, QZ_MOM_CMD_SUBSCRIBED, 0, first.pattern.text(), {}, nullptr});
-    post(*first.owner, message{std::move(what), first.to, nullptr, first.field});
+    deliveries out;
+    out.push_back({first.owner, message{std::move(what), first.to, nullptr, first.field}});
+    subscriptions_.add(db_, std::move(added));
+    office_.send(out);
 }
 
 int32_t redis_line::unfollow(client &from, const target &of, const receiver &to)
@@ -290,9 +327,9 @@ int32_t redis_line::unfollow(client &from, const target &of, const receiver &to)
         const auto owner = office_.attached(who);
         if (!owner)
             return;
-        subscriptions_.remove(db_, *owner, of.keys, to);
         auto what = make_change({db_, QZ_MOM_CMD_UNSUBSCRIBED, 0, of.keys.text(), {}, nullptr});
         post(*owner, message{std::move(what), to});
+        subscriptions_.remove(db_, *owner, of.keys, to);
         drop_unused(of.keys.type().name);
     };
     return put(std::move(asked));
@@ -307,9 +344,9 @@ int32_t redis_line::scan(client &from, const target &of, const receiver &to)
         in.type = &wanted.of.keys.type();
         if (in.loaded && in.loading == 0)
             return start_scan(in, wanted);
-        in.scans.push_back(wanted);
         if (in.loading == 0)
             load(name);
+        in.scans.push_back(wanted);
     };
     return put(std::move(asked));
 }
@@ -476,8 +513,14 @@ void redis_line::take_tokens(const std::vector<std::weak_ptr<client>> &asked, co
         wanted.given = token == "-" ? std::string() : token;
         // All that was written before the lock was given is told first.
         if (!wanted.given.empty())
-            held_.push_back({fired.position, [this, who, token] { tell_given(who, token); }});
+            held_.push_back(
+                {fired.position, [this, who, token](const redis_outcome &) { tell_given(who, token); }, {}});
     }
+}
+
+bool redis_line::is_loading() const
+{
+    return std::ranges::any_of(followed_, [](const auto &each) { return each.second.loading != 0; });
 }
 
 // While tables are read anew, not all of it is told yet.
@@ -486,7 +529,7 @@ void redis_line::tell_given(const std::weak_ptr<client> &who, const std::string 
     const auto holder = office_.attached(who);
     if (holder == nullptr || holder->locks.at(db_).given != token)
         return;  // closed, or lost again
-    if (std::ranges::any_of(followed_, [](const auto &each) { return each.second.loading != 0; }))
+    if (is_loading())
         after_loads_.push_back([this, who, token] { tell_given(who, token); });
     else
         tell_lock(*holder, token);
@@ -494,10 +537,10 @@ void redis_line::tell_given(const std::weak_ptr<client> &who, const std::string 
 
 void redis_line::tell_lock(client &to, const std::string &token)
 {
-    to.locks.at(db_).announced = !token.empty();
     lock_news news = to.locks.at(db_).news;
     news.token = token;
     post(to, std::move(news));
+    to.locks.at(db_).announced = !token.empty();
 }
 
 void redis_line::step()
@@ -544,16 +587,14 @@ void redis_line::serve(const redisReply &hello)
     const auto *names = element(&hello, 2);
     if (position == nullptr || verdict == nullptr || names == nullptr)
         return lose("the greeting was not understood");
-    const bool first = life_.empty();
     const uint64_t now_at = number_of(text_of(*position));
     const std::string_view both = text_of(*names);
-    epoch_ = both.substr(0, both.find(' '));
-    life_ = both.substr(std::min(epoch_.size() + 1, both.size()));
+    const size_t space = std::min(both.find(' '), both.size());
     state_ = state::up;
     up_since_ = steady::now();
     for (call &each : under_way_)
         transmit(each);
-    if (first) {
+    if (life_.empty()) {
         feed_.go_to(now_at);
         told_ = now_at;
     } else if (text_of(*verdict) != "on") {
@@ -562,7 +603,14 @@ void redis_line::serve(const redisReply &hello)
         answered_ = now_at;
         feed_.go_to(now_at);
         restart_at(now_at);
+    } else {
+        answered_ = std::max(answered_, now_at);
+        load_again();
+        look_for_lost_marks();
     }
+    epoch_ = both.substr(0, space);
+    life_ =
+        both.substr(std::min(space + 1, both.size()));  // last: without memory for all this, the server says it again
     if (was_up_)
         report(QZ_MOM_RECONNECT_DONE);
     was_up_ = true;
@@ -611,27 +659,41 @@ bool redis_line::may_send() const
     return under_way_.empty() || !is_write(queue_.front()) || queue_.size() >= ENOUGH_FOR_A_CALL;
 }
 
+// What goes next, in one call. Without memory it is still in the queue.
+std::list<redis_line::call> redis_line::next_call(steady::time_point now)
+{
+    const redis_operation &first = queue_.front();
+    // What only asks for the position stands in a call without writes: a call has one position.
+    const bool changes = changes_something(first);
+    size_t count = 1;
+    const auto joins = [&](const redis_operation &each) {
+        return is_write(each) && changes_something(each) == changes;
+    };
+    while (is_write(first) && count < std::min(MAX_WRITES, queue_.size()) && joins(queue_[count]))
+        ++count;
+    std::list<call> made(1);
+    call &next = made.front();
+    next.parts.reserve(count);
+    if (first.what == redis_operation::kind::mark && first.to.cb != nullptr)
+        marks_.emplace(client_name_ + ':' + std::to_string(last_call_ + 1),
+                       waiting_mark{first.owner, first.end, first.to});
+
+    next.sent = now;
+    if (changes)
+        next.number = ++last_call_;
+    for (; count != 0; --count) {
+        next.awaited = next.awaited || (queue_.front().finish && !queue_.front().at_once);
+        next.parts.push_back(std::move(queue_.front()));
+        queue_.pop_front();
+    }
+    return made;
+}
+
 void redis_line::send_queued(steady::time_point now)
 {
     while (may_send() && !queue_.empty()) {
-        call made;
-        made.sent = now;
-        // What only asks for the position stands in a call without writes: a call has one position.
-        const bool changes = changes_something(queue_.front());
-        do {
-            made.awaited = made.awaited || (queue_.front().finish && !queue_.front().at_once);
-            made.parts.push_back(std::move(queue_.front()));
-            queue_.pop_front();
-        } while (is_write(made.parts.front()) && !queue_.empty() && is_write(queue_.front()) &&
-                 changes_something(queue_.front()) == changes && made.parts.size() < MAX_WRITES);
-        if (changes)
-            made.number = ++last_call_;
-        const redis_operation &first = made.parts.front();
-        if (first.what == redis_operation::kind::mark && first.to.cb != nullptr)
-            marks_.emplace(client_name_ + ':' + std::to_string(made.number),
-                           waiting_mark{first.owner, first.end, first.to});
-        transmit(made);
-        under_way_.push_back(std::move(made));
+        under_way_.splice(under_way_.end(), next_call(now));
+        transmit(under_way_.back());
     }
 }
 
@@ -643,20 +705,25 @@ void redis_line::conclude(redis_operation &part, redis_outcome &&outcome)
     } else if (part.at_once) {
         part.finish(outcome);
     } else {
-        held_.push_back(
-            {outcome.position, [act = std::move(part.finish), outcome = std::move(outcome)] { act(outcome); }});
+        held &kept = held_.emplace_back();
+        kept.position = outcome.position;
+        kept.finish = std::move(part.finish);
+        kept.outcome = std::move(outcome);
     }
 }
 
-void redis_line::answered(call &&made, const redisReply &reply)
+// It stays under way, and is made again.
+bool redis_line::is_refused_for_now(const call &made, const redisReply &reply)
+{
+    return reply.type == REDIS_REPLY_ERROR &&
+           (passes(text_of(reply)) || made.parts.front().what == redis_operation::kind::fetch);
+}
+
+void redis_line::answered(call &made, const redisReply &reply)
 {
     redis_outcome outcome;
     std::string_view letters;
     if (reply.type == REDIS_REPLY_ERROR) {
-        if (passes(text_of(reply)) || made.parts.front().what == redis_operation::kind::fetch) {
-            under_way_.push_front(std::move(made));
-            return lose(std::string(text_of(reply)).c_str());
-        }
         log_failure(("database " + std::to_string(db_) + ": " + std::string(text_of(reply))).c_str());
         outcome.code = QZ_MOM_EDOWN;
         outcome.position = told_;
@@ -769,20 +836,19 @@ bool redis_line::tell(int32_t cmd, std::string_view key, std::string_view writte
     note_written(in, written);
     if (entry.told == nullptr)
         entry.told = std::make_shared<change_block>(entry.bytes.size());
-    const auto what = entry.told->add({db_, cmd, 0, key, written.empty() ? nullptr : in.names, body});
+    newest_told what(*entry.told, {db_, cmd, 0, key, written.empty() ? nullptr : in.names, body});
     deliveries out;
-    subscriptions_.address(what, in.numbers, office_, out);
-    if (!has_room(out)) {
-        entry.told->take_back();
+    subscriptions_.address(what.made, in.numbers, office_, out);
+    if (!has_room(out))
         return false;
-    }
-    office_.send(out);
     if (cmd == QZ_MOM_CMD_DEL || cmd == QZ_MOM_CMD_EXPIRED) {
         if (auto *known = in.records.find(key))
             in.records.erase(*known);
     } else {
         in.records.put(key, body).seen = in.loading;
     }
+    office_.send(out);
+    what.keep();
     return true;
 }
 
@@ -803,10 +869,12 @@ void redis_line::tell_all()
                 return;
             continue;
         }
+        if (!after_loads_.empty() && !is_loading()) {
+            take_first(after_loads_, [](const auto &act) { act(); });
+            continue;
+        }
         if (!held_.empty() && held_.front().position <= told_) {
-            const auto act = std::move(held_.front().act);
-            held_.pop_front();
-            act();
+            take_first(held_, [](const held &each) { each.finish(each.outcome); });
             continue;
         }
         if (feed_.is_empty() || !may_tell(feed_.front().position))
@@ -838,18 +906,24 @@ void redis_line::end_of_mark(const std::string &id, int32_t error)
     marks_.erase(at);
 }
 
-// The ends of expiry calls may have been among what was not read.
+// The ends of expiry calls may have been among what was not read, and marks among what a server has lost: they make no
+// entry of the log.
 void redis_line::look_for_lost_marks()
 {
-    for (const auto &[id, mark] : marks_) {
+    for (auto &[id, mark] : marks_) {
+        if (mark.looked_for)
+            continue;
         redis_operation asked;
         asked.what = redis_operation::kind::lost_mark;
         asked.words = {id};
         asked.finish = [this, id = id](const redis_outcome &found) {
             if (found.text == "gone")
                 end_of_mark(id, QZ_MOM_OK);
+            else if (const auto at = marks_.find(id); at != marks_.end())
+                at->second.looked_for = false;
         };
         queue_.push_back(std::move(asked));
+        mark.looked_for = true;
     }
 }
 
@@ -857,9 +931,17 @@ void redis_line::look_for_lost_marks()
 
 void redis_line::load(const std::string &name)
 {
-    followed &in = followed_[name];
-    in.loading = ++last_load_;
-    next_page(name, in.loading, "0");
+    next_page(name, last_load_ + 1, "0");
+    followed_[name].loading = ++last_load_;
+}
+
+// A cursor means nothing to another server.
+void redis_line::load_again()
+{
+    for (const auto &[name, in] : followed_) {
+        if (in.loading != 0)
+            load(name);
+    }
 }
 
 void redis_line::next_page(const std::string &name, uint64_t number, const std::string &cursor)
@@ -905,8 +987,9 @@ bool redis_line::take_rows()
     }
     if (page.is_last && !sweep(at->second))
         return false;
-    if (std::exchange(page_, nullptr)->is_last)
+    if (page.is_last)
         finish_load(at->second);
+    page_.reset();
     return true;
 }
 
@@ -958,14 +1041,14 @@ bool redis_line::has_room(const deliveries &out) const { return office_.room_for
 
 void redis_line::finish_load(followed &in)
 {
+    while (!in.scans.empty()) {
+        start_scan(in, in.scans.front());
+        in.scans.erase(in.scans.begin());
+    }
     in.loading = 0;
     in.loaded = true;
     in.again = false;
-    for (const auto &each : std::exchange(in.scans, {}))
-        start_scan(in, each);
     drop_unused(in.type->name);
-    for (const auto &act : std::exchange(after_loads_, {}))
-        act();
 }
 
 // Nobody who follows anything waits for the log: what the newest answers lead to is done at once.
@@ -992,9 +1075,9 @@ void redis_line::work(steady::time_point now)
         if (greetings_ > 0) {
             take_greeting(*reply);
         } else if (!under_way_.empty()) {
-            call made = std::move(under_way_.front());
-            under_way_.pop_front();
-            answered(std::move(made), *reply);
+            if (is_refused_for_now(under_way_.front(), *reply))
+                return lose(std::string(text_of(*reply)).c_str());
+            take_first(under_way_, [&](call &made) { answered(made, *reply); });
         }
     }
     tell_all();

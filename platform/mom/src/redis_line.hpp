@@ -18,6 +18,7 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <random>
@@ -114,8 +115,9 @@ class redis_line
         bool awaited = false;  // its answer has a place in the order of what is told
     };
     struct held {
-        uint64_t position;
-        std::function<void()> act;
+        uint64_t position = 0;
+        std::function<void(const redis_outcome &)> finish;
+        redis_outcome outcome;
     };
     struct waiting_scan {
         std::weak_ptr<client> from;
@@ -159,13 +161,15 @@ class redis_line
     void take_greeting(const redisReply &reply);
     void serve(const redisReply &hello);
     void transmit(call &made);
+    std::list<call> next_call(steady::time_point now);
     void send_queued(steady::time_point now);
     void fire(steady::time_point now);
     void take_tokens(const std::vector<std::weak_ptr<client>> &asked, const redis_outcome &fired);
     void tell_given(const std::weak_ptr<client> &who, const std::string &token);
     void tell_lock(client &to, const std::string &token);
     void ask_at_once(redis_operation &&operation, steady::time_point now);
-    void answered(call &&made, const redisReply &reply);
+    static bool is_refused_for_now(const call &made, const redisReply &reply);
+    void answered(call &made, const redisReply &reply);
     void conclude(redis_operation &part, redis_outcome &&outcome);
 
     bool needs_log() const { return !followed_.empty() || !marks_.empty(); }
@@ -182,6 +186,8 @@ class redis_line
     void look_for_lost_marks();
 
     void load(const std::string &name);
+    void load_again();
+    bool is_loading() const;
     void next_page(const std::string &name, uint64_t number, const std::string &cursor);
     void take_page(const std::string &name, uint64_t number, const redis_outcome &page);
     bool take_rows();
@@ -189,7 +195,7 @@ class redis_line
     bool sweep(followed &in);
     bool has_room(const deliveries &out) const;
     void finish_load(followed &in);
-    void activate(std::vector<subscription> &&added);
+    void activate(std::vector<subscription> added);
     void start_scan(followed &in, const waiting_scan &scan);
     void scan_ended(const replica_scan &scan, const std::string &name);
     bool is_used(const std::string &name, followed &in);
@@ -219,25 +225,26 @@ class redis_line
     std::minstd_rand random_;
 
     std::deque<redis_operation> queue_;
-    std::deque<call> under_way_;
+    std::list<call> under_way_;
     uint64_t last_call_ = 0;
 
     std::string epoch_;      // of the log
     std::string life_;       // of the log: while it is the same, a position means the same entry
     uint64_t told_ = 0;      // changes up to here are told
     uint64_t answered_ = 0;  // the newest position that an answer has named
-    std::deque<held> held_;
+    std::list<held> held_;
     bool stalled_ = false;
 
     std::map<std::string, followed, std::less<>> followed_;
     uint64_t last_load_ = 0;
-    std::unique_ptr<record_page> page_;  // nothing else is told before all of it is
-    std::vector<std::function<void()>> after_loads_;
-    std::vector<std::weak_ptr<client>> lockers_;  // handles that have asked for a lock
+    std::unique_ptr<record_page> page_;             // nothing else is told before all of it is
+    std::list<std::function<void()>> after_loads_;  // what waits until no table is being loaded
+    std::vector<std::weak_ptr<client>> lockers_;    // handles that have asked for a lock
     struct waiting_mark {
         std::weak_ptr<client> owner;
         change_ptr end;
         receiver to;
+        bool looked_for = false;  // the server is being asked whether it still has it
     };
     std::map<std::string, waiting_mark> marks_;  // expiry calls whose end has not come, by number
 };

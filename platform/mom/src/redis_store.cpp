@@ -242,10 +242,10 @@ std::function<void(const redis_outcome &)> redis_store::answer_to(client &from, 
         const auto owner = office_->attached(who);
         if (owner == nullptr)
             return;
-        if (end == QZ_MOM_END_NONE)
-            --owner->owed;
         deliveries out;
         out.push_back({owner.get(), message{answer(at, end, done.code), to}});
+        if (end == QZ_MOM_END_NONE)
+            --owner->owed;
         office_->send(out);
     };
 }

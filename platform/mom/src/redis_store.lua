@@ -15,7 +15,7 @@
 --                               have had no call for ten minutes
 --   mom:epoch      drawn when the log begins; another one means that the data was lost
 --   mom:lives      the last lives of the log, oldest first, each its name and the position at which it began: a life is the
---                  time for which one server gives the positions
+--                  time for which one server gives the positions, under one name of its replication history
 --   mom:marks      sorted set: key of a marked record, time at which its mark fires (microseconds)
 --   mom:calls      hash: key of a marked record -> number of the expiry call that marked it
 --   mom:lock:NAME  token of the holder of a lock; runs out when nobody renews it

@@ -1,0 +1,97 @@
+// What a loss leaves half done: a table that was being read, marks that the server has not kept, news that waited.
+#include "fault_fixture.hpp"
+
+namespace contract
+{
+namespace
+{
+
+const std::vector<int32_t> TWICE_LOST_AND_BACK{QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE, QZ_MOM_RECONNECT_ERROR,
+                                               QZ_MOM_RECONNECT_DONE};
+
+struct lock_ear {
+    std::vector<int32_t> all;
+
+    static int32_t hear(qz_mom_handle *, uint32_t, int32_t held, void *self)
+    {
+        static_cast<lock_ear *>(self)->all.push_back(held);
+        return 0;
+    }
+};
+
+// Puts so many sessions into the store at once, past the log.
+void fill_store(int32_t count)
+{
+    store_server().commands(app_db, "EVAL \"for i = 1, " + std::to_string(count) +
+                                        " do redis.call('HSET', 'u_bridge.evlan_session:app:32:' .. i, '8', '@' .. "
+                                        "string.char(1)) end\" 0");
+}
+
+using RedisLoss = FaultTest;
+
+// The place that it had come to means nothing to a server that was started anew.
+TEST_F(RedisLoss, ATableThatWasBeingReadIsReadFromItsBeginning)
+{
+    constexpr int32_t COUNT = 8000;
+    for (int32_t i = 1; i <= COUNT; ++i)
+        write(numbered(i));
+    settle();
+    EXPECT_EQ(0, qz_mom_set_queue_limits(reader, 10, 20, 40));
+    store_server().kill();
+    run_until_events({QZ_MOM_RECONNECT_ERROR});
+    change_behind_the_back({{"SELECT", "4"}, {"DEL", "mom:lives"}});
+    store_server().start();
+    told.all.clear();
+    run_until([&] { return told.changes().size() > 100; });
+    store_server().kill();
+    run_until([&] { return events.size() == 3; });
+    store_server().start();
+    run_until_events(TWICE_LOST_AND_BACK);
+    EXPECT_EQ(static_cast<size_t>(COUNT), scan(writer, any_session()).size());
+    run_until([&] { return view().size() == COUNT; });
+    EXPECT_EQ(0u, told.count(QZ_MOM_CMD_DEL));
+}
+
+// A mark is no entry of the log: that it is gone does not show in the log's position.
+TEST_F(RedisLoss, AnExpiryCallWhoseMarksTheServerHasNotKeptEnds)
+{
+    write(numbered(1));
+    write(numbered(2));
+    settle();
+    wait_for_answers();
+    store_server().commands(app_db, "CONFIG SET appendonly no");
+    listener expired;
+    EXPECT_EQ(0, expire(writer, any_session(), QZ_MOM_EXPIRE_PATTERN, {1, 0}, expired));
+    pass_time(300);
+    store_server().kill();
+    store_server().start();
+    run_until_events({QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE});
+    run_until([&] { return expired.ends(QZ_MOM_END_EXPIRY) == 1; });
+    EXPECT_EQ(2u, view().size());
+}
+
+// That a lock is held is told when no table is being read any more.
+TEST_F(RedisLoss, ALockIsToldOfAlsoWhenTheTableThatWasBeingReadIsLetGo)
+{
+    close(reader);
+    close(writer);
+    fill_store(60'000);
+    const std::string url = other_url_of_the_same(url_);
+    for (int round = 0; round < 3; ++round) {
+        qz_mom_handle *holder = open(url);
+        qz_mom_handle *follower = open(url);
+        listener follows;
+        lock_ear ear;
+        EXPECT_EQ(0, follow(follower, any_session(), follows));
+        EXPECT_EQ(0, qz_mom_lock(holder, app_db, "service", lock_ear::hear, &ear));
+        run_until([&] { return follows.count(QZ_MOM_CMD_SUBSCRIBED) == 1; });
+        pass_time(5 * round);
+        close(follower);
+        run_until([&] { return !ear.all.empty(); });
+        EXPECT_EQ(std::vector<int32_t>{1}, ear.all);
+        close(holder);
+    }
+}
+
+}  // namespace
+}  // namespace contract

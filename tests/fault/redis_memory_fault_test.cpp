@@ -1,0 +1,82 @@
+// The Redis store without memory: operator new fails on demand, for this program and the libraries that it loads.
+#include <array>
+
+#include "failing_new.hpp"
+#include "fault_fixture.hpp"
+
+namespace contract
+{
+namespace
+{
+
+class RedisMemory : public FaultTest
+{
+  protected:
+    // Runs the master for a while with no more than so many allocations.
+    void run_with(int64_t allowed, int milliseconds)
+    {
+        const auto stop = [](void *master) { qz_thread_stop(static_cast<qz_thread_master *>(master)); };
+        ASSERT_EQ(0, qz_thread_call_after(master_, milliseconds * 1000, stop, master_));
+        allocations_left = allowed;
+        qz_thread_run(master_);
+        allocations_left = -1;
+    }
+};
+
+TEST_F(RedisMemory, AScanEndsWithAllThatIsThere)
+{
+    constexpr int32_t COUNT = 2000;
+    for (int32_t i = 1; i <= COUNT; ++i)
+        write(numbered(i));
+    settle();
+    for (int64_t allowed = 20; allowed < 2500; allowed = allowed * 3 / 2) {
+        qz_mom_handle *stranger = open(other_url_of_the_same(url_));
+        pass_time(100);
+        listener found;
+        const session_record any(any_session());
+        ASSERT_EQ(0, qz_mom_scan(stranger, app_db, any.message(), 0, listener::hear, &found));
+        run_with(allowed, 15);
+        run_until([&] { return found.ends(QZ_MOM_END_SCAN) == 1; });
+        EXPECT_EQ(static_cast<size_t>(COUNT), found.changes().size()) << allowed;
+        close(stranger);
+    }
+}
+
+// How often each key was told of, counted without memory.
+struct counting {
+    std::array<uint32_t, 1024> of{};
+
+    static int32_t hear(qz_mom_handle *, const qz_mom_notification *msg, void *self)
+    {
+        if (msg->cmd == QZ_MOM_CMD_HMSET) {
+            const auto &record = *static_cast<const UBridge__EvlanSession *>(
+                static_cast<const void *>(static_cast<const qz_mom_hash_value *>(msg->value)->record));
+            ++static_cast<counting *>(self)->of.at(static_cast<size_t>(record.index->keyid));
+        }
+        return 0;
+    }
+};
+
+TEST_F(RedisMemory, EachChangeIsToldOnce)
+{
+    close(reader);
+    followed other(other_url_of_the_same(url_));
+    counting counts;
+    const session_record any(any_session());
+    ASSERT_EQ(0, qz_mom_subscribe(writer, app_db, any.message(), 0, counting::hear, &counts));
+    settle();
+    int32_t key = 0;
+    for (int64_t allowed = 0; allowed < 400 && !HasFailure(); allowed += 7) {
+        for (int i = 0; i < 8; ++i)
+            other.write(numbered(++key));
+        run_with(allowed, 25);
+        run_until([&] { return counts.of.at(static_cast<size_t>(key)) > 0; });
+        wait_for_answers();
+        settle();
+        for (int32_t each = key - 7; each <= key; ++each)
+            EXPECT_EQ(1u, counts.of.at(static_cast<size_t>(each))) << each << " with " << allowed;
+    }
+}
+
+}  // namespace
+}  // namespace contract
