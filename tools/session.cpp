@@ -231,7 +231,7 @@ void session::wake_at(int64_t time)
     if (wake_time_ > now && wake_time_ <= time)
         return;
     wake_time_ = time;
-    qz_thread_call_after(master_, time - now, on_wake, this);
+    qz_thread_call_after(master_, std::max<int64_t>(time - now, 0), on_wake, this);  // it may have passed meanwhile
 }
 
 void session::on_wake(void *self) { qz_thread_stop(static_cast<session *>(self)->master_); }

@@ -196,6 +196,20 @@ TEST(EbridgeRun, HelpTeachesByExampleAndNamesTheStatuses)
     EXPECT_EQ(ebridge({"--help"}).status, 0);
 }
 
+// The time may have passed before anybody waits for it.
+TEST(EbridgeRun, TheShortestPatienceEndsToo)
+{
+    ebridge_tool::switch_config config;
+    std::string error;
+    ASSERT_TRUE(ebridge_tool::parse_config("file", THREE_MAPS, &config, &error));
+    for (int i = 0; i < 100; ++i) {
+        ebridge_tool::run_result result;
+        const bool ran =
+            ebridge_tool::run_config(config, {.patience_usec = 1 + i % 20, .serve = false}, &result, &error);
+        EXPECT_TRUE(ran ? !result.all_equal() : !error.empty());
+    }
+}
+
 TEST(EbridgeRun, WithoutAnAllocatorEveryRequestIsUnanswered)
 {
     ebridge_tool::switch_config config;
