@@ -908,6 +908,17 @@ TEST(ThreadIdentity, EveryThreadIsTheMastersWhileNobodyRunsIt)
     EXPECT_EQ(1, qz_thread_is_master_thread(master.get()));
 }
 
+// A timer may become due between the look at the clock and the sleep.
+TEST(Timers, ThatAreDueAlmostAtOnceFire)
+{
+    const auto master = make_master(QZ_THREAD_CLOCK_REAL);
+    const auto stop = [](void *of) { qz_thread_stop(static_cast<qz_thread_master *>(of)); };
+    for (int64_t i = 0; i < 1000; ++i) {
+        ASSERT_EQ(0, qz_thread_call_after(master.get(), i % 40, stop, master.get()));
+        ASSERT_EQ(0, qz_thread_run(master.get()));
+    }
+}
+
 TEST(ThreadCheckDeathTest, AbortsWithTheCallAndBothThreads)
 {
     const auto check_on_other_thread = [] {

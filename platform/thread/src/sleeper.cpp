@@ -1,4 +1,4 @@
-// Waiting on libuv; see sleeper.hpp. The handles' own callbacks do nothing: the master looks at its agenda afterwards.
+// Waiting on libuv; see sleeper.hpp. The handles' own callbacks do no work: the master looks at its agenda afterwards.
 #include "sleeper.hpp"
 
 #include <fcntl.h>
@@ -96,8 +96,10 @@ void sleeper::sleep_until(int64_t due)
         // time.
         const int64_t wait = due - monotonic_now();
         uv_update_time(&loop_);
+        // The loop runs timers before it waits, too, and after one that is due by then it would wait for ever.
         uv_timer_start(
-            &timer_, [](uv_timer_t *) {}, wait > 0 ? static_cast<uint64_t>((wait - 1) / 1000 + 1) : 0, 0);
+            &timer_, [](uv_timer_t *timer) { uv_stop(timer->loop); },
+            wait > 0 ? static_cast<uint64_t>((wait - 1) / 1000 + 1) : 0, 0);
     }
     uv_run(&loop_, UV_RUN_ONCE);
     find_readable();
