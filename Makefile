@@ -4,7 +4,7 @@
 # The presets in CMakePresets.json are what these targets use; call cmake and ctest yourself for the other compilers and
 # the sanitizers.
 .DEFAULT_GOAL := help
-.PHONY: build demo test arm bench lint format clean help
+.PHONY: build demo test arm packages bench lint format clean help
 
 # More for cmake's first step, for example: make test CONFIGURE=-DCMAKE_BUILD_TYPE=Debug
 CONFIGURE ?=
@@ -19,16 +19,25 @@ demo: build ## bring up a sample switch on the embedded store and show what beca
 	@build/bin/ebridge run --dump examples/leaf.json
 
 test: ## build everything with its tests and run them
-	@sh cmake/packages.sh build test
+	@sh cmake/packages.sh build test package
 	@sh cmake/configure.sh -DEBRIDGE_TESTS=ON $(CONFIGURE)
 	@cmake --build build --parallel $(JOBS)
 	@ctest --test-dir build --output-on-failure --no-tests=error --no-label-summary --parallel $(JOBS)
 
 arm: ## cross-build everything for 32-bit ARM and run its tests under an emulator
-	@sh cmake/packages.sh build test arm
-	@mkdir -p build-arm && cmake --preset arm >build-arm/configure.log 2>&1 || { cat build-arm/configure.log >&2; exit 1; }
+	@sh cmake/packages.sh build test arm package
+	@PRESET=arm sh cmake/configure.sh -DEBRIDGE_TESTS=ON
 	@cmake --build --preset arm --parallel $(JOBS)
 	@ctest --preset arm --no-label-summary --parallel $(JOBS)
+
+packages: ## Debian packages in build/packages, for this machine and for 32-bit ARM, tried in an empty root
+	@sh cmake/packages.sh build arm package
+	@sh cmake/configure.sh $(CONFIGURE)
+	@PRESET=arm sh cmake/configure.sh
+	@rm -rf build/packages
+	@set -e; for folder in build build-arm; do \
+	  cmake --build $$folder --parallel $(JOBS); sh packaging/build.sh $$folder build/packages; done
+	@sh packaging/try.sh packages build/packages "$(CURDIR)"
 
 bench: ## build and run the benchmarks
 	@sh cmake/packages.sh build bench

@@ -1,5 +1,6 @@
 #!/bin/sh
-# packages.sh LIST...: makes sure that the packages of the named lists (build, test, bench, lint, arm) are installed.
+# packages.sh LIST...: makes sure that the packages of the named lists (build, test, bench, lint, arm, package) are
+# installed.
 #
 # On Debian 12 what is missing is installed with apt-get, after one line that says so. On another system, or without the
 # right to install, what is missing is printed and the status is 2. When nothing is missing nothing is said and nothing
@@ -15,6 +16,7 @@ packages_of() {
     arm) echo 'g++-arm-linux-gnueabihf qemu-user-static libprotobuf-c-dev:armhf libuv1-dev:armhf' \
         'libspdlog-dev:armhf libhiredis-dev:armhf libgtest-dev:armhf libgmock-dev:armhf' ;;
     lint) echo 'clang clang-format clang-tidy libclang-rt-14-dev shellcheck' ;;
+    package) echo 'dpkg-dev fakeroot file' ;;
     *) echo "packages.sh: no list '$1'" >&2; exit 2 ;;
     esac
 }

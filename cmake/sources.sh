@@ -12,7 +12,7 @@ done
 # shellcheck disable=SC2086
 case $1 in
 c) find $rooms -type f \( -name '*.c' -o -name '*.h' -o -name '*.cpp' -o -name '*.hpp' \) ;;
-shell) find $rooms -type f \( -name '*.sh' -o -path '.ci/*' \) ;;
+shell) find $rooms -type f \( -name '*.sh' -o -path '.ci/*' -o -path 'packaging/debian/*' \) ;;
 build)
     find $rooms -type f \( -name CMakeLists.txt -o -name '*.cmake' -o -name '*.proto' -o -name '*.inc' \)
     find . -maxdepth 1 \( -name CMakeLists.txt -o -name Makefile \) | sed 's,^\./,,'
