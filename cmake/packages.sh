@@ -22,7 +22,13 @@ packages_of() {
 }
 
 is_installed() {
-    [ "$(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+    # Where packages of two architectures stand side by side, a plain name asks for this machine's own.
+    case $1 in
+    *:*) architecture=${1#*:} ;;
+    *) architecture="all|$(dpkg --print-architecture 2>/dev/null)" ;;
+    esac
+    dpkg-query --show --showformat='${Architecture} ${db:Status-Status}\n' "$1" 2>/dev/null |
+        grep -qxE "($architecture) installed"
 }
 
 is_debian_12() {
