@@ -1,5 +1,6 @@
 // Arguments of a connection request: made by the connect step, owned by the connected callback. Shared by the data
-// connection (libsw_ebridge.cpp) and the congestion connection (libsw_ebridge_congest.cpp).
+// connection (libsw_ebridge.cpp) and the congestion connection (libsw_ebridge_congest.cpp). And of a subscription, which
+// the data connection makes.
 #pragma once
 
 #include "logging.hpp"
@@ -12,6 +13,13 @@ struct list_args {
     char user_name[SW_EBRIDGE_NAME_SIZE];
     uint32_t db_flags;              // flag of the connection's database
     uint32_t subscribing_flags[8];  // subscriptions expected in this cycle, bit p in word p / 32
+};
+
+// What a subscription carries until it is confirmed.
+struct subscribing_args {
+    uint32_t bit;            // its bit in the flags
+    list_args *list;         // a copy of its own, with all that the cycle expects
+    subscribing_args *next;  // in the list of unconfirmed ones
 };
 
 inline constexpr uint32_t kAppDbFlag = 0x1000000;  // database 4

@@ -1,7 +1,7 @@
 // The keyed caches: open-addressing sets of record pointers, keyed by the first bytes of the record.
 //
 // Four layers, each small: `keyed_cache` is the memory and its rules, on bytes; `keyed_table` adds what depends on the
-// key's length (find, insert, remove); `key_length` says which records are cached and by which key; `family` is the
+// key's length (find, insert, remove); `record_key` says which records are cached and by which key; `family` is the
 // array of tables of one record type that libsw_ebridge_hash.cpp exports under the family's name.
 //
 // A bucket is live, deleted or empty (two flag bits). Bucket counts are powers of two, probing is triangular and ends
@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #include "lookup2.hpp"
 #include "sw_ebridge.h"
@@ -253,26 +254,65 @@ struct keyed_table {
 
 // ---- which records, by which key ------------------------------------------------------------------------------------
 
+template <class Record, class Field>
+constexpr size_t size_of_field(Field Record::*)
+{
+    return sizeof(Field);
+}
+
+template <class Record, class Field>
+constexpr bool equal_as_bytes(Field Record::*)
+{
+    return std::has_unique_object_representations_v<Field>;
+}
+
+// A key: the first `Length` bytes of a record, which are its `Fields` and nothing else. Keys are hashed and compared as
+// bytes, so equal ones must have equal bytes: a key with padding, in a field or between two, does not compile.
+template <size_t Length, auto... Fields>
+struct key_of_fields {
+    static_assert((equal_as_bytes(Fields) && ...), "a field of the key has padding, or equal values of unequal bytes");
+    static_assert((size_of_field(Fields) + ...) == Length, "the key has bytes that belong to none of its fields");
+    static constexpr size_t length = Length;
+};
+
 #define SW_END_OF(record, member) (offsetof(record, member) + sizeof(record::member))
 
-// Length of the key at the start of a record. The map items of evlans and eports differ by one key word: an eport's
+// The key at the start of a cached record. The map items of evlans and eports differ by one key word: an eport's
 // application key has two ids.
 template <class Record>
-inline constexpr size_t key_length = 0;
+struct record_key;
 template <>
-inline constexpr size_t key_length<sw_ebridge_list_item> = SW_END_OF(sw_ebridge_list_item, user_name);
+struct record_key<sw_ebridge_list_item>
+    : key_of_fields<SW_END_OF(sw_ebridge_list_item, user_name), &sw_ebridge_list_item::user_name> {
+};
 template <>
-inline constexpr size_t key_length<sw_evlan_attr> = SW_END_OF(sw_evlan_attr, evlan_id);
+struct record_key<sw_evlan_attr>
+    : key_of_fields<SW_END_OF(sw_evlan_attr, evlan_id), &sw_evlan_attr::user_name, &sw_evlan_attr::evlan_id> {
+};
 template <>
-inline constexpr size_t key_length<sw_eport_attr> = SW_END_OF(sw_eport_attr, eport_id);
+struct record_key<sw_eport_attr>
+    : key_of_fields<SW_END_OF(sw_eport_attr, eport_id), &sw_eport_attr::user_name, &sw_eport_attr::eport_id> {
+};
 template <>
-inline constexpr size_t key_length<sw_ematch_item> = offsetof(sw_ematch_item, action_type);
+struct record_key<sw_ematch_item>
+    : key_of_fields<offsetof(sw_ematch_item, action_type), &sw_ematch_item::user, &sw_ematch_item::match_type,
+                    &sw_ematch_item::match_flag, &sw_ematch_item::match_priority, &sw_ematch_item::evlan1,
+                    &sw_ematch_item::evlan2, &sw_ematch_item::eport, &sw_ematch_item::ipv4, &sw_ematch_item::vnid,
+                    &sw_ematch_item::label, &sw_ematch_item::ip_mask, &sw_ematch_item::mac, &sw_ematch_item::frame_type,
+                    &sw_ematch_item::ether_type, &sw_ematch_item::ip, &sw_ematch_item::ip_ver,
+                    &sw_ematch_item::match_id, &sw_ematch_item::mask> {
+};
 template <>
-inline constexpr size_t key_length<sw_evlan_index_map> = SW_END_OF(sw_evlan_index_map, key);
+struct record_key<sw_evlan_index_map>
+    : key_of_fields<SW_END_OF(sw_evlan_index_map, key), &sw_evlan_index_map::kind, &sw_evlan_index_map::key> {
+};
 template <>
-inline constexpr size_t key_length<sw_eport_index_map> = SW_END_OF(sw_eport_index_map, key);
+struct record_key<sw_eport_index_map>
+    : key_of_fields<SW_END_OF(sw_eport_index_map, key), &sw_eport_index_map::kind, &sw_eport_index_map::key> {
+};
 template <>
-inline constexpr size_t key_length<sw_vlan_pvid_entry> = SW_END_OF(sw_vlan_pvid_entry, ifx);
+struct record_key<sw_vlan_pvid_entry> : key_of_fields<SW_END_OF(sw_vlan_pvid_entry, ifx), &sw_vlan_pvid_entry::ifx> {
+};
 
 #undef SW_END_OF
 
@@ -283,7 +323,7 @@ class family
 {
   public:
     using visitor = int32_t (*)(Record *record, void *arg, int32_t position);
-    using table = keyed_table<key_length<Record>>;
+    using table = keyed_table<record_key<Record>::length>;
 
     // Makes the tables, all empty. Once made they stay for the life of the process: a later call keeps them and what
     // they hold. 0; -1 without memory.
@@ -349,8 +389,6 @@ class family
     static void destroy(uint32_t number, const Record *key) { std::free(remove(number, key)); }
 
   private:
-    static_assert(key_length<Record> != 0, "not a cached record");
-
     static constinit inline keyed_cache *tables_ = nullptr;
     static constinit inline uint32_t count_ = 0;
 };

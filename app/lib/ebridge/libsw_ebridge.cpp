@@ -437,15 +437,11 @@ void print_flags(const char *heading, const uint32_t (&bitmap)[8])
     sw::print_bitmap(bitmap, 8);
 }
 
-// What a subscription carries until it is confirmed. The argument pair that the store hands back keeps pointing here
-// afterwards, and two cycles can overlap when a connection comes back twice: a confirmation is therefore taken only for
-// arguments that are still on this list, and those of an overtaken cycle are freed when the next one begins.
-struct subscribing_args {
-    uint32_t bit;
-    sw::list_args *list;
-    subscribing_args *next;
-};
+using sw::subscribing_args;
 
+// The argument pair that the store hands back keeps pointing at a subscription's arguments afterwards, and two cycles can
+// overlap when a connection comes back twice: a confirmation is therefore taken only for arguments that are still on this
+// list, and those of an overtaken cycle are freed when the next one begins.
 constinit subscribing_args *pending_subscriptions = nullptr;
 
 subscribing_args **find_pending(const subscribing_args *wanted)

@@ -122,42 +122,6 @@ void keyed_cache_clear(keyed_cache &cache)
     cache = {};
 }
 
-// ---- keyed caches: what the records promise -------------------------------------------------------------------------
-
-namespace
-{
-
-template <class Record, class... Members>
-constexpr size_t bytes_of(Members Record::*...)
-{
-    return (sizeof(Members) + ...);
-}
-
-// Keys are hashed and compared as bytes, so they have no padding: a key is as long as its members together.
-static_assert(key_length<sw_ebridge_list_item> == bytes_of(&sw_ebridge_list_item::user_name));
-static_assert(key_length<sw_evlan_attr> == bytes_of(&sw_evlan_attr::user_name, &sw_evlan_attr::evlan_id));
-static_assert(key_length<sw_eport_attr> == bytes_of(&sw_eport_attr::user_name, &sw_eport_attr::eport_id));
-static_assert(key_length<sw_ematch_item> ==
-              bytes_of(&sw_ematch_item::user, &sw_ematch_item::match_type, &sw_ematch_item::match_flag,
-                       &sw_ematch_item::match_priority, &sw_ematch_item::evlan1, &sw_ematch_item::evlan2,
-                       &sw_ematch_item::eport, &sw_ematch_item::ipv4, &sw_ematch_item::vnid, &sw_ematch_item::label,
-                       &sw_ematch_item::ip_mask, &sw_ematch_item::mac, &sw_ematch_item::frame_type,
-                       &sw_ematch_item::ether_type, &sw_ematch_item::ip, &sw_ematch_item::ip_ver,
-                       &sw_ematch_item::match_id, &sw_ematch_item::mask));
-static_assert(key_length<sw_evlan_index_map> == bytes_of(&sw_evlan_index_map::kind, &sw_evlan_index_map::key));
-static_assert(key_length<sw_eport_index_map> == bytes_of(&sw_eport_index_map::kind, &sw_eport_index_map::key));
-static_assert(key_length<sw_vlan_pvid_entry> == bytes_of(&sw_vlan_pvid_entry::ifx));
-
-// The lengths themselves; only a rule's depends on the target, by its pointer.
-static_assert(key_length<sw_ebridge_list_item> == 32);
-static_assert(key_length<sw_evlan_attr> == 36);
-static_assert(key_length<sw_eport_attr> == 36);
-static_assert(key_length<sw_ematch_item> == 88 + sizeof(void *));
-static_assert(key_length<sw_evlan_index_map> == 16);
-static_assert(key_length<sw_eport_index_map> == 20);
-static_assert(key_length<sw_vlan_pvid_entry> == 4);
-
-}  // namespace
 }  // namespace sw
 
 // ---- keyed caches: the families -------------------------------------------------------------------------------------

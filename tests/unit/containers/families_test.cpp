@@ -128,7 +128,7 @@ TYPED_TEST_SUITE(CacheFamily, Families);
 
 TYPED_TEST(CacheFamily, KeyLengthIsThatOfItsFields)
 {
-    EXPECT_EQ(sw::key_length<typename TypeParam::record>, TypeParam::KEY);
+    EXPECT_EQ(sw::record_key<typename TypeParam::record>::length, TypeParam::KEY);
 }
 
 TYPED_TEST(CacheFamily, MissingTablesAreEmpty)

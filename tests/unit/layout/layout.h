@@ -1,0 +1,30 @@
+/* layout.h - what the tables of layouts.inc are checked with, in C and in C++ alike. */
+#ifndef EBRIDGE_TEST_LAYOUT_H
+#define EBRIDGE_TEST_LAYOUT_H
+
+#include <assert.h>
+#include <stddef.h>
+
+/* The number that holds on this target. */
+#define ON_TARGET(bits32, bits64) (sizeof(void *) == 4 ? (size_t)(bits32) : (size_t)(bits64))
+
+#define RECORD(type, bytes32, bytes64) static_assert(sizeof(type) == ON_TARGET(bytes32, bytes64), "size of " #type);
+#define LAYOUT(type, field, at32, at64) \
+    static_assert(offsetof(type, field) == ON_TARGET(at32, at64), "offset of " #field " in " #type);
+
+/* A size or an offset as the compiler of one language sees it. */
+struct layout_row {
+    const char *what;
+    size_t bytes;
+};
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+/* The rows of layouts.inc as C has them, the last one without a name. */
+extern const struct layout_row layout_rows_of_c[];
+#ifdef __cplusplus
+}
+#endif
+
+#endif
