@@ -1,27 +1,35 @@
 #!/bin/sh
-# exports.sh LIBRARY LIST: the library exports exactly the symbols of the list, one a line; a line that ends in * stands
-# for all symbols that begin so, at least one. Symbols of the C++ runtime (_Z...) are never exported, whatever the list
-# says. Lines that open with # are comments.
+# exports.sh LIBRARY LIST: the library exports exactly the symbols of the list, one a line, in the versions of the list: a
+# line @VERSION holds for those below it. A * in a line stands for any part of a name; at least one symbol must match.
+# Symbols of the C++ runtime (_Z...) are never exported, whatever the list says. Lines that open with # are comments.
 set -eu
 
-# Defined dynamic symbols without their version; the version nodes themselves are absolute symbols.
+# Defined dynamic symbols as name@version; the version nodes themselves are absolute symbols.
 exported() {
-    nm --dynamic --defined-only "$1" | awk '$(NF - 1) != "A" { sub(/@.*/, "", $NF); print $NF }' | LC_ALL=C sort -u
+    nm --dynamic --defined-only --with-symbol-versions "$1" |
+        awk '$(NF - 1) != "A" { sub(/@@/, "@", $NF); print $NF }' | LC_ALL=C sort -u
+}
+
+# The list's lines in the same form.
+listed() {
+    awk '/^#/ || /^$/ { next } /^@/ { version = $0; next } { print $0 version }' "$1" | LC_ALL=C sort -u
 }
 
 check() {
     work=$(mktemp -d)
     exported "$1" >"$work/exported"
-    grep -v '^#' "$2" | grep '\*$' | sed 's/\*$//' >"$work/prefixes" || true
-    grep -v '^#' "$2" | grep -v '\*$' | grep . | LC_ALL=C sort -u >"$work/names" || true
+    listed "$2" >"$work/listed"
+    grep -F '*' "$work/listed" >"$work/patterns" || true
+    grep -vF '*' "$work/listed" >"$work/names" || true
 
     bad=0
     cp "$work/exported" "$work/rest"
-    while read -r prefix; do
-        grep -q "^$prefix" "$work/rest" || { echo "exports nothing that begins with: $prefix"; bad=1; }
-        grep -v "^$prefix" "$work/rest" >"$work/rest.new" || true
+    while read -r pattern; do
+        expression=$(printf '%s\n' "$pattern" | sed 's/\*/[A-Za-z0-9_]*/')
+        grep -qx "$expression" "$work/rest" || { echo "exports nothing like: $pattern"; bad=1; }
+        grep -vx "$expression" "$work/rest" >"$work/rest.new" || true
         mv "$work/rest.new" "$work/rest"
-    done <"$work/prefixes"
+    done <"$work/patterns"
     LC_ALL=C comm -23 "$work/names" "$work/rest" | sed 's/^/listed, but not exported: /' >"$work/findings"
     LC_ALL=C comm -13 "$work/names" "$work/rest" | sed 's/^/exported, but not listed: /' >>"$work/findings"
     grep '^_Z' "$work/exported" | sed 's/^/a C++ symbol is exported: /' >>"$work/findings" || true
@@ -33,23 +41,30 @@ check() {
     return $bad
 }
 
-# toy SOURCE: a library of that C++ source in $tmp.
+# toy SOURCE [VERSION]: a library of that C++ source in $tmp, its symbols of that version.
 toy() {
-    printf '%s\n' "$1" | ${CXX:-c++} -std=c++20 -O0 -shared -fPIC -x c++ -o "$tmp/libtoy.so" -
+    printf '%s { global: *; };\n' "${2:-TOY_1}" >"$tmp/toy.map"
+    printf '%s\n' "$1" |
+        ${CXX:-c++} -std=c++20 -O0 -shared -fPIC -Wl,--version-script="$tmp/toy.map" -x c++ -o "$tmp/libtoy.so" -
 }
 
 selftest() {
     . "$(dirname "$0")/selftest.sh"
-    printf '# toys\nrec__*\ntoy_call\ntoy_data\n' >"$tmp/list"
-    good='extern "C" { void toy_call() {} int toy_data = 1; void rec__a() {} void rec__b() {} }'
+    printf '# toys\n@TOY_1\nrec__*\nbox__*__lid\ntoy_call\ntoy_data\n' >"$tmp/list"
+    boxes='void rec__a() {} void rec__b() {} void box__a__lid() {}'
+    good="extern \"C\" { void toy_call() {} int toy_data = 1; $boxes }"
     toy "$good"
     accepts 'what the list says' check "$tmp/libtoy.so" "$tmp/list"
     toy "$good extern \"C\" void toy_more() {}"
     refuses 'one symbol more' 'not listed: toy_more' check "$tmp/libtoy.so" "$tmp/list"
-    toy 'extern "C" { void toy_call() {} void rec__a() {} }'
+    toy "$good extern \"C\" void box__a__floor() {}"
+    refuses 'one more of which another part is listed' 'not listed: box__a__floor' check "$tmp/libtoy.so" "$tmp/list"
+    toy "extern \"C\" { void toy_call() {} $boxes }"
     refuses 'one symbol less' 'not exported: toy_data' check "$tmp/libtoy.so" "$tmp/list"
-    toy 'extern "C" { void toy_call() {} int toy_data = 1; }'
-    refuses 'a pattern without symbols' 'begins with: rec__' check "$tmp/libtoy.so" "$tmp/list"
+    toy 'extern "C" { void toy_call() {} int toy_data = 1; void box__a__lid() {} }'
+    refuses 'a pattern without symbols' 'nothing like: rec__' check "$tmp/libtoy.so" "$tmp/list"
+    toy "$good" TOY_2
+    refuses 'another version' 'not listed: toy_call@TOY_2' check "$tmp/libtoy.so" "$tmp/list"
     toy "$good void leaked() {}"
     printf '_Z*\n' >>"$tmp/list"
     refuses 'a C++ symbol, even when listed' 'C++ symbol' check "$tmp/libtoy.so" "$tmp/list"
