@@ -4,7 +4,7 @@
 # The presets in CMakePresets.json are what these targets use; call cmake and ctest yourself for the other compilers and
 # the sanitizers.
 .DEFAULT_GOAL := help
-.PHONY: build demo test arm packages bench lint format clean help
+.PHONY: build demo test arm packages abi bench lint format clean help
 
 # More for cmake's first step, for example: make test CONFIGURE=-DCMAKE_BUILD_TYPE=Debug
 CONFIGURE ?=
@@ -38,6 +38,12 @@ packages: ## Debian packages in build/packages, for this machine and for 32-bit 
 	@set -e; for folder in build build-arm; do \
 	  cmake --build $$folder --parallel $(JOBS); sh packaging/build.sh $$folder build/packages; done
 	@sh packaging/try.sh packages build/packages "$(CURDIR)"
+
+abi: ## record the library's interface, on both targets, as the one that later versions keep
+	@sh cmake/packages.sh build test arm
+	@sh cmake/configure.sh -DEBRIDGE_TESTS=ON $(CONFIGURE)
+	@PRESET=arm sh cmake/configure.sh -DEBRIDGE_TESTS=ON
+	@for folder in build build-arm; do cmake --build $$folder --parallel $(JOBS) --target abi_baseline || exit 1; done
 
 bench: ## build and run the benchmarks
 	@sh cmake/packages.sh build bench

@@ -11,7 +11,7 @@ packages_of() {
     case $1 in
     build) echo 'g++ cmake ninja-build pkg-config libprotobuf-c-dev protobuf-c-compiler libuv1-dev libspdlog-dev' \
         'libhiredis-dev nlohmann-json3-dev libcli11-dev' ;;
-    test) echo 'libgtest-dev libgmock-dev redis-server' ;;
+    test) echo 'libgtest-dev libgmock-dev redis-server abigail-tools' ;;
     bench) echo 'libbenchmark-dev libabsl-dev redis-server' ;;
     arm) echo 'g++-arm-linux-gnueabihf qemu-user-static libprotobuf-c-dev:armhf libuv1-dev:armhf' \
         'libspdlog-dev:armhf libhiredis-dev:armhf libgtest-dev:armhf libgmock-dev:armhf' ;;
