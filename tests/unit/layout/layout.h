@@ -4,9 +4,14 @@
 
 #include <assert.h>
 #include <stddef.h>
+#include <stdint.h>
 
 /* The number that holds on this target. */
-#define ON_TARGET(bits32, bits64) (sizeof(void *) == 4 ? (size_t)(bits32) : (size_t)(bits64))
+#if UINTPTR_MAX == UINT32_MAX
+#define ON_TARGET(bits32, bits64) bits32
+#else
+#define ON_TARGET(bits32, bits64) bits64
+#endif
 
 #define RECORD(type, bytes32, bytes64) static_assert(sizeof(type) == ON_TARGET(bytes32, bytes64), "size of " #type);
 #define LAYOUT(type, field, at32, at64) \
