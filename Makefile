@@ -26,14 +26,14 @@ test: ## build everything with its tests and run them
 
 arm: ## cross-build everything for 32-bit ARM and run its tests under an emulator
 	@sh cmake/packages.sh build test arm package
-	@PRESET=arm sh cmake/configure.sh -DEBRIDGE_TESTS=ON
+	@PRESET=arm sh cmake/configure.sh -DEBRIDGE_TESTS=ON $(CONFIGURE)
 	@cmake --build --preset arm --parallel $(JOBS)
 	@ctest --preset arm --no-label-summary --parallel $(JOBS)
 
 packages: ## Debian packages in build/packages, for this machine and for 32-bit ARM, tried in an empty root
 	@sh cmake/packages.sh build arm package
-	@sh cmake/configure.sh $(CONFIGURE)
-	@PRESET=arm sh cmake/configure.sh
+	@sh cmake/configure.sh -DEBRIDGE_PLATFORM=own $(CONFIGURE)
+	@PRESET=arm sh cmake/configure.sh -DEBRIDGE_PLATFORM=own $(CONFIGURE)
 	@rm -rf build/packages
 	@set -e; for folder in build build-arm; do \
 	  cmake --build $$folder --parallel $(JOBS); sh packaging/build.sh $$folder build/packages; done
@@ -42,7 +42,7 @@ packages: ## Debian packages in build/packages, for this machine and for 32-bit 
 abi: ## record the library's interface, on both targets, as the one that later versions keep
 	@sh cmake/packages.sh build test arm
 	@sh cmake/configure.sh -DEBRIDGE_TESTS=ON $(CONFIGURE)
-	@PRESET=arm sh cmake/configure.sh -DEBRIDGE_TESTS=ON
+	@PRESET=arm sh cmake/configure.sh -DEBRIDGE_TESTS=ON $(CONFIGURE)
 	@for folder in build build-arm; do cmake --build $$folder --parallel $(JOBS) --target abi_baseline || exit 1; done
 
 bench: ## build and run the benchmarks

@@ -11,6 +11,8 @@
 set -eu
 
 PATH=$PATH:/usr/sbin:/sbin
+LC_ALL=C
+export LC_ALL
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -79,7 +81,7 @@ END
 }
 
 # options PROGRAM ARGUMENTS...: the long ones that its help names.
-options() { run "$@" --help | grep -oE '^ +(-[a-z],)?--[a-z]+' | grep -oE -e '--[a-z]+'; }
+options() { run "$@" --help | grep -oE '^ +(-[a-z],)?--[a-z0-9-]+' | grep -oE -e '--[a-z0-9-]+'; }
 
 # manual_names PAGE OPTION...
 manual_names() {
@@ -111,7 +113,7 @@ try_prefix() {
 }
 
 # into_root dpkg's arguments: no script of a package runs in the root, which has no shell.
-into_root() { dpkg --root="$root" --force-script-chrootless "$@"; }
+into_root() { dpkg --root="$root" --force-script-chrootless --log="$work/dpkg.log" --path-include='/usr/*' "$@"; }
 
 # An empty root whose dpkg knows the packages of this machine by their names, and none of ours.
 make_root() {

@@ -26,13 +26,14 @@ check() {
     root=$1
     records=$2
     flags="-isystem $records $(pkg-config --cflags libprotobuf-c)"
-    for folder in "$root"/platform/*/include "$root"/sw_bridge/ebridge; do
+    for folder in "$root"/platform/*/include "$root"/sw_bridge/ebridge "$root"/ebridged; do
         [ ! -d "$folder" ] || flags="$flags -I$folder"
     done
 
     bad=0
     seen=0
-    for header in "$root"/sw_bridge/ebridge/*.h "$root"/platform/*/include/*.h "$records"/*.pb-c.h; do
+    for header in "$root"/sw_bridge/ebridge/*.h "$root"/platform/*/include/*.h "$root"/ebridged/*.h \
+        "$records"/*.pb-c.h; do
         [ -f "$header" ] || continue
         seen=$((seen + 1))
         for mode in 'c c11' 'c++ c++17' 'c++ c++20'; do

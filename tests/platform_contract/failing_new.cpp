@@ -7,16 +7,23 @@
 namespace contract
 {
 
-int64_t allocations_left = -1;
+constinit std::atomic<int64_t> allocations_left = -1;
 
 }  // namespace contract
 
+// Counts one more, if there may be one more.
+static bool is_allowed()
+{
+    int64_t left = contract::allocations_left;
+    while (left > 0 && !contract::allocations_left.compare_exchange_weak(left, left - 1)) {
+    }
+    return left != 0;
+}
+
 void *operator new(size_t size)
 {
-    if (contract::allocations_left == 0)
+    if (!is_allowed())
         throw std::bad_alloc();
-    if (contract::allocations_left > 0)
-        --contract::allocations_left;
     void *memory = std::malloc(size != 0 ? size : 1);
     if (memory == nullptr)
         throw std::bad_alloc();
