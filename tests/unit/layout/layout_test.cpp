@@ -6,6 +6,7 @@
 
 #include "connecting.hpp"
 #include "keyed_cache.hpp"
+#include "libcgstctrl.h"
 #include "sw_ebridge.h"
 
 #include "layouts.inc"
