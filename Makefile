@@ -29,6 +29,7 @@ arm: ## cross-build everything for 32-bit ARM and run its tests under an emulato
 	@PRESET=arm sh cmake/configure.sh -DEBRIDGE_TESTS=ON $(CONFIGURE)
 	@cmake --build --preset arm --parallel $(JOBS)
 	@ctest --preset arm --no-label-summary --parallel $(JOBS)
+	@mkdir -p build/bench && cp build-arm/bench/size.json build/bench/size-arm.json
 
 packages: ## Debian packages in build/packages, for this machine and for 32-bit ARM, tried in an empty root
 	@sh cmake/packages.sh build arm package

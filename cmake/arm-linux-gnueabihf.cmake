@@ -9,6 +9,8 @@ set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 set(CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/qemu-arm-static)
+# No notes on what g++ before version 7 passed in another way.
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 
 # Libraries and package files of the target; programs that run while building are this machine's own.
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

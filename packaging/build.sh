@@ -1,6 +1,6 @@
 #!/bin/sh
 # build.sh BUILD FOLDER: makes the Debian packages of what BUILD has built, for its architecture, and puts them into
-# FOLDER. What is said goes into BUILD/packages.log, and to standard error when it fails.
+# FOLDER, in the place of earlier ones of that architecture. What is said goes into BUILD/packages.log, and to standard error when it fails.
 set -eu
 
 build=$1
@@ -16,4 +16,8 @@ cpack --config "$build/CPackConfig.cmake" -B "$work" >"$build/packages.log" 2>&1
     exit 1
 }
 mkdir -p "$folder"
+for package in "$work"/*.deb; do
+    architecture=${package##*_}
+done
+rm -f "$folder"/*_"$architecture"
 mv "$work"/*.deb "$folder"
