@@ -5,6 +5,9 @@
 # On Debian 12 what is missing is installed with apt-get, after one line that says so. On another system, or without the
 # right to install, what is missing is printed and the status is 2. When nothing is missing nothing is said and nothing
 # is touched. EBRIDGE_PACKAGES=installed skips the look, for systems that have all of it under other names.
+#
+# A Redis server that comes by this way is not started: tests start their own. Its package has it start with the machine,
+# from the next time on, unless somebody says `systemctl disable redis-server`.
 set -eu
 
 packages_of() {
@@ -70,8 +73,29 @@ fi
 
 if [ "$count" -eq 1 ]; then noun=package; else noun=packages; fi
 echo "installing $count $noun:$missing"
+policy=/usr/sbin/policy-rc.d
+forbidden=
+clean_up() {
+    rm -f "$log"
+    [ -z "$forbidden" ] || $as_root rm -f "$policy"
+}
 log=$(mktemp)
-trap 'rm -f "$log"' EXIT
+trap clean_up EXIT
+trap 'exit 2' HUP INT TERM
+
+# The package asks this script before it starts the server, port 6379. One that is there already has its reasons.
+forbid_start() {
+    if [ -e "$policy" ] || [ -h "$policy" ]; then
+        return
+    fi
+    forbidden=yes
+    $as_root sh -c 'cat >"$0" && chmod 755 "$0"' "$policy" <<'END'
+#!/bin/sh
+# Here while packages are being installed, see cmake/packages.sh of the extended bridge.
+case $1 in redis-server*) exit 101 ;; esac
+END
+}
+
 apt() {
     # shellcheck disable=SC2086
     $as_root env DEBIAN_FRONTEND=noninteractive apt-get -q -y -o DPkg::Lock::Timeout=300 "$@" >>"$log" 2>&1
@@ -79,8 +103,10 @@ apt() {
 case $missing in
 *:armhf*) $as_root dpkg --add-architecture armhf ;;
 esac
+case $missing in
+*redis-server*) forbid_start ;;
+esac
 # A package list that cannot be refreshed may still do; when it does not, the log says why.
-# None of the packages above starts a service. A list that comes to name a server has to keep it from being started.
 # shellcheck disable=SC2086
 if ! { apt update || true; apt install --no-install-recommends $missing; }; then
     tail -n 20 "$log" >&2

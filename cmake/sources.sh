@@ -5,7 +5,7 @@ set -eu
 
 cd "${2:-$(dirname "$0")/..}"
 rooms=
-for room in app sw_bridge platform ebridged tools examples tests bench cmake proto packaging .ci; do
+for room in app sw_bridge common platform ebridged tools examples tests bench cmake proto packaging .ci; do
     [ ! -d "$room" ] || rooms="$rooms $room"
 done
 

@@ -2,7 +2,7 @@
 #include "allocator.hpp"
 
 #include <algorithm>
-#include <iterator>
+#include <new>
 
 #include "u_bridge.pb-c.h"
 
@@ -25,6 +25,26 @@ constexpr id_type EVLAN_TYPES[] = {
     {U_BRIDGE__EVLAN_TYPE__L3VPN, {}},
 };
 
+constexpr id_type EPORT_TYPES[] = {
+    {U_BRIDGE__EPORT_TYPE__PORT, {}, U_BRIDGE__EPORT_TYPE__AP},
+    {U_BRIDGE__EPORT_TYPE__LOCAL_PORT, {}},
+    {U_BRIDGE__EPORT_TYPE__AP, {}, U_BRIDGE__EPORT_TYPE__PORT},
+    {U_BRIDGE__EPORT_TYPE__VXLAN_AC, {}},
+    {U_BRIDGE__EPORT_TYPE__VXLAN_PW, {}},
+    {U_BRIDGE__EPORT_TYPE__VPLS_AC, {}},
+    {U_BRIDGE__EPORT_TYPE__VPLS_PW, {}},
+    {U_BRIDGE__EPORT_TYPE__VPWS_AC, {}},
+    {U_BRIDGE__EPORT_TYPE__VPWS_PW, {}},
+    {U_BRIDGE__EPORT_TYPE__TRILL_AC, {}},
+    {U_BRIDGE__EPORT_TYPE__TRILL_PW, {}},
+    {U_BRIDGE__EPORT_TYPE__L2GRE_AC, {}},
+    {U_BRIDGE__EPORT_TYPE__L2GRE_PW, {}},
+    {U_BRIDGE__EPORT_TYPE__VMAP_AC, {}},
+    {U_BRIDGE__EPORT_TYPE__L3INTF_AC, {}},
+    {U_BRIDGE__EPORT_TYPE__IPTUN_PW, {}},
+    {U_BRIDGE__EPORT_TYPE__MPLS_PW, {}},
+};
+
 constexpr decision refuse(verdict why) { return {why, -1}; }
 
 decision grant(uint32_t id) { return {verdict::granted, static_cast<int32_t>(id)}; }
@@ -34,6 +54,8 @@ constexpr uint32_t make_id(uint32_t type, uint32_t number) { return type << 24 |
 }  // namespace
 
 std::span<const id_type> evlan_types() { return EVLAN_TYPES; }
+
+std::span<const id_type> eport_types() { return EPORT_TYPES; }
 
 const char *verdict_text(verdict v)
 {
@@ -78,9 +100,22 @@ decision allocator::request(std::string_view holder, const id_key &key, uint32_t
     return made;
 }
 
+const id_type *allocator::find_type(uint32_t type) const
+{
+    const auto found = std::ranges::find(types_, type, &id_type::type);
+    return found == types_.end() ? nullptr : &*found;
+}
+
+bool allocator::may_have(const id_key &key, uint32_t id) const
+{
+    const id_type *own = find_type(key.type);
+    const uint32_t type = id >> 24;
+    return own && type != 0 && (type == own->type || type == own->also);
+}
+
 decision allocator::decide(std::string_view holder, const id_key &key, uint32_t wanted, int64_t now)
 {
-    if (!pools_.contains(key.type) || wanted >> 24 != key.type)
+    if (!may_have(key, wanted))
         return refuse(verdict::bad_type);
     auto held = held_.find(key);
     if (held == held_.end())
@@ -90,7 +125,8 @@ decision allocator::decide(std::string_view holder, const id_key &key, uint32_t 
 
 decision allocator::grant_new(std::string_view holder, const id_key &key, uint32_t wanted, int64_t now)
 {
-    id_pool &pool = pools_.at(key.type);
+    new_entry made(held_, key, holder);
+    id_pool &pool = pool_of(wanted);
     uint32_t number = wanted & NUMBER_MASK;
     if (number == 0) {
         number = pool.take_any(now);
@@ -101,16 +137,15 @@ decision allocator::grant_new(std::string_view holder, const id_key &key, uint32
     } else {
         pool.take(number);
     }
-    const uint32_t id = make_id(key.type, number);
-    held_.emplace(key, held_id{id, {std::string(holder)}});
-    key_of_.emplace(id, key);
+    const uint32_t id = make_id(wanted >> 24, number);
+    made.give(id);
     return grant(id);
 }
 
 // The key has an id: share it, or move the key when its only holder wants another one.
 decision allocator::grant_held(std::string_view holder, entries::iterator held, uint32_t wanted, int64_t now)
 {
-    auto &[key, entry] = *held;
+    held_id &entry = held->second;
     const bool holds = std::ranges::find(entry.holders, holder) != entry.holders.end();
     if ((wanted & NUMBER_MASK) == 0 || wanted == entry.id) {
         if (!holds)
@@ -119,52 +154,60 @@ decision allocator::grant_held(std::string_view holder, entries::iterator held, 
     }
     if (!holds || entry.holders.size() > 1)
         return refuse(verdict::shared);
-    id_pool &pool = pools_.at(key.type);
-    if (const verdict why = may_take(pool, wanted & NUMBER_MASK); why != verdict::granted)
+    if (const verdict why = may_take(pool_of(wanted), wanted & NUMBER_MASK); why != verdict::granted)
         return refuse(why);
-    pool.take(wanted & NUMBER_MASK);
-    free_id(entry.id, now);
-    entry.id = wanted;
-    key_of_.emplace(wanted, key);
+    move(&entry, wanted, now);
     return grant(wanted);
 }
 
-verdict allocator::may_take(id_pool &pool, uint32_t number) const
+verdict allocator::may_take(const id_pool &pool, uint32_t number)
 {
     if (!pool.in_range(number))
         return verdict::out_of_range;
     return pool.is_free(number) ? verdict::granted : verdict::taken;
 }
 
-void allocator::free_id(uint32_t id, int64_t now)
+void allocator::move(held_id *entry, uint32_t id, int64_t now)
 {
-    key_of_.erase(id);
-    pools_.at(id >> 24).give_back(id & NUMBER_MASK, now);
+    id_pool &old = pool_of(entry->id);
+    old.give_back(entry->id & NUMBER_MASK, now);
+    try {
+        pool_of(id).take(id & NUMBER_MASK);
+    } catch (const std::bad_alloc &) {
+        old.take(entry->id & NUMBER_MASK);  // it has just begun to rest
+        throw;
+    }
+    entry->id = id;
 }
 
 void allocator::release(std::string_view holder, const id_key &key, int64_t now)
 {
-    auto held = held_.find(key);
+    const auto held = held_.find(key);
     if (held == held_.end())
         return;
-    std::erase(held->second.holders, holder);
-    if (!held->second.holders.empty())
+    auto &[id, holders] = held->second;
+    const auto at = std::ranges::find(holders, holder);
+    if (at == holders.end())
         return;
-    free_id(held->second.id, now);
+    if (holders.size() > 1) {
+        holders.erase(at);
+        return;
+    }
+    pool_of(id).give_back(id & NUMBER_MASK, now);
     held_.erase(held);
 }
 
 bool allocator::adopt(std::string_view holder, const id_key &key, uint32_t id)
 {
-    auto pool = pools_.find(key.type);
-    if (pool == pools_.end() || id >> 24 != key.type || (id & NUMBER_MASK) == 0)
+    if (!may_have(key, id) || (id & NUMBER_MASK) == 0)
         return false;
-    auto held = held_.find(key);
+    const auto held = held_.find(key);
     if (held == held_.end()) {
-        if (!pool->second.take(id & NUMBER_MASK))
+        new_entry made(held_, key, holder);
+        if (!pool_of(id).take(id & NUMBER_MASK))
             return false;
-        held = held_.emplace(key, held_id{id, {}}).first;
-        key_of_.emplace(id, key);
+        made.give(id);
+        return true;
     }
     if (held->second.id != id)
         return false;
@@ -176,37 +219,20 @@ bool allocator::adopt(std::string_view holder, const id_key &key, uint32_t id)
 
 bool allocator::set_range(uint32_t type, uint32_t min, uint32_t max)
 {
-    for (const id_type &known : types_) {
-        if (known.type == type) {
-            const number_range &own = known.numbers;
-            pools_.at(type).set_range({std::max(min & NUMBER_MASK, own.min), std::min(max & NUMBER_MASK, own.max)});
-            return true;
-        }
-    }
-    return false;
+    const id_type *known = find_type(type);
+    if (!known)
+        return false;
+    const number_range &own = known->numbers;
+    pools_.at(type).set_range({std::max(min & NUMBER_MASK, own.min), std::min(max & NUMBER_MASK, own.max)});
+    return true;
 }
 
-bool allocator::reset_range(uint32_t type)
-{
-    for (const id_type &known : types_) {
-        if (known.type == type) {
-            pools_.at(type).set_range(known.numbers);
-            return true;
-        }
-    }
-    return false;
-}
+bool allocator::reset_range(uint32_t type) { return set_range(type, 0, NUMBER_MASK); }
 
 uint32_t allocator::id_of(const id_key &key) const
 {
     auto held = held_.find(key);
     return held == held_.end() ? 0 : held->second.id;
-}
-
-const id_key *allocator::key_of(uint32_t id) const
-{
-    auto key = key_of_.find(id);
-    return key == key_of_.end() ? nullptr : &key->second;
 }
 
 size_t allocator::holders_of(const id_key &key) const

@@ -1,7 +1,8 @@
 /* ebridged.h - the allocator service inside a process of one's own.
  *
- * The service answers the session records of the databases that it is told: it decides which id each request gets,
- * writes the answer into the same record, and mirrors every answered session into the data-plane database (8). The
+ * The service answers the session records of the databases that it is told, those of evlans and those of eports: it
+ * decides which id each request gets, writes the answer into the same record, and mirrors every answered session into
+ * the data-plane database (8). Evlans and eports have ids of their own; what is counted below counts both. The
  * program `ebridged` runs it beside a store server; on the embedded store ("mem:NAME"), which one process has for
  * itself, a program starts it with these calls.
  *

@@ -2,6 +2,7 @@
 #include "id_pool.hpp"
 
 #include <algorithm>
+#include <utility>
 
 namespace ebridged
 {
@@ -14,27 +15,31 @@ bool interval_set::contains(uint32_t number) const
 
 void interval_set::add(uint32_t number)
 {
-    uint32_t first = number, last = number;
-    auto after = last_of_.upper_bound(number);
-    if (after != last_of_.begin() && std::prev(after)->second + 1 == number)
-        first = std::prev(after)->first;
-    if (after != last_of_.end() && after->first == number + 1) {
-        last = after->second;
-        last_of_.erase(after);
+    const auto after = last_of_.upper_bound(number);
+    const bool meets_next = after != last_of_.end() && after->first == number + 1;
+    if (after != last_of_.begin() && std::prev(after)->second + 1 == number) {
+        std::prev(after)->second = meets_next ? after->second : number;
+        if (meets_next)
+            last_of_.erase(after);
+    } else if (meets_next) {
+        auto interval = last_of_.extract(after);
+        interval.key() = number;
+        last_of_.insert(std::move(interval));
+    } else {
+        last_of_.emplace(number, number);
     }
-    last_of_[first] = last;
 }
 
 void interval_set::remove(uint32_t number)
 {
     auto interval = std::prev(last_of_.upper_bound(number));
     const auto [first, last] = *interval;
+    if (last != number)
+        last_of_.emplace(number + 1, last);
     if (first == number)
         last_of_.erase(interval);
     else
         interval->second = number - 1;
-    if (last != number)
-        last_of_.emplace(number + 1, last);
 }
 
 uint32_t interval_set::lowest(number_range range) const
@@ -75,25 +80,24 @@ uint32_t id_pool::take_any(int64_t now)
 void id_pool::give_back(uint32_t number, int64_t now)
 {
     wake(now);
-    resting_.emplace(next_place_, resting_number{number, now});
-    place_of_.emplace(number, next_place_);
-    ++next_place_;
+    std::list<resting_number> last{{number, now}};
+    place_of_.emplace(number, last.begin());
+    resting_.splice(resting_.end(), last);
 }
 
 // Numbers that have rested long enough become free.
 void id_pool::wake(int64_t now)
 {
-    while (!resting_.empty() && now - resting_.begin()->second.since >= REST_USEC) {
-        const uint32_t number = resting_.begin()->second.number;
-        resting_.erase(resting_.begin());
-        place_of_.erase(number);
-        free_.add(number);
+    while (!resting_.empty() && now - resting_.front().since >= REST_USEC) {
+        free_.add(resting_.front().number);
+        place_of_.erase(resting_.front().number);
+        resting_.pop_front();
     }
 }
 
 uint32_t id_pool::take_longest_resting()
 {
-    for (const auto &[place, resting] : resting_) {
+    for (const resting_number &resting : resting_) {
         if (!in_range(resting.number))
             continue;
         const uint32_t number = resting.number;

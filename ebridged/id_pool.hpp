@@ -2,10 +2,13 @@
 //
 // A type has up to 16 million numbers, so free ones are kept as intervals: memory follows how scattered the taken
 // numbers are, not how many there could be. Time is an argument; nothing here reads a clock. Used by allocator.hpp.
+//
+// A call that fails for lack of memory (std::bad_alloc) has changed nothing.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <list>
 #include <map>
 #include <unordered_map>
 
@@ -51,7 +54,7 @@ class id_pool
     // Not taken; a resting number is free.
     bool is_free(uint32_t number) const { return free_.contains(number) || place_of_.contains(number); }
 
-    // Takes exactly this number, whatever the range; false when it is taken already.
+    // Takes exactly this number, whatever the range; false when it is taken already. Needs no memory for one that rests.
     bool take(uint32_t number);
     // The lowest free number of the range that does not rest; when all free ones rest, the one that has rested longest;
     // 0 when none is free.
@@ -72,10 +75,9 @@ class id_pool
     uint32_t take_longest_resting();
 
     number_range range_;
-    interval_set free_{1, NUMBER_MASK};                // neither taken nor resting
-    std::map<uint64_t, resting_number> resting_;       // in the order of release
-    std::unordered_map<uint32_t, uint64_t> place_of_;  // resting number -> its place in resting_
-    uint64_t next_place_ = 0;
+    interval_set free_{1, NUMBER_MASK};  // neither taken nor resting
+    std::list<resting_number> resting_;  // in the order of release
+    std::unordered_map<uint32_t, std::list<resting_number>::iterator> place_of_;
 };
 
 }  // namespace ebridged

@@ -30,11 +30,12 @@ constexpr const char *FOOTER =
     "A store \"mem:NAME\" lives in one process: this program would serve nobody but itself. Programs on the embedded\n"
     "store start the service inside (see ebridged.h), as \"ebridge run\" does.\n"
     "\n"
-    "Ids of all databases are one set. Records of ranges are read in the lowest database.\n"
+    "Evlans of all databases are one set of ids, eports another. Records of ranges are read in the lowest database.\n"
     "Runs in the foreground, logs to standard error, and ends on SIGTERM or SIGINT. Granted ids survive a restart.\n"
     "Several may run on one store: one serves, another takes over when it ends or is not heard of for 1.5 s.\n"
     "A service manager that asks for it is told when the store is there (sd_notify).\n"
-    "Exit status: 0 ended by a signal, 2 bad argument, 3 the store cannot be opened.";
+    "Exit status: 0 ended by SIGTERM or SIGINT, 2 an argument is wrong or there is no such database, 3 the store cannot\n"
+    "be opened. A server that does not answer is waited for.";
 
 struct settings {
     std::string store;
@@ -46,7 +47,7 @@ struct settings {
 // -1: go on; otherwise the exit status.
 int read_arguments(int argc, char **argv, settings *out)
 {
-    CLI::App app{"ebridged - hands out bridge ids to the users of a message store"};
+    CLI::App app{"ebridged - hands out ids of evlans and eports to the users of a message store"};
     app.footer(FOOTER);
     app.add_option("--store", out->store, "URL of the message store")->required()->type_name("URL");
     app.add_option("--db", out->databases, "database to serve, may be repeated")->type_name("N")->capture_default_str();

@@ -1,4 +1,6 @@
 // The allocator service's writes: answers into session records, and their mirrors. See service.hpp.
+#include <new>
+
 #include "service.hpp"
 
 namespace ebridged
@@ -8,33 +10,6 @@ namespace
 {
 
 constexpr int64_t RETRY_USEC = 50'000;
-constexpr uint32_t ANSWER_FIELDS[] = {10, 11};               // reply_value, reply
-constexpr uint32_t MIRROR_FIELDS[] = {6, 7, 8, 10, 11, 12};  // the request, the answer, mom_db
-
-// A session record on the stack. It points into the name that it is made from.
-struct session_record {
-    UBridge__EvlanAppIndex index = U_BRIDGE__EVLAN_APP_INDEX__INIT;
-    UBridge__EvlanSession record = U_BRIDGE__EVLAN_SESSION__INIT;
-
-    explicit session_record(const session_name &name)
-    {
-        index.t_user = const_cast<char *>(name.user.c_str());
-        index.type = static_cast<int32_t>(name.type);
-        index.keyid = static_cast<int32_t>(name.keyid);
-        record.index = &index;
-    }
-    session_record(const session_record &) = delete;
-    session_record &operator=(const session_record &) = delete;
-
-    void fill(const session &content)
-    {
-        record.request_value = content.request_value;
-        record.priority = static_cast<UBridge__ResPriority>(content.priority);
-        record.request = content.request;
-        record.reply_value = content.reply_value;
-        record.reply = content.reply;
-    }
-};
 
 }  // namespace
 
@@ -42,12 +17,21 @@ bool service::passes(int32_t code) { return code == QZ_MOM_EFULL || code == QZ_M
 
 void service::note_due(duty what, const session_id &id)
 {
-    if (due_set_.insert({what, id}).second)
-        due_.push_back({what, id});
+    const auto [noted, is_new] = due_set_.insert({what, id});
+    if (!is_new)
+        return;
+    try {
+        due_.push_back(*noted);
+    } catch (const std::bad_alloc &) {
+        due_set_.erase(noted);
+        throw;
+    }
 }
 
 void service::put(duty what, const session_id &id)
 {
+    if (due_.empty() && write(what, id) == QZ_MOM_OK)
+        return;
     note_due(what, id);
     if (!retry_pending_)
         send_due();
@@ -58,24 +42,26 @@ void service::send_due()
 {
     while (!due_.empty()) {
         const due &next = due_.front();
-        const int32_t code = send(next);
-        if (passes(code)) {
-            retry_later();
-            return;
-        }
-        if (code == QZ_MOM_EFENCED)
-            return;  // another service has taken over; this one is about to hear of it
+        const int32_t code = write(next.what, next.id);
+        if (passes(code))
+            return retry_later();
         if (code != QZ_MOM_OK)
-            log(EBRIDGED_LOG_ERROR, "database %u, user %s, type %u, key %u: cannot be written: %s", next.id.db,
-                next.id.name.user.c_str(), next.id.name.type, next.id.name.keyid, qz_mom_strerror(code));
+            return;
         due_set_.erase(next);
         due_.pop_front();
     }
 }
 
-int32_t service::send(const due &next)
+// 0 when nothing is left to do, also because the write is impossible. Otherwise a code that passes, or EFENCED: another
+// service has taken over, and this one is about to hear of it.
+int32_t service::write(duty what, const session_id &id)
 {
-    return next.what == duty::answer ? send_answer(next.id) : send_mirror(next.id.name);
+    const int32_t code = what == duty::answer ? send_answer(id) : send_mirror(id.name);
+    if (code == QZ_MOM_OK || code == QZ_MOM_EFENCED || passes(code))
+        return code;
+    log(EBRIDGED_LOG_ERROR, "database %u, user %s, %s: cannot be written: %s", id.db, id.name.user.c_str(),
+        key_words(id.name).text, qz_mom_strerror(code));
+    return QZ_MOM_OK;
 }
 
 // The update leaves an expiry mark alone, and brings no session back that its owner has deleted meanwhile.
@@ -84,28 +70,26 @@ int32_t service::send_answer(const session_id &id)
     const auto session = sessions_.find(id);
     if (session == sessions_.end())
         return QZ_MOM_OK;
-    session_record written(id.name);
-    written.fill(session->second);
-    const int32_t code = qz_mom_hmupdate(handle_, id.db, &written.record.base, ANSWER_FIELDS, std::size(ANSWER_FIELDS),
-                                         on_written, number_arg());
+    const session_record written(id.name, session->second);
+    const int32_t code = qz_mom_hmupdate(handle_, id.db, written.message(), ANSWER_FIELDS, std::size(ANSWER_FIELDS),
+                                         on_written, number_arg(id.name.of));
     if (code == QZ_MOM_OK)
-        session->second.answer = ++writes_[id.db].sent;
+        session->second.answer = ++writes_.at(id.db).sent;
     return code;
 }
 
 int32_t service::send_mirror(const session_name &name)
 {
-    session_record written(name);
+    void *const number = number_arg(name.of);
     int32_t code = QZ_MOM_OK;
     if (const auto *origin = to_mirror(name)) {
-        written.fill(origin->second);
-        written.record.mom_db = static_cast<int32_t>(origin->first.db);
-        code = qz_mom_hmset(handle_, MIRROR_DB, &written.record.base, MIRROR_FIELDS, std::size(MIRROR_FIELDS),
-                            on_written, number_arg());
+        const session_record written(name, origin->second, origin->first.db);
+        code = qz_mom_hmset(handle_, MIRROR_DB, written.message(), MIRROR_FIELDS, std::size(MIRROR_FIELDS), on_written,
+                            number);
     } else {
-        code = qz_mom_del(handle_, MIRROR_DB, &written.record.base, on_written, number_arg());
+        code = qz_mom_del(handle_, MIRROR_DB, session_record(name).message(), on_written, number);
     }
-    writes_[MIRROR_DB].sent += code == QZ_MOM_OK;
+    writes_.at(MIRROR_DB).sent += code == QZ_MOM_OK;
     return code;
 }
 
@@ -120,41 +104,30 @@ const std::pair<const session_id, session> *service::to_mirror(const session_nam
     return nullptr;
 }
 
-void service::write_done(uint32_t db)
-{
-    const uint64_t done = ++writes_[db].done;
-    std::erase_if(stray_, [=](const stray_answer &each) { return each.id.db == db && each.number <= done; });
-}
-
 // A write that the store had taken over and could not do after all.
-void service::write_failed(const qz_mom_notification &msg)
+void service::write_failed(kind of, const qz_mom_notification &msg)
 {
     if (msg.error == QZ_MOM_EFENCED)
         return;
     log(EBRIDGED_LOG_ERROR, "database %u, %s: write failed: %s", msg.db, msg.key, qz_mom_strerror(msg.error));
-    if (!passes(msg.error))
+    session_id id{msg.db, {}};
+    if (!passes(msg.error) || !read_session_name(of, msg.key, &id.name))
         return;
-    ProtobufCMessage *message = qz_mom_key_parse(&u_bridge__evlan_session__descriptor, msg.key);
-    session_id id;
-    if (message && read_session_id(msg.db, *reinterpret_cast<UBridge__EvlanSession *>(message), &id)) {
-        if (sessions_.contains(id))
-            note_due(duty::answer, id);
-        if (msg.db == MIRROR_DB)
-            note_due(duty::mirror, id);
-        retry_later();
-    }
-    if (message)
-        protobuf_c_message_free_unpacked(message, nullptr);
+    if (sessions_.contains(id))
+        note_due(duty::answer, id);
+    if (msg.db == MIRROR_DB)
+        note_due(duty::mirror, id);
+    retry_later();
 }
 
 int32_t service::on_written(qz_mom_handle *, const qz_mom_notification *msg, void *number)
 {
-    service *self = find(number);
+    const auto [self, of] = find(number);
     if (!self)
         return 0;
-    self->write_done(msg->db);
     if (msg->error != QZ_MOM_OK)
-        self->write_failed(*msg);
+        self->write_failed(of, *msg);
+    ++self->writes_.at(msg->db).done;
     return 0;
 }
 
@@ -163,7 +136,7 @@ void service::retry_later()
     if (retry_pending_)
         return;
     retry_pending_ = true;
-    if (qz_thread_call_after(qz_mom_handle_master(handle_), RETRY_USEC, on_retry, number_arg()) != 0) {
+    if (qz_thread_call_after(qz_mom_handle_master(handle_), RETRY_USEC, on_retry, number_arg(KINDS.front())) != 0) {
         retry_pending_ = false;
         log(EBRIDGED_LOG_ERROR, "no timer: %zu writes wait for the next change", due_.size());
     }
@@ -171,7 +144,7 @@ void service::retry_later()
 
 void service::on_retry(void *number)
 {
-    service *self = find(number);
+    service *const self = find(number).self;
     if (!self)
         return;
     self->retry_pending_ = false;

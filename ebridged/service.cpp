@@ -11,73 +11,11 @@ namespace ebridged
 namespace
 {
 
-constexpr uint32_t REQUEST_FIELD = 8;
 constexpr uint32_t DEFAULT_DATABASES[] = {4};
-
-// Patterns that match every session and every range: a key with nothing in it.
-struct patterns {
-    UBridge__EvlanAppIndex index = U_BRIDGE__EVLAN_APP_INDEX__INIT;
-    UBridge__EvlanSession sessions = U_BRIDGE__EVLAN_SESSION__INIT;
-    UBridge__EvlanSessionRange ranges = U_BRIDGE__EVLAN_SESSION_RANGE__INIT;
-
-    patterns() { sessions.index = &index; }
-    patterns(const patterns &) = delete;
-    patterns &operator=(const patterns &) = delete;
-};
-
-// Live services by number. A callback's argument is a number, so that it may outlive its service.
-struct registry {
-    std::mutex lock;
-    std::unordered_map<uintptr_t, service *> live;
-    uintptr_t last = 0;
-};
-
-registry &services()
-{
-    static auto *all = new registry;
-    return *all;
-}
-
-uintptr_t add_service(service *added)
-{
-    const std::lock_guard guard(services().lock);
-    services().live.emplace(++services().last, added);
-    return services().last;
-}
-
-void drop_service(uintptr_t number)
-{
-    const std::lock_guard guard(services().lock);
-    services().live.erase(number);
-}
-
-uint32_t id_word(int32_t value) { return static_cast<uint32_t>(value); }
 
 bool is_written(int32_t cmd) { return cmd == QZ_MOM_CMD_SET || cmd == QZ_MOM_CMD_HSET || cmd == QZ_MOM_CMD_HMSET; }
 
 bool is_removed(int32_t cmd) { return cmd == QZ_MOM_CMD_DEL || cmd == QZ_MOM_CMD_EXPIRED; }
-
-// The record of a notification when it is of the wanted type, or null.
-template <typename record>
-const record *record_of(const qz_mom_notification &msg, const ProtobufCMessageDescriptor &wanted)
-{
-    const auto *message = static_cast<const ProtobufCMessage *>(msg.value);
-    if (msg.cmd == QZ_MOM_CMD_HSET || msg.cmd == QZ_MOM_CMD_HMSET) {
-        const auto *hash = static_cast<const qz_mom_hash_value *>(msg.value);
-        message = hash && hash->error == 0 ? hash->record : nullptr;
-    }
-    if (!message || message->descriptor != &wanted || msg.error != 0)
-        return nullptr;
-    return reinterpret_cast<const record *>(message);
-}
-
-session content_of(const UBridge__EvlanSession &record)
-{
-    return {record.request_value, static_cast<int32_t>(record.priority), record.request, record.reply_value,
-            record.reply};
-}
-
-id_key key_of(const session_name &name) { return {name.type, name.keyid, 0}; }
 
 // A holder is a user of a database.
 std::string holder_of(const session_id &id) { return std::to_string(id.db) + '/' + id.name.user; }
@@ -86,18 +24,8 @@ std::string holder_of(const session_id &id) { return std::to_string(id.db) + '/'
 
 size_t session_id_hash::operator()(const session_id &id) const noexcept
 {
-    return std::hash<std::string>()(id.name.user) ^ id_key_hash()(id_key{id.name.type, id.name.keyid, id.db});
-}
-
-bool read_session_id(uint32_t db, const UBridge__EvlanSession &record, session_id *out)
-{
-    if (!record.index)
-        return false;
-    out->db = db;
-    out->name.user = record.index->t_user ? record.index->t_user : "";
-    out->name.type = id_word(record.index->type);
-    out->name.keyid = id_word(record.index->keyid);
-    return true;
+    const auto of = static_cast<uint32_t>(id.name.of);
+    return std::hash<std::string>()(id.name.user) ^ id_key_hash()(id.name.key) ^ id_key_hash()(id_key{of, id.db, 0});
 }
 
 std::vector<uint32_t> databases_of(const ebridged_options *options)
@@ -110,32 +38,68 @@ std::vector<uint32_t> databases_of(const ebridged_options *options)
     return databases;
 }
 
-service *service::find(void *number)
+// Who a callback is for, by number: a number may outlive its service.
+struct service::registry {
+    std::mutex lock;
+    std::unordered_map<uintptr_t, address> live;
+    uintptr_t last = 0;
+};
+
+service::registry &service::all_services()
 {
-    const std::lock_guard guard(services().lock);
-    auto entry = services().live.find(reinterpret_cast<uintptr_t>(number));
-    return entry == services().live.end() ? nullptr : entry->second;
+    static auto *all = new registry;
+    return *all;
 }
 
-void *service::number_arg() const { return reinterpret_cast<void *>(number_); }
+service::address service::find(void *number)
+{
+    registry &all = all_services();
+    const std::lock_guard guard(all.lock);
+    const auto entry = all.live.find(reinterpret_cast<uintptr_t>(number));
+    return entry == all.live.end() ? address() : entry->second;
+}
+
+void *service::number_arg(kind of) const { return reinterpret_cast<void *>(numbers_.at(of)); }
 
 service::service(qz_mom_handle *handle, const ebridged_options *options)
-    : handle_(handle), log(options), number_(add_service(this)), databases_(databases_of(options))
+    : handle_(handle), log(options), databases_(databases_of(options))
 {
+    for (const uint32_t db : databases_)
+        writes_[db];
+    writes_[MIRROR_DB];
+    registry &all = all_services();
+    const std::lock_guard guard(all.lock);
+    for (const kind of : KINDS) {
+        allocators_.emplace(of, types_of(of));
+        numbers_.emplace(of, ++all.last);
+        all.live.emplace(all.last, address{this, of});
+    }
 }
 
 service::~service()
 {
-    drop_service(number_);
-    const patterns all;
+    {
+        registry &all = all_services();
+        const std::lock_guard guard(all.lock);
+        for (const auto &[of, number] : numbers_)
+            all.live.erase(number);
+    }
     for (const start_task &task : tasks_) {
         if (task.state == progress::waiting)
             continue;
         if (task.what == step::follow_sessions)
-            qz_mom_unsubscribe(handle_, task.db, &all.sessions.base, on_session, number_arg());
+            qz_mom_unsubscribe(handle_, task.db, all_sessions(task.of), on_session, number_arg(task.of));
         if (task.what == step::follow_ranges)
-            qz_mom_unsubscribe(handle_, task.db, &all.ranges.base, on_range, number_arg());
+            qz_mom_unsubscribe(handle_, task.db, all_ranges(task.of), on_range, number_arg(task.of));
     }
+}
+
+size_t service::keys() const
+{
+    size_t all = 0;
+    for (const auto &[of, ids] : allocators_)
+        all += ids.size();
+    return all;
 }
 
 void service::stat(ebridged_stat *out) const
@@ -143,7 +107,7 @@ void service::stat(ebridged_stat *out) const
     *out = ebridged_stat{
         .serving = serving_,
         .sessions = static_cast<uint32_t>(serving_ ? sessions_.size() : found_.size()),
-        .keys = static_cast<uint32_t>(allocator_.size()),
+        .keys = static_cast<uint32_t>(keys()),
         .waiting = static_cast<uint32_t>(due_.size()),
         .answered = answered_,
         .refused = refused_,
@@ -156,16 +120,19 @@ int32_t service::start()
 {
     // One place for ranges: the ids of all databases are one set, and two places could say two things.
     const uint32_t ranges = databases_.empty() ? 0 : databases_.front();
-    for (uint32_t db : databases_) {
-        if (db == ranges)
-            tasks_.push_back({db, step::follow_ranges});
-        tasks_.push_back({db, step::follow_sessions});
-        if (db == ranges)
-            tasks_.push_back({db, step::read_ranges});
-        tasks_.push_back({db, step::read_sessions});
+    const bool mirrors = std::ranges::any_of(databases_, [](uint32_t db) { return db != MIRROR_DB; });
+    for (const kind of : KINDS) {
+        for (uint32_t db : databases_) {
+            if (db == ranges)
+                tasks_.push_back({db, of, step::follow_ranges});
+            tasks_.push_back({db, of, step::follow_sessions});
+            if (db == ranges)
+                tasks_.push_back({db, of, step::read_ranges});
+            tasks_.push_back({db, of, step::read_sessions});
+        }
+        if (mirrors)
+            tasks_.push_back({MIRROR_DB, of, step::read_mirrors});
     }
-    if (std::ranges::any_of(databases_, [](uint32_t db) { return db != MIRROR_DB; }))
-        tasks_.push_back({MIRROR_DB, step::read_mirrors});
     return advance();
 }
 
@@ -194,35 +161,34 @@ bool service::may_begin(const start_task &task) const
         return true;
     return std::ranges::none_of(tasks_, [&task](const start_task &other) {
         const bool follows = other.what == step::follow_ranges || other.what == step::follow_sessions;
-        return follows && other.db == task.db && other.state != progress::done;
+        return follows && other.db == task.db && other.of == task.of && other.state != progress::done;
     });
 }
 
 int32_t service::begin(const start_task &task)
 {
-    const patterns all;
     const qz_mom_msg_cb session_cb = on_session;
-    void *const number = number_arg();
+    void *const number = number_arg(task.of);
+    const ProtobufCMessage *const sessions = all_sessions(task.of), *const ranges = all_ranges(task.of);
     switch (task.what) {
         case step::follow_ranges:
-            return qz_mom_subscribe(handle_, task.db, &all.ranges.base, 0, on_range, number);
+            return qz_mom_subscribe(handle_, task.db, ranges, 0, on_range, number);
         case step::follow_sessions:
-            return qz_mom_subscribe_field(handle_, task.db, &all.sessions.base, 0, &REQUEST_FIELD, &session_cb, &number,
-                                          1);
+            return qz_mom_subscribe_field(handle_, task.db, sessions, 0, &REQUEST_FIELD, &session_cb, &number, 1);
         case step::read_ranges:
-            return qz_mom_scan(handle_, task.db, &all.ranges.base, 0, on_range, number);
+            return qz_mom_scan(handle_, task.db, ranges, 0, on_range, number);
         case step::read_sessions:
-            return qz_mom_scan(handle_, task.db, &all.sessions.base, 0, on_session_scan, number);
+            return qz_mom_scan(handle_, task.db, sessions, 0, on_session_scan, number);
         case step::read_mirrors:
-            return qz_mom_scan(handle_, task.db, &all.sessions.base, 0, on_mirror_scan, number);
+            return qz_mom_scan(handle_, task.db, sessions, 0, on_mirror_scan, number);
     }
     return QZ_MOM_EINVAL;
 }
 
-void service::finish(uint32_t db, step what, int32_t error)
+void service::finish(uint32_t db, kind of, step what, int32_t error)
 {
     for (start_task &task : tasks_) {
-        if (task.db != db || task.what != what || task.state != progress::under_way)
+        if (task.db != db || task.of != of || task.what != what || task.state != progress::under_way)
             continue;
         task.state = error == QZ_MOM_OK ? progress::done : progress::waiting;
     }
@@ -238,13 +204,13 @@ void service::finish(uint32_t db, step what, int32_t error)
 
 void service::begin_serving()
 {
-    serving_ = true;
     adopt_found();
     remove_stale_mirrors();
     answer_found();
+    serving_ = true;  // last: what failed for lack of memory is done from the beginning
     found_.clear();
     mirrors_ = {};
-    log(EBRIDGED_LOG_INFO, "serving, %zu sessions, %zu ids in use", sessions_.size(), allocator_.size());
+    log(EBRIDGED_LOG_INFO, "serving, %zu sessions, %zu ids in use", sessions_.size(), keys());
 }
 
 // Granted ids stay with their keys before any other request is decided.
@@ -254,8 +220,8 @@ void service::adopt_found()
         const session &content = found.content;
         if (found.gone || content.reply == 0 || content.reply_value == -1)
             continue;
-        const id_key wanted = key_of(found.id.name);
-        if (allocator_.adopt(holder_of(found.id), wanted, id_word(content.reply_value)))
+        allocator &ids = allocators_.at(found.id.name.of);
+        if (ids.adopt(holder_of(found.id), found.id.name.key, id_word(content.reply_value)))
             continue;
         found.conflict = true;
         log(EBRIDGED_LOG_ERROR, "database %u, %s: 0x%x cannot be its id, taken away", found.id.db, key.second.c_str(),
@@ -294,27 +260,26 @@ void service::remove_stale_mirrors()
 
 // ---- changes --------------------------------------------------------------------------------------------------------
 
-void service::session_heard(const qz_mom_notification &msg, bool live)
+void service::session_heard(kind of, const qz_mom_notification &msg, bool live)
 {
     const bool removed = is_removed(msg.cmd);
     if (!removed && !is_written(msg.cmd))
         return;
-    const auto *record = record_of<UBridge__EvlanSession>(msg, u_bridge__evlan_session__descriptor);
-    session_id id;
-    if (!record || !read_session_id(msg.db, *record, &id)) {
+    session_reading read;
+    if (!read_session(of, msg, &read)) {
         log(EBRIDGED_LOG_ERROR, "database %u, %s: not a session, skipped", msg.db, msg.key);
         return;
     }
     // In the mirror database a record that names another database is one that this service, or another one, wrote.
-    if (msg.db == MIRROR_DB && record->mom_db != 0 && id_word(record->mom_db) != MIRROR_DB)
+    if (msg.db == MIRROR_DB && read.mom_db != 0 && read.mom_db != MIRROR_DB)
         return;
-    const session content = content_of(*record);
+    const session_id id{msg.db, std::move(read.name)};
     if (!serving_)
-        note_found(msg, id, removed ? nullptr : &content, live);
+        note_found(msg, id, removed ? nullptr : &read.content, live);
     else if (removed)
         session_removed(id);
     else
-        session_written(id, content);
+        session_written(id, read.content);
 }
 
 // Before serving: collects. `content` is null for a removal.
@@ -339,17 +304,17 @@ void service::session_written(const session_id &id, const session &content)
 
 decision service::decide(const session_id &id, uint32_t wanted)
 {
+    allocator &ids = allocators_.at(id.name.of);
     const auto now = qz_thread_now(qz_mom_handle_master(handle_));
-    if ((wanted & NUMBER_MASK) == 0) {
-        for (const stray_answer &stray : stray_) {
-            if (stray.id != id)
-                continue;
-            const decision again = allocator_.request(holder_of(id), key_of(id.name), stray.evlan_id, now);
+    if ((wanted & NUMBER_MASK) == 0 && ids.id_of(id.name.key) == 0) {
+        const auto stray = stray_.find(id);
+        if (stray != stray_.end() && !is_done(id.db, stray->second.number)) {
+            const decision again = ids.request(holder_of(id), id.name.key, stray->second.given, now);
             if (again.why == verdict::granted)
                 return again;
         }
     }
-    return allocator_.request(holder_of(id), key_of(id.name), wanted, now);
+    return ids.request(holder_of(id), id.name.key, wanted, now);
 }
 
 void service::answer(const session_id &id, const session &content, const decision &made)
@@ -363,8 +328,8 @@ void service::answer(const session_id &id, const session &content, const decisio
     kept.reply = 1;
     ++answered_;
     refused_ += refused;
-    log(refused ? EBRIDGED_LOG_INFO : EBRIDGED_LOG_DEBUG, "database %u, user %s, type %u, key %u: 0x%x %s", id.db,
-        id.name.user.c_str(), id.name.type, id.name.keyid, id_word(made.reply), verdict_text(made.why));
+    log(refused ? EBRIDGED_LOG_INFO : EBRIDGED_LOG_DEBUG, "database %u, user %s, %s: 0x%x %s", id.db,
+        id.name.user.c_str(), key_words(id.name).text, id_word(made.reply), verdict_text(made.why));
     put(duty::answer, id);
     if (id.db != MIRROR_DB)
         put(duty::mirror, id);
@@ -372,85 +337,93 @@ void service::answer(const session_id &id, const session &content, const decisio
 
 void service::session_removed(const session_id &id)
 {
-    allocator_.release(holder_of(id), key_of(id.name), qz_thread_now(qz_mom_handle_master(handle_)));
+    allocators_.at(id.name.of).release(holder_of(id), id.name.key, qz_thread_now(qz_mom_handle_master(handle_)));
     if (const auto known = sessions_.find(id); known != sessions_.end()) {
-        const session &last = known->second;
-        if (last.answer > writes_[id.db].done && last.reply_value != -1)
-            stray_.push_back({id, last.answer, id_word(last.reply_value)});
+        note_stray(id, known->second);
         sessions_.erase(known);
     }
     if (id.db != MIRROR_DB)
         put(duty::mirror, id);
 }
 
-void service::range_heard(const qz_mom_notification &msg)
+void service::note_stray(const session_id &id, const session &last)
+{
+    if (is_done(id.db, last.answer) || last.reply_value == -1)
+        return;
+    if (stray_.size() >= sweep_at_) {
+        std::erase_if(stray_, [this](const auto &each) { return is_done(each.first.db, each.second.number); });
+        sweep_at_ = 2 * stray_.size() + 16;
+    }
+    stray_.insert_or_assign(id, stray_answer{last.answer, id_word(last.reply_value)});
+}
+
+void service::range_heard(kind of, const qz_mom_notification &msg)
 {
     if (!is_written(msg.cmd) && !is_removed(msg.cmd))
         return;
-    const auto *record = record_of<UBridge__EvlanSessionRange>(msg, u_bridge__evlan_session_range__descriptor);
-    const uint32_t type = record ? static_cast<uint32_t>(record->index) : 0;
-    const uint32_t min = record ? id_word(record->evlan_id_min) & NUMBER_MASK : 0;
-    const uint32_t max = record ? id_word(record->evlan_id_max) & NUMBER_MASK : 0;
-    const bool known = is_removed(msg.cmd) ? allocator_.reset_range(type) : allocator_.set_range(type, min, max);
+    range_reading read;
+    const auto &[type, numbers] = read;
+    allocator &ids = allocators_.at(of);
+    const bool known = read_range(of, msg, &read) &&
+                       (is_removed(msg.cmd) ? ids.reset_range(type) : ids.set_range(type, numbers.min, numbers.max));
+    const bool none = numbers.min > numbers.max;
     if (!known)
         log(EBRIDGED_LOG_ERROR, "database %u, %s: a range of no known type, skipped", msg.db, msg.key);
     else if (is_removed(msg.cmd))
-        log(EBRIDGED_LOG_INFO, "type %u: its own numbers again", type);
+        log(EBRIDGED_LOG_INFO, "%s type %u: its own numbers again", kind_name(of), type);
     else
-        log(min > max ? EBRIDGED_LOG_ERROR : EBRIDGED_LOG_INFO, "type %u: numbers %u to %u%s", type, min, max,
-            min > max ? ", so none can be given" : "");
+        log(none ? EBRIDGED_LOG_ERROR : EBRIDGED_LOG_INFO, "%s type %u: numbers %u to %u%s", kind_name(of), type,
+            numbers.min, numbers.max, none ? ", so none can be given" : "");
 }
 
-void service::mirror_heard(const qz_mom_notification &msg)
+void service::mirror_heard(kind of, const qz_mom_notification &msg)
 {
-    const auto *record =
-        is_written(msg.cmd) ? record_of<UBridge__EvlanSession>(msg, u_bridge__evlan_session__descriptor) : nullptr;
-    session_id id;
-    if (record && read_session_id(msg.db, *record, &id) && id_word(record->mom_db) != MIRROR_DB && record->mom_db != 0)
-        mirrors_.push_back({{id_word(record->mom_db), id.name}, msg.key, record->reply_value});
+    session_reading read;
+    if (is_written(msg.cmd) && read_session(of, msg, &read) && read.mom_db != MIRROR_DB && read.mom_db != 0)
+        mirrors_.push_back({{read.mom_db, read.name}, msg.key, read.content.reply_value});
 }
 
 // ---- callbacks ------------------------------------------------------------------------------------------------------
 
 int32_t service::on_session(qz_mom_handle *, const qz_mom_notification *msg, void *number)
 {
-    service *self = find(number);
+    const auto [self, of] = find(number);
     if (self && msg->cmd == QZ_MOM_CMD_SUBSCRIBED)
-        self->finish(msg->db, step::follow_sessions, msg->error);
+        self->finish(msg->db, of, step::follow_sessions, msg->error);
     else if (self)
-        self->session_heard(*msg, true);
+        self->session_heard(of, *msg, true);
     return 0;
 }
 
 int32_t service::on_session_scan(qz_mom_handle *, const qz_mom_notification *msg, void *number)
 {
-    service *self = find(number);
+    const auto [self, of] = find(number);
     if (self && msg->end == QZ_MOM_END_SCAN)
-        self->finish(msg->db, step::read_sessions, msg->error);
+        self->finish(msg->db, of, step::read_sessions, msg->error);
     else if (self)
-        self->session_heard(*msg, false);
+        self->session_heard(of, *msg, false);
     return 0;
 }
 
 int32_t service::on_range(qz_mom_handle *, const qz_mom_notification *msg, void *number)
 {
-    service *self = find(number);
+    const auto [self, of] = find(number);
     if (self && msg->cmd == QZ_MOM_CMD_SUBSCRIBED)
-        self->finish(msg->db, step::follow_ranges, msg->error);
+        self->finish(msg->db, of, step::follow_ranges, msg->error);
     else if (self && msg->end == QZ_MOM_END_SCAN)
-        self->finish(msg->db, step::read_ranges, msg->error);
+        self->finish(msg->db, of, step::read_ranges, msg->error);
     else if (self)
-        self->range_heard(*msg);
+        self->range_heard(of, *msg);
     return 0;
 }
 
 int32_t service::on_mirror_scan(qz_mom_handle *, const qz_mom_notification *msg, void *number)
 {
-    service *self = find(number);
+    const auto [self, of] = find(number);
     if (self && msg->end == QZ_MOM_END_SCAN)
-        self->finish(msg->db, step::read_mirrors, msg->error);
+        self->finish(msg->db, of, step::read_mirrors, msg->error);
     else if (self)
-        self->mirror_heard(*msg);
+        self->mirror_heard(of, *msg);
     return 0;
 }
 

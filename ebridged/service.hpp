@@ -1,14 +1,20 @@
 // The allocator service: follows session tables with the store client, has allocator.hpp decide, writes the answers.
+// Ids of different kinds (kinds.hpp) have nothing to do with each other: each kind has an allocator.
 //
-// Start. Per served database: subscribe the sessions, in the lowest one the ranges, too; what is confirmed is scanned. Nothing is decided
-// before every table is read: then granted ids are taken over from the answered sessions, in the order of their key
-// texts, and every request is answered (again). A change that is heard meanwhile outweighs what a scan delivers.
+// Start. Per served database: subscribe the sessions, in the lowest one the ranges, too; what is confirmed is scanned.
+// Nothing is decided before every table is read: then granted ids are taken over from the answered sessions, in the
+// order of their key texts, and every request is answered (again). A change that is heard meanwhile outweighs what a
+// scan delivers.
 //
 // Writes. What the store cannot take yet is remembered as "this session's answer is due" or "this mirror is due", not
 // as a write: when its turn comes it is written as things stand then. Nothing is lost, and nothing old is written late.
 //
 // A session that is removed and requested again while its answer is under way: the answer lands on the new request, and
-// its user hears it. So that id stays the answer, unless somebody else has got it meanwhile.
+// its user hears it. So that id stays the answer, unless somebody else has got it meanwhile. Once the new request is
+// answered, that answer stands.
+//
+// A callback that fails for lack of memory (std::bad_alloc) is made again by the store client. So each of them can be
+// broken off wherever it needs memory, and does the whole of it the next time.
 //
 // Callbacks carry a number instead of a pointer, so that one that comes after the end finds nobody and does nothing.
 #pragma once
@@ -23,9 +29,9 @@
 
 #include "allocator.hpp"
 #include "ebridged.h"
+#include "kinds.hpp"
 #include "qz_mom.h"
 #include "service_log.hpp"
-#include "u_bridge.pb-c.h"
 
 namespace ebridged
 {
@@ -36,14 +42,6 @@ constexpr uint32_t MIRROR_DB = 8;
 // Whose sessions are served by these options: each once, in the order of their numbers.
 std::vector<uint32_t> databases_of(const ebridged_options *options);
 
-// What a session is known by, apart from its database.
-struct session_name {
-    std::string user;
-    uint32_t type = 0;
-    uint32_t keyid = 0;
-    bool operator==(const session_name &) const = default;
-};
-
 struct session_id {
     uint32_t db = 0;
     session_name name;
@@ -52,16 +50,6 @@ struct session_id {
 
 struct session_id_hash {
     size_t operator()(const session_id &id) const noexcept;
-};
-
-// The parts of a session record that the service carries.
-struct session {
-    int32_t request_value = 0;
-    int32_t priority = 0;
-    int32_t request = 0;
-    int32_t reply_value = 0;
-    int32_t reply = 0;
-    uint64_t answer = 0;  // number of the write that carries the answer; 0: none yet
 };
 
 class service
@@ -81,6 +69,7 @@ class service
     enum class progress { waiting, under_way, done };
     struct start_task {
         uint32_t db;
+        kind of;
         step what;
         progress state = progress::waiting;
     };
@@ -103,11 +92,10 @@ class service
         uint64_t sent = 0;
         uint64_t done = 0;
     };
-    // An answer that was under way when its session was removed.
+    // The last answer that was under way when a session was removed, and may be done by now.
     struct stray_answer {
-        session_id id;
         uint64_t number = 0;
-        uint32_t evlan_id = 0;
+        uint32_t given = 0;
     };
     enum class duty { answer, mirror };
     struct due {
@@ -122,51 +110,60 @@ class service
         }
     };
 
-    // Callbacks of the store client and of the master; the argument is the service's number.
+    // Callbacks of the store client and of the master. Their argument is a number for a service and a kind.
     static int32_t on_session(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
     static int32_t on_session_scan(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
     static int32_t on_range(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
     static int32_t on_mirror_scan(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
     static int32_t on_written(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
     static void on_retry(void *number);
-    static service *find(void *number);  // null: it has ended
-    void *number_arg() const;
+    struct address {
+        service *self = nullptr;  // null: it has ended
+        kind of = kind::evlan;
+    };
+    struct registry;
+    static registry &all_services();
+    static address find(void *number);
+    void *number_arg(kind of) const;
+
+    size_t keys() const;  // of all kinds that hold an id
 
     // service.cpp: the start
     int32_t advance();
     bool may_begin(const start_task &task) const;
     int32_t begin(const start_task &task);
-    void finish(uint32_t db, step what, int32_t error);
+    void finish(uint32_t db, kind of, step what, int32_t error);
     void begin_serving();
     void adopt_found();
     void answer_found();
     void remove_stale_mirrors();
     // service.cpp: changes
-    void session_heard(const qz_mom_notification &msg, bool live);
+    void session_heard(kind of, const qz_mom_notification &msg, bool live);
     void note_found(const qz_mom_notification &msg, const session_id &id, const session *content, bool live);
     void session_written(const session_id &id, const session &content);
     void session_removed(const session_id &id);
+    void note_stray(const session_id &id, const session &last);
     decision decide(const session_id &id, uint32_t wanted);
     void answer(const session_id &id, const session &content, const decision &made);
-    void range_heard(const qz_mom_notification &msg);
-    void mirror_heard(const qz_mom_notification &msg);
+    void range_heard(kind of, const qz_mom_notification &msg);
+    void mirror_heard(kind of, const qz_mom_notification &msg);
     // outbox.cpp: writes
     const std::pair<const session_id, session> *to_mirror(const session_name &name) const;
     void put(duty what, const session_id &id);
     void note_due(duty what, const session_id &id);
     void send_due();
-    int32_t send(const due &next);
+    int32_t write(duty what, const session_id &id);
     int32_t send_answer(const session_id &id);
     int32_t send_mirror(const session_name &name);
-    void write_done(uint32_t db);
-    void write_failed(const qz_mom_notification &msg);
+    bool is_done(uint32_t db, uint64_t number) const { return writes_.at(db).done >= number; }
+    void write_failed(kind of, const qz_mom_notification &msg);
     void retry_later();
     static bool passes(int32_t code);  // a code that may be another one next time
 
     qz_mom_handle *handle_;
     const service_log log;
-    uintptr_t number_;  // of this service, for callbacks
-    allocator allocator_{evlan_types()};
+    std::map<kind, uintptr_t> numbers_;  // of this service, for callbacks
+    std::map<kind, allocator> allocators_;
     std::vector<uint32_t> databases_;  // whose sessions are answered
     std::vector<start_task> tasks_;
     bool serving_ = false;
@@ -176,13 +173,11 @@ class service
     std::deque<due> due_;                        // in the order of writing
     std::unordered_set<due, due_hash> due_set_;  // the same: each is due once
     std::map<uint32_t, write_count> writes_;     // by database
-    std::vector<stray_answer> stray_;            // nearly always empty
+    std::unordered_map<session_id, stray_answer, session_id_hash> stray_;
+    size_t sweep_at_ = 0;  // so many stray answers are looked through for those that are done
     bool retry_pending_ = false;
     uint64_t answered_ = 0;
     uint64_t refused_ = 0;
 };
-
-// Reads the key of a session record; false when it has none.
-bool read_session_id(uint32_t db, const UBridge__EvlanSession &record, session_id *out);
 
 }  // namespace ebridged

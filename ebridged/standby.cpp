@@ -87,7 +87,8 @@ int32_t standby::on_lock(qz_mom_handle *handle, uint32_t, int32_t held, void *ar
     if (held == 0) {
         self->step_down();
     } else {
-        ++self->held_;
+        // Of a call that comes again, because serving failed for lack of memory, all are held already.
+        self->held_ = std::min(self->held_ + 1, self->written_.size());
         self->ask();
     }
     return 0;

@@ -30,8 +30,12 @@ file(WRITE ${CPACK_PROJECT_CONFIG_FILE}
 set(library ${CMAKE_CURRENT_BINARY_DIR}/library)
 file(WRITE ${library}/triggers "activate-noawait ldconfig\n")
 foreach(script IN ITEMS postinst postrm)
-  file(WRITE ${library}/${script} "#!/bin/sh\n# Nothing to do: the trigger of this package has the loader's cache renewed.\n")
+  file(WRITE ${library}/${script}
+    "#!/bin/sh\n# Nothing to do: the trigger of this package has the loader's cache renewed.\nset -e\n")
 endforeach()
+
+# Manual pages are compressed in packages, and nowhere else.
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/compress.cmake)
 
 # debian_package(name section depends summary text)
 set(CPACK_COMPONENTS_ALL)
@@ -45,17 +49,24 @@ macro(debian_package name section depends summary text)
   if(${section} STREQUAL libs)
     set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA ${library}/triggers ${library}/postinst ${library}/postrm)
   endif()
+  # What programs link with stands in folders of its architecture, beside that of another one. CPack knows the field by no
+  # name before its version 3.31: the value of the one before brings it along.
+  if(${section} MATCHES "^lib")
+    set(CPACK_DEBIAN_${upper}_PACKAGE_PRIORITY "optional\nMulti-Arch: same")
+  endif()
 endmacro()
 
 set(version ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
 debian_package(libsw-bridge1 libs "ebridge-platform (>= ${PROJECT_VERSION})"
   "bridge ids for the applications of a modular switch"
-  "An application registers under a name, asks for an id for a VLAN, a VXLAN segment or another bridge domain, gets it from
-one allocator for the whole switch, and hears what others have obtained and released.")
+  "An application registers under a name, asks for an id for a VLAN, a VXLAN
+segment or another bridge domain, gets it from one allocator for the whole
+switch, and hears what others have obtained and released.")
 debian_package(ebridge-platform libs ""
   "platform libraries of the extended bridge"
-  "Store client, thread master, log, debug shell, congestion control and port table. On a switch the libraries of the same
-names that belong to it take the place of this package.")
+  "Store client, thread master, log, debug shell, congestion control and port
+table. On a switch the libraries of the same names that belong to it take the
+place of this package.")
 debian_package(libebridged0 libs "libsw-bridge1 (>= ${PROJECT_VERSION}), ebridge-platform (>= ${PROJECT_VERSION})"
   "allocator of bridge ids inside of a process"
   "For programs on the embedded store, which one process has for itself.")
@@ -66,11 +77,13 @@ debian_package(libsw-bridge-dev libdevel
 debian_package(ebridge net
   "libsw-bridge1 (>= ${PROJECT_VERSION}), ebridge-platform (>= ${PROJECT_VERSION}), libebridged0 (>= ${PROJECT_VERSION})"
   "tries out and looks into the extended bridge"
-  "Brings up the VLANs and VXLAN maps of a switch configuration and reads everything back.")
+  "Brings up the VLANs and VXLAN maps of a switch configuration and reads
+everything back.")
 debian_package(ebridged net "libsw-bridge1 (>= ${PROJECT_VERSION}), ebridge-platform (>= ${PROJECT_VERSION})"
   "allocator of bridge ids"
-  "The service that answers the requests of a switch's applications, on a Redis server. It is neither enabled nor started by
-the installation: its store is named in /etc/default/ebridged.")
+  "The service that answers the requests of a switch's applications, on a Redis
+server. It is neither enabled nor started by the installation: its store is
+named in /etc/default/ebridged.")
 set(CPACK_DEBIAN_EBRIDGED_PACKAGE_SUGGESTS "redis-server (>= 5:7.0)")
 set(scripts ${CMAKE_CURRENT_LIST_DIR}/debian)
 set(CPACK_DEBIAN_EBRIDGED_PACKAGE_CONTROL_EXTRA ${scripts}/postinst ${scripts}/prerm ${scripts}/postrm)

@@ -1,13 +1,15 @@
 #!/bin/sh
 # try.sh packages FOLDER [TREE]: installs the packages of FOLDER into an empty root, for each architecture that there is,
-# looks at what came, builds and runs the examples from there and nowhere else, and takes the packages out again.
+# looks at what came, builds and runs the examples from there and nowhere else, and takes the packages out again. Libraries
+# of several architectures are also installed together.
 # try.sh installed BUILD ARCHITECTURE: the same programs from what `cmake --install BUILD` puts below an empty prefix.
+# try.sh folders SOURCE: the files that name folders name those that a packager chose, also outside of the prefix.
 #
 # The root begins without a file, but its dpkg knows what is installed on this machine, so that dependencies that cannot
 # be met are refused as they would be here. What the examples need of the distribution they take from this machine. A root
 # of that kind can be made by root, or with fakeroot; where there is neither, the status is 77 and nothing was tried.
 #
-# TREE is the source tree, whose name must not occur in what is installed.
+# TREE is the source tree: no file or folder of it may be named in what is installed.
 set -eu
 
 PATH=$PATH:/usr/sbin:/sbin
@@ -88,8 +90,9 @@ manual_names() {
     page=$1
     shift
     [ $# -gt 1 ] || fail "no options for $page"
+    [ -f "$page" ] || page=$page.gz
     for option in "$@"; do
-        sed 's/\\-/-/g' "$page" | grep -qF -e "$option" || fail "$(basename "$page") does not name $option"
+        zcat -f "$page" | sed 's/\\-/-/g' | grep -qF -e "$option" || fail "$(basename "$page") does not name $option"
     done
 }
 
@@ -178,7 +181,13 @@ look_at_what_came() {
         done
     done
     [ "$seen" -eq 10 ] || fail "$seen programs and libraries came, not two and eight"
-    [ -z "$tree" ] || ! grep -rlF "$tree" "$prefix" || fail "named above: files that name $tree"
+    [ -z "$tree" ] || names_nothing_of_tree
+}
+
+# Something in the tree, that is: the name of a tree like /src stands in other paths, too.
+names_nothing_of_tree() {
+    find "$tree" -mindepth 1 -maxdepth 1 >"$work/in_tree"
+    ! grep -rlFf "$work/in_tree" "$prefix" || fail "named above: files that name something in $tree"
 }
 
 # Nothing of ours stays behind.
@@ -209,6 +218,52 @@ try_packages() {
         take_out
         rm -rf "$root"
     done
+    # shellcheck disable=SC2086
+    set -- $architectures
+    [ $# -lt 2 ] || stand_side_by_side
+}
+
+# Who builds for several architectures has the libraries of each.
+stand_side_by_side() {
+    names='libsw-bridge1 ebridge-platform libebridged0 libsw-bridge-dev'
+    make_root
+    set --
+    for name in $names; do
+        set -- "$@" "$folder/$name"_*.deb
+    done
+    into_root -i "$@" >"$work/output" 2>&1 || fail "$(cat "$work/output")"
+    # shellcheck disable=SC2086
+    dpkg-query --admindir="$root/var/lib/dpkg" -W -f '${Package} ${Architecture} ${db:Status-Status}\n' $names >"$work/there"
+    [ "$(grep -c ' installed$' "$work/there")" -eq $# ] || fail "not all stay: $(cat "$work/there")"
+    say "libraries of all architectures stand side by side"
+}
+
+# chosen OPTION...: configures with these folders, and installs what names them, for the prefix /opt/ebridge.
+chosen() {
+    rm -rf "$work/root"
+    cmake -G Ninja -S "$sources" -B "$work/build" "$@" >"$work/output" 2>&1 || fail "$(cat "$work/output")"
+    DESTDIR=$work/root cmake -DCMAKE_INSTALL_PREFIX=/opt/ebridge -P "$work/build/packaging/cmake_install.cmake" \
+        >"$work/output" 2>&1 || fail "$(cat "$work/output")"
+}
+
+# names PC VARIABLE FOLDER
+names() {
+    found=$(PKG_CONFIG_PATH=$(dirname "$work/root$1") pkg-config --variable="$2" "$(basename "$1" .pc)")
+    [ "$found" = "$3" ] || fail "$1: $2 is '$found', not $3"
+}
+
+try_folders() {
+    chosen -DCMAKE_INSTALL_LIBDIR=/opt/libs -DCMAKE_INSTALL_BINDIR=/opt/programs
+    names /opt/libs/pkgconfig/sw_bridge.pc libdir /opt/libs
+    names /opt/libs/pkgconfig/sw_bridge.pc includedir /opt/ebridge/include/sw_bridge
+    names /opt/libs/pkgconfig/ebridged.pc libdir /opt/libs
+    grep -q '^ExecStart=/opt/programs/ebridged ' "$work/root/opt/ebridge/lib/systemd/system/ebridged.service" ||
+        fail 'the unit does not start /opt/programs/ebridged'
+    chosen -DCMAKE_INSTALL_LIBDIR=lib -DCMAKE_INSTALL_BINDIR=bin -DCMAKE_INSTALL_INCLUDEDIR=/opt/headers
+    names /opt/ebridge/lib/pkgconfig/sw_bridge.pc includedir /opt/headers/sw_bridge
+    grep -q '^ExecStart=/opt/ebridge/bin/ebridged ' "$work/root/opt/ebridge/lib/systemd/system/ebridged.service" ||
+        fail 'the unit does not start /opt/ebridge/bin/ebridged'
+    say 'folders outside of the prefix are named as they are'
 }
 
 case $1 in
@@ -222,6 +277,10 @@ installed)
     cmake --install "$2" --prefix "$prefix" >"$work/output" 2>&1 || fail "$(cat "$work/output")"
     for_architecture "$3"
     try_prefix
+    ;;
+folders)
+    sources=$(cd "$2" && pwd)
+    try_folders
     ;;
 *) fail "no trial '$1'" ;;
 esac

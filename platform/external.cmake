@@ -1,7 +1,17 @@
 # Somebody else's platform in place of ours: headers and shared objects as an installation has them, found below
-# EBRIDGE_PLATFORM_PREFIX, or as CMake finds anything (CMAKE_PREFIX_PATH). Nothing that ours is built on is looked for.
-list(PREPEND CMAKE_PREFIX_PATH ${EBRIDGE_PLATFORM_PREFIX})
-set(required REQUIRED)
+# EBRIDGE_PLATFORM_PREFIX and nowhere else, or without one as CMake finds anything (CMAKE_PREFIX_PATH). Nothing that ours
+# is built on is looked for.
+set(where)
+if(EBRIDGE_PLATFORM_PREFIX)
+  set(where PATHS ${EBRIDGE_PLATFORM_PREFIX} NO_DEFAULT_PATH)
+endif()
+
+# What was found below another prefix is not what is asked for now.
+set(renewed FALSE)
+if(DEFINED EBRIDGE_PLATFORM_LAST_PREFIX AND NOT EBRIDGE_PLATFORM_LAST_PREFIX STREQUAL "${EBRIDGE_PLATFORM_PREFIX}")
+  set(renewed TRUE)
+endif()
+set(EBRIDGE_PLATFORM_LAST_PREFIX "${EBRIDGE_PLATFORM_PREFIX}" CACHE INTERNAL "Where the platform was looked for last")
 
 add_library(ebridge_platform_headers INTERFACE)
 target_link_libraries(ebridge_platform_headers INTERFACE PkgConfig::PROTOBUF_C)
@@ -12,11 +22,13 @@ set(EBRIDGE_PLATFORM_LIBS "")
 # external_library(name header [called]): the library and its header. What an application calls itself goes into
 # sw_bridge.pc.
 function(external_library name header)
-  find_library(EBRIDGE_PLATFORM_${name} ${name} ${required})
-  find_path(EBRIDGE_PLATFORM_${name}_INCLUDE ${header} PATH_SUFFIXES sw_bridge ${required})
-  if(NOT EBRIDGE_PLATFORM_${name} OR NOT EBRIDGE_PLATFORM_${name}_INCLUDE)
-    return()
+  if(renewed)
+    unset(EBRIDGE_PLATFORM_${name} CACHE)
+    unset(EBRIDGE_PLATFORM_${name}_INCLUDE CACHE)
   endif()
+  find_library(EBRIDGE_PLATFORM_${name} ${name} ${where} PATH_SUFFIXES lib/${CMAKE_LIBRARY_ARCHITECTURE} lib REQUIRED)
+  find_path(EBRIDGE_PLATFORM_${name}_INCLUDE ${header} ${where} PATH_SUFFIXES include sw_bridge include/sw_bridge
+    REQUIRED)
   target_include_directories(ebridge_platform_headers SYSTEM INTERFACE ${EBRIDGE_PLATFORM_${name}_INCLUDE})
   target_link_libraries(ebridge_platform INTERFACE ${EBRIDGE_PLATFORM_${name}})
   if(called IN_LIST ARGN)
@@ -32,10 +44,6 @@ external_library(qz_mom_impl qz_mom.h called)
 external_library(qz_zlog qz_zlog.h)
 external_library(ssat ssat.h)
 external_library(cgstctrl libcgstctrl.h)
-# The library makes no call of these two. Programs do.
-if(NOT EBRIDGE_PROGRAMS)
-  set(required)
-endif()
 external_library(qz_thread qz_thread.h called)
 external_library(ddm libddm.h)
 

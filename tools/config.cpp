@@ -1,98 +1,215 @@
-// Reading a switch configuration: the file, and what its tables mean. See config.hpp.
+// Reading a switch configuration: what its tables mean. See config.hpp.
 #include "config.hpp"
 
-#include <fcntl.h>
-#include <unistd.h>
+#include <arpa/inet.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <charconv>
-#include <cstdio>
-#include <cstring>
+#include <iterator>
 #include <map>
 #include <set>
 
-#include "tables.hpp"
+#include "config_tables.hpp"
 
 namespace ebridge_tool
 {
 
+using namespace config_text;
+
 namespace
 {
 
-constexpr size_t MAX_FILE = 64U << 20;
 constexpr uint32_t MAX_VLAN = 4094;
 constexpr uint32_t MAX_VNI = 0xffffff;
+constexpr uint32_t MAX_LAG = 999'999;
+constexpr uint32_t MAX_MTU = 65'535;
 
-bool is_meant(std::string_view table)
+// The number of "Vlan10" where the prefix is "Vlan"; nothing when it names none up to `max`.
+std::optional<uint32_t> number_of(std::string_view name, std::string_view prefix, uint32_t max)
 {
-    return table == "VLAN" || table == "VXLAN_TUNNEL_MAP" || table == "VXLAN_TUNNEL";
+    if (!name.starts_with(prefix))
+        return std::nullopt;
+    const std::optional<uint32_t> number = whole_number(name.substr(prefix.size()));
+    return number <= max ? number : std::nullopt;
 }
 
-// Digits alone, nothing around them; 0 when it is not that or too large.
-uint32_t read_number(std::string_view digits)
+// 0 when it is no VLAN's.
+uint32_t vlan_number(std::string_view name) { return number_of(name, "Vlan", MAX_VLAN).value_or(0); }
+
+std::optional<ip_address> read_address(const std::string &text)
 {
-    uint32_t number = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    return error == std::errc() && end == digits.data() + digits.size() ? number : 0;
+    ip_address address;
+    if (inet_pton(AF_INET, text.c_str(), address.bytes.data()) == 1)
+        return address;
+    address.v6 = true;
+    if (inet_pton(AF_INET6, text.c_str(), address.bytes.data()) == 1)
+        return address;
+    return std::nullopt;
 }
 
-// The number of "Vlan10"; 0 when it names none from 1 to 4094.
-uint32_t vlan_number(std::string_view name)
+bool is_unspecified(const ip_address &address)
 {
-    constexpr std::string_view PREFIX = "Vlan";
-    if (!name.starts_with(PREFIX))
-        return 0;
-    const uint32_t number = read_number(name.substr(PREFIX.size()));
-    return number <= MAX_VLAN ? number : 0;
+    return std::ranges::all_of(address.bytes, [](uint8_t byte) { return byte == 0; });
 }
 
-std::string quoted(const config_field &field)
+// Multicast and the broadcast address are no sender's.
+bool is_group(const ip_address &address) { return address.bytes[0] >= (address.v6 ? 0xff : 0xe0); }
+
+// Two halves of a key, both there; nothing otherwise.
+std::optional<std::pair<std::string, std::string>> halves(const std::string &key)
 {
-    return field.scalar ? field.name + " \"" + field.text + '"' : field.name;
+    const size_t bar = key.find('|');
+    if (bar == 0 || bar == std::string::npos || bar + 1 == key.size())
+        return std::nullopt;
+    return std::pair(key.substr(0, bar), key.substr(bar + 1));
 }
 
 // Gives tables their meaning. A fault is set once, by the first thing that makes no sense.
 class interpreter
 {
   public:
-    explicit interpreter(switch_config *out) : out_(out) {}
+    interpreter(switch_config *out, const std::function<bool(const std::string &)> &is_port, config_fault *fault)
+        : out_(out), is_port_(is_port), fault_(fault)
+    {
+    }
 
-    // Nothing is requested for a tunnel, but a map has to be of one that there is.
-    void tunnels(const config_table &table);
-    bool vlans(const config_table &table);
-    bool vxlan_maps(const config_table &table);
-    const config_fault &fault() const { return fault_; }
+    bool port(const config_table &table, const config_entry &entry);
+    bool lag(const config_table &table, const config_entry &entry);
+    bool membership(const config_table &table, const config_entry &entry);
+    bool vlan(const config_table &table, const config_entry &entry);
+    bool tunnel(const config_table &table, const config_entry &entry);
+    bool vxlan_map(const config_table &table, const config_entry &entry);
+    // The table is there, if only empty.
+    void begin(const config_table &table);
+    // After all tables.
+    void note_members();
 
   private:
     bool fail(const config_table &table, const config_entry &entry, const std::string &what)
     {
-        fault_ = {entry.line, table.name + '|' + entry.key + ": " + what};
+        *fault_ = {entry.line, table.place(entry) + what};
         return false;
     }
-    bool vlan(const config_table &table, const config_entry &entry);
-    bool vxlan_map(const config_table &table, const config_entry &entry);
+    bool mtu(const config_table &table, const config_entry &entry, uint32_t *out);
+    bool address(const config_table &table, const config_entry &entry, const char *name,
+                 std::optional<ip_address> *out);
+    bool join(const config_table &table, const config_entry &entry, const std::string &lag, const std::string &port);
 
     switch_config *out_;
-    config_fault fault_;
-    std::optional<std::set<std::string>> tunnels_;
-    std::map<uint32_t, std::string> vlan_keys_;  // number -> entry that defines it
+    const std::function<bool(const std::string &)> &is_port_;
+    config_fault *fault_;
+    std::set<std::string> ports_;
+    std::map<uint32_t, std::string> lag_keys_;  // number -> entry that defines it
+    std::map<std::string, std::string> lag_of_;
+    std::set<std::string> tunnels_;
+    std::map<uint32_t, std::string> vlan_keys_;
     std::map<uint32_t, std::string> vni_keys_;
 };
 
-void interpreter::tunnels(const config_table &table)
+// The tables that mean something, in the order in which they refer to each other.
+struct meaning {
+    std::string_view table;
+    bool (interpreter::*read)(const config_table &, const config_entry &);
+    bool requested;  // ids are, for its entries
+};
+constexpr meaning MEANINGS[] = {{"PORT", &interpreter::port, true},
+                                {"PORTCHANNEL", &interpreter::lag, true},
+                                {"PORTCHANNEL_MEMBER", &interpreter::membership, false},
+                                {"VLAN", &interpreter::vlan, true},
+                                {"VXLAN_TUNNEL", &interpreter::tunnel, true},
+                                {"VXLAN_TUNNEL_MAP", &interpreter::vxlan_map, true}};
+
+const meaning *meaning_of(std::string_view table)
 {
-    tunnels_.emplace();
-    for (const config_entry &entry : table.entries)
-        tunnels_->insert(entry.key);
+    const meaning *found = std::ranges::find(MEANINGS, table, &meaning::table);
+    return found == std::end(MEANINGS) ? nullptr : found;
 }
 
-bool interpreter::vlans(const config_table &table)
+bool is_meant(std::string_view table) { return meaning_of(table) != nullptr; }
+
+void interpreter::begin(const config_table &table)
 {
-    out_->vlans.emplace();
-    return std::ranges::all_of(table.entries, [&](const config_entry &entry) { return vlan(table, entry); });
+    if (table.name == "PORT")
+        out_->ports.emplace();
+    else if (table.name == "PORTCHANNEL")
+        out_->lags.emplace();
+    else if (table.name == "VLAN")
+        out_->vlans.emplace();
+    else if (table.name == "VXLAN_TUNNEL")
+        out_->tunnels.emplace();
+    else if (table.name == "VXLAN_TUNNEL_MAP")
+        out_->vxlan_maps.emplace();
 }
+
+// 0 when there is none.
+bool interpreter::mtu(const config_table &table, const config_entry &entry, uint32_t *out)
+{
+    const config_field *field = entry.find("mtu");
+    *out = field && field->scalar ? whole_number(field->text).value_or(0) : 0;
+    return !field || (*out >= 1 && *out <= MAX_MTU) ||
+           fail(table, entry, field->quoted() + " is not a number from 1 to 65535");
+}
+
+// ---- ports and LAGs -------------------------------------------------------------------------------------------------
+
+bool interpreter::port(const config_table &table, const config_entry &entry)
+{
+    if (uint32_t ignored = 0; !mtu(table, entry, &ignored))
+        return false;
+    ports_.insert(entry.key);
+    out_->ports->push_back({{entry.key, entry.line}});
+    return true;
+}
+
+bool interpreter::lag(const config_table &table, const config_entry &entry)
+{
+    const std::optional<uint32_t> number = number_of(entry.key, "PortChannel", MAX_LAG);
+    if (!number)
+        return fail(table, entry, "the name must be PortChannel0 to PortChannel999999");
+    if (uint32_t ignored = 0; !mtu(table, entry, &ignored))
+        return false;
+    const auto [first, fresh] = lag_keys_.emplace(*number, entry.key);
+    if (!fresh)
+        return fail(table, entry, "has the number of " + first->second + " already");
+    out_->lags->push_back({{entry.key, entry.line}, *number});
+    const config_field *members = entry.find("members");
+    if (members && !members->list)
+        return fail(table, entry, "members is not a list of names");
+    return !members || std::ranges::all_of(members->items, [&](const std::string &name) {
+        return join(table, entry, entry.key, name);
+    });
+}
+
+bool interpreter::membership(const config_table &table, const config_entry &entry)
+{
+    const auto names = halves(entry.key);
+    if (!names)
+        return fail(table, entry, "the key must be PORTCHANNEL|PORT");
+    if (out_->lags && std::ranges::find(*out_->lags, names->first, &config_item::key) == out_->lags->end())
+        return fail(table, entry, '"' + names->first + "\" is not in the table PORTCHANNEL");
+    if (!join(table, entry, names->first, names->second))
+        return false;
+    out_->lag_members.push_back({{entry.key, entry.line}, names->second});
+    return true;
+}
+
+// One port may be named as the member of a LAG in both of its tables.
+bool interpreter::join(const config_table &table, const config_entry &entry, const std::string &lag,
+                       const std::string &port)
+{
+    if (is_port_ ? !is_port_(port) : out_->ports && !ports_.contains(port))
+        return fail(table, entry, '"' + port + "\" is no port");
+    const auto [first, fresh] = lag_of_.emplace(port, lag);
+    return fresh || first->second == lag || fail(table, entry, port + " is a member of " + first->second + " already");
+}
+
+void interpreter::note_members()
+{
+    if (out_->ports)
+        for (port_entry &port : *out_->ports)
+            port.in_lag = lag_of_.contains(port.key);
+}
+
+// ---- VLANs and VXLAN ------------------------------------------------------------------------------------------------
 
 bool interpreter::vlan(const config_table &table, const config_entry &entry)
 {
@@ -100,181 +217,149 @@ bool interpreter::vlan(const config_table &table, const config_entry &entry)
     if (number == 0)
         return fail(table, entry, "the name must be Vlan1 to Vlan4094");
     const config_field *vlanid = entry.find("vlanid");
-    if (vlanid && (!vlanid->scalar || read_number(vlanid->text) != number))
-        return fail(table, entry, quoted(*vlanid) + " is not the number of the name");
+    if (vlanid && (!vlanid->scalar || whole_number(vlanid->text) != number))
+        return fail(table, entry, vlanid->quoted() + " is not the number of the name");
+    uint32_t mtu_told = 0;
+    if (!mtu(table, entry, &mtu_told))
+        return false;
     const auto [first, fresh] = vlan_keys_.emplace(number, entry.key);
     if (!fresh)
         return fail(table, entry, "is the same VLAN as " + first->second);
-    out_->vlans->push_back({entry.key, number});
+    out_->vlans->push_back({{entry.key, entry.line}, number, mtu_told});
     return true;
 }
 
-bool interpreter::vxlan_maps(const config_table &table)
+bool interpreter::address(const config_table &table, const config_entry &entry, const char *name,
+                          std::optional<ip_address> *out)
 {
-    out_->vxlan_maps.emplace();
-    return std::ranges::all_of(table.entries, [&](const config_entry &entry) { return vxlan_map(table, entry); });
+    const config_field *field = entry.find(name);
+    if (!field)
+        return true;
+    if (field->scalar)
+        *out = read_address(field->text);
+    return (*out && !is_unspecified(**out)) || fail(table, entry, field->quoted() + " is not the address of a switch");
+}
+
+bool interpreter::tunnel(const config_table &table, const config_entry &entry)
+{
+    tunnel_entry read{{entry.key, entry.line}, {}, {}, 0};
+    if (!address(table, entry, "src_ip", &read.source) || !address(table, entry, "dst_ip", &read.destination))
+        return false;
+    if (read.source && is_group(*read.source))
+        return fail(table, entry, entry.find("src_ip")->quoted() + " is not the address of a switch");
+    if (read.source && read.destination && read.source->v6 != read.destination->v6)
+        return fail(table, entry, "src_ip and dst_ip are not of the same IP version");
+    if (!mtu(table, entry, &read.mtu))
+        return false;
+    tunnels_.insert(entry.key);
+    out_->tunnels->push_back(std::move(read));
+    return true;
 }
 
 bool interpreter::vxlan_map(const config_table &table, const config_entry &entry)
 {
-    const size_t bar = entry.key.find('|');
-    if (bar == 0 || bar == std::string::npos || bar + 1 == entry.key.size())
+    const auto names = halves(entry.key);
+    if (!names)
         return fail(table, entry, "the key must be TUNNEL|MAP");
-    if (const std::string tunnel = entry.key.substr(0, bar); tunnels_ && !tunnels_->contains(tunnel))
-        return fail(table, entry, "the tunnel \"" + tunnel + "\" is not in the table VXLAN_TUNNEL");
+    if (out_->tunnels && !tunnels_.contains(names->first))
+        return fail(table, entry, "the tunnel \"" + names->first + "\" is not in the table VXLAN_TUNNEL");
     const config_field *vni = entry.find("vni");
     const config_field *vlan = entry.find("vlan");
     if (!vni || !vlan)
         return fail(table, entry, vni ? "vlan is missing" : "vni is missing");
-    const uint32_t vni_number = vni->scalar ? read_number(vni->text) : 0;
+    const uint32_t vni_number = vni->scalar ? whole_number(vni->text).value_or(0) : 0;
     if (vni_number == 0 || vni_number > MAX_VNI)
-        return fail(table, entry, quoted(*vni) + " is not a number from 1 to 16777215");
+        return fail(table, entry, vni->quoted() + " is not a number from 1 to 16777215");
     const uint32_t number = vlan->scalar ? vlan_number(vlan->text) : 0;
     if (number == 0)
-        return fail(table, entry, quoted(*vlan) + " is not Vlan1 to Vlan4094");
+        return fail(table, entry, vlan->quoted() + " is not Vlan1 to Vlan4094");
     if (out_->vlans && !vlan_keys_.contains(number))
-        return fail(table, entry, quoted(*vlan) + " is not in the table VLAN");
+        return fail(table, entry, vlan->quoted() + " is not in the table VLAN");
     const auto [first, fresh] = vni_keys_.emplace(vni_number, entry.key);
     if (!fresh)
-        return fail(table, entry, quoted(*vni) + " is that of " + first->second + " already");
-    out_->vxlan_maps->push_back({entry.key, vni_number, number});
+        return fail(table, entry, vni->quoted() + " is that of " + first->second + " already");
+    out_->vxlan_maps->push_back({{entry.key, entry.line}, names->first, vni_number, number});
     return true;
 }
 
-// Maps last, wherever they stand: they refer to VLANs and tunnels.
-bool interpret(const std::vector<config_table> &tables, switch_config *out, config_fault *fault)
+// Tables that refer to others are read after them, wherever they stand.
+bool interpret(const std::vector<config_table> &tables, interpreter *reader, switch_config *out)
 {
-    interpreter reader(out);
-    const config_table *maps = nullptr;
     for (const config_table &table : tables) {
-        if (!table.meant || table.name == "VXLAN_TUNNEL")
+        const meaning *means = meaning_of(table.name);
+        if (!means || !means->requested)
             out->skipped.push_back({table.name, table.count});
-        if (!table.meant)
-            continue;
-        if (table.name == "VXLAN_TUNNEL")
-            reader.tunnels(table);
-        else if (table.name == "VXLAN_TUNNEL_MAP")
-            maps = &table;
-        else if (!reader.vlans(table)) {
-            *fault = reader.fault();
-            return false;
-        }
+        reader->begin(table);
     }
-    if (!maps || reader.vxlan_maps(*maps))
-        return true;
-    *fault = reader.fault();
-    return false;
+    const bool sense = std::ranges::all_of(MEANINGS, [&](const meaning &means) {
+        const auto table = std::ranges::find(tables, means.table, &config_table::name);
+        return table == tables.end() || std::ranges::all_of(table->entries, [&](const config_entry &entry) {
+                   return (reader->*means.read)(*table, entry);
+               });
+    });
+    reader->note_members();
+    return sense;
 }
 
-// Reads at most MAX_FILE bytes. 0 or an errno; EFBIG when there is more.
-int read_file(const std::string &path, std::string *out)
+template <typename Entry>
+bool drop(std::string_view key, std::vector<Entry> *entries)
 {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return errno;
-    std::array<char, 65536> block;
-    int result = 0;
-    for (;;) {
-        const ssize_t got = read(fd, block.data(), block.size());
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            result = errno;
-        if (got <= 0)
-            break;
-        out->append(block.data(), static_cast<size_t>(got));
-        if (out->size() > MAX_FILE) {
-            result = EFBIG;
-            break;
-        }
-    }
-    close(fd);
-    return result;
-}
-
-// What the parser would overlook: it takes a NUL byte for the end.
-bool check_bytes(std::string_view text, config_fault *fault)
-{
-    if (text.find_first_not_of(" \t\r\n") == std::string_view::npos) {
-        *fault = {0, "the file is empty"};
+    const auto found = std::ranges::find(*entries, key, &config_item::key);
+    if (found == entries->end())
         return false;
-    }
-    const size_t nul = text.find('\0');
-    if (nul == std::string_view::npos)
-        return true;
-    const auto lines = std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(nul), '\n');
-    *fault = {static_cast<size_t>(lines) + 1, "not JSON: a NUL byte"};
-    return false;
+    found->dropped = true;
+    return true;
 }
 
-// Characters that break a line or change its direction: U+200E, U+200F, U+2028 to U+202E, U+2066 to U+2069.
-bool turns_lines(std::string_view character)
+template <typename Entry>
+bool drop(std::string_view key, std::optional<std::vector<Entry>> *table)
 {
-    const auto low_bits = [&](size_t i) { return static_cast<unsigned>(character[i]) & 0x3f; };
-    if (character.size() != 3 || character[0] != '\xe2')
+    return *table && drop(key, &**table);
+}
+
+bool drop_member(std::string_view key, switch_config *config)
+{
+    const auto found = std::ranges::find(config->lag_members, key, &config_item::key);
+    if (found == config->lag_members.end())
         return false;
-    const unsigned point = 0x2000 | low_bits(1) << 6 | low_bits(2);
-    return point == 0x200e || point == 0x200f || (point >= 0x2028 && point <= 0x202e) ||
-           (point >= 0x2066 && point <= 0x2069);
-}
-
-// Bytes of the printable UTF-8 character that the text begins with; 0 when it begins with none.
-size_t character_length(std::string_view text)
-{
-    const auto byte = static_cast<unsigned char>(text.front());
-    if (byte < 0x80)
-        return byte >= 0x20 && byte != 0x7f ? 1 : 0;
-    const size_t length = byte >= 0xf0 ? 4 : byte >= 0xe0 ? 3 : 2;
-    if (byte < 0xc3 || byte > 0xf4 || text.size() < length)  // below 0xc3: continuation bytes and control characters
-        return 0;
-    const auto follows = [](char c) { return (static_cast<unsigned char>(c) & 0xc0) == 0x80; };
-    if (!std::ranges::all_of(text.substr(1, length - 1), follows))
-        return 0;
-    return turns_lines(text.substr(0, length)) ? 0 : length;
+    found->dropped = true;
+    if (config->ports)
+        for (port_entry &port : *config->ports)
+            port.in_lag = port.in_lag && port.key != found->port;
+    return true;
 }
 
 }  // namespace
 
-std::string printable(std::string_view text)
+bool drop_entry(std::string_view table_and_key, switch_config *config, std::string *error)
 {
-    constexpr size_t MAX_TEXT = 240;
-    std::string line;
-    while (!text.empty()) {
-        if (line.size() >= MAX_TEXT)
-            return line + "...";
-        const size_t length = character_length(text);
-        if (length > 0) {
-            line += text.substr(0, length);
-        } else {
-            char escape[8];
-            std::snprintf(escape, sizeof escape, "\\x%02x", static_cast<unsigned char>(text.front()));
-            line += escape;
-        }
-        text.remove_prefix(std::max<size_t>(length, 1));
+    const size_t bar = std::min(table_and_key.find('|'), table_and_key.size());
+    const std::string_view table = table_and_key.substr(0, bar);
+    const std::string_view key = table_and_key.substr(std::min(bar + 1, table_and_key.size()));
+    if (!is_meant(table)) {
+        *error = printable(table_and_key) + ": nothing is made of such a table, so that nothing of it can be dropped";
+        return false;
     }
-    return line;
+    if ((table == "PORT" && drop(key, &config->ports)) || (table == "PORTCHANNEL" && drop(key, &config->lags)) ||
+        (table == "VLAN" && drop(key, &config->vlans)) || (table == "VXLAN_TUNNEL" && drop(key, &config->tunnels)) ||
+        (table == "VXLAN_TUNNEL_MAP" && drop(key, &config->vxlan_maps)) ||
+        (table == "PORTCHANNEL_MEMBER" && drop_member(key, config)))
+        return true;
+    *error = printable(table_and_key) + ": the configuration has no such entry";
+    return false;
 }
 
-bool parse_config(const std::string &name, std::string_view text, switch_config *out, std::string *error)
+bool parse_config(const std::string &name, std::string_view text, switch_config *out, std::string *error,
+                  const std::function<bool(const std::string &)> &is_port)
 {
     config_fault fault;
     std::vector<config_table> tables;
     *out = {};
-    if (check_bytes(text, &fault) && read_tables(text, is_meant, &tables, &fault) && interpret(tables, out, &fault))
+    interpreter reader(out, is_port, &fault);
+    if (read_tables(text, is_meant, &tables, &fault) && interpret(tables, &reader, out))
         return true;
-    const std::string line = fault.line ? ':' + std::to_string(fault.line) : "";
-    *error = printable(name) + line + ": " + printable(fault.what);
+    *error = fault_line(name, fault);
     return false;
-}
-
-bool read_config(const std::string &path, switch_config *out, std::string *error)
-{
-    std::string text;
-    if (const int code = read_file(path, &text); code != 0) {
-        *error = printable(path) + ": " + std::strerror(code);
-        return false;
-    }
-    return parse_config(path, text, out, error);
 }
 
 }  // namespace ebridge_tool

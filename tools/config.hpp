@@ -1,9 +1,12 @@
 // Reading a switch configuration in the config_db.json form: an object of tables, a table an object of entries, an entry
-// an object of fields. Everything is checked here, before anything is asked of the switch.
+// an object of fields. Everything but the port table is checked here, before anything is asked of the switch; ports.hpp
+// has the rest.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,15 +15,49 @@
 namespace ebridge_tool
 {
 
-struct vlan_entry {
-    std::string key;  // "Vlan10", as the file has it
-    uint32_t number;  // 1 to 4094
+// What all entries have.
+struct config_item {
+    std::string key;       // as the file has it
+    size_t line = 0;       // of the file
+    bool dropped = false;  // not wanted any more after a restart
 };
 
-struct vxlan_map_entry {
-    std::string key;  // "TUNNEL|MAP"
-    uint32_t vni;     // 1 to 0xffffff
+struct port_entry : config_item {
+    bool in_lag = false;  // a member of a LAG
+    uint32_t ifx = 0;     // the port table's, see ports.hpp
+    uint32_t phyid = 0;
+};
+
+struct lag_entry : config_item {
+    uint32_t number;  // of "PortChannel2"
+    uint32_t ifx = 0;
+    uint32_t phyid = 0;
+};
+
+struct vlan_entry : config_item {
+    uint32_t number;  // 1 to 4094
+    uint32_t mtu;     // 0: not told
+};
+
+struct ip_address {
+    std::array<uint8_t, 16> bytes{};  // IPv4 in the first four
+    bool v6 = false;
+};
+
+struct tunnel_entry : config_item {
+    std::optional<ip_address> source;
+    std::optional<ip_address> destination;
+    uint32_t mtu;  // 0: not told
+};
+
+struct vxlan_map_entry : config_item {
+    std::string tunnel;
+    uint32_t vni;  // 1 to 0xffffff
     uint32_t vlan;
+};
+
+struct lag_member : config_item {
+    std::string port;
 };
 
 struct skipped_table {
@@ -30,18 +67,22 @@ struct skipped_table {
 
 // Tables that the file does not have are absent, not empty.
 struct switch_config {
+    std::optional<std::vector<port_entry>> ports;
+    std::optional<std::vector<lag_entry>> lags;
     std::optional<std::vector<vlan_entry>> vlans;
+    std::optional<std::vector<tunnel_entry>> tunnels;
     std::optional<std::vector<vxlan_map_entry>> vxlan_maps;
+    std::vector<lag_member> lag_members;
     std::vector<skipped_table> skipped;
 };
 
 // True and *out; or false and one line in *error that names the file, and where they are known the line, the table and
-// the key.
-bool read_config(const std::string &path, switch_config *out, std::string *error);
-// The same for a text; `name` stands for the file in messages.
-bool parse_config(const std::string &name, std::string_view text, switch_config *out, std::string *error);
+// the key. `name` stands for the file in messages. `is_port`: whether a port exists; empty: the table PORT tells.
+bool parse_config(const std::string &name, std::string_view text, switch_config *out, std::string *error,
+                  const std::function<bool(const std::string &)> &is_port = {});
 
-// Text of any origin, fit for one line of a message: control characters as \xNN, cut when it is long.
-std::string printable(std::string_view text);
+// Marks the entry "TABLE|KEY" as dropped, and takes a port that leaves its LAG for that. False, with one line in *error,
+// when there is no such entry or nothing is made of its table.
+bool drop_entry(std::string_view table_and_key, switch_config *config, std::string *error);
 
 }  // namespace ebridge_tool

@@ -10,13 +10,15 @@
 #include <cstdio>
 #include <new>
 
-#include "config.hpp"
+#include "config_file.hpp"
+#include "ports.hpp"
 #include "processes.hpp"
 #include "report.hpp"
 #include "run.hpp"
 #include "u_bridge.pb-c.h"
 
 using namespace ebridge_tool;
+using config_text::printable;
 
 namespace
 {
@@ -24,12 +26,16 @@ namespace
 enum exit_status { ALL_EQUAL = 0, SOMETHING_DIFFERS = 1, BAD_INPUT = 2, NO_STORE = 3 };
 
 constexpr const char *RUN_FOOTER =
-    "One user requests an id for each VLAN and VXLAN map of CONFIG; a second one hears every answer and reads\n"
-    "everything back. Without --store both, the store and the id allocator run inside this command, and nothing\n"
-    "else is touched. With it a running ebridged answers, and what was granted stays in the store; the one who\n"
-    "observes is then a process of its own, and so is each of the N users (ebridge_run, or ebridge_run_1 and so\n"
-    "on) who share the requests. --dump then prints the tables of the observer.\n"
-    "Tables that have no meaning yet are counted as skipped.\n"
+    "One user requests an id for each port, LAG, VLAN, VXLAN tunnel and VXLAN map of CONFIG and publishes what it\n"
+    "is; a second one hears every answer and reads everything back. Without --store both, the store and the id\n"
+    "allocator run inside this command, and nothing else is touched. With it a running ebridged answers, and what\n"
+    "was granted stays in the store; the one who observes is then a process of its own, and so is each of the N\n"
+    "users (ebridge_run, or ebridge_run_1 and so on) who share the requests. --dump then prints the tables of the\n"
+    "observer. Tables that have no meaning yet are counted as skipped.\n"
+    "\n"
+    "--restart then kills the users and starts them again with CONFIG less the entries of --without, as an\n"
+    "application that has crashed and was configured otherwise meanwhile: they mark what they had, ask again for\n"
+    "what they want, and have deleted what is still marked, its sessions by a timer after 40 s.\n"
     "\n"
     "URL of a store: redis://[USER:PASSWORD@]HOST[:PORT], redis+unix://[USER:PASSWORD@]/PATH,\n"
     "redis+sentinel://[USER:PASSWORD@]HOST[:PORT],.../GROUP, or file:///PATH of a database_config.json that maps\n"
@@ -42,36 +48,44 @@ constexpr const char *RUN_FOOTER =
     "  ebridge run --range VXLAN=1-10 leaf.json     with ten VXLAN ids only: what is refused?\n"
     "  ebridge run --store redis+unix:///run/redis/redis-server.sock leaf.json\n"
     "  ebridge run --store redis://127.0.0.1 --users 4 leaf.json    requested by four processes\n"
+    "  ebridge run --ports port_config.ini leaf.json                on the ports of this list\n"
+    "  ebridge run --store redis://127.0.0.1 --restart --without 'VLAN|Vlan10' leaf.json\n"
     "\n"
     "Exit status:\n"
-    "  0  all that was requested was granted and read back equal\n"
-    "  1  something was refused or differs; each such entry is named on standard error. Or a process of this\n"
-    "     command has died, and is named\n"
-    "  2  CONFIG is missing, is no JSON or makes no sense, or an argument is wrong; nothing was requested\n"
-    "  3  nobody answers at the store's URL";
+    "  0  all that was requested was granted and read back equal; after a restart exactly what was dropped has gone\n"
+    "  1  something was refused, differs or is left over; each such entry is named on standard error. Or a process\n"
+    "     of this command has died, and is named; or the result cannot be written, or memory has run out\n"
+    "  2  CONFIG or a list of ports is missing or makes no sense, or an argument is wrong; nothing was requested\n"
+    "  3  nobody answers at the store's URL, or it makes no sense";
 
 struct arguments {
     std::string config;
+    std::string ports;
     bool json = false;
     bool dump = false;
     std::string store;
     size_t users = 1;
+    bool restart = false;
+    bool delete_now = false;
+    std::vector<std::string> without;
     std::vector<range_setting> ranges;
 };
 
-// A type by its name or number; 0 when there is none.
-uint32_t read_type(const std::string &text)
+// A type by its name, or one of evlans by its number; type 0 when there is none.
+range_setting read_type(const std::string &text)
 {
-    const auto *named = protobuf_c_enum_descriptor_get_value_by_name(&u_bridge__evlan_type__descriptor, text.c_str());
-    uint32_t number = named ? static_cast<uint32_t>(named->value) : 0;
-    if (!named) {
-        const char *end = text.data() + text.size();
-        if (const auto read = std::from_chars(text.data(), end, number); read.ec != std::errc() || read.ptr != end)
-            return 0;
+    for (const bool of_eports : {false, true}) {
+        const auto &types = of_eports ? u_bridge__eport_type__descriptor : u_bridge__evlan_type__descriptor;
+        if (const auto *named = protobuf_c_enum_descriptor_get_value_by_name(&types, text.c_str()))
+            return {of_eports, static_cast<uint32_t>(named->value), 0, 0};
     }
-    const auto known =
+    uint32_t number = 0;
+    const char *end = text.data() + text.size();
+    const auto read = std::from_chars(text.data(), end, number);
+    const bool known =
+        read.ec == std::errc() && read.ptr == end &&
         protobuf_c_enum_descriptor_get_value(&u_bridge__evlan_type__descriptor, static_cast<int>(number));
-    return known ? number : 0;
+    return {false, known ? number : 0, 0, 0};
 }
 
 // "TYPE=MIN-MAX".
@@ -82,7 +96,7 @@ range_setting read_range(const std::string &text)
     range_setting range{};
     if (equals != std::string::npos && dash != std::string::npos) {
         const char *end = text.data() + text.size();
-        range.type = read_type(text.substr(0, equals));
+        range = read_type(text.substr(0, equals));
         const auto min = std::from_chars(text.data() + equals + 1, text.data() + dash, range.min);
         const auto max = std::from_chars(text.data() + dash + 1, end, range.max);
         const bool whole =
@@ -110,6 +124,15 @@ int read_arguments(int argc, char **argv, arguments *out)
         ->type_name("N")
         ->check(CLI::Range(1, 64))
         ->needs(store);
+    run->add_option("--ports", out->ports, "list of the ports (port_config.ini); CONFIG tells them unless given")
+        ->type_name("FILE");
+    CLI::Option *restart =
+        run->add_flag("--restart", out->restart, "kill the users, and start them again without what is dropped");
+    restart->needs(store);
+    run->add_option("--without", out->without, "entry that is dropped by the restart, may be repeated")
+        ->type_name("TABLE|KEY")
+        ->needs(restart);
+    run->add_flag("--delete-now", out->delete_now, "delete what is dropped at once, not by the timer")->needs(restart);
     std::vector<std::string> ranges;
     run->add_option("--range", ranges, "numbers that the allocator may give, may be repeated")
         ->type_name("TYPE=MIN-MAX")
@@ -182,8 +205,12 @@ int run(const arguments &given)
     switch_config config;
     run_result result;
     std::string error;
-    if (!read_config(given.config, &config, &error))
+    if (!read_config(given.config, given.ports, &config, &error))
         return complain(error, BAD_INPUT);
+    switch_config restarted = config;
+    for (const std::string &entry : given.without)
+        if (!drop_entry(entry, &restarted, &error))
+            return complain("--without " + error, BAD_INPUT);
     const int json_output = given.json ? keep_output_clean() : -1;
     if (given.json && json_output < 0)
         return complain("standard output cannot be kept apart", SOMETHING_DIFFERS);
@@ -194,6 +221,9 @@ int run(const arguments &given)
         options.store = given.store;
         options.serve = false;
         options.users = given.users;
+        options.restarted = given.restart ? &restarted : nullptr;
+        options.delete_now = given.delete_now;
+        options.phase = show_phase;
     }
     const bool ran = run_config(config, options, &result, &error);
     end_progress();

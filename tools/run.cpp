@@ -3,6 +3,7 @@
 
 #include <chrono>
 
+#include "evaluation.hpp"
 #include "session.hpp"
 #include "spread.hpp"
 
@@ -21,9 +22,11 @@ bool run_here(const run_options &options, request_book *requests, run_result *ou
         return false;
     }
     users.request_all(options);
-    if (!users.scan(error))
+    users.describe_all(options);
+    if (!users.read_back(error))
         return false;
     users.note_tables();
+    evaluate(*requests, out);
     out->dump = dump_tables;
     return true;
 }
@@ -39,7 +42,6 @@ bool run_config(const switch_config &config, const run_options &options, run_res
     request_book requests(config, spread ? options.users : 1, out);
     if (!(spread ? run_spread(options, &requests, out, error) : run_here(options, &requests, out, error)))
         return false;
-    evaluate(requests, out);
     out->seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     return true;
 }

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@ namespace ebridge_tool
 
 // A range record that is written before anything is requested.
 struct range_setting {
+    bool of_eports;
     uint32_t type;
     uint32_t min;
     uint32_t max;
@@ -28,8 +30,14 @@ struct run_options {
     // 0: requester and observer live in this process. Otherwise the number of requester processes, beside that of the
     // observer; no allocator is started then, and the store is one that processes share.
     size_t users = 0;
+    // With users: after the run the requesters are restarted with this, the same configuration with some entries marked as
+    // dropped. Null: no restart.
+    const switch_config *restarted = nullptr;
+    bool delete_now = false;  // dropped sessions are deleted at once, not by the age timer
     // Called at the start and now and then with what is answered and what there is in all; may be null.
     void (*progress)(size_t answered, size_t all) = nullptr;
+    // Called with what a restart is at; may be null.
+    void (*phase)(const char *what) = nullptr;
 };
 
 struct table_result {
@@ -40,9 +48,19 @@ struct table_result {
     size_t verified = 0;
 };
 
+struct restart_result {
+    std::string name;
+    size_t kept = 0;
+    size_t unchanged = 0;  // of these: id, session and attributes read as they should
+    size_t dropped = 0;
+    size_t gone = 0;  // of these
+};
+
 struct run_result {
-    std::vector<table_result> tables;   // those that the configuration has, also empty ones
-    std::vector<std::string> problems;  // a line for each entry that was refused or differs
+    std::vector<table_result> tables;       // those that the configuration has, also empty ones; entries are counted
+    std::vector<table_result> kinds;        // evlans and eports; ids are counted
+    std::vector<restart_result> restarted;  // after a restart: the tables again
+    std::vector<std::string> problems;      // a line for each entry that was refused or differs
     double seconds = 0;
     bool store_missing = false;  // the run failed because nobody is there behind the URL
     // After a run: prints the library's users and tables, the observer's where it is a process of its own, on standard

@@ -11,17 +11,21 @@
 #include <cstdlib>
 #include <utility>
 
-#include "config.hpp"
+#include "config_file.hpp"
+#include "twin_calls.hpp"
 
 namespace ebridge_tool
 {
+
+using config_text::printable;
 
 const char *const OBSERVER = "ebridge_observer";
 
 namespace
 {
 
-constexpr uint32_t DATA_OF_ALL = 2;
+constexpr uint32_t EVLANS_OF_ALL = 2;
+constexpr uint32_t EPORTS_OF_ALL = 1;
 // How many requests may be open at a time, of all requesters together: more would only fill queues.
 constexpr size_t MAX_OPEN = 1024;
 
@@ -44,8 +48,8 @@ int32_t vlan_evlan_id(uint32_t type, int32_t vlan_id)
 
 }  // namespace
 
-session::session(request_book *requests, const cast &users, change_heard changed)
-    : requests_(requests), users_(users), changed_(std::move(changed))
+session::session(request_book *requests, const cast &users, session_listener listener)
+    : requests_(requests), users_(users), listener_(std::move(listener))
 {
     the_session = this;
 }
@@ -71,13 +75,7 @@ bool session::open(const run_options &options, std::string *error)
         if (const int32_t code = ebridged_start(handle_, nullptr, &service_); code != 0)
             return fail(error, "the allocator cannot be started", code);
     }
-    if (!start_users(error))
-        return false;
-    if (!wait_until([this] { return subscribed_; }, options.patience_usec)) {
-        *error = "the subscription was not confirmed";
-        return false;
-    }
-    return !users_.observer || scan(error);
+    return start_users(error) && follow(options, error) && (!users_.observer || read_back(error));
 }
 
 bool session::connect(const std::string &store, std::string *error)
@@ -100,11 +98,16 @@ bool session::connect(const std::string &store, std::string *error)
 bool session::write_ranges(std::span<const range_setting> ranges, std::string *error)
 {
     for (const range_setting &range : ranges) {
-        UBridge__EvlanSessionRange record = U_BRIDGE__EVLAN_SESSION_RANGE__INIT;
-        record.index = static_cast<UBridge__EvlanType>(range.type);
-        record.evlan_id_min = static_cast<int32_t>(range.min);
-        record.evlan_id_max = static_cast<int32_t>(range.max);
-        if (const int32_t code = qz_mom_set(handle_, SW_EBRIDGE_APP_DB, &record.base, nullptr, nullptr); code != 0)
+        UBridge__EvlanSessionRange evlans = U_BRIDGE__EVLAN_SESSION_RANGE__INIT;
+        evlans.index = static_cast<UBridge__EvlanType>(range.type);
+        evlans.evlan_id_min = static_cast<int32_t>(range.min);
+        evlans.evlan_id_max = static_cast<int32_t>(range.max);
+        UBridge__EportSessionRange eports = U_BRIDGE__EPORT_SESSION_RANGE__INIT;
+        eports.index = static_cast<UBridge__EportType>(range.type);
+        eports.eport_id_min = static_cast<int32_t>(range.min);
+        eports.eport_id_max = static_cast<int32_t>(range.max);
+        const ProtobufCMessage *record = range.of_eports ? &eports.base : &evlans.base;
+        if (const int32_t code = qz_mom_set(handle_, SW_EBRIDGE_APP_DB, record, nullptr, nullptr); code != 0)
             return fail(error, "a range cannot be written", code);
     }
     return true;
@@ -112,19 +115,27 @@ bool session::write_ranges(std::span<const range_setting> ranges, std::string *e
 
 bool session::start_users(std::string *error)
 {
-    ebridge_args requesting{};
-    requesting.handle = handle_;
-    requesting.mom_db = SW_EBRIDGE_APP_DB;
-    requesting.vlan_reply = on_vlan_answer;
-    requesting.evlan_reply = on_evlan_answer;
+    ebridge_args common{};
+    common.handle = handle_;
+    common.evlan_attr_mom_db = SW_EBRIDGE_UDP_DB;
+    common.eport_attr_mom_db = SW_EBRIDGE_UDP_DB;
 
-    ebridge_args observing{};
+    ebridge_args requesting = common;
+    requesting.mom_db = SW_EBRIDGE_APP_DB;
+    requesting.vlan_reply = on_vlan<false>;
+    requesting.evlan_reply = on_evlan<false>;
+    requesting.eport_reply = on_eport<false>;
+
+    ebridge_args observing = common;
     observing.user_name = OBSERVER;
-    observing.handle = handle_;
     observing.mom_db = SW_EBRIDGE_UDP_DB;
-    observing.evlan_data_type = DATA_OF_ALL;
-    observing.vlan_reply = on_vlan_observed;
-    observing.evlan_reply = on_evlan_observed;
+    observing.evlan_data_type = EVLANS_OF_ALL;
+    observing.eport_data_type = EPORTS_OF_ALL;
+    observing.vlan_reply = on_vlan<true>;
+    observing.evlan_reply = on_evlan<true>;
+    observing.eport_reply = on_eport<true>;
+    observing.evlan_release_reply = on_evlan_removed;
+    observing.eport_release_reply = on_eport_removed;
 
     int32_t code = 0;
     if (users_.requester != cast::NOBODY) {
@@ -138,59 +149,94 @@ bool session::start_users(std::string *error)
     // Each refusal is told in a line of this command's own; the library's goes to a log file where one is wanted.
     if (std::getenv("QZ_ZLOG_DIR") == nullptr)
         g_sw_vlan_file_zlog_level = 0;
+    return true;
+}
+
+// An observer in a process of its own follows the attributes, too: with the store's client, as the library does not.
+bool session::follow(const run_options &options, std::string *error)
+{
     const char *follower = users_.observer ? OBSERVER : requester();
     const auto db = static_cast<int32_t>(followed_db());
-    if (code = sw_evlan_subscribe_with_db(follower, db, on_subscribed, this); code != 0)
-        return fail(error, "the sessions cannot be subscribed", code);
-    return true;
+    int subscribed = 0;
+    for (const twin_calls &twin : TWINS) {
+        if (const int32_t code = twin.subscribe(follower, db, on_subscribed, this); code != 0)
+            return fail(error, "the sessions cannot be subscribed", code);
+        ++subscribed;
+    }
+    if (users_.observer && !is_both())
+        for (const ProtobufCMessage *pattern : ALL_ATTRIBUTES) {
+            const int32_t code = qz_mom_subscribe(handle_, SW_EBRIDGE_UDP_DB, pattern, 0, on_attributes, this);
+            if (code != 0)
+                return fail(error, "the attributes cannot be subscribed", code);
+            ++subscribed;
+        }
+    if (wait_until([this, subscribed] { return confirmed_ == subscribed; }, options.patience_usec))
+        return true;
+    *error = "the subscription was not confirmed";
+    return false;
 }
 
 // ---- requesting -----------------------------------------------------------------------------------------------------
 
-int32_t session::send(const request &wanted)
+int32_t session::patiently(const std::function<int32_t()> &call, int64_t patience)
 {
-    char *user = const_cast<char *>(requester());
-    if (wanted.type == U_BRIDGE__EVLAN_TYPE__VLAN) {
-        UBridge__VlanAppIndex index = U_BRIDGE__VLAN_APP_INDEX__INIT;
-        index.user = user;
-        index.type = static_cast<int32_t>(wanted.type);
-        index.keyid = static_cast<int32_t>(wanted.keyid);
-        return sw_vlan_request(&index, static_cast<int32_t>(wanted.vid), U_BRIDGE__RES_PRIORITY__LEVEL_0);
+    constexpr int64_t PAUSE_USEC = 20'000;
+    const int64_t give_up = qz_thread_now(master_) + patience;
+    for (;;) {
+        const int32_t code = call();
+        if ((code != QZ_MOM_EFULL && code != QZ_MOM_EDOWN) || qz_thread_now(master_) >= give_up)
+            return code;
+        wait_until([this, before = happenings_] { return happenings_ != before; }, std::min(PAUSE_USEC, patience));
     }
-    UBridge__EvlanAppIndex index = U_BRIDGE__EVLAN_APP_INDEX__INIT;
-    index.t_user = user;
-    index.type = static_cast<int32_t>(wanted.type);
-    index.keyid = static_cast<int32_t>(wanted.keyid);
-    const auto value = static_cast<int32_t>(wanted.wanted);
-    return sw_evlan_request(&index, value, U_BRIDGE__RES_PRIORITY__LEVEL_0);
 }
 
-// Sends one request, again whenever the store's queues are full. 0, or the code that it failed with.
-int32_t session::send_patiently(const request &wanted, int64_t patience)
+int32_t session::send(const request &wanted)
 {
-    for (;;) {
-        const int32_t code = send(wanted);
-        if (code != QZ_MOM_EFULL)
-            return code;
-        const size_t before = requests_->settled();
-        if (!wait_until([this, before] { return requests_->settled() > before; }, patience))
-            return code;
+    constexpr auto PRIORITY = U_BRIDGE__RES_PRIORITY__LEVEL_0;
+    char *user = const_cast<char *>(requester());
+    const auto type = static_cast<int32_t>(wanted.app.type);
+    const auto key1 = static_cast<int32_t>(wanted.app.key1);
+    const auto value = static_cast<int32_t>(wanted.wanted);
+    if (wanted.as == role::vlan) {
+        UBridge__VlanAppIndex index = U_BRIDGE__VLAN_APP_INDEX__INIT;
+        index.user = user;
+        index.type = type;
+        index.keyid = key1;
+        return sw_vlan_request(&index, static_cast<int32_t>(wanted.wanted & 0xffffff), PRIORITY);
     }
+    if (wanted.app.kind == id_kind::evlan) {
+        UBridge__EvlanAppIndex index = U_BRIDGE__EVLAN_APP_INDEX__INIT;
+        index.t_user = user;
+        index.type = type;
+        index.keyid = key1;
+        return sw_evlan_request(&index, value, PRIORITY);
+    }
+    UBridge__EportAppIndex index = U_BRIDGE__EPORT_APP_INDEX__INIT;
+    index.t_user = user;
+    index.type = type;
+    index.keyid1 = key1;
+    index.keyid2 = static_cast<int32_t>(wanted.app.key2);
+    if (wanted.as != role::port && wanted.as != role::lag)
+        return sw_eport_request(&index, value, PRIORITY);
+    // The id of a port is what the library translates its interface to.
+    UBridge__EportIndex translated = U_BRIDGE__EPORT_INDEX__INIT;
+    if (const int32_t code = sw_eport_app2udp(&index, &translated); code != 0)
+        return code;
+    return sw_eport_request(&index, translated.eport_id, PRIORITY);
 }
 
 void session::request_all(const run_options &options)
 {
     const size_t window = std::max<size_t>(MAX_OPEN / requests_->users().size(), 2);
     size_t sent = 0;
-    progress_teller progress(options, requests_->size());
+    progress_teller progress(options, requests_->wanted());
     const auto open_requests = [&] { return sent - std::min(sent, requests_->settled()); };
-    for (size_t i = 0; i < requests_->size(); ++i) {
-        if (requests_->at(i).user != users_.requester)
-            continue;
-        const int32_t code = send_patiently(requests_->at(i), options.patience_usec);
-        if (code != 0) {
-            requester_facts facts = requests_->at(i).requester;
-            facts.code = code;
+    for (size_t i : own_wanted()) {
+        requester_facts facts = requests_->at(i).requester;
+        facts.sent = true;
+        requests_->set(i, facts);
+        facts.code = patiently([&] { return send(requests_->at(i)); }, options.patience_usec);
+        if (facts.code != 0) {
             note(i, facts);
             continue;
         }
@@ -206,6 +252,48 @@ void session::request_all(const run_options &options)
     };
     wait_until(all_settled, options.patience_usec);
     progress.last(requests_->settled());
+}
+
+int32_t session::describe(const request &of)
+{
+    if (of.app.kind == id_kind::evlan) {
+        sw_evlan_attr attr = requests_->evlan_attributes(of);
+        return sw_evlan_attr_set(&attr);
+    }
+    sw_eport_attr attr = requests_->eport_attributes(of);
+    return sw_eport_attr_set(&attr);
+}
+
+void session::describe_all(const run_options &options)
+{
+    for (size_t i : own_wanted()) {
+        const request &of = requests_->at(i);
+        if (of.requester.reply == -1)
+            continue;
+        requester_facts facts = of.requester;
+        facts.attr_code = patiently([&] { return describe(of); }, options.patience_usec);
+        requests_->set(i, facts);
+    }
+    wait_for_writes(options.patience_usec);
+}
+
+// Attributes are written without an answer, and what is still under way when a process ends is lost. A call that has one
+// is answered after them.
+void session::wait_for_writes(int64_t patience)
+{
+    UBridge__EvlanIndex index = U_BRIDGE__EVLAN_INDEX__INIT;
+    index.t_user = const_cast<char *>(requester());
+    UBridge__Evlan none = U_BRIDGE__EVLAN__INIT;
+    none.index = &index;
+    written_ = false;
+    const auto note = [](qz_mom_handle *, const qz_mom_notification *, void *self) {
+        static_cast<session *>(self)->written_ = true;
+        static_cast<session *>(self)->happened();
+        return int32_t{0};
+    };
+    const auto ask = [&] { return qz_mom_clear_expire(handle_, SW_EBRIDGE_UDP_DB, &none.base, note, this); };
+    if (patiently(ask, patience) == 0)
+        wait_until([this] { return written_; }, patience);
 }
 
 // ---- the loop -------------------------------------------------------------------------------------------------------
@@ -238,6 +326,7 @@ void session::on_wake(void *self) { qz_thread_stop(static_cast<session *>(self)-
 
 void session::happened()
 {
+    ++happenings_;
     quiet_since_ = qz_thread_now(master_);
     if (condition_ && (*condition_)())
         qz_thread_stop(master_);
@@ -249,15 +338,16 @@ template <typename Facts>
 void session::note(size_t index, const Facts &facts)
 {
     requests_->set(index, facts);
-    if (changed_)
-        changed_(this, index);
+    if (listener_.changed)
+        listener_.changed(this, index);
     happened();
 }
 
-void session::answered(uint32_t type, uint32_t keyid, int32_t id)
+// What a scan tells of a former life is no answer.
+void session::answered(const app_key &key, int32_t id)
 {
-    const size_t index = requests_->find(type, keyid);
-    if (index == requests_->size())
+    const size_t index = requests_->find(key);
+    if (index == requests_->size() || !requests_->at(index).requester.sent)
         return;
     requester_facts facts = requests_->at(index).requester;
     facts.answered = true;
@@ -266,38 +356,69 @@ void session::answered(uint32_t type, uint32_t keyid, int32_t id)
 }
 
 // Others may hold the same key: what counts is the session of the user that this run requests it with.
-void session::observed(const char *user, uint32_t type, uint32_t keyid, int32_t id)
+void session::observed(const char *user, const app_key &key, int32_t id, bool removed)
 {
-    const size_t index = requests_->find(type, keyid);
+    const size_t index = requests_->find(key);
     if (index == requests_->size() || requests_->user_of(requests_->at(index)) != user)
         return;
     observer_facts facts = requests_->at(index).observer;
-    if (std::exchange(facts.heard, id) != id)
+    facts.removals += removed;
+    if (std::exchange(facts.heard, id) != id || removed)
         note(index, facts);
 }
 
-int32_t session::on_vlan_answer(UBridge__VlanAppIndex *index, int32_t vlan_id)
+namespace
 {
-    the_session->answered(word(index->type), word(index->keyid), vlan_evlan_id(word(index->type), vlan_id));
+
+app_key key_of(const UBridge__VlanAppIndex &index) { return {id_kind::evlan, word(index.type), word(index.keyid)}; }
+app_key key_of(const UBridge__EvlanAppIndex &index) { return {id_kind::evlan, word(index.type), word(index.keyid)}; }
+app_key key_of(const UBridge__EportAppIndex &index)
+{
+    return {id_kind::eport, word(index.type), word(index.keyid1), word(index.keyid2)};
+}
+
+}  // namespace
+
+template <bool OBSERVED>
+int32_t session::on_vlan(UBridge__VlanAppIndex *index, int32_t vlan_id)
+{
+    const int32_t id = vlan_evlan_id(word(index->type), vlan_id);
+    if (OBSERVED)
+        the_session->observed(index->user, key_of(*index), id, false);
+    else
+        the_session->answered(key_of(*index), id);
     return 0;
 }
 
-int32_t session::on_evlan_answer(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan)
+template <bool OBSERVED>
+int32_t session::on_evlan(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan)
 {
-    the_session->answered(word(app->type), word(app->keyid), evlan->evlan_id);
+    if (OBSERVED)
+        the_session->observed(app->t_user, key_of(*app), evlan->evlan_id, false);
+    else
+        the_session->answered(key_of(*app), evlan->evlan_id);
     return 0;
 }
 
-int32_t session::on_vlan_observed(UBridge__VlanAppIndex *index, int32_t vlan_id)
+template <bool OBSERVED>
+int32_t session::on_eport(UBridge__EportAppIndex *app, UBridge__EportIndex *eport)
 {
-    the_session->observed(index->user, word(index->type), word(index->keyid),
-                          vlan_evlan_id(word(index->type), vlan_id));
+    if (OBSERVED)
+        the_session->observed(app->t_user, key_of(*app), eport->eport_id, false);
+    else
+        the_session->answered(key_of(*app), eport->eport_id);
     return 0;
 }
 
-int32_t session::on_evlan_observed(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan)
+int32_t session::on_evlan_removed(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *, int32_t)
 {
-    the_session->observed(app->t_user, word(app->type), word(app->keyid), evlan->evlan_id);
+    the_session->observed(app->t_user, key_of(*app), -1, true);
+    return 0;
+}
+
+int32_t session::on_eport_removed(UBridge__EportAppIndex *app, UBridge__EportIndex *, int32_t)
+{
+    the_session->observed(app->t_user, key_of(*app), -1, true);
     return 0;
 }
 
@@ -305,105 +426,10 @@ int32_t session::on_subscribed(qz_mom_handle *, const qz_mom_notification *msg, 
 {
     auto *of = static_cast<session *>(self);
     if (msg->cmd == QZ_MOM_CMD_SUBSCRIBED) {
-        of->subscribed_ = true;
+        ++of->confirmed_;
         of->happened();
     }
     return 0;
-}
-
-// ---- reading back ---------------------------------------------------------------------------------------------------
-
-bool session::scan(std::string *error)
-{
-    for (size_t i = 0; i < requests_->size(); ++i) {
-        observer_facts facts = requests_->at(i).observer;
-        facts.found = false;
-        requests_->set(i, facts);
-    }
-    scan_ended_ = false;
-    const int32_t code = sw_evlan_data_scan_with_db(OBSERVER, SW_EBRIDGE_UDP_DB, on_scanned, this);
-    if (code != 0)
-        return fail(error, "the sessions cannot be scanned", code);
-    constexpr int64_t PATIENCE_USEC = 30'000'000;
-    if (wait_until([this] { return scan_ended_; }, PATIENCE_USEC))
-        return true;
-    *error = "the scan of the sessions did not end";
-    return false;
-}
-
-int32_t session::on_scanned(qz_mom_handle *, const qz_mom_notification *msg, void *self)
-{
-    auto *of = static_cast<session *>(self);
-    if (msg->end == QZ_MOM_END_SCAN) {
-        of->scan_ended_ = true;
-    } else if (msg->cmd == QZ_MOM_CMD_HMSET || msg->cmd == QZ_MOM_CMD_HSET) {
-        const auto *hash = static_cast<const qz_mom_hash_value *>(msg->value);
-        of->note_read(*reinterpret_cast<const UBridge__EvlanSession *>(hash->record));
-    }
-    of->happened();
-    return 0;
-}
-
-void session::note_read(const UBridge__EvlanSession &record)
-{
-    if (!record.index)
-        return;
-    const size_t index = requests_->find(word(record.index->type), word(record.index->keyid));
-    if (index == requests_->size() || requests_->user_of(requests_->at(index)) != record.index->t_user)
-        return;
-    observer_facts facts = requests_->at(index).observer;
-    facts.found = true;
-    facts.request_value = record.request_value;
-    facts.reply_value = record.reply_value;
-    facts.reply = record.reply;
-    facts.mom_db = record.mom_db;
-    requests_->set(index, facts);
-}
-
-// ---- what the library holds -----------------------------------------------------------------------------------------
-
-namespace
-{
-
-translation translate(const request &of, int32_t id)
-{
-    translation made;
-    UBridge__EvlanAppIndex app = U_BRIDGE__EVLAN_APP_INDEX__INIT;
-    app.type = static_cast<int32_t>(of.type);
-    app.keyid = static_cast<int32_t>(of.keyid);
-    UBridge__EvlanIndex evlan = U_BRIDGE__EVLAN_INDEX__INIT;
-    if (sw_evlan_app2udp(&app, &evlan) == 0)
-        made.id = evlan.evlan_id;
-    evlan.evlan_id = id;
-    UBridge__EvlanAppIndex back = U_BRIDGE__EVLAN_APP_INDEX__INIT;
-    made.back = sw_evlan_udp2app(&evlan, &back) == 0 && back.type == app.type && back.keyid == app.keyid;
-    return made;
-}
-
-}  // namespace
-
-void session::note_tables()
-{
-    for (size_t i = 0; i < requests_->size(); ++i) {
-        requester_facts asked = requests_->at(i).requester;
-        if (asked.reply != -1) {
-            asked.map = translate(requests_->at(i), asked.reply);
-            requests_->set(i, asked);
-        }
-        observer_facts seen = requests_->at(i).observer;
-        if (seen.heard != -1) {
-            seen.map = translate(requests_->at(i), seen.heard);
-            seen.held = sw_evlan_db_get_item(0, OBSERVER, word(seen.heard)) != nullptr;
-            requests_->set(i, seen);
-        }
-    }
-}
-
-bool dump_tables()
-{
-    sw_ebridge_list_item_ut_dump();
-    sw_evlan_db_ut_dump(0, 0, 0);
-    return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
 }
 
 }  // namespace ebridge_tool

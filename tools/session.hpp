@@ -50,28 +50,51 @@ class progress_teller
     size_t told_ = 0;
 };
 
+class session;
+
+// What a session tells of; each may be empty.
+struct session_listener {
+    // Something new was heard of a request.
+    std::function<void(session *, size_t)> changed{};
+    // Attributes were read; null: they have gone. An observer in a process of its own hears them.
+    std::function<void(session *, const held_id &, const attributes *)> described{};
+};
+
 class session
 {
   public:
-    // Called with the index of each request about which something new was heard; may be empty.
-    using change_heard = std::function<void(session *, size_t)>;
-    session(request_book *requests, const cast &users, change_heard changed);
+    session(request_book *requests, const cast &users, session_listener listener);
     ~session();
     session(const session &) = delete;
     session &operator=(const session &) = delete;
 
     // Each false with a line in *error. The observer has then read what there was, and follows it.
     bool open(const run_options &options, std::string *error);
-    // Reads the sessions, into the observer's facts.
-    bool scan(std::string *error);
+    // Reads the sessions into the observer's facts, and where requesters are in processes of their own the attributes into
+    // the book.
+    bool read_back(std::string *error);
+    // Sessions of these users that read_back() has found and that nobody has requested here, by key text.
+    const std::vector<std::string> &strangers() const { return strangers_; }
 
     // After open() has failed: it was the store that is not there.
     bool store_missing() const { return !connected_; }
 
     // Sends the requester's requests, and returns when all are settled, or when nothing has been heard for too long.
     void request_all(const run_options &options);
-    // Notes what the index map and the local database make of the ids that the users of this session have heard.
+    // Sets the attributes of what was granted.
+    void describe_all(const run_options &options);
+    // Notes what the tables of the library make of the ids that the users of this session have heard. Where requester and
+    // observer are in one process the library's merge of the attributes goes into the book.
     void note_tables();
+
+    // Reads the requester's sessions into the index map.
+    bool read_own(std::string *error) { return scan_sessions(requester(), error); }
+    // A restart of the requester, in steps: reads and marks all that it had, then request_all() and describe_all(), then
+    // deletes what is still marked. False with a line in *error; deleting when something is left. After that the map is to
+    // be read again: the removal of an eport's session takes its key out of the map, whoever else holds that key.
+    bool mark_all(const run_options &options, std::string *error);
+    bool delete_marked(const run_options &options, std::string *error);
+
     // Runs the loop until the condition holds. False when nothing has been heard for `patience_usec`.
     bool wait_until(const std::function<bool()> &condition, int64_t patience_usec);
     // On the loop's thread: the condition that is waited for may hold now.
@@ -82,31 +105,57 @@ class session
     bool connect(const std::string &store, std::string *error);
     bool write_ranges(std::span<const range_setting> ranges, std::string *error);
     bool start_users(std::string *error);
+    bool follow(const run_options &options, std::string *error);
     uint32_t followed_db() const { return users_.observer ? SW_EBRIDGE_UDP_DB : SW_EBRIDGE_APP_DB; }
+    bool is_both() const { return users_.observer && users_.requester != cast::NOBODY; }
     const char *requester() const { return requests_->users()[users_.requester].c_str(); }
+    // Makes a call of the library, again as long as the store cannot take it. 0, or the code that it failed with.
+    int32_t patiently(const std::function<int32_t()> &call, int64_t patience);
     int32_t send(const request &wanted);
-    int32_t send_patiently(const request &wanted, int64_t patience);
-    void answered(uint32_t type, uint32_t keyid, int32_t id);
-    void observed(const char *user, uint32_t type, uint32_t keyid, int32_t id);
-    void note_read(const UBridge__EvlanSession &record);
+    int32_t describe(const request &of);
+    void wait_for_writes(int64_t patience);
+    void answered(const app_key &key, int32_t id);
+    void observed(const char *user, const app_key &key, int32_t id, bool removed);
+    bool scan_sessions(const char *user, std::string *error);
+    bool scan_attributes(std::string *error);
+    bool wait_for_ends(int wanted, const char *what, std::string *error);
+    void note_session(const ProtobufCMessage &record, const char *key);
+    void note_attributes(const qz_mom_notification &msg);
+    void wait_for_age_timer();
+    void delete_sessions_now();
+    bool delete_what_is_left(std::string *error);
+    // Indexes of the requests that this session's requester is to make.
+    std::vector<size_t> own_wanted() const;
     template <typename Facts>
     void note(size_t index, const Facts &facts);
     void wake_at(int64_t time);
 
-    static int32_t on_vlan_answer(UBridge__VlanAppIndex *index, int32_t vlan_id);
-    static int32_t on_evlan_answer(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan);
-    static int32_t on_vlan_observed(UBridge__VlanAppIndex *index, int32_t vlan_id);
-    static int32_t on_evlan_observed(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan);
+    template <bool OBSERVED>
+    static int32_t on_vlan(UBridge__VlanAppIndex *index, int32_t vlan_id);
+    template <bool OBSERVED>
+    static int32_t on_evlan(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan);
+    template <bool OBSERVED>
+    static int32_t on_eport(UBridge__EportAppIndex *app, UBridge__EportIndex *eport);
+    static int32_t on_evlan_removed(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan, int32_t event);
+    static int32_t on_eport_removed(UBridge__EportAppIndex *app, UBridge__EportIndex *eport, int32_t event);
     static int32_t on_subscribed(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
     static int32_t on_scanned(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
+    static int32_t on_attributes(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
+    static int32_t on_attributes_read(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
+    static int32_t on_marks_ended(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
     static void on_wake(void *self);
 
     request_book *requests_;
     cast users_;
-    change_heard changed_;
+    session_listener listener_;
+    std::vector<std::string> strangers_;
     bool connected_ = false;
-    bool subscribed_ = false;
-    bool scan_ended_ = false;
+    bool written_ = false;     // all that was, up to a call that told so
+    int confirmed_ = 0;        // subscriptions
+    int ended_ = 0;            // scans, of those that are waited for
+    int marks_ended_ = 0;      // marks of which nothing is left any more
+    int32_t marks_error_ = 0;  // why one of them could not be set
+    uint64_t happenings_ = 0;
     int64_t quiet_since_ = 0;  // when something was heard last
     int64_t wake_time_ = 0;    // of the latest timer that ends a turn of the loop
     const std::function<bool()> *condition_ = nullptr;

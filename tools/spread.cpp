@@ -13,17 +13,41 @@
 #include <new>
 #include <thread>
 
+#include "config_file.hpp"
+#include "evaluation.hpp"
 #include "processes.hpp"
 #include "session.hpp"
 
 namespace ebridge_tool
 {
 
+using config_text::printable;
+
 namespace
 {
 
-enum report_kind : uint32_t { FOLLOWS, ASKED, SEEN, FINISHED, FAILED, NO_STORE };
-enum order : char { READ = 'r', DUMP = 'd' };
+enum report_kind : uint32_t {
+    FOLLOWS,      // the observer
+    ASKED,        // requester_facts of a request
+    SEEN,         // observer_facts of a request
+    DESCRIBED,    // described_id: attributes were read
+    READ_ANEW,    // what was told of attributes before counts no more
+    HAS_READ,     // all that there is was told
+    STRANGER,     // the key text of a session that nobody has requested
+    REFRESHED,    // all that is wanted was asked for again
+    PHASE,        // what a restart is at
+    NOT_DELETED,  // why a restart has left something
+    FINISHED,
+    FAILED,
+    NO_STORE
+};
+enum order : char { READ = 'r', DELETE = 'd', DUMP = 'p' };
+
+struct described_id {
+    held_id of;
+    bool there;
+    attributes content;
+};
 
 // ---- in a worker ----------------------------------------------------------------------------------------------------
 
@@ -60,65 +84,129 @@ bool open_session(session *users, const run_options &options, reporter *to)
     return users->open(options, &error) || report_failure(to, users->store_missing() ? NO_STORE : FAILED, error);
 }
 
-int request_share(size_t user, request_book *requests, const run_options &options, reporter *to)
+void report_asked(const request_book &requests, size_t user, reporter *to)
+{
+    for (size_t i = 0; i < requests.size(); ++i)
+        if (requests.at(i).user == user && !requests.at(i).dropped)
+            to->add_value(ASKED, static_cast<uint32_t>(i), requests.at(i).requester);
+}
+
+void report_phase(const char *what, reporter *to)
+{
+    to->add(PHASE, 0, what);
+    to->flush();
+}
+
+// Runs the loop until it is told what to do.
+char wait_for_order(session *users, reporter *to)
+{
+    struct order_heard {
+        session *users;
+        bool heard;
+    } waiting{users, false};
+    char what = 0;
+    std::thread listener([&waiting, &what, to] {
+        what = to->told();
+        const auto note = [](void *of) {
+            static_cast<order_heard *>(of)->heard = true;
+            static_cast<order_heard *>(of)->users->happened();
+        };
+        qz_thread_call(waiting.users->master(), note, &waiting);
+    });
+    users->wait_until([&waiting] { return waiting.heard; }, ENDLESS);
+    listener.join();
+    return what;
+}
+
+// What a restarted application does: marks, asks again, deletes. All of them ask before any of them deletes: eport keys
+// that several have had are taken out of the maps of all by the first one who lets go.
+bool request_again(session *requesting, const run_options &options, reporter *to)
+{
+    std::string error;
+    if (!requesting->mark_all(options, &error))
+        return report_failure(to, FAILED, error);
+    report_phase("marked", to);
+    requesting->request_all(options);
+    requesting->describe_all(options);
+    to->add(REFRESHED, 0, {});
+    report_phase("refreshed", to);
+    if (wait_for_order(requesting, to) != DELETE)
+        return true;
+    report_phase(options.delete_now ? "deleting" : "deleting, by the age timer of 40 s", to);
+    if (!requesting->delete_marked(options, &error))
+        to->add(NOT_DELETED, 0, error);
+    return requesting->read_own(&error) || report_failure(to, FAILED, error);
+}
+
+int request_share(size_t user, bool again, request_book *requests, const run_options &options, reporter *to)
 {
     return report_of(to, [&] {
-        requests->expect_answers_only();
-        session requesting(requests, {.requester = user, .observer = false}, [&](session *of, size_t index) {
+        requests->wait_for(request_book::patience::answered);
+        const auto changed = [&](session *of, size_t index) {
             if (to->add_value(ASKED, static_cast<uint32_t>(index), requests->at(index).requester))
                 qz_thread_call(of->master(), flush_reports, to);
-        });
+        };
+        session requesting(requests, {.requester = user, .observer = false}, {.changed = changed});
         if (!open_session(&requesting, options, to))
             return false;
-        requesting.request_all(options);
+        if (again && !request_again(&requesting, options, to))
+            return false;
+        if (!again) {
+            requesting.request_all(options);
+            requesting.describe_all(options);
+        }
         requesting.note_tables();
-        for (size_t i = 0; i < requests->size(); ++i)
-            if (requests->at(i).user == user)
-                to->add_value(ASKED, static_cast<uint32_t>(i), requests->at(i).requester);
+        report_asked(*requests, user, to);
+        if (!options.restarted || again)
+            return true;
+        // Lives on until it is killed.
+        to->add(FINISHED, 0, {});
+        to->flush();
+        to->told();
         return true;
     });
 }
 
-// Follows the sessions until it is told to read them.
-void follow(session *observing, reporter *to)
+// Reads everything, and reports it.
+bool read_and_report(session *observing, const request_book &requests, reporter *to)
 {
-    struct order_heard {
-        session *observing;
-        bool heard;
-    } waiting{observing, false};
-    std::thread listener([&waiting, to] {
-        to->told();
-        const auto note = [](void *of) {
-            static_cast<order_heard *>(of)->heard = true;
-            static_cast<order_heard *>(of)->observing->happened();
-        };
-        qz_thread_call(waiting.observing->master(), note, &waiting);
-    });
-    observing->wait_until([&waiting] { return waiting.heard; }, ENDLESS);
-    listener.join();
+    to->add(READ_ANEW, 0, {});
+    if (std::string error; !observing->read_back(&error))
+        return report_failure(to, FAILED, error);
+    observing->note_tables();
+    for (size_t i = 0; i < requests.size(); ++i)
+        to->add_value(SEEN, static_cast<uint32_t>(i), requests.at(i).observer);
+    for (const std::string &key : observing->strangers())
+        to->add(STRANGER, 0, key);
+    to->add(HAS_READ, 0, {});
+    to->flush();
+    return true;
 }
 
 int observe(request_book *requests, const run_options &options, reporter *to)
 {
-    const auto work = [&] {
-        session observing(requests, {.requester = cast::NOBODY, .observer = true}, [&](session *of, size_t index) {
+    char order = 0;
+    const int status = report_of(to, [&] {
+        const auto changed = [&](session *of, size_t index) {
             if (to->add_value(SEEN, static_cast<uint32_t>(index), requests->at(index).observer))
                 qz_thread_call(of->master(), flush_reports, to);
-        });
+        };
+        const auto described = [&](session *of, const held_id &id, const attributes *found) {
+            const described_id report{id, found != nullptr, found ? *found : attributes{}};
+            if (to->add_value(DESCRIBED, 0, report))
+                qz_thread_call(of->master(), flush_reports, to);
+        };
+        session observing(requests, {.requester = cast::NOBODY, .observer = true}, {changed, described});
         if (!open_session(&observing, options, to))
             return false;
         to->add(FOLLOWS, 0, {});
         to->flush();
-        follow(&observing, to);
-        if (std::string error; !observing.scan(&error))
-            return report_failure(to, FAILED, error);
-        observing.note_tables();
-        for (size_t i = 0; i < requests->size(); ++i)
-            to->add_value(SEEN, static_cast<uint32_t>(i), requests->at(i).observer);
+        while ((order = wait_for_order(&observing, to)) == READ)
+            if (!read_and_report(&observing, *requests, to))
+                return false;
         return true;
-    };
-    const int status = report_of(to, work);
-    if (status == 0 && to->told() == DUMP)
+    });
+    if (status == 0 && order == DUMP)
         return dump_tables() ? 0 : 1;
     return status;
 }
@@ -132,22 +220,32 @@ class spread_run
         : options_(options), worker_options_(options), requests_(requests), progress_(options, requests->size())
     {
         worker_options_.progress = nullptr;
+        requests_->wait_for(request_book::patience::described);
     }
 
     bool run();
+    // Kills the requesters, and starts them again with less.
+    bool restart();
     // After the run: the observer, which waits for a last order.
     std::shared_ptr<worker> observer() { return std::move(members_[0].process); }
     bool store_missing() const { return store_missing_; }
     const std::string &error() const { return error_; }
+    // After a restart: what is left or went wrong, apart from entries.
+    std::vector<std::string> remarks() const;
 
   private:
     struct member {
         std::unique_ptr<worker> process;
-        bool follows = false;
-        bool finished = false;
+        bool follows = false;   // the observer
+        bool has_read = false;  // all that it was told to
+        bool refreshed = false;
+        bool finished = false;  // and reports no more
     };
 
     bool start(const std::string &name, const std::function<int(reporter *)> &work);
+    bool start_requesters(bool again);
+    bool wait_for_requesters(bool member::*state);
+    bool read_back();
     bool wait_until(const std::function<bool()> &condition, int64_t patience_usec);
     void hear(member *from);
     void take(member *from, const received_report &report);
@@ -159,6 +257,8 @@ class spread_run
     request_book *requests_;
     progress_teller progress_;
     std::vector<member> members_;  // the observer first
+    std::vector<std::string> strangers_;
+    std::vector<std::string> not_deleted_;
     bool store_missing_ = false;
     std::string error_;
 };
@@ -171,28 +271,75 @@ bool spread_run::start(const std::string &name, const std::function<int(reporter
     return !failed();
 }
 
-bool spread_run::run()
+// Returns when they have done their work.
+bool spread_run::start_requesters(bool again)
 {
-    const auto observing = [this](reporter *to) { return observe(requests_, worker_options_, to); };
-    if (!start(OBSERVER, observing) || !wait_until([this] { return members_[0].follows; }, ENDLESS))
-        return false;
     for (size_t user = 0; user < requests_->users().size(); ++user) {
-        const auto requesting = [this, user](reporter *to) {
-            return request_share(user, requests_, worker_options_, to);
+        const auto requesting = [this, user, again](reporter *to) {
+            return request_share(user, again, requests_, worker_options_, to);
         };
         if (!start(requests_->users()[user], requesting))
             return false;
     }
-    const auto requested = [this] {
-        return std::all_of(members_.begin() + 1, members_.end(), [](const member &of) { return of.finished; });
+    if (again) {
+        if (!wait_for_requesters(&member::refreshed))
+            return false;
+        for (size_t i = 1; i < members_.size(); ++i)
+            members_[i].process->tell(DELETE);
+    }
+    return wait_for_requesters(&member::finished);
+}
+
+bool spread_run::wait_for_requesters(bool member::*state)
+{
+    const auto all = [&] {
+        return std::all_of(members_.begin() + 1, members_.end(), [state](const member &of) { return of.*state; });
     };
-    if (!wait_until(requested, ENDLESS))
-        return false;
+    return wait_until(all, ENDLESS);
+}
+
+bool spread_run::read_back()
+{
     // What the observer does not hear for so long it will never hear: that is for the evaluation to tell.
-    wait_until([this] { return requests_->settled() == requests_->answered(); }, options_.patience_usec);
+    const auto heard = [this] { return requests_->settled() == requests_->answered() && requests_->left() == 0; };
+    wait_until(heard, options_.patience_usec);
     progress_.last(requests_->settled());
+    members_[0].has_read = false;
     members_[0].process->tell(READ);
-    return !failed() && wait_until([this] { return members_[0].finished; }, ENDLESS);
+    return !failed() && wait_until([this] { return members_[0].has_read; }, ENDLESS);
+}
+
+bool spread_run::run()
+{
+    const auto observing = [this](reporter *to) { return observe(requests_, worker_options_, to); };
+    return start(OBSERVER, observing) && wait_until([this] { return members_[0].follows; }, ENDLESS) &&
+           start_requesters(false) && read_back();
+}
+
+bool spread_run::restart()
+{
+    members_.erase(members_.begin() + 1, members_.end());
+    requests_->restart(*options_.restarted);
+    if (!start_requesters(true) || !read_back())
+        return false;
+    // Sessions and attributes that nobody counts on may go a little later in database 8.
+    constexpr int TRIES = 20;
+    for (int tries = 0; tries < TRIES && not_deleted_.empty() && !remarks().empty(); ++tries) {
+        wait_until([] { return false; }, 100'000);
+        if (!read_back())
+            return false;
+    }
+    return true;
+}
+
+std::vector<std::string> spread_run::remarks() const
+{
+    std::vector<std::string> all = not_deleted_;
+    for (const std::string &key : strangers_)
+        all.push_back(key + ": is left over");
+    for (std::string &line : left_attributes(*requests_))
+        all.push_back(std::move(line));
+    return all;
 }
 
 // False when somebody failed, or when nothing has been heard for `patience_usec`.
@@ -233,6 +380,31 @@ void spread_run::take(member *from, const received_report &report)
         case SEEN:
             requests_->set(report.index, report.as<observer_facts>());
             break;
+        case DESCRIBED: {
+            const auto read = report.as<described_id>();
+            requests_->set(read.of, read.there ? &read.content : nullptr);
+            break;
+        }
+        case READ_ANEW:
+            requests_->forget_attributes();
+            strangers_.clear();
+            break;
+        case HAS_READ:
+            from->has_read = true;
+            break;
+        case STRANGER:
+            strangers_.emplace_back(report.content);
+            break;
+        case REFRESHED:
+            from->refreshed = true;
+            break;
+        case PHASE:
+            if (options_.phase)
+                options_.phase((from->process->name() + ": " + std::string(report.content)).c_str());
+            break;
+        case NOT_DELETED:
+            not_deleted_.push_back(from->process->name() + ": " + std::string(report.content));
+            break;
         case FINISHED:
             from->finished = true;
             break;
@@ -257,6 +429,16 @@ bool run_spread(const run_options &options, request_book *requests, run_result *
         out->store_missing = running.store_missing();
         *error = running.error();
         return false;
+    }
+    evaluate(*requests, out);
+    if (options.restarted) {
+        if (!running.restart()) {
+            *error = running.error();
+            return false;
+        }
+        evaluate_restart(*requests, out);
+        for (std::string &line : running.remarks())
+            out->problems.push_back(printable(line));
     }
     out->dump = [observer = running.observer()] {
         std::string ignored;

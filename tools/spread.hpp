@@ -6,7 +6,8 @@
 namespace ebridge_tool
 {
 
-// Fills the book with what requesters and observer report. False when the run itself failed, with one line in *error
+// Fills the book with what requesters and observer report, restarts the requesters where the options say so, and evaluates
+// both. False when the run itself failed, with one line in *error
 // and out->store_missing; otherwise out->dump prints the observer's tables.
 bool run_spread(const run_options &options, request_book *requests, run_result *out, std::string *error);
 

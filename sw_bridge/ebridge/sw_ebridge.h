@@ -19,8 +19,8 @@
  *     must live as long as they may be used. What is returned belongs to the library; a record stays valid until it is
  *     deleted. Nothing that was made at initialisation is ever freed.
  *  6. Strings are NUL-terminated. The name "" is accepted. A null name is an unknown user.
- *  7. Null pointers are refused with -2 (or a null result) and, but for the containers, a message; nothing dereferences
- *     them.
+ *  7. Null pointers are refused with -2 (or a null result) and a message, but for the containers, the index map of
+ *     eports and small helpers, which are silent; nothing dereferences them.
  *  8. Slots. Registry, local databases and index maps exist six times, numbered 0 to 5 ("inst"). Calls without a slot
  *     number use slot 0; chip drivers use one slot per unit.
  *  9. Messages. Every failure is logged before the return, in a line that begins "Assert:" (a few older texts do not)
@@ -401,7 +401,8 @@ void sw_switch_destroy_hash(sw_switch_hash *table);
  *                              *stored takes the stored record, null when nothing could be stored
  *   _cache_destroy             removes the record of that key and frees it
  * A table that does not exist is empty. Tables grow as needed and never shrink. A visitor may remove the record that it
- * is given, and must not insert. */
+ * is given, and must not insert. Records that the library itself stores may be on lists: they are deleted by its calls
+ * (_delete_item), not here. */
 
 /* users of a table (six tables), key: user name, 32 bytes */
 typedef int32_t (*sw_ebridge_list_item_visitor)(sw_ebridge_list_item *record, void *arg, int32_t position);
@@ -508,7 +509,7 @@ int32_t sw_ebridge_init(const ebridge_args *args);
  * callbacks, therefore do not all reach the scan: keep the users of a process alike, or set both automatic flags to 0
  * and subscribe and scan by hand. With n subscribed users in a process each change is applied n times. Subscribe
  * through one of them. A second call for a name replaces the user's settings and returns 0; nothing else is done again,
- * and map items linked to the user's lists leave them. A subscription that was made before stays in the store: one made
+ * and map items linked to the user's lists leave them: aging no longer meets them. A subscription that was made before stays in the store: one made
  * after the second call is another, and the user hears each change twice. 0; -2 bad argument; -1 tables; -3 reconnect
  * handler; -5 the table does not exist or no memory for the record; or the store's code. A failure undoes nothing. */
 int32_t sw_ebridge_init_inst(uint32_t table, const ebridge_args *args);
@@ -544,7 +545,7 @@ int32_t sw_ebridge_mom_subscribed_callback(qz_mom_handle *handle, const qz_mom_n
 int32_t sw_ebridge_mom_reconnect_cb(qz_mom_handle *handle, uint32_t db, int32_t type, void *instance);
 /* Registers the reconnect handler of a user. 0, -2, -3. */
 int32_t sw_bridge_reg_reconnect(const char *user_name);
-/* Subscribes by hand all that the user has callbacks for, in its own database. 0, -2. */
+/* Subscribes by hand the evlans and eports that the user has callbacks for, in its own database. 0, -2. */
 int32_t sw_ebridge_data_subscribe(const char *user_name);
 
 /* ---- congestion ------------------------------------------------------------------------------------------------- */
@@ -651,7 +652,7 @@ int32_t sw_vlan_res_db_ut_dump(int32_t vid);
 int32_t sw_evlan_request(UBridge__EvlanAppIndex *app_index, int32_t request_value, UBridge__ResPriority priority);
 /* Releases the requester's id: VLAN and L3INTF_SUB at once, other types after the release delay (40 s by default), so
  * that a restarting application can take its id back. Delayed, `app_index->t_user` must live until the delay is over.
- * 0; -2; or the store's code. */
+ * 0; -2, also without memory; or the store's code. */
 int32_t sw_evlan_release(UBridge__EvlanAppIndex *app_index);
 /* Releases at once. */
 int32_t sw_evlan_release_direct(UBridge__EvlanAppIndex *app_index);
@@ -689,11 +690,176 @@ int32_t sw_evlan_subscribe_with_db(const char *user_name, int32_t mom_db, sw_ebr
 int32_t sw_evlan_subscribe(const char *user_name, sw_ebridge_mom_func func, void *args);
 int32_t sw_vlan_subscribe(const char *user_name, sw_ebridge_mom_func func, void *args);
 
-/* ---- eport, pvid and match rule tables -------------------------------------------------------------------------- */
+/* ---- evlan: attributes ------------------------------------------------------------------------------------------- *
+ * The structure's user_name and evlan_id name the evlan. VLANs need not have been requested by the user; any other evlan
+ * must be in its local database. -2 null or unknown user; -5 the user does not hold the id. */
 
-/* Make the tables; each 0 or -1. */
+/* Fills the structure from the user's local record. No store is asked. */
+int32_t sw_evlan_attr_get(sw_evlan_attr *attr);
+/* Takes the attributes into the local record and writes them to the user's attribute database. A VLAN without a fid gets
+ * its number, in the caller's structure too. 0, -2, -5, or the store's code: then the local record is ahead of the
+ * store. */
+int32_t sw_evlan_attr_set(sw_evlan_attr *attr);
+
+/* ---- aging: what a restarted application no longer wants ---------------------------------------------------------- *
+ * In three steps: mark all records of the user, request or set again what is still wanted (which takes the mark off),
+ * delete what is still marked. Sessions and attributes, evlans and eports are marked apart. There is one age timer for the
+ * sessions of both kinds, and it deletes whatever is not requested when it fires: mark and request both kinds to the end
+ * before either is deleted, and do not mark while `age_timer_armed` is 1. Records that are neither refreshed nor deleted
+ * expire at the end of the aging time. `aging_timer` null: 1800 s. A `callback` hears the end of the marks. A key should
+ * have one user in a process: items of the index map are shared, and are on the list of the user who came first. Results:
+ * 0; -2 unknown user; or the store's code. */
+
+/* Marks the user's sessions of all types, and clears the active-request bits of its index map items. */
+int32_t sw_evlan_aging_flag_set(const char *user_name, const qz_mom_timeval *aging_timer, qz_mom_msg_cb callback,
+                                void *args);
+/* The same under a second name. */
+int32_t sw_vlans_aging_flag_set(const char *user_name, const qz_mom_timeval *aging_timer, qz_mom_msg_cb callback,
+                                void *args);
+/* Marks the sessions of plain VLANs; no bit is cleared. _sync returns when they are marked. */
+int32_t sw_vlan_aging_flag_set(const char *user_name, const qz_mom_timeval *aging_timer, qz_mom_msg_cb callback,
+                               void *args);
+int32_t sw_vlan_aging_flag_set_sync(const char *user_name, const qz_mom_timeval *aging_timer);
+/* Arms the user's age timer: 40 s later the sessions of both kinds that were granted and not requested again are
+ * deleted. Also -3 and -4, see sw_ebridge_age_timer_create(). */
+int32_t sw_evlan_aged_data_delete(const char *user_name);
+int32_t sw_vlan_aged_data_delete(const char *user_name);
+/* What the timer does: deletes the sessions of `instance` whose ds_flag is exactly SW_INDEX_MAP_GRANTED. 0, -2 null. */
+int32_t sw_evlan_no_request_clear(sw_ebridge_list_item *instance);
+/* The callback of sw_evlan_aging_flag_set() when none is given: a line in the log. 0. */
+int32_t sw_evlan_aging_default_callbak(qz_mom_handle *ctx, const qz_mom_notification *msg, void *args);
+/* Marks the user's attribute records; deletes those still marked. `callback` hears the end. */
+int32_t sw_evlan_attr_aging_flag_set(const char *user_name, const qz_mom_timeval *aging_timer, qz_mom_msg_cb callback,
+                                     void *args);
+int32_t sw_evlan_attr_aging_flag_set_sync(const char *user_name, const qz_mom_timeval *aging_timer);
+int32_t sw_evlan_attr_aged_data_delete(const char *user_name, qz_mom_msg_cb callback, void *args);
+
+/* ---- eport: ids and local database ------------------------------------------------------------------------------ */
+
+/* 1 for PORT, LOCAL_PORT and AP, else 0. */
+int32_t sw_eport_type_underlay(uint32_t eport_type);
+int32_t sw_eport_id_underlay(uint32_t eport_id);
+
 int32_t sw_eport_db_init(void);
+/* Zeroes the record, sets its key, and vlan_filter to FILTER_ALL. */
+void sw_eport_init(sw_eport_attr *record, const char *user_name, uint32_t eport_id);
+/* Record of (user, eport_id), or null; the user must be registered in the slot. */
+sw_eport_attr *sw_eport_db_get_item(uint32_t inst, const char *user_name, uint32_t eport_id);
+/* Existing or new record. A new one is a copy of `record` with all its attributes; `record`, which must not be a stored
+ * one, takes the user's name. Null: unknown user or no memory. _new sets *created to 1 when it made one, and leaves it alone otherwise. */
+sw_eport_attr *sw_eport_db_insert_item(uint32_t inst, const char *user_name, sw_eport_attr *record);
+sw_eport_attr *sw_eport_db_insert_item_new(uint32_t inst, const char *user_name, sw_eport_attr *record,
+                                           uint8_t *created);
+/* The same for a user of another process, who need not be registered; the record of such a user is made anew. */
+sw_eport_attr *sw_eport_db_insert_glb_item(uint32_t inst, const char *user_name, uint32_t eport_id);
+/* An absent record is no error. The global one asks for no registered user. */
+void sw_eport_db_delete_item(uint32_t inst, const char *user_name, const UBridge__EportIndex *index);
+void sw_eport_db_delete_glb_item(uint32_t inst, const char *user_name, uint32_t eport_id);
+/* Empties the local databases of all slots. 0. */
+int32_t sw_eport_clear_all_db(void);
+/* The inserts of a fresh record, after making sure that the databases exist and the user is registered. _new clears
+ * *created first. */
+sw_eport_attr *sw_eport_attr_db_verify(uint32_t inst, const char *user_name, uint32_t eport_id);
+sw_eport_attr *sw_eport_attr_db_verify_new(uint32_t inst, const char *user_name, uint32_t eport_id, uint8_t *created);
+/* Copies attr_flags, attr_flags2, vlan_filter and the view that src's eport_id names. 0; -2 null. */
+int32_t sw_eport_attr_copy(sw_eport_attr *dst, const sw_eport_attr *src);
+/* 0 equal; other when attr_flags, attr_flags2, vlan_filter or any byte of the whole attribute block differ; -2 null. */
+int32_t sw_eport_attr_cmp(const sw_eport_attr *a, const sw_eport_attr *b);
+/* The eport as all users of slot 0 hold it together, or null when none does. One static record: valid until the next
+ * merge. */
+sw_eport_attr *sw_eport_attr_merge(uint32_t eport_id);
+
+/* ---- eport: index map and translations -------------------------------------------------------------------------- */
+
 int32_t sw_eport_index_map_db_init(void);
+/* Zero the key of an item and set it: kind 0 from a message whose first field is a UBridge__EportAppIndex (an eport
+ * session), kind 1 from an eport_id, kind 3 from a chip key. */
+void sw_eport_index_map_init_appkey(sw_eport_index_map *item, const UBridge__EportSession *session);
+void sw_eport_index_map_init_udpkey(sw_eport_index_map *item, uint32_t eport_id);
+void sw_eport_index_map_init_sdkkey(sw_eport_index_map *item, const UBridge__EportSdkIndex *sdk);
+/* The stored item, or null: absent, no such slot, or null. */
+sw_eport_index_map *sw_eport_index_map_get_item(uint32_t inst, const sw_eport_index_map *key);
+/* Replaces values, carried words, user and priority of a stored item (not ds_flag), or stores a copy at the head of its
+ * user's list. Null without memory. */
+sw_eport_index_map *sw_eport_index_map_update_item(uint32_t inst, const sw_eport_index_map *item);
+/* 0, also when absent. */
+int32_t sw_eport_index_map_delete_item(uint32_t inst, const sw_eport_index_map *key);
+/* Application key to eport_id. PORT and AP: keyid2 is an interface index, and the port table decides which of the two
+ * the id is (0x20000000 when it has no such interface); the result is the port table's. Other types: 0 found (eport_id
+ * 0: requested, not granted yet); -1 not mapped. -2 null. */
+int32_t sw_eport_app2udp(const UBridge__EportAppIndex *app, UBridge__EportIndex *out);
+/* The reverse. PORT and AP ids: keyid2 takes the interface index, keyid1 is 0, type is left alone. */
+int32_t sw_eport_udp2app(const UBridge__EportIndex *index, UBridge__EportAppIndex *out);
+/* Between the switch's numbers (PORT) and the card's (LOCAL_PORT); any other id is copied. To the card's numbers: 0, and
+ * an unknown port is copied; to the switch's: the port table's result, and an unknown one gives 0x20000000. -2 null. */
+int32_t sw_eport_udp2sdp(const UBridge__EportIndex *udp, UBridge__EportIndex *sdp);
+int32_t sw_eport_sdp2udp(const UBridge__EportIndex *sdp, UBridge__EportIndex *udp);
+int32_t sw_eport_db_ut_dump_op(sw_eport_index_map *item, void *dump_args, int32_t position);
+int32_t sw_eport_res_db_ut_dump(uint32_t type, uint32_t id);
+
+/* ---- eport: request, release, reply ----------------------------------------------------------------------------- */
+
+/* Asks for an eport id under the key (type, keyid1, keyid2) of `app_index`, whose t_user is the requester.
+ * `request_value` 0: any id of the type; else the id wanted, as it stands. The answer comes to the callbacks of the users
+ * that follow the sessions. 0; -2 bad argument; -4 no memory; or the store's code (the key then stays marked as
+ * requested). */
+int32_t sw_eport_request(UBridge__EportAppIndex *app_index, int32_t request_value, UBridge__ResPriority priority);
+/* Releases the requester's id after the release delay (40 s by default), whatever its type, so that a restarting
+ * application can take it back; `app_index->t_user` must live until then. A removal empties the index map of the key even
+ * when it was requested again meanwhile: request once more what is wanted after hearing of its removal. 0; -2; -3 no
+ * memory; or the store's code. */
+int32_t sw_eport_release(UBridge__EportAppIndex *app_index);
+/* Releases at once. */
+int32_t sw_eport_release_direct(UBridge__EportAppIndex *app_index);
+/* delayed: 0 at once, anything else delayed. */
+int32_t sw_eport_release_exec(UBridge__EportAppIndex *app_index, uint32_t delayed);
+
+/* Callbacks of the store client, as their evlan twins. */
+int32_t sw_eport_release_callback(qz_mom_handle *ctx, const qz_mom_notification *msg, void *args);
+int32_t sw_vlan_mom_msg_eport_session_reply(qz_mom_handle *ctx, const qz_mom_notification *msg, void *args);
+/* Applies one session change of database `db`: add 1 written, 0 removed. 0; -2 not answered yet, or no session. */
+int32_t sw_eport_session_reply(uint32_t db, UBridge__EportSession *session, int32_t add);
+
+/* ---- eport: scan and subscribe, as their evlan twins --------------------------------------------------------------- */
+
+void **sw_eport_get_mom_ds_args(int32_t mom_db, uint32_t cmd, sw_ebridge_list_item *inst);
+int32_t sw_eport_data_scan_with_db(const char *user_name, int32_t mom_db, sw_ebridge_mom_func func, void *args);
+int32_t sw_eport_data_scan(const char *user_name, sw_ebridge_mom_func func, void *args);
+int32_t sw_eport_subscribe_with_db(const char *user_name, int32_t mom_db, sw_ebridge_mom_func func, void *args);
+int32_t sw_eport_subscribe(const char *user_name, sw_ebridge_mom_func func, void *args);
+
+/* ---- eport: attributes --------------------------------------------------------------------------------------------- *
+ * The structure's user_name and eport_id name the eport. PORT and AP eports need not have been requested by the user; any
+ * other eport must be in its local database. -2 null or unknown user; -5 the user does not hold the id. */
+
+/* Fills the structure from the user's local record. No store is asked. */
+int32_t sw_eport_attr_get(sw_eport_attr *attr);
+/* Takes the attributes into the local record and writes that to the user's attribute database. */
+int32_t sw_eport_attr_set(sw_eport_attr *attr);
+/* Fills type, vlan_filter and the view of `record`, whose index the caller has set, from `attr` and writes it. The
+ * record's pvid is always 0. The view is taken out again before the return. 0, -2 null, or the store's code. */
+int32_t sw_eport_attr_push_udp(qz_mom_handle *mom_handle, int32_t db, UBridge__Eport *record,
+                               const sw_eport_attr *attr);
+/* Removes the attribute record and the local one, which must be there whatever the type. 0, -2, -5, or the store's code:
+ * the local record is gone then, too. */
+int32_t sw_eport_attr_del(sw_eport_attr *attr);
+
+/* ---- eport: aging, as their evlan twins ----------------------------------------------------------------------------- */
+
+int32_t sw_eport_aging_flag_set(const char *user_name, const qz_mom_timeval *aging_timer, qz_mom_msg_cb callback,
+                                void *args);
+int32_t sw_eport_aging_flag_set_sync(const char *user_name, const qz_mom_timeval *aging_timer);
+int32_t sw_eport_aged_data_delete(const char *user_name);
+int32_t sw_eport_no_request_clear(sw_ebridge_list_item *instance);
+int32_t sw_eport_aging_default_callbak(qz_mom_handle *ctx, const qz_mom_notification *msg, void *args);
+int32_t sw_eport_attr_aging_flag_set(const char *user_name, const qz_mom_timeval *aging_timer, qz_mom_msg_cb callback,
+                                     void *args);
+int32_t sw_eport_attr_aging_flag_set_sync(const char *user_name, const qz_mom_timeval *aging_timer);
+int32_t sw_eport_attr_aged_data_delete(const char *user_name, qz_mom_msg_cb callback, void *args);
+
+/* ---- pvid and match rule tables ------------------------------------------------------------------------------------ */
+
+/* Makes the table. 0 or -1. */
 int32_t sw_vlan_pvid_db_init(void);
 /* Makes the rule table and registers a blank user of that name (may be null) in registry table `list` if there is none.
  */
@@ -724,10 +890,20 @@ typedef struct sw_diagnosis_stat {
 
 extern sw_diagnosis_stat g_diagnosis_stat;
 
-/* Stores a copy in the ring of the last five refused requests: kind 1, id -1, type and key as values, ds_flag 1. */
+/* Sets all counters and both rings to zero. */
+void sw_ebridge_reset_stat(void);
+/* Stores a copy in the ring of the last five refused requests: kind 1, id -1, type and keys as values, ds_flag 1. */
 void sw_evlan_record_err_msg(const sw_evlan_index_map *record);
+void sw_eport_record_err_msg(const sw_eport_index_map *record);
 /* The ring; the n-th entry ever (from 0) stands at n modulo 5. */
 sw_evlan_index_map *sw_evlan_get_err_msg_array(void);
+sw_eport_index_map *sw_eport_get_err_msg_array(void);
+/* Arms the user's age timer (40 s) unless it is armed. 0; -2 unknown user; -3 refused by the thread library; -4 no
+ * memory. */
+int32_t sw_ebridge_age_timer_create(const char *user_name);
+/* The timer's function: its argument is a copy of the user's name, which it frees. Deletes what was not requested again.
+ * 0, -2. */
+int32_t sw_ebridge_age_exec(qz_thread_event *event);
 /* Sets the two release delays in seconds, 0 or more: a store refuses an expiry in the past, and with it the release. 0. */
 int32_t sw_ebridge_delay_time_set(int32_t evlan_seconds, int32_t eport_seconds);
 

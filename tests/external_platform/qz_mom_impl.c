@@ -13,6 +13,12 @@ int32_t qz_mom_client_set_reconnect_cb(qz_mom_handle *handle, uint32_t db, qz_mo
     return QZ_MOM_OK;
 }
 
+int32_t qz_mom_set(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, qz_mom_msg_cb cb, void *args)
+{
+    (void)handle, (void)db, (void)record, (void)cb, (void)args;
+    return QZ_MOM_OK;
+}
+
 int32_t qz_mom_hmset(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, const uint32_t *fields,
                      uint32_t count, qz_mom_msg_cb cb, void *args)
 {
@@ -30,6 +36,20 @@ int32_t qz_mom_pexpire(qz_mom_handle *handle, uint32_t db, const ProtobufCMessag
                        const qz_mom_timeval *delay, qz_mom_msg_cb cb, void *args)
 {
     (void)handle, (void)db, (void)record, (void)mode, (void)delay, (void)cb, (void)args;
+    return QZ_MOM_OK;
+}
+
+int32_t qz_mom_pexpire_sync(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, int32_t mode,
+                            const qz_mom_timeval *delay)
+{
+    (void)handle, (void)db, (void)record, (void)mode, (void)delay;
+    return QZ_MOM_OK;
+}
+
+int32_t qz_mom_del_expire(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, int32_t mode,
+                          qz_mom_msg_cb cb, void *args)
+{
+    (void)handle, (void)db, (void)record, (void)mode, (void)cb, (void)args;
     return QZ_MOM_OK;
 }
 

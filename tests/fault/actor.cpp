@@ -6,11 +6,13 @@
 //
 // Commands
 //   churn SEED COUNT FIRST KEYS SHARED   makes COUNT requests, with releases in between, of KEYS keys of its own and of
-//                                        SHARED ones that others use, too
-//   want TYPE FIRST COUNT                requests keys
-//   drop TYPE FIRST COUNT                releases keys at once
+//                                        SHARED ones that others use, too; half of them are eports
+//   want TABLE TYPE FIRST COUNT          requests keys; TABLE is "evlan" or "eport"
+//   drop TABLE TYPE FIRST COUNT          releases keys at once
 //   again                                requests what it wants and does not hold
 //   view NUMBER                          writes its index map, whether it is busy, and "end NUMBER"
+//
+// A line is "WHAT USER TABLE TYPE KEYID KEYID2 ID", whatever of it means something.
 //
 // It is patient: what the store cannot take is tried again until it does.
 #include <unistd.h>
@@ -28,16 +30,21 @@
 #include <string>
 #include <thread>
 
+#include "eport_user.hpp"
 #include "ledger.hpp"
 #include "sw_ebridge.h"
 
 namespace
 {
 
-using fault::evlan_key;
+using fault::bridge_key;
+using fault::event;
+using fault::table;
 
 constexpr uint32_t VLAN = U_BRIDGE__EVLAN_TYPE__VLAN, VXLAN = U_BRIDGE__EVLAN_TYPE__VXLAN,
                    L3VPN = U_BRIDGE__EVLAN_TYPE__L3VPN;
+constexpr uint32_t PORT = U_BRIDGE__EPORT_TYPE__PORT, AP = U_BRIDGE__EPORT_TYPE__AP,
+                   VXLAN_AC = U_BRIDGE__EPORT_TYPE__VXLAN_AC;
 constexpr uint32_t FIRST_SHARED = 1;
 constexpr int64_t RETRY_USEC = 5000;
 constexpr size_t WINDOW = 64;  // requests that wait for their answer
@@ -51,15 +58,16 @@ struct holding {
 struct operation {
     enum class kind { request, release, delayed_release };
     kind what;
-    evlan_key key;
+    bridge_key key;
 };
 
 std::string name;  // lives as long as the process, as a delayed release needs it
 qz_thread_master *master;
-std::map<evlan_key, holding> holdings;
+std::map<bridge_key, holding> holdings;
 std::deque<operation> queue;
 size_t asked;  // holdings that wait for their answer
 bool retry_pending;
+fault::eport_user *eports;  // lives as long as the process
 
 struct churning {
     std::minstd_rand random;
@@ -69,20 +77,18 @@ std::optional<churning> churn;
 
 void work();
 
-[[gnu::format(printf, 1, 2)]] void say(const char *format, ...)
+void say(const char *what, const char *user = "-", const bridge_key &key = {}, uint32_t id = 0)
 {
     char line[256];
-    va_list arguments;
-    va_start(arguments, format);
-    const int size = std::vsnprintf(line, sizeof line, format, arguments);
-    va_end(arguments);
+    const int size = std::snprintf(line, sizeof line, "%s %s %s %u %u %u %u\n", what, user,
+                                   key.of == table::evlan ? "evlan" : "eport", key.type, key.keyid, key.keyid2, id);
     if (write(STDOUT_FILENO, line, static_cast<size_t>(size)) != size)
         std::abort();
 }
 
 // ---- what the callbacks hear ----------------------------------------------------------------------------------------
 
-void answered(const evlan_key &key, uint32_t id)
+void answered(const bridge_key &key, uint32_t id)
 {
     holding &of = holdings[key];
     asked -= of.asked;
@@ -92,19 +98,31 @@ void answered(const evlan_key &key, uint32_t id)
     work();
 }
 
-void heard(const char *user, const evlan_key &key, uint32_t id)
+void heard(const char *user, const bridge_key &key, uint32_t id)
 {
     if (id == fault::REFUSED)
-        say("refused %s %u %u 0\n", user, key.type, key.keyid);
+        say("refused", user, key);
     else
-        say("granted %s %u %u %u\n", user, key.type, key.keyid, id);
+        say("granted", user, key, id);
     if (user == name)
         answered(key, id);
 }
 
+void heard_removal(const char *user, const bridge_key &key, uint32_t id)
+{
+    say("removed", user, key, id);
+    if (user == name)
+        holdings[key].id = 0;
+}
+
+bridge_key evlan_key(int32_t type, int32_t keyid)
+{
+    return {table::evlan, static_cast<uint32_t>(type), static_cast<uint32_t>(keyid)};
+}
+
 int32_t on_vlan(UBridge__VlanAppIndex *index, int32_t vlan_id)
 {
-    const evlan_key key{static_cast<uint32_t>(index->type), static_cast<uint32_t>(index->keyid)};
+    const bridge_key key = evlan_key(index->type, index->keyid);
     if (vlan_id != -1)  // else the other callback says so, too
         heard(index->user, key, key.type << 24 | static_cast<uint32_t>(vlan_id));
     return 0;
@@ -112,31 +130,56 @@ int32_t on_vlan(UBridge__VlanAppIndex *index, int32_t vlan_id)
 
 int32_t on_evlan(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan)
 {
-    heard(app->t_user, {static_cast<uint32_t>(app->type), static_cast<uint32_t>(app->keyid)},
-          static_cast<uint32_t>(evlan->evlan_id));
+    heard(app->t_user, evlan_key(app->type, app->keyid), static_cast<uint32_t>(evlan->evlan_id));
     return 0;
 }
 
 int32_t on_release(UBridge__EvlanAppIndex *app, UBridge__EvlanIndex *evlan, int32_t)
 {
-    const evlan_key key{static_cast<uint32_t>(app->type), static_cast<uint32_t>(app->keyid)};
-    say("removed %s %u %u %u\n", app->t_user, key.type, key.keyid, static_cast<uint32_t>(evlan->evlan_id));
-    if (app->t_user == name)
-        holdings[key].id = 0;
+    heard_removal(app->t_user, evlan_key(app->type, app->keyid), static_cast<uint32_t>(evlan->evlan_id));
     return 0;
+}
+
+void put(operation::kind what, const bridge_key &key);
+
+// The library withdraws a refused evlan by itself; here a refused eport is withdrawn in its turn.
+void on_eport(event::kind what, const fault::session_name &who, uint32_t id)
+{
+    if (what == event::kind::removed)
+        return heard_removal(who.user.c_str(), who.key, id);
+    if (id == fault::REFUSED && who.user == name)
+        put(operation::kind::release, who.key);
+    heard(who.user.c_str(), who.key, id);
 }
 
 // ---- what it does ---------------------------------------------------------------------------------------------------
 
-int32_t call_library(const operation &next)
+// Some ports want an id of their own choice, which is an aggregate port's; two of them the same.
+uint32_t wanted_id(const bridge_key &key)
+{
+    const bool chooses = key.type == PORT && key.keyid2 % 8 == 2;
+    return chooses ? AP << 24 | (0x100000 + key.keyid2 / 16) : key.type << 24;
+}
+
+int32_t change_eport(const operation &next)
+{
+    switch (next.what) {
+        case operation::kind::request:
+            return eports->request(next.key, wanted_id(next.key));
+        case operation::kind::release:
+            return eports->release(next.key);
+        default:
+            return eports->release_later(next.key, 1);
+    }
+}
+
+int32_t change_evlan(const operation &next)
 {
     UBridge__EvlanAppIndex index = U_BRIDGE__EVLAN_APP_INDEX__INIT;
     index.t_user = name.data();
     index.type = static_cast<int32_t>(next.key.type);
     index.keyid = static_cast<int32_t>(next.key.keyid);
-    const bool requests = next.what == operation::kind::request;
-    say("%s %s %u %u 0\n", requests ? "requested" : "released", name.c_str(), next.key.type, next.key.keyid);
-    if (requests)
+    if (next.what == operation::kind::request)
         return sw_evlan_request(&index, 0, U_BRIDGE__RES_PRIORITY__LEVEL_0);
     return next.what == operation::kind::release ? sw_evlan_release_direct(&index) : sw_evlan_release(&index);
 }
@@ -157,13 +200,14 @@ void retry_later()
 // False: the store takes nothing now.
 bool carry_out(const operation &next)
 {
-    const int32_t code = call_library(next);
+    say(next.what == operation::kind::request ? "requested" : "released", name.c_str(), next.key);
+    const int32_t code = next.key.of == table::evlan ? change_evlan(next) : change_eport(next);
     if (code == QZ_MOM_EDOWN || code == QZ_MOM_EFULL) {
         retry_later();
         return false;
     }
     if (code != 0)
-        say("error %d\n", code);
+        say("error", name.c_str(), next.key, static_cast<uint32_t>(code));
     holding &of = holdings[next.key];
     const bool requests = code == 0 && next.what == operation::kind::request;
     asked = asked - of.asked + requests;
@@ -171,13 +215,21 @@ bool carry_out(const operation &next)
     return true;
 }
 
-void put(operation::kind what, const evlan_key &key)
+void put(operation::kind what, const bridge_key &key)
 {
     holdings[key].wanted = what == operation::kind::request;
     queue.push_back({what, key});
 }
 
-uint32_t type_of(uint32_t keyid) { return keyid % 8 == 0 ? VLAN : keyid % 8 == 1 ? L3VPN : VXLAN; }
+bridge_key eport_key(uint32_t type, uint32_t keyid) { return {table::eport, type, keyid % 7, keyid}; }
+
+// Every key that is drawn is one evlan or one eport.
+bridge_key key_of(uint32_t keyid)
+{
+    if (keyid % 2 == 0)
+        return {table::evlan, keyid % 16 == 0 ? VLAN : keyid % 16 == 2 ? L3VPN : VXLAN, keyid};
+    return eport_key(keyid % 4 == 1 ? VXLAN_AC : PORT, keyid & ~1U);
+}
 
 // The next step of a churn: most keys are requested when they are not held, and released when they are.
 void churn_on()
@@ -185,7 +237,7 @@ void churn_on()
     auto &random = churn->random;
     const uint32_t at = static_cast<uint32_t>(random() % (churn->keys + churn->shared));
     const uint32_t keyid = at < churn->keys ? churn->first + at : FIRST_SHARED + at - churn->keys;
-    const evlan_key key{type_of(keyid), keyid};
+    const bridge_key key = key_of(keyid);
     const holding &of = holdings[key];
     const auto draw = random() % 10;
     if (of.wanted && draw < 8) {
@@ -214,23 +266,27 @@ void work()
 int32_t show_map_item(sw_evlan_index_map *item, void *, int32_t)
 {
     if (item->kind == 0)
-        say("forward - %u %u %u\n", item->key[0], item->key[1], item->value[0]);
+        say("forward", "-", {table::evlan, item->key[0], item->key[1]}, item->value[0]);
     else if (item->kind == 1)
-        say("backward - %u %u %u\n", item->value[0], item->value[1], item->key[0]);
+        say("backward", "-", {table::evlan, item->value[0], item->value[1]}, item->key[0]);
     return 0;
 }
 
 void obey(const std::string &line)
 {
     std::istringstream words(line);
-    std::string command;
+    std::string command, kind;
     uint32_t a = 0, b = 0, c = 0, d = 0, e = 0;
-    words >> command >> a >> b >> c >> d >> e;
+    words >> command;
+    if (command == "want" || command == "drop")
+        words >> kind;
+    words >> a >> b >> c >> d >> e;
     if (command == "churn") {
         churn = churning{std::minstd_rand(a), b, c, d, e};
     } else if (command == "want" || command == "drop") {
         for (uint32_t keyid = b; keyid < b + c; ++keyid)
-            put(command == "want" ? operation::kind::request : operation::kind::release, {a, keyid});
+            put(command == "want" ? operation::kind::request : operation::kind::release,
+                kind == "eport" ? eport_key(a, keyid) : bridge_key{table::evlan, a, keyid});
     } else if (command == "again") {
         for (auto &[key, of] : holdings) {
             asked -= of.asked && of.wanted;
@@ -239,10 +295,10 @@ void obey(const std::string &line)
                 queue.push_back({operation::kind::request, key});
         }
     } else if (command == "view") {
-        say("view - 0 0 0\n");
+        say("view");
         sw_evlan_index_map_hash_traverse(0, show_map_item, nullptr);
-        say("%s - 0 0 0\n", queue.empty() && !churn && asked == 0 ? "idle" : "busy");
-        say("end - 0 0 %u\n", a);
+        say(queue.empty() && !churn && asked == 0 ? "idle" : "busy");
+        say("end", "-", {}, a);
     }
     work();
 }
@@ -272,8 +328,11 @@ bool start(const char *url, bool follows_all)
     user.vlan_reply = on_vlan;
     user.evlan_reply = on_evlan;
     user.evlan_release_reply = on_release;
-    say("started %s 0 0 %d\n", name.c_str(), follows_all ? 2 : 0);
+    say("started", name.c_str());
     if (sw_ebridge_init(&user) != 0 || sw_ebridge_delay_time_set(1, 1) != 0)
+        return false;
+    eports = new fault::eport_user(handle, name, follows_all, on_eport);
+    if (eports->start() != 0)
         return false;
     if (std::getenv("QZ_ZLOG_DIR") == nullptr)
         g_sw_vlan_file_zlog_level = 0;

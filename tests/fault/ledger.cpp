@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <set>
 #include <utility>
 
@@ -14,7 +15,11 @@ namespace
 
 using kind = event::kind;
 
-std::string text(const evlan_key &key) { return std::to_string(key.type) + ':' + std::to_string(key.keyid); }
+std::string text(const bridge_key &key)
+{
+    const std::string first = std::to_string(key.type) + ':' + std::to_string(key.keyid);
+    return key.of == table::evlan ? first : first + ':' + std::to_string(key.keyid2);
+}
 
 std::string text(const session_name &name) { return name.user + ':' + text(name.key); }
 
@@ -27,12 +32,38 @@ std::string text(uint32_t id)
 
 bool is_id(uint32_t id) { return id != 0 && id != REFUSED; }
 
+// An evlan whose removal is heard while it is requested stays in the index map, with its id; an eport does not.
+constexpr bool spares_requested(table of) { return of == table::evlan; }
+
+// The same views, of one table alone.
+session_ids only(const session_ids &all, table of)
+{
+    session_ids some;
+    std::ranges::copy_if(all, std::inserter(some, some.end()),
+                         [of](const auto &each) { return each.first.key.of == of; });
+    return some;
+}
+
+user_view only(const user_view &all, table of)
+{
+    user_view some{all.name, all.follows_all, {}, {}};
+    for (const event &each : all.events)
+        if (each.what == kind::started || each.who.key.of == of)
+            some.events.push_back(each);
+    if (const auto map = all.maps.find(of); map != all.maps.end())
+        some.maps.insert(*map);
+    return some;
+}
+
+// Of one table.
 class auditor
 {
   public:
-    auditor(const store_view &store, const std::vector<user_view> &users, const excuses &excused)
-        : store_(store), users_(users), excused_(excused)
+    auditor(const store_view &store, const std::vector<user_view> &users, const excuses &excused, table of)
+        : store_{only(store.sessions, of), only(store.mirrors, of)}, excused_(excused), of_(of)
     {
+        for (const user_view &user : users)
+            users_.push_back(only(user, of));
     }
 
     std::vector<std::string> run()
@@ -41,7 +72,8 @@ class auditor
         note_releases();
         for (const user_view &user : users_) {
             look_at_what_was_told(user);
-            look_at_index_map(user);
+            if (const auto map = user.maps.find(of_); map != user.maps.end())
+                look_at_index_map(user, map->second);
             if (!excused_.data_lost) {
                 look_for_changed_ids(user);
                 if (!excused_.changes_merged)
@@ -120,9 +152,9 @@ class auditor
     // ---- the index map ----
 
     // Keys whose last word was a release: they may be in the index map or not.
-    static std::set<evlan_key> released_last(const user_view &user)
+    static std::set<bridge_key> released_last(const user_view &user)
     {
-        std::set<evlan_key> keys;
+        std::set<bridge_key> keys;
         for (const event &each : user.events) {
             if (each.what == kind::removed)
                 keys.insert(each.who.key);
@@ -140,9 +172,9 @@ class auditor
         bool requested = false;
         bool with_id = false;
     };
-    static std::map<evlan_key, leftover> leftovers(const user_view &user)
+    std::map<bridge_key, leftover> leftovers(const user_view &user) const
     {
-        std::map<evlan_key, leftover> keys;
+        std::map<bridge_key, leftover> keys;
         for (const event &each : user.events) {
             if (each.what == kind::started)
                 keys.clear();
@@ -154,21 +186,21 @@ class auditor
             else if (each.what == kind::released)
                 of.requested = false;
             else
-                of.with_id = each.what == kind::removed && (of.requested || of.with_id);
+                of.with_id = spares_requested(of_) && each.what == kind::removed && (of.requested || of.with_id);
         }
         std::erase_if(keys, [](const auto &each) { return each.second.requested; });
         return keys;
     }
 
-    void look_at_index_map(const user_view &user)
+    void look_at_index_map(const user_view &user, const index_map &map)
     {
-        const std::map<evlan_key, leftover> may_be_left = leftovers(user);
-        const std::set<evlan_key> may_be_missing = released_last(user);
-        std::map<evlan_key, uint32_t> wanted;
+        const std::map<bridge_key, leftover> may_be_left = leftovers(user);
+        const std::set<bridge_key> may_be_missing = released_last(user);
+        std::map<bridge_key, uint32_t> wanted;
         for (const auto &[name, id] : store_.sessions)
             if (is_id(id) && in_scope(user, name))
                 wanted[name.key] = id;
-        for (const auto &[key, id] : user.id_of) {
+        for (const auto &[key, id] : map.id_of) {
             const auto at = wanted.find(key);
             const auto left = may_be_left.find(key);
             if (at == wanted.end() && left != may_be_left.end() && (id == 0 || left->second.with_id))
@@ -179,23 +211,24 @@ class auditor
                 wrong(user, "its index map has " + text(key) + " with " + text(id) + ", the store " + text(at->second));
         }
         for (const auto &[key, id] : wanted)
-            if (!user.id_of.contains(key) && !may_be_missing.contains(key))
+            if (!map.id_of.contains(key) && !may_be_missing.contains(key))
                 wrong(user, "its index map does not have " + text(key) + " with " + text(id));
-        look_at_other_direction(user, may_be_left);
+        look_at_other_direction(user, map, may_be_left);
     }
 
-    void look_at_other_direction(const user_view &user, const std::map<evlan_key, leftover> &may_be_left)
+    void look_at_other_direction(const user_view &user, const index_map &map,
+                                 const std::map<bridge_key, leftover> &may_be_left)
     {
-        for (const auto &[key, id] : user.id_of) {
-            const auto at = user.key_of.find(id);
+        for (const auto &[key, id] : map.id_of) {
+            const auto at = map.key_of.find(id);
             if (const auto left = may_be_left.find(key); left != may_be_left.end() && left->second.with_id)
                 continue;
-            if (id != 0 && (at == user.key_of.end() || at->second != key))
+            if (id != 0 && (at == map.key_of.end() || at->second != key))
                 wrong(user, "its index map does not lead from " + text(id) + " back to " + text(key));
         }
-        for (const auto &[id, key] : user.key_of) {
-            const auto at = user.id_of.find(key);
-            if (at == user.id_of.end() || at->second != id)
+        for (const auto &[id, key] : map.key_of) {
+            const auto at = map.id_of.find(key);
+            if (at == map.id_of.end() || at->second != id)
                 wrong(user, "its index map leads from " + text(id) + " to " + text(key) + ", but not there from it");
         }
     }
@@ -244,7 +277,7 @@ class auditor
     void look_for_ids_of_two_keys(const user_view &user)
     {
         session_ids held;
-        std::map<uint32_t, std::multiset<evlan_key>> keys_of;
+        std::map<uint32_t, std::multiset<bridge_key>> keys_of;
         const auto let_go = [&](const session_name &name) {
             const auto at = held.find(name);
             if (at == held.end())
@@ -271,11 +304,12 @@ class auditor
         }
     }
 
-    const store_view &store_;
-    const std::vector<user_view> &users_;
+    const store_view store_;
+    std::vector<user_view> users_;
     const excuses excused_;
-    std::map<evlan_key, uint32_t> id_of_;
-    std::map<uint32_t, evlan_key> key_of_;
+    const table of_;
+    std::map<bridge_key, uint32_t> id_of_;
+    std::map<uint32_t, bridge_key> key_of_;
     std::set<session_name> ever_released_;
     std::vector<std::string> wrong_;
 };
@@ -284,7 +318,10 @@ class auditor
 
 std::vector<std::string> ledger(const store_view &store, const std::vector<user_view> &users, const excuses &excused)
 {
-    return auditor(store, users, excused).run();
+    std::vector<std::string> wrong;
+    for (const table of : {table::evlan, table::eport})
+        std::ranges::move(auditor(store, users, excused, of).run(), std::back_inserter(wrong));
+    return wrong;
 }
 
 }  // namespace fault

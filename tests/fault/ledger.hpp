@@ -1,4 +1,5 @@
 // What has to hold after any fault, as one check: the store, what each user's callbacks said, and its index map agree.
+// Evlans and eports are looked at each by themselves: an id of one is nothing to the other.
 //
 //  - Every session is answered, and in the mirror database as it is in the application database.
 //  - No key has two ids, no id two keys.
@@ -12,7 +13,8 @@
 // is heard, unless the user of this process has it requested; the next grant brings it back. A request that is taken
 // back before anybody answered it can leave its key in the index map: no removal is heard of what nobody had heard of.
 // It stays without an id, or with an earlier one when the removal of that was heard while the key was requested again;
-// the same goes for a key that the store has lost. A user's own evlan records outlive a release, and are not looked at.
+// the same goes for a key that the store has lost. That is so of evlans: the removal of an eport takes it out of the
+// index map whatever is requested. A user's own evlan records outlive a release, and are not looked at.
 #pragma once
 
 #include <compare>
@@ -26,15 +28,19 @@ namespace fault
 
 constexpr uint32_t REFUSED = 0xffffffff;
 
-struct evlan_key {
+enum class table { evlan, eport };
+
+struct bridge_key {
+    table of = table::evlan;
     uint32_t type = 0;
     uint32_t keyid = 0;
-    auto operator<=>(const evlan_key &) const = default;
+    uint32_t keyid2 = 0;  // of eports
+    auto operator<=>(const bridge_key &) const = default;
 };
 
 struct session_name {
     std::string user;
-    evlan_key key;
+    bridge_key key;
     auto operator<=>(const session_name &) const = default;
 };
 
@@ -60,12 +66,16 @@ struct event {
     uint32_t id = 0;
 };
 
+struct index_map {
+    std::map<bridge_key, uint32_t> id_of;   // id 0: requested, not granted yet
+    std::map<uint32_t, bridge_key> key_of;  // the other direction
+};
+
 struct user_view {
     std::string name;
     bool follows_all = false;  // else its own sessions
     std::vector<event> events;
-    std::map<evlan_key, uint32_t> id_of;   // the index map; id 0: requested, not granted yet
-    std::map<uint32_t, evlan_key> key_of;  // and its other direction
+    std::map<table, index_map> maps;  // of those tables that it keeps one of
 };
 
 // What the faults of a run excuse.

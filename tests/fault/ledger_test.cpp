@@ -13,7 +13,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr evlan_key FIRST{32, 1}, SECOND{32, 2}, GONE{32, 3};
+constexpr bridge_key FIRST{table::evlan, 32, 1}, SECOND{table::evlan, 32, 2}, GONE{table::evlan, 32, 3};
 constexpr uint32_t ID1 = 0x20000001, ID2 = 0x20000002, ID3 = 0x20000003;
 const session_name A1{"a", FIRST}, A2{"a", SECOND}, A3{"a", GONE}, B1{"b", FIRST};
 
@@ -24,9 +24,11 @@ class Ledger : public testing::Test
     Ledger()
     {
         store.sessions = store.mirrors = {{A1, ID1}, {A2, ID2}, {B1, ID1}};
-        users = {{"a", false, {}, {{FIRST, ID1}, {SECOND, ID2}}, {{ID1, FIRST}, {ID2, SECOND}}},
-                 {"b", false, {}, {{FIRST, ID1}}, {{ID1, FIRST}}},
-                 {"all", true, {}, {{FIRST, ID1}, {SECOND, ID2}}, {{ID1, FIRST}, {ID2, SECOND}}}};
+        const index_map both{{{FIRST, ID1}, {SECOND, ID2}}, {{ID1, FIRST}, {ID2, SECOND}}};
+        const index_map one{{{FIRST, ID1}}, {{ID1, FIRST}}};
+        users = {{"a", false, {}, {{table::evlan, both}}},
+                 {"b", false, {}, {{table::evlan, one}}},
+                 {"all", true, {}, {{table::evlan, both}}}};
         a().events = {{kind::started, {}, 0},   {kind::requested, A3, 0}, {kind::granted, A3, ID3},
                       {kind::requested, A1, 0}, {kind::granted, A1, ID1}, {kind::released, A3, 0},
                       {kind::requested, A2, 0}, {kind::removed, A3, ID3}, {kind::granted, A2, ID2},
@@ -38,6 +40,7 @@ class Ledger : public testing::Test
 
     user_view &a() { return users[0]; }
     user_view &all() { return users[2]; }
+    static index_map &map_of(user_view &user) { return user.maps.at(table::evlan); }
     void hear(user_view &user, kind what, const session_name &who, uint32_t id = 0)
     {
         user.events.push_back({what, who, id});
@@ -116,29 +119,29 @@ TEST_F(Ledger, FindsATaleOfSomebodyElsesSession)
 
 TEST_F(Ledger, FindsAnIndexMapThatHasTooMuch)
 {
-    a().id_of[GONE] = ID3;
-    a().key_of[ID3] = GONE;
+    map_of(a()).id_of[GONE] = ID3;
+    map_of(a()).key_of[ID3] = GONE;
     EXPECT_THAT(found(), ElementsAre("a: its index map has 32:3 with 0x20000003, the store does not"));
 }
 
 TEST_F(Ledger, FindsAnIndexMapThatHasTooLittle)
 {
-    all().id_of.erase(SECOND);
-    all().key_of.erase(ID2);
+    map_of(all()).id_of.erase(SECOND);
+    map_of(all()).key_of.erase(ID2);
     EXPECT_THAT(found(), ElementsAre("all: its index map does not have 32:2 with 0x20000002"));
 }
 
 TEST_F(Ledger, FindsAnotherIdInAnIndexMap)
 {
-    a().id_of[SECOND] = ID3;
-    a().key_of = {{ID1, FIRST}, {ID3, SECOND}};
+    map_of(a()).id_of[SECOND] = ID3;
+    map_of(a()).key_of = {{ID1, FIRST}, {ID3, SECOND}};
     EXPECT_THAT(found(), ElementsAre("a: its index map has 32:2 with 0x20000003, the store 0x20000002"));
 }
 
 TEST_F(Ledger, FindsDirectionsOfAnIndexMapThatDiffer)
 {
-    a().key_of.erase(ID2);
-    a().key_of[ID3] = SECOND;
+    map_of(a()).key_of.erase(ID2);
+    map_of(a()).key_of[ID3] = SECOND;
     EXPECT_THAT(found(), ElementsAre("a: its index map does not lead from 0x20000002 back to 32:2",
                                      "a: its index map leads from 0x20000003 to 32:2, but not there from it"));
 }
@@ -147,14 +150,14 @@ TEST_F(Ledger, ASharedKeyMayLeaveTheIndexMapWithTheFirstRelease)
 {
     store.sessions.erase(A1);
     store.mirrors.erase(A1);
-    a().id_of.erase(FIRST);
-    a().key_of.erase(ID1);
+    map_of(a()).id_of.erase(FIRST);
+    map_of(a()).key_of.erase(ID1);
     hear(a(), kind::released, A1);
     hear(a(), kind::removed, A1, ID1);
     hear(all(), kind::removed, A1, ID1);
     EXPECT_THAT(found(), IsEmpty());
-    all().id_of.erase(FIRST);
-    all().key_of.erase(ID1);
+    map_of(all()).id_of.erase(FIRST);
+    map_of(all()).key_of.erase(ID1);
     EXPECT_THAT(found(), IsEmpty());
     hear(all(), kind::granted, B1, ID1);
     EXPECT_THAT(found(), ElementsAre("all: its index map does not have 32:1 with 0x20000001"));
@@ -162,23 +165,23 @@ TEST_F(Ledger, ASharedKeyMayLeaveTheIndexMapWithTheFirstRelease)
 
 TEST_F(Ledger, ARequestThatWasTakenBackUnansweredMayLeaveAKeyWithoutAnId)
 {
-    constexpr evlan_key TAKEN_BACK{32, 9};
-    a().id_of[TAKEN_BACK] = 0;
+    constexpr bridge_key TAKEN_BACK{table::evlan, 32, 9};
+    map_of(a()).id_of[TAKEN_BACK] = 0;
     hear(a(), kind::requested, {"a", TAKEN_BACK});
     EXPECT_THAT(found(), ElementsAre("a: its index map has 32:9 with 0x0, the store does not"));
     hear(a(), kind::released, {"a", TAKEN_BACK});
     EXPECT_THAT(found(), IsEmpty());
-    a().id_of[TAKEN_BACK] = ID3;
-    a().key_of[ID3] = TAKEN_BACK;
+    map_of(a()).id_of[TAKEN_BACK] = ID3;
+    map_of(a()).key_of[ID3] = TAKEN_BACK;
     EXPECT_THAT(found(), ElementsAre("a: its index map has 32:9 with 0x20000003, the store does not"));
 }
 
 // Released and requested again, removed, and taken back: nobody hears of the second request.
 TEST_F(Ledger, ARemovalHeardWhileAKeyIsRequestedMayLeaveItsLastId)
 {
-    constexpr evlan_key TAKEN_BACK{32, 9};
+    constexpr bridge_key TAKEN_BACK{table::evlan, 32, 9};
     const session_name who{"a", TAKEN_BACK};
-    a().id_of[TAKEN_BACK] = ID3;
+    map_of(a()).id_of[TAKEN_BACK] = ID3;
     for (const kind what : {kind::requested, kind::granted, kind::released, kind::requested, kind::removed})
         hear(a(), what, who, ID3);
     EXPECT_THAT(found(), Contains("a: its index map has 32:9 with 0x20000003, the store does not"));
@@ -215,6 +218,74 @@ TEST_F(Ledger, FindsAnIdThatHadTwoKeysAtOnce)
     all().events[1].id = all().events[5].id = ID2;
     EXPECT_THAT(found(), ElementsAre("all: id 0x20000002 had two keys at once, 32:2 and 32:3"));
     EXPECT_THAT(found({.changes_merged = true}), IsEmpty());
+}
+
+// ---- eports ---------------------------------------------------------------------------------------------------------
+
+// "a" holds an eport whose id is that of an evlan, too, and both follow it.
+class LedgerOfEports : public Ledger
+{
+  protected:
+    LedgerOfEports()
+    {
+        store.sessions[A] = store.mirrors[A] = ID1;
+        for (user_view *user : {&a(), &all()}) {
+            hear(*user, kind::granted, A, ID1);
+            user->maps[table::eport] = {{{KEY, ID1}}, {{ID1, KEY}}};
+        }
+        users[1].maps[table::eport];
+    }
+
+    static constexpr bridge_key KEY{table::eport, 48, 1, 2}, OTHER{table::eport, 48, 1, 3};
+    const session_name A{"a", KEY};
+};
+
+TEST_F(LedgerOfEports, IsCleanWhereAnEvlanHasTheSameId) { EXPECT_THAT(found(), IsEmpty()); }
+
+TEST_F(LedgerOfEports, FindsAnIdWithTwoKeysOfWhichTheLastNumberDiffers)
+{
+    store.sessions[{"b", OTHER}] = store.mirrors[{"b", OTHER}] = ID1;
+    EXPECT_THAT(found(), Contains("store: id 0x20000001 has two keys, 48:1:2 and 48:1:3"));
+}
+
+TEST_F(LedgerOfEports, FindsWhatIsUnheardOrUnansweredOrNotMirrored)
+{
+    store.sessions[{"b", OTHER}] = 0;
+    store.sessions[{"a", OTHER}] = store.mirrors[{"a", OTHER}] = ID2;
+    EXPECT_THAT(found(), testing::IsSupersetOf({"store: b:48:1:3 is not answered", "store: b:48:1:3 has no mirror",
+                                                "a: a:48:1:3 with 0x20000002 is unheard",
+                                                "all: a:48:1:3 with 0x20000002 is unheard"}));
+}
+
+TEST_F(LedgerOfEports, FindsAnIdThatChangedWhileItWasHeld)
+{
+    hear(a(), kind::granted, A, ID3);
+    hear(a(), kind::granted, A, ID1);
+    EXPECT_THAT(found(), Contains("a: a:48:1:2 changed from 0x20000001 to 0x20000003"));
+}
+
+TEST_F(LedgerOfEports, FindsAnIndexMapThatHasTooMuch)
+{
+    users[1].maps[table::eport].id_of[KEY] = ID1;
+    EXPECT_THAT(found(), Contains("b: its index map has 48:1:2 with 0x20000001, the store does not"));
+}
+
+TEST_F(LedgerOfEports, AUserWithoutAnIndexMapOfEportsIsNotAskedForOne)
+{
+    a().maps.erase(table::eport);
+    EXPECT_THAT(found(), IsEmpty());
+}
+
+// Unlike an evlan, an eport goes with its removal, however often it is requested.
+TEST_F(LedgerOfEports, ARemovalHeardWhileAKeyIsRequestedLeavesNoId)
+{
+    for (const kind what :
+         {kind::requested, kind::granted, kind::released, kind::requested, kind::removed, kind::released})
+        hear(a(), what, {"a", OTHER}, ID3);
+    a().maps[table::eport].id_of[OTHER] = 0;
+    EXPECT_THAT(found(), IsEmpty());
+    a().maps[table::eport].id_of[OTHER] = ID3;
+    EXPECT_THAT(found(), Contains("a: its index map has 48:1:3 with 0x20000003, the store does not"));
 }
 
 }  // namespace

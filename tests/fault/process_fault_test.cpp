@@ -98,7 +98,8 @@ TEST_F(ProcessFault, AServerThatIsLostAgainAndAgainLeavesAnAllocatorThatServes)
         redis_.start();
         std::this_thread::sleep_for(std::chrono::milliseconds(draw(1, 60)));
     }
-    user("alpha").say("want 32 1 100");
+    user("alpha").say("want evlan 32 1 50");
+    user("alpha").say("want eport 48 1 50");
     wait_until_idle([this] { tell_all("again"); });
     expect_the_ledger_to_be_clean({.data_lost = true});
 }
@@ -169,8 +170,10 @@ TEST_F(ProcessFault, AnApplicationThatIsKilledFindsItsIdsAgain)
     for (int life = 0; life < 6; ++life) {
         process &alpha = start_user("alpha", OWN);
         const size_t heard = alpha.count("\ngranted alpha ");
-        alpha.say("want 32 10000 1500");
-        alpha.say("want 16 1 500");
+        alpha.say("want evlan 32 10000 800");
+        alpha.say("want eport 48 10000 700");
+        alpha.say("want evlan 16 1 250");
+        alpha.say("want eport 16 1 250");
         if (life == 5)
             break;
         const size_t enough = heard + draw(100, 1500);
@@ -189,15 +192,15 @@ TEST_F(ProcessFault, AFollowerThatIsStoppedWhileAHundredThousandRecordsChange)
     start_service();
     start_user("alpha", OWN);
     start_user("delta", ALL);
-    user("alpha").say("want 32 10000 5000");
+    user("alpha").say("want evlan 32 10000 5000");
     wait_until_idle();
     const auto begun = std::chrono::steady_clock::now();
     user("delta").signal(SIGSTOP);
     // Kept, removed, and removed and requested again.
-    user("alpha").say("want 32 20000 60000");
-    user("alpha").say("drop 32 11000 2000");
-    user("alpha").say("drop 32 30000 23000");
-    user("alpha").say("want 32 30000 15000");
+    user("alpha").say("want evlan 32 20000 60000");
+    user("alpha").say("drop evlan 32 11000 2000");
+    user("alpha").say("drop evlan 32 30000 23000");
+    user("alpha").say("want evlan 32 30000 15000");
     ASSERT_TRUE(wait_until([&] { return user("alpha").count("\ngranted ") >= 80000; }));
     std::this_thread::sleep_until(begun + std::chrono::seconds(20));
     user("delta").signal(SIGCONT);

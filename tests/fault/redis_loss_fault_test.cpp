@@ -52,6 +52,52 @@ TEST_F(RedisLoss, ATableThatWasBeingReadIsReadFromItsBeginning)
     EXPECT_EQ(0u, told.count(QZ_MOM_CMD_DEL));
 }
 
+// The place that setting them had come to means nothing to a server that was started anew.
+TEST_F(RedisLoss, MarksThatWereBeingSetAreSetOnEachRecordAndTheirCallEndsOnce)
+{
+    constexpr int32_t COUNT = 60000;
+    fill_store(COUNT);
+    listener marked;
+    EXPECT_EQ(0, expire(writer, any_session(), QZ_MOM_EXPIRE_PATTERN, {1000, 0}, marked));
+    const auto marks = [] {
+        const std::string reply = store_server().commands(app_db, "ZCARD mom:marks");
+        const size_t number = reply.find(':');
+        return number == std::string::npos ? -1 : std::stoi(reply.substr(number + 1));
+    };
+    run_until([&] { return marks() > 0; });
+    EXPECT_LT(marks(), COUNT) << "all marks were set before the server was killed";
+    store_server().kill();
+    store_server().start();
+    run_until([&] { return marks() == COUNT; });
+    EXPECT_EQ(0u, marked.ends(QZ_MOM_END_EXPIRY));
+    listener deleted;
+    run_until([&] {
+        return qz_mom_del_expire(writer, app_db, session_record(any_session()).message(), QZ_MOM_EXPIRE_PATTERN,
+                                 listener::hear, &deleted) == QZ_MOM_OK;
+    });
+    run_until([&] { return marked.ends(QZ_MOM_END_EXPIRY) == 1; });
+    EXPECT_TRUE(scan(writer, any_session()).empty());
+    settle();
+    EXPECT_EQ(1u, marked.ends(QZ_MOM_END_EXPIRY));
+}
+
+// Whoever takes off the first marks of a call while its last ones are still to be set does not end it.
+TEST_F(RedisLoss, AnExpiryCallGoesOnUntilItsLastMarkIsSet)
+{
+    fill_store(5000);
+    const std::string list = store_server().commands(app_db, "FUNCTION LIST");
+    const std::string function = list.substr(list.find("mom_"), list.find('\r', list.find("mom_")) - list.find("mom_"));
+    const auto call = [&](const std::string &verb, const std::string &client, const std::string &more) {
+        return store_server().commands(app_db, "FCALL " + function + " 0 " + verb + " 4 " + client + " 1 1 " +
+                                                   "u_bridge.evlan_session:* 0 app \"\" \"\"" + more);
+    };
+    const std::string first = call("mark", "one", " 1000000000 one:1 0 \"\"");
+    EXPECT_NE(std::string::npos, first.find("\r\nm")) << "all marks were set in one piece: " << first;
+    call("sweep", "other", "");
+    EXPECT_NE(std::string::npos, store_server().commands(app_db, "ZCARD mom:marks").find(":0"));
+    EXPECT_NE(std::string::npos, store_server().commands(app_db, "HEXISTS mom:left one:1").find(":1"));
+}
+
 // A mark is no entry of the log: that it is gone does not show in the log's position.
 TEST_F(RedisLoss, AnExpiryCallWhoseMarksTheServerHasNotKeptEnds)
 {

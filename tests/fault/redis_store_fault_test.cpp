@@ -169,6 +169,52 @@ TEST_F(RedisFault, AnExpiryCallEndsWhenItsRecordsAreLost)
     EXPECT_EQ(1u, told.count(QZ_MOM_CMD_DEL));
 }
 
+// So many commands has the server executed, within functions, too.
+int64_t executed(const std::string &command)
+{
+    const std::string all = store_server().commands(app_db, "INFO commandstats");
+    const std::string line = "cmdstat_" + command + ":calls=";
+    const size_t at = all.find(line);
+    return at == std::string::npos ? 0 : std::stoll(all.substr(at + line.size()));
+}
+
+// Who comes back asks for all records again, and most of that is the writes themselves.
+TEST_F(RedisFault, MarksOfManyRecordsCostTheServerFewCommands)
+{
+    constexpr int32_t COUNT = 1000;
+    for (int32_t i = 1; i <= COUNT; ++i)
+        write(numbered(i));
+    settle();
+    const auto of_marks = [] {
+        return executed("zadd") + executed("zrem") + executed("hdel") + executed("hincrby") + executed("hget");
+    };
+    const int64_t before = of_marks();
+    listener end;
+    EXPECT_EQ(0, expire(writer, any_session(), QZ_MOM_EXPIRE_PATTERN, {1000, 0}, end));
+    for (int32_t i = 1; i <= COUNT; ++i) {
+        EXPECT_EQ(0, qz_mom_clear_expire(writer, app_db, session_record(numbered(i)).message(), nullptr, nullptr));
+        EXPECT_EQ(0, hmset(writer, numbered(i), REQUEST));
+    }
+    run_until([&] { return end.ends(QZ_MOM_END_EXPIRY) == 1; });
+    EXPECT_LT(of_marks() - before, COUNT / 5);
+}
+
+TEST_F(RedisFault, ClearingAMarkAndWritingTheRecordIsOneWrite)
+{
+    write(numbered(1));
+    settle();
+    EXPECT_EQ(0, qz_mom_clear_expire(writer, app_db, session_record(numbered(1)).message(), nullptr, nullptr));
+    EXPECT_EQ(0, hmset(writer, numbered(1, 2), REQUEST));
+    settle();
+    // The log has what was sent: letter and key of each write.
+    const std::string newest = store_server().commands(app_db, "XREVRANGE mom:log + - COUNT 1");
+    EXPECT_NE(std::string::npos, newest.find("\xa1H\xbf")) << newest;
+    EXPECT_EQ(std::string::npos, newest.find("\xa1"
+                                             "c\xbf"))
+        << newest;
+    expect_view_equals_store();
+}
+
 TEST_F(RedisFault, AStoreThatIsEmptiedBehindAnOpenConnectionIsNoticed)
 {
     for (int32_t i = 1; i <= 5; ++i)

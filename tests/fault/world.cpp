@@ -34,6 +34,7 @@ uint32_t seed_of_this_run()
 
 // A scan of one session table.
 struct table_reading {
+    table of;
     session_ids found;
     bool over = false;
     bool failed = false;
@@ -52,21 +53,35 @@ struct table_reading {
 
     void note(const qz_mom_hash_value &value)
     {
-        const auto &record = *reinterpret_cast<const UBridge__EvlanSession *>(value.record);
-        const session_name name{
-            record.index->t_user,
-            {static_cast<uint32_t>(record.index->type), static_cast<uint32_t>(record.index->keyid)}};
-        found[name] = record.reply == 0 ? 0 : static_cast<uint32_t>(record.reply_value);
+        if (of == table::evlan) {
+            const auto &record = *reinterpret_cast<const UBridge__EvlanSession *>(value.record);
+            note(record, record.index->keyid, 0);
+        } else {
+            const auto &record = *reinterpret_cast<const UBridge__EportSession *>(value.record);
+            note(record, record.index->keyid1, record.index->keyid2);
+        }
+    }
+
+    template <typename session>
+    void note(const session &record, int32_t keyid, int32_t keyid2)
+    {
+        const bridge_key key{of, static_cast<uint32_t>(record.index->type), static_cast<uint32_t>(keyid),
+                             static_cast<uint32_t>(keyid2)};
+        found[{record.index->t_user, key}] = record.reply == 0 ? 0 : static_cast<uint32_t>(record.reply_value);
     }
 };
 
-session_ids read_table(qz_mom_handle *handle, uint32_t db)
+session_ids read_table(qz_mom_handle *handle, uint32_t db, table of)
 {
-    UBridge__EvlanAppIndex index = U_BRIDGE__EVLAN_APP_INDEX__INIT;
-    UBridge__EvlanSession any = U_BRIDGE__EVLAN_SESSION__INIT;
-    any.index = &index;
-    table_reading reading;
-    if (qz_mom_scan(handle, db, &any.base, 0, table_reading::hear, &reading) != 0)
+    UBridge__EvlanAppIndex evlan_index = U_BRIDGE__EVLAN_APP_INDEX__INIT;
+    UBridge__EvlanSession evlans = U_BRIDGE__EVLAN_SESSION__INIT;
+    evlans.index = &evlan_index;
+    UBridge__EportAppIndex eport_index = U_BRIDGE__EPORT_APP_INDEX__INIT;
+    UBridge__EportSession eports = U_BRIDGE__EPORT_SESSION__INIT;
+    eports.index = &eport_index;
+    const ProtobufCMessage *const any = of == table::evlan ? &evlans.base : &eports.base;
+    table_reading reading{.of = of, .found = {}};
+    if (qz_mom_scan(handle, db, any, 0, table_reading::hear, &reading) != 0)
         throw std::runtime_error("the store cannot be read");
     const bool came = wait_until([&] {
         qz_thread_run_pending(qz_mom_handle_master(handle), 0);
@@ -84,18 +99,19 @@ void add_line(const std::string &line, user_view &to, bool *idle)
                                                        {"released", kind::released}, {"granted", kind::granted},
                                                        {"refused", kind::refused},   {"removed", kind::removed}};
     std::istringstream words(line);
-    std::string what;
+    std::string what, of;
     session_name who;
     uint32_t id = 0;
-    words >> what >> who.user >> who.key.type >> who.key.keyid >> id;
+    words >> what >> who.user >> of >> who.key.type >> who.key.keyid >> who.key.keyid2 >> id;
+    who.key.of = of == "eport" ? table::eport : table::evlan;
     if (const auto known = events.find(what); known != events.end())
         to.events.push_back({known->second, who, id});
     else if (what == "view")
-        to.id_of = {}, to.key_of = {};
+        to.maps = {{table::evlan, {}}};
     else if (what == "forward")
-        to.id_of[who.key] = id;
+        to.maps.at(who.key.of).id_of[who.key] = id;
     else if (what == "backward")
-        to.key_of[id] = who.key;
+        to.maps.at(who.key.of).key_of[id] = who.key;
     else if (what == "idle" || what == "busy")
         *idle = what == "idle";
     else if (what == "error")
@@ -167,7 +183,7 @@ void FaultWorld::wait_for_grants(size_t count, const std::function<void()> &mean
 
 user_view FaultWorld::view_of(const std::string &name, const actor &of, bool *idle)
 {
-    user_view made{name, of.of == ALL, {}, {}, {}};
+    user_view made{name, of.of == ALL, {}, {}};
     std::istringstream words(of.runs->words());
     for (std::string line; std::getline(words, line);)
         add_line(line, made, idle);
@@ -182,7 +198,7 @@ std::vector<user_view> FaultWorld::look(bool *all_idle)
     std::vector<user_view> views;
     for (const auto &[name, each] : users_) {
         const process &runs = *each.runs;
-        if (!wait_until([&] { return runs.count("\nend - 0 0 " + number + '\n') == 1; }))
+        if (!wait_until([&] { return runs.count("\nend - evlan 0 0 0 " + number + '\n') == 1; }))
             throw std::runtime_error(name + " does not answer");
         bool idle = false;
         views.push_back(view_of(name, each, &idle));
@@ -210,7 +226,11 @@ store_view FaultWorld::read_store() const
     qz_mom_handle *handle = nullptr;
     if (master == nullptr || qz_mom_client_open(redis_.url().c_str(), master, &handle) != 0)
         throw std::runtime_error("the store cannot be opened");
-    store_view seen{read_table(handle, SW_EBRIDGE_APP_DB), read_table(handle, SW_EBRIDGE_UDP_DB)};
+    store_view seen;
+    for (const table of : {table::evlan, table::eport}) {
+        seen.sessions.merge(read_table(handle, SW_EBRIDGE_APP_DB, of));
+        seen.mirrors.merge(read_table(handle, SW_EBRIDGE_UDP_DB, of));
+    }
     qz_mom_client_close(handle);
     qz_thread_master_free(master);
     return seen;
@@ -219,8 +239,12 @@ store_view FaultWorld::read_store() const
 void FaultWorld::expect_the_ledger_to_be_clean(const excuses &excused)
 {
     uint32_t key = LAST_KEY;
-    for (const auto &[name, each] : users_)
-        each.runs->say("want " + std::to_string(U_BRIDGE__EVLAN_TYPE__VXLAN) + ' ' + std::to_string(++key) + " 1");
+    for (const auto &[name, each] : users_) {
+        each.runs->say("want evlan " + std::to_string(U_BRIDGE__EVLAN_TYPE__VXLAN) + ' ' + std::to_string(++key) +
+                       " 1");
+        each.runs->say("want eport " + std::to_string(U_BRIDGE__EPORT_TYPE__VXLAN_AC) + ' ' + std::to_string(key) +
+                       " 1");
+    }
     std::vector<std::string> wrong;
     store_view seen;
     wait_until(
@@ -236,7 +260,7 @@ void FaultWorld::expect_the_ledger_to_be_clean(const excuses &excused)
         20);
     for (size_t i = 0; i < std::min(wrong.size(), MOST_SHOWN); ++i)
         ADD_FAILURE() << wrong[i] << (i == 0 ? ", seed " + std::to_string(seed_) : "");
-    EXPECT_LE(users_.size(), seen.sessions.size());
+    EXPECT_LE(2 * users_.size(), seen.sessions.size());
     for (const auto &[name, each] : users_)
         EXPECT_FALSE(each.runs->ended_by_itself()) << name;
     for (const auto &each : services_)

@@ -1,7 +1,8 @@
 #!/bin/sh
 # exports.sh LIBRARY LIST: the library exports exactly the symbols of the list, one a line, in the versions of the list: a
-# line @VERSION holds for those below it. A * in a line stands for any part of a name; at least one symbol must match.
-# Symbols of the C++ runtime (_Z...) are never exported, whatever the list says. Lines that open with # are comments.
+# line @VERSION holds for those below it. A * in a line stands for any part of a name, and the number behind it says how
+# many symbols match. Symbols of the C++ runtime (_Z...) are never exported, whatever the list says. Lines that open with #
+# are comments.
 set -eu
 
 # Defined dynamic symbols as name@version; the version nodes themselves are absolute symbols.
@@ -12,7 +13,7 @@ exported() {
 
 # The list's lines in the same form.
 listed() {
-    awk '/^#/ || /^$/ { next } /^@/ { version = $0; next } { print $0 version }' "$1" | LC_ALL=C sort -u
+    awk '/^#/ || /^$/ { next } /^@/ { version = $0; next } { $1 = $1 version; print }' "$1" | LC_ALL=C sort -u
 }
 
 check() {
@@ -24,9 +25,10 @@ check() {
 
     bad=0
     cp "$work/exported" "$work/rest"
-    while read -r pattern; do
+    while read -r pattern count; do
         expression=$(printf '%s\n' "$pattern" | sed 's/\*/[A-Za-z0-9_]*/')
-        grep -qx "$expression" "$work/rest" || { echo "exports nothing like: $pattern"; bad=1; }
+        matching=$(grep -cx "$expression" "$work/rest" || true)
+        [ "$matching" = "$count" ] || { echo "exports $matching like $pattern, not ${count:-a number that is listed}"; bad=1; }
         grep -vx "$expression" "$work/rest" >"$work/rest.new" || true
         mv "$work/rest.new" "$work/rest"
     done <"$work/patterns"
@@ -50,7 +52,7 @@ toy() {
 
 selftest() {
     . "$(dirname "$0")/selftest.sh"
-    printf '# toys\n@TOY_1\nrec__*\nbox__*__lid\ntoy_call\ntoy_data\n' >"$tmp/list"
+    printf '# toys\n@TOY_1\nrec__* 2\nbox__*__lid 1\ntoy_call\ntoy_data\n' >"$tmp/list"
     boxes='void rec__a() {} void rec__b() {} void box__a__lid() {}'
     good="extern \"C\" { void toy_call() {} int toy_data = 1; $boxes }"
     toy "$good"
@@ -61,13 +63,18 @@ selftest() {
     refuses 'one more of which another part is listed' 'not listed: box__a__floor' check "$tmp/libtoy.so" "$tmp/list"
     toy "extern \"C\" { void toy_call() {} $boxes }"
     refuses 'one symbol less' 'not exported: toy_data' check "$tmp/libtoy.so" "$tmp/list"
-    toy 'extern "C" { void toy_call() {} int toy_data = 1; void box__a__lid() {} }'
-    refuses 'a pattern without symbols' 'nothing like: rec__' check "$tmp/libtoy.so" "$tmp/list"
+    toy 'extern "C" { void toy_call() {} int toy_data = 1; void rec__a() {} void box__a__lid() {} }'
+    refuses 'a pattern of one symbol less' 'exports 1 like rec__*@TOY_1, not 2' check "$tmp/libtoy.so" "$tmp/list"
+    toy "$good extern \"C\" void box__b__lid() {}"
+    refuses 'a pattern of one symbol more' 'exports 2 like box__*__lid@TOY_1, not 1' check "$tmp/libtoy.so" "$tmp/list"
     toy "$good" TOY_2
     refuses 'another version' 'not listed: toy_call@TOY_2' check "$tmp/libtoy.so" "$tmp/list"
     toy "$good void leaked() {}"
-    printf '_Z*\n' >>"$tmp/list"
+    printf '_Z* 1\n' >>"$tmp/list"
     refuses 'a C++ symbol, even when listed' 'C++ symbol' check "$tmp/libtoy.so" "$tmp/list"
+    toy "$good"
+    printf '@TOY_1\nrec__*\nbox__*__lid 1\ntoy_call\ntoy_data\n' >"$tmp/list"
+    refuses 'a pattern without a number' 'not a number that is listed' check "$tmp/libtoy.so" "$tmp/list"
     exit $wrong
 }
 

@@ -25,6 +25,10 @@ bool fails()
 
 void fail_allocations_from(uint64_t nth) { left = nth; }
 
+memory_for_the_test::memory_for_the_test() : left_(left.exchange(0)) {}
+
+memory_for_the_test::~memory_for_the_test() { left = left_; }
+
 void *operator new(std::size_t size)
 {
     void *block = fails() ? nullptr : std::malloc(size ? size : 1);

@@ -1,15 +1,13 @@
 // The map files of the store client, and the URLs of groups: what is understood, what is refused, and what is said of it.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <random>
 #include <string>
 
 #include "redis_map.hpp"
+#include "temporary_file.hpp"
 
 namespace
 {
@@ -60,26 +58,6 @@ std::string with_databases(const std::string &members)
 {
     return R"({"INSTANCES": {"i": {"hostname": "h"}, "j": {"hostname": "k"}}, "DATABASES": {)" + members + "}}";
 }
-
-class temporary_file
-{
-  public:
-    explicit temporary_file(const std::string &content)
-        : path_((std::filesystem::temp_directory_path() / "ebridge-map-XXXXXX").string())
-    {
-        close(mkstemp(path_.data()));
-        std::ofstream(path_, std::ios::binary) << content;
-    }
-    ~temporary_file() { std::filesystem::remove(path_); }
-    temporary_file(const temporary_file &) = delete;
-    temporary_file &operator=(const temporary_file &) = delete;
-
-    const std::string &path() const { return path_; }
-    std::string name() const { return std::filesystem::path(path_).filename().string(); }
-
-  private:
-    std::string path_;
-};
 
 TEST(DatabaseMap, EachDatabaseHasTheInstanceThatItNames)
 {

@@ -1,4 +1,6 @@
 // Expiry marks: when they fire, what clears them, and the one end of every expiry call.
+#include <algorithm>
+
 #include "store_fixture.hpp"
 
 namespace contract
@@ -153,6 +155,103 @@ TEST_F(Marks, ClearingTakesTheMarkOffAndEndsItsCall)
     EXPECT_EQ(1u, answer.all.size());
     EXPECT_EQ(1u, none.all.size());
     EXPECT_EQ(0, none.all[0].error);
+}
+
+// Who asks again for a record does both, one right behind the other.
+TEST_F(Marks, ClearingAndWritingARecordIsHeardAsOneWriteAndEndsTheCall)
+{
+    auto *handle = open();
+    listener hears, end, written;
+    follow(handle, any_session(), hears);
+    hmset(handle, {.request_value = 3}, {6});
+    expire(handle, {}, evlan, soon, end);
+    const uint32_t field = 8;
+    EXPECT_EQ(0, qz_mom_clear_expire(handle, app_db, session_record({}).message(), nullptr, nullptr));
+    EXPECT_EQ(
+        0, qz_mom_hmset(handle, app_db, session_record({.request = 1}).message(), &field, 1, listener::hear, &written));
+    wait_for_end(end);
+    pass_time(past_soon);
+    settle();
+    EXPECT_EQ((std::vector<session>{{.request_value = 3}, {.request_value = 3, .request = 1}}),
+              sessions(hears.changes()));
+    ASSERT_EQ(1u, written.all.size());
+    EXPECT_EQ(0, written.all[0].error);
+}
+
+TEST_F(Marks, ClearingIsDoneAlsoWhenTheWriteBehindItCannotBe)
+{
+    auto *handle = open();
+    listener marked, done, written;
+    const evlan_record whole("app", 3);
+    set(handle, whole);
+    EXPECT_EQ(0, qz_mom_pexpire(handle, app_db, whole.message(), pattern, &later, listener::hear, &marked));
+    const uint32_t field = 6;
+    EXPECT_EQ(0, qz_mom_clear_expire(handle, app_db, whole.message(), nullptr, nullptr));
+    const int32_t code = qz_mom_hmset(handle, app_db, whole.message(), &field, 1, listener::hear, &written);
+    EXPECT_EQ(0, qz_mom_del_expire(handle, app_db, whole.message(), pattern, listener::hear, &done));
+    wait_for_end(marked);
+    wait_for_end(done);
+    EXPECT_EQ(QZ_MOM_EFORM, code != 0 || written.all.empty() ? code : written.all[0].error);
+    listener hears;
+    EXPECT_EQ(0, qz_mom_scan(handle, app_db, whole.message(), 0, listener::hear, &hears));
+    run_until([&] { return hears.ends(QZ_MOM_END_SCAN) == 1; });
+    EXPECT_EQ(1u, hears.changes().size());
+    EXPECT_EQ(0, qz_mom_del(handle, app_db, whole.message(), nullptr, nullptr));
+}
+
+TEST_F(Marks, ClearingWithACallbackIsAnsweredOnItsOwn)
+{
+    auto *handle = open();
+    std::vector<std::string> order;
+    listener cleared, written;
+    cleared.also = [&](auto...) { order.emplace_back("cleared"); };
+    written.also = [&](auto...) { order.emplace_back("written"); };
+    const session_record record({.request = 1});
+    const uint32_t field = 8;
+    EXPECT_EQ(0, qz_mom_clear_expire(handle, app_db, record.message(), listener::hear, &cleared));
+    EXPECT_EQ(0, qz_mom_hmset(handle, app_db, record.message(), &field, 1, listener::hear, &written));
+    run_until([&] { return order.size() == 2; });
+    settle();
+    EXPECT_EQ((std::vector<std::string>{"cleared", "written"}), order);
+}
+
+// A clearing is not the neighbour's, whose key begins like its own.
+TEST_F(Marks, ClearingOneRecordAndWritingAnotherLeavesEachItsOwn)
+{
+    auto *handle = open();
+    listener end, done;
+    for (const int32_t keyid : {1, 12, 3})
+        hmset(handle, {.keyid = keyid}, {6});
+    expire(handle, any_session(), pattern, later, end);
+    qz_mom_clear_expire(handle, app_db, session_record({.keyid = 1}).message(), nullptr, nullptr);
+    hmset(handle, {.keyid = 12}, {6});
+    EXPECT_EQ(0, delete_marked(handle, any_session(), pattern, done));
+    wait_for_end(done);
+    wait_for_end(end);
+    EXPECT_EQ((std::vector<session>{{.keyid = 1}, {.keyid = 12}}), scan(handle, any_session()));
+}
+
+// Enough that a store may set them little by little.
+TEST_F(Marks, WritesBehindAMarkOfManyRecordsClearItWhereTheyWrite)
+{
+    constexpr int32_t count = 9000;
+    auto *handle = open();
+    listener end, done, absent;
+    for (int32_t keyid = 1; keyid <= count; ++keyid) {
+        ASSERT_EQ(0, hmset(handle, {.keyid = keyid}, {6}));
+        if (keyid % 1000 == 0)
+            settle();
+    }
+    EXPECT_EQ(0, expire(handle, {.user = "nobody"}, evlan, later, absent));
+    EXPECT_EQ(0, expire(handle, {.user = "app", .type = 0}, pattern, later, end));
+    for (int32_t keyid = 1; keyid <= count; keyid += 2)
+        ASSERT_EQ(0, hmset(handle, {.keyid = keyid}, {6}));
+    EXPECT_EQ(0, delete_marked(handle, {.user = "app", .type = 0}, pattern, done));
+    wait_for_end(done);
+    wait_for_end(end);
+    const auto kept = scan(handle, any_session());
+    EXPECT_EQ(static_cast<size_t>(count / 2), kept.size());
+    EXPECT_TRUE(std::ranges::all_of(kept, [](const session &each) { return each.keyid % 2 == 1; }));
 }
 
 TEST_F(Marks, OneCallOverSeveralRecordsEndsWithTheLastOfThem)

@@ -3,7 +3,10 @@
 
 #include <gmock/gmock.h>
 
+#include "config_file.hpp"
+
 using namespace ebridge_tool;
+using config_text::printable;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -53,11 +56,11 @@ TEST(Config, ATableThatIsMissingIsNotAnEmptyOne)
 TEST(Config, TablesWithoutMeaningAreCounted)
 {
     const switch_config config =
-        read(R"({"PORT": {"a": {}, "b": [1, {"c": 2}]}, "LIST": [1, [2], 3], "WORD": "x", "NOTHING": null, "E": {}})");
+        read(R"({"QUEUE": {"a": {}, "b": [1, {"c": 2}]}, "LIST": [1, [2], 3], "WORD": "x", "NOTHING": null, "E": {}})");
     std::vector<std::string> counts;
     for (const skipped_table &table : config.skipped)
         counts.push_back(table.name + std::to_string(table.entries));
-    EXPECT_THAT(counts, ElementsAre("PORT2", "LIST3", "WORD1", "NOTHING1", "E0"));
+    EXPECT_THAT(counts, ElementsAre("QUEUE2", "LIST3", "WORD1", "NOTHING1", "E0"));
 }
 
 TEST(Config, MapsNeedNoVlanTable)
@@ -72,9 +75,102 @@ TEST(Config, MapsNeedTheirTunnelOnlyWhereTunnelsAreTold)
     const switch_config config =
         read("{" + std::string(map) + R"(, "VXLAN_TUNNEL": {"s": {}, "t": {"src_ip": "::1"}}})");
     EXPECT_EQ(config.vxlan_maps->size(), 1U);
-    ASSERT_EQ(config.skipped.size(), 1U) << "nothing is requested for tunnels";
-    EXPECT_EQ(config.skipped[0].name, "VXLAN_TUNNEL");
+    EXPECT_EQ((*config.vxlan_maps)[0].tunnel, "t");
+}
+
+TEST(Config, PortsAndLagsKeepTheirOrder)
+{
+    const switch_config config = read(R"({
+        "PORTCHANNEL_MEMBER": {"PortChannel0002|Ethernet4": {}, "PortChannel7|Ethernet8": {}},
+        "PORTCHANNEL": {"PortChannel0002": {"mtu": "9100", "members": ["Ethernet4"]}, "PortChannel7": {}},
+        "PORT": {"Ethernet8": {"mtu": 1}, "Ethernet4": {"mtu": "65535"}, "Ethernet0": {}}})");
+    ASSERT_EQ(config.ports->size(), 3U);
+    EXPECT_EQ((*config.ports)[0].key, "Ethernet8");
+    EXPECT_TRUE((*config.ports)[1].in_lag);
+    EXPECT_FALSE((*config.ports)[2].in_lag);
+    ASSERT_EQ(config.lags->size(), 2U);
+    EXPECT_EQ((*config.lags)[0].number, 2U);
+    EXPECT_EQ((*config.lags)[1].key, "PortChannel7");
+    ASSERT_EQ(config.skipped.size(), 1U) << "nothing is requested for members";
     EXPECT_EQ(config.skipped[0].entries, 2U);
+}
+
+TEST(Config, AMemberInTheTableOfLagsIsOneToo)
+{
+    const switch_config config =
+        read(R"({"PORT": {"a": {}, "b": {}}, "PORTCHANNEL": {"PortChannel1": {"members": ["b"]}}})");
+    EXPECT_FALSE((*config.ports)[0].in_lag);
+    EXPECT_TRUE((*config.ports)[1].in_lag);
+}
+
+TEST(Config, MembersAreLookedUpInAListOfPortsWhereThereIsOne)
+{
+    const char *const text =
+        R"({"PORTCHANNEL": {"PortChannel1": {}}, "PORTCHANNEL_MEMBER": {"PortChannel1|swp3": {}}})";
+    const auto only = [](const char *name) { return [name](const std::string &port) { return port == name; }; };
+    switch_config config;
+    std::string error;
+    EXPECT_TRUE(parse_config("file", text, &config, &error, only("swp3"))) << error;
+    EXPECT_FALSE(parse_config("file", text, &config, &error, only("swp4")));
+    EXPECT_EQ(error, "file:1: PORTCHANNEL_MEMBER|PortChannel1|swp3: \"swp3\" is no port");
+}
+
+TEST(Config, TunnelsHaveAddressesOfEitherVersion)
+{
+    const switch_config config = read(R"({"VXLAN_TUNNEL": {
+        "old": {"src_ip": "10.0.0.1", "dst_ip": "10.0.0.2", "mtu": "9000"},
+        "new": {"src_ip": "2001:db8::1", "dst_ip": "2001:db8::2"},
+        "group": {"src_ip": "10.0.0.1", "dst_ip": "239.1.1.1"}, "none": {}}})");
+    const std::vector<tunnel_entry> &tunnels = *config.tunnels;
+    ASSERT_EQ(tunnels.size(), 4U);
+    EXPECT_FALSE(tunnels[0].source->v6);
+    EXPECT_EQ(tunnels[0].source->bytes, (std::array<uint8_t, 16>{10, 0, 0, 1}));
+    EXPECT_EQ(tunnels[0].destination->bytes[3], 2);
+    EXPECT_EQ(tunnels[0].mtu, 9000U);
+    EXPECT_TRUE(tunnels[1].source->v6);
+    EXPECT_EQ(tunnels[1].source->bytes,
+              (std::array<uint8_t, 16>{0x20, 1, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}));
+    EXPECT_FALSE(tunnels[3].source);
+    EXPECT_FALSE(tunnels[3].destination);
+    EXPECT_EQ(tunnels[3].mtu, 0U);
+}
+
+TEST(Config, WhatIsDroppedIsMarkedAndLeavesTheRestAlone)
+{
+    switch_config config = read(R"({"PORT": {"a": {}, "b": {}}, "PORTCHANNEL": {"PortChannel1": {}},
+        "PORTCHANNEL_MEMBER": {"PortChannel1|a": {}, "PortChannel1|b": {}}, "VLAN": {"Vlan1": {}, "Vlan2": {}},
+        "VXLAN_TUNNEL": {"t": {}}, "VXLAN_TUNNEL_MAP": {"t|m": {"vni": "5", "vlan": "Vlan1"}}})");
+    std::string error;
+    for (const char *entry : {"PORT|b", "PORTCHANNEL|PortChannel1", "PORTCHANNEL_MEMBER|PortChannel1|a", "VLAN|Vlan2",
+                              "VXLAN_TUNNEL|t", "VXLAN_TUNNEL_MAP|t|m"})
+        EXPECT_TRUE(drop_entry(entry, &config, &error)) << entry << error;
+    EXPECT_FALSE((*config.ports)[0].dropped);
+    EXPECT_FALSE((*config.ports)[0].in_lag) << "it has left its LAG";
+    EXPECT_TRUE((*config.ports)[1].dropped);
+    EXPECT_TRUE((*config.ports)[1].in_lag);
+    EXPECT_TRUE((*config.lags)[0].dropped);
+    EXPECT_FALSE((*config.vlans)[0].dropped);
+    EXPECT_TRUE((*config.vlans)[1].dropped);
+    EXPECT_TRUE((*config.tunnels)[0].dropped);
+    EXPECT_TRUE((*config.vxlan_maps)[0].dropped);
+}
+
+TEST(Config, WhatCannotBeDroppedIsNamed)
+{
+    switch_config config = read(R"({"VLAN": {"Vlan1": {}}, "ACL_TABLE": {"x": {}}})");
+    const std::pair<const char *, const char *> cases[] = {
+        {"VLAN|Vlan2", "VLAN|Vlan2: the configuration has no such entry"},
+        {"VLAN|", "VLAN|: the configuration has no such entry"},
+        {"VLAN", "VLAN: the configuration has no such entry"},
+        {"PORT|Ethernet0", "PORT|Ethernet0: the configuration has no such entry"},
+        {"ACL_TABLE|x", "ACL_TABLE|x: nothing is made of such a table, so that nothing of it can be dropped"},
+        {"", ": nothing is made of such a table, so that nothing of it can be dropped"},
+    };
+    for (const auto &[entry, line] : cases) {
+        std::string error;
+        EXPECT_FALSE(drop_entry(entry, &config, &error));
+        EXPECT_EQ(error, line);
+    }
 }
 
 TEST(Config, AByteOrderMarkIsNoMistake) { EXPECT_TRUE(read("\xef\xbb\xbf{\"VLAN\": {\"Vlan1\": {}}}").vlans); }
@@ -98,8 +194,61 @@ TEST(Config, WhatMakesNoSenseIsNamed)
         {"{\"VLAN\":\n {\"Vlan10\": {},\n  \"Vlan010\": {}}}", "file:3: VLAN|Vlan010: is the same VLAN as Vlan10"},
         {R"({"VLAN": {"Vlan10": {}, "Vlan10": {}}})", "file:1: VLAN|Vlan10: stands there twice"},
         {R"({"VLAN": {}, "VLAN": {}})", "file:1: VLAN: stands there twice"},
-        {R"({"PORT": {"a": {}, "a": {}}})", "file:1: PORT: \"a\" stands there twice"},
-        {R"({"PORT": {"a": {"b": {"c": 1, "c": 2}}}})", "file:1: PORT: \"c\" stands there twice"},
+        {R"({"PORT": {"a": {}, "a": {}}})", "file:1: PORT|a: stands there twice"},
+        {R"({"PORT": {"a": {"b": {"c": 1, "c": 2}}}})", "file:1: PORT|a: \"c\" stands there twice"},
+        {R"({"QUEUE": {"a": {}, "a": {}}})", "file:1: QUEUE: \"a\" stands there twice"},
+        {R"({"PORT": ["a"]})", "file:1: PORT: must be an object of entries"},
+        {R"({"PORT": {"a": "up"}})", "file:1: PORT|a: must be an object of fields"},
+        {R"({"PORT": {"a": {"mtu": "0"}}})", "file:1: PORT|a: mtu \"0\" is not a number from 1 to 65535"},
+        {R"({"PORT": {"a": {"mtu": 65536}}})", "file:1: PORT|a: mtu \"65536\" is not a number from 1 to 65535"},
+        {R"({"PORT": {"a": {"mtu": ["1500"]}}})", "file:1: PORT|a: mtu is not a number from 1 to 65535"},
+        {R"({"PORTCHANNEL": {"LAG1": {}}})",
+         "file:1: PORTCHANNEL|LAG1: the name must be PortChannel0 to PortChannel999999"},
+        {R"({"PORTCHANNEL": {"PortChannel": {}}})",
+         "file:1: PORTCHANNEL|PortChannel: the name must be PortChannel0 to PortChannel999999"},
+        {R"({"PORTCHANNEL": {"PortChannel1000000": {}}})",
+         "file:1: PORTCHANNEL|PortChannel1000000: the name must be PortChannel0 to PortChannel999999"},
+        {R"({"PORTCHANNEL": {"PortChannel1": {"mtu": "big"}}})",
+         "file:1: PORTCHANNEL|PortChannel1: mtu \"big\" is not a number from 1 to 65535"},
+        {"{\"PORTCHANNEL\": {\"PortChannel1\": {},\n\"PortChannel01\": {}}}",
+         "file:2: PORTCHANNEL|PortChannel01: has the number of PortChannel1 already"},
+        {R"({"PORTCHANNEL": {"PortChannel1": {"members": "a"}}})",
+         "file:1: PORTCHANNEL|PortChannel1: members is not a list of names"},
+        {R"({"PORT": {}, "PORTCHANNEL": {"PortChannel1": {"members": ["a"]}}})",
+         "file:1: PORTCHANNEL|PortChannel1: \"a\" is no port"},
+        {R"({"PORTCHANNEL_MEMBER": {"PortChannel1": {}}})",
+         "file:1: PORTCHANNEL_MEMBER|PortChannel1: the key must be PORTCHANNEL|PORT"},
+        {R"({"PORTCHANNEL_MEMBER": {"PortChannel1|a": {}}, "PORTCHANNEL": {"PortChannel2": {}}})",
+         "file:1: PORTCHANNEL_MEMBER|PortChannel1|a: \"PortChannel1\" is not in the table PORTCHANNEL"},
+        {R"({"PORTCHANNEL_MEMBER": {"PortChannel1|a": {}}, "PORT": {"b": {}}})",
+         "file:1: PORTCHANNEL_MEMBER|PortChannel1|a: \"a\" is no port"},
+        {R"({"PORTCHANNEL_MEMBER": {"PortChannel1|a": {}, "PortChannel2|a": {}}})",
+         "file:1: PORTCHANNEL_MEMBER|PortChannel2|a: a is a member of PortChannel1 already"},
+        {R"({"VLAN": {"Vlan5": {"mtu": "-1"}}})", "file:1: VLAN|Vlan5: mtu \"-1\" is not a number from 1 to 65535"},
+        {R"({"VXLAN_TUNNEL": {"t": {"src_ip": "10.0.0"}}})",
+         "file:1: VXLAN_TUNNEL|t: src_ip \"10.0.0\" is not the address of a switch"},
+        {R"({"VXLAN_TUNNEL": {"t": {"src_ip": "10.0.0.256"}}})",
+         "file:1: VXLAN_TUNNEL|t: src_ip \"10.0.0.256\" is not the address of a switch"},
+        {R"({"VXLAN_TUNNEL": {"t": {"src_ip": "10.0.0.1/32"}}})",
+         "file:1: VXLAN_TUNNEL|t: src_ip \"10.0.0.1/32\" is not the address of a switch"},
+        {R"({"VXLAN_TUNNEL": {"t": {"src_ip": "0.0.0.0"}}})",
+         "file:1: VXLAN_TUNNEL|t: src_ip \"0.0.0.0\" is not the address of a switch"},
+        {R"({"VXLAN_TUNNEL": {"t": {"src_ip": "224.0.0.5"}}})",
+         "file:1: VXLAN_TUNNEL|t: src_ip \"224.0.0.5\" is not the address of a switch"},
+        {R"({"VXLAN_TUNNEL": {"t": {"src_ip": "255.255.255.255"}}})",
+         "file:1: VXLAN_TUNNEL|t: src_ip \"255.255.255.255\" is not the address of a switch"},
+        {R"({"VXLAN_TUNNEL": {"t": {"src_ip": "ff02::1"}}})",
+         "file:1: VXLAN_TUNNEL|t: src_ip \"ff02::1\" is not the address of a switch"},
+        {R"({"VXLAN_TUNNEL": {"t": {"src_ip": "2001:db8:::1"}}})",
+         "file:1: VXLAN_TUNNEL|t: src_ip \"2001:db8:::1\" is not the address of a switch"},
+        {R"({"VXLAN_TUNNEL": {"t": {"src_ip": ["10.0.0.1"]}}})",
+         "file:1: VXLAN_TUNNEL|t: src_ip is not the address of a switch"},
+        {R"({"VXLAN_TUNNEL": {"t": {"dst_ip": "::"}}})",
+         "file:1: VXLAN_TUNNEL|t: dst_ip \"::\" is not the address of a switch"},
+        {R"({"VXLAN_TUNNEL": {"t": {"src_ip": "10.0.0.1", "dst_ip": "2001:db8::1"}}})",
+         "file:1: VXLAN_TUNNEL|t: src_ip and dst_ip are not of the same IP version"},
+        {R"({"VXLAN_TUNNEL": {"t": {"mtu": "1e3"}}})",
+         "file:1: VXLAN_TUNNEL|t: mtu \"1e3\" is not a number from 1 to 65535"},
         {R"({"VLAN": {"Vlan1": {"vlanid": "1", "vlanid": "1"}}})", "file:1: VLAN|Vlan1: \"vlanid\" stands there twice"},
         {R"({"VLAN": []})", "file:1: VLAN: must be an object of entries"},
         {R"({"VLAN": "Vlan5"})", "file:1: VLAN: must be an object of entries"},
@@ -166,7 +315,9 @@ TEST(Config, DeepNestingIsRefusedWithoutFollowingIt)
 TEST(Config, EveryCutOfAConfigurationIsAnErrorAndNoCrash)
 {
     const std::string text = R"({"VLAN": {"Vlan10": {"vlanid": "10"}}, "VXLAN_TUNNEL_MAP": {"t|m":
-        {"vni": "4", "vlan": "Vlan10"}}, "PORT": {"a": [1, 2.5e3, true, null, "\u00fc"]}})";
+        {"vni": "4", "vlan": "Vlan10"}}, "QUEUE": {"a": [1, 2.5e3, true, null, "\u00fc"]},
+        "PORT": {"a": {"mtu": "1500"}}, "PORTCHANNEL": {"PortChannel1": {"members": ["a"]}},
+        "VXLAN_TUNNEL": {"t": {"src_ip": "2001:db8::1"}}})";
     for (size_t length = 0; length < text.size(); ++length)
         error_of(text.substr(0, length));
     read(text);

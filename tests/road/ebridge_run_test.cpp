@@ -47,7 +47,22 @@ constexpr const char *THREE_MAPS = R"({"VLAN": {"Vlan10": {}, "Vlan20": {}},
     "VXLAN_TUNNEL_MAP": {"vtep|one": {"vni": "100", "vlan": "Vlan10"},
                          "vtep|two": {"vni": "200", "vlan": "Vlan20"},
                          "vtep|three": {"vni": "300", "vlan": "Vlan20"}},
-    "PORT": {"Ethernet0": {}, "Ethernet4": {}}})";
+    "QUEUE": {"Ethernet0|3": {}, "Ethernet4|3": {}}})";
+
+// Each table that ids are requested for.
+constexpr const char *SWITCH = R"({
+    "PORT": {"Ethernet0": {"lanes": "0,1"}, "Ethernet2": {"lanes": "2"}, "Ethernet3": {"lanes": "3"}},
+    "PORTCHANNEL": {"PortChannel1": {}}, "PORTCHANNEL_MEMBER": {"PortChannel1|Ethernet3": {}},
+    "VLAN": {"Vlan10": {}, "Vlan20": {}},
+    "VXLAN_TUNNEL": {"v4": {"src_ip": "10.0.0.1", "dst_ip": "10.0.0.2"}, "v6": {"src_ip": "2001:db8::1"}},
+    "VXLAN_TUNNEL_MAP": {"v4|one": {"vni": "100", "vlan": "Vlan10"}, "v6|two": {"vni": "200", "vlan": "Vlan20"},
+                         "v6|three": {"vni": "300", "vlan": "Vlan20"}}})";
+
+constexpr const char *PORT_LIST =
+    "# name    lanes alias\n"
+    "Ethernet0 8,9   one\n"
+    "Ethernet2 10    two\n"
+    "Ethernet3 11    three\n";
 
 }  // namespace
 
@@ -57,7 +72,9 @@ TEST(EbridgeRun, JsonIsOneObjectOfWhatWasDone)
     EXPECT_EQ(seen.status, 0) << seen.err;
     EXPECT_EQ(without_seconds(seen.out), R"({"tables":{"VLAN":{"requested":2,"granted":2,"refused":0,"verified":2},)"
                                          R"("VXLAN_TUNNEL_MAP":{"requested":3,"granted":3,"refused":0,"verified":3}},)"
-                                         R"("skipped":{"PORT":2},)");
+                                         R"("skipped":{"QUEUE":2},)"
+                                         R"("ids":{"evlan":{"requested":5,"granted":5,"refused":0,"verified":5},)"
+                                         R"("eport":{"requested":3,"granted":3,"refused":0,"verified":3}},)");
     EXPECT_EQ(std::count(seen.out.begin(), seen.out.end(), '\n'), 1);
     EXPECT_THAT(seen.out, testing::EndsWith("}\n"));
     EXPECT_THAT(seen.err, IsEmpty());
@@ -71,7 +88,10 @@ TEST(EbridgeRun, ATableForPeopleNamesTheSame)
     EXPECT_THAT(seen.out, StartsWith("TABLE             REQUESTED    GRANTED    REFUSED   VERIFIED\n"
                                      "VLAN                      2          2          0          2\n"
                                      "VXLAN_TUNNEL_MAP          3          3          0          3\n"
-                                     "PORT                      2  skipped\n"));
+                                     "QUEUE                     2  skipped\n"
+                                     "IDS\n"
+                                     "evlan                     5          5          0          5\n"
+                                     "eport                     3          3          0          3\n"));
     EXPECT_THAT(seen.out, testing::EndsWith(" seconds\n"));
     EXPECT_THAT(seen.err, IsEmpty());
 }
@@ -89,9 +109,75 @@ TEST(EbridgeRun, WhatIsRefusedIsNamedAndTheStatusIsOne)
     EXPECT_THAT(seen.err, testing::Not(HasSubstr("vtep|one")));
 }
 
+TEST(EbridgeRun, PortsLagsTunnelsAndMapsAreReadBackWithTheirAttributes)
+{
+    const outcome seen = ebridge_json(SWITCH);
+    EXPECT_EQ(seen.status, 0) << seen.err;
+    EXPECT_EQ(without_seconds(seen.out), R"({"tables":{"PORT":{"requested":3,"granted":3,"refused":0,"verified":3},)"
+                                         R"("PORTCHANNEL":{"requested":1,"granted":1,"refused":0,"verified":1},)"
+                                         R"("VLAN":{"requested":2,"granted":2,"refused":0,"verified":2},)"
+                                         R"("VXLAN_TUNNEL":{"requested":2,"granted":2,"refused":0,"verified":2},)"
+                                         R"("VXLAN_TUNNEL_MAP":{"requested":3,"granted":3,"refused":0,"verified":3}},)"
+                                         R"("skipped":{"PORTCHANNEL_MEMBER":1},)"
+                                         R"("ids":{"evlan":{"requested":5,"granted":5,"refused":0,"verified":5},)"
+                                         R"("eport":{"requested":9,"granted":9,"refused":0,"verified":9}},)");
+}
+
+TEST(EbridgeRun, ACircuitThatIsRefusedIsToldApartFromItsMap)
+{
+    const temporary_file file(SWITCH);
+    const outcome seen = ebridge({"run", "--json", "--range", "VXLAN_AC=1-2", "--range", "PORT=1-3", file.path()});
+    EXPECT_EQ(seen.status, 1);
+    EXPECT_EQ(seen.err,
+              "PORT|Ethernet3: refused: id 0x10000004 cannot be given\n"
+              "VXLAN_TUNNEL_MAP|v6|three: circuit: refused: no id left\n");
+    EXPECT_THAT(seen.out, HasSubstr(R"("VXLAN_TUNNEL_MAP":{"requested":3,"granted":2,"refused":1,"verified":2})"));
+    EXPECT_THAT(seen.out, HasSubstr(R"("evlan":{"requested":5,"granted":5,"refused":0,"verified":5})"));
+    EXPECT_THAT(seen.out, HasSubstr(R"("eport":{"requested":9,"granted":7,"refused":2,"verified":7})"));
+}
+
+TEST(EbridgeRun, AListOfPortsStandsInForTheConfigurationsOwn)
+{
+    const temporary_file list(PORT_LIST);
+    const temporary_file file(R"({"PORT": {"Ethernet0": {}, "Ethernet2": {}}, "PORTCHANNEL": {"PortChannel7": {}},
+                                  "PORTCHANNEL_MEMBER": {"PortChannel7|Ethernet3": {}}})");
+    const outcome seen = ebridge({"run", "--json", "--ports", list.path(), file.path()});
+    EXPECT_EQ(seen.status, 0) << seen.err;
+    EXPECT_THAT(seen.out, HasSubstr(R"("PORT":{"requested":2,"granted":2,"refused":0,"verified":2})"));
+    EXPECT_THAT(seen.out, HasSubstr(R"("PORTCHANNEL":{"requested":1,"granted":1,"refused":0,"verified":1})"));
+    expect_bad_input(ebridge({"run", file.path()}),
+                     "PORTCHANNEL_MEMBER|PortChannel7|Ethernet3: \"Ethernet3\" is no port");
+    const temporary_file alone("{\n\"PORT\": {\"Ethernet0\": {}}}");
+    expect_bad_input(ebridge({"run", alone.path()}), alone.path() + ":2: PORT|Ethernet0: lanes is missing");
+}
+
+TEST(EbridgeRun, PortsThatMakeNoSenseAreOneLine)
+{
+    const temporary_file list(PORT_LIST);
+    const temporary_file file("{\"VLAN\": {\"Vlan1\": {}},\n\"PORT\": {\"Ethernet9\": {}}}");
+    expect_bad_input(ebridge({"run", "--ports", list.path(), file.path()}),
+                     file.path() + ":2: PORT|Ethernet9: is not in the list of ports");
+    const temporary_file member(R"({"PORTCHANNEL_MEMBER": {"PortChannel1|Ethernet9": {}}})");
+    expect_bad_input(ebridge({"run", "--ports", list.path(), member.path()}), "\"Ethernet9\" is no port");
+    const temporary_file broken("# name lanes\nEthernet0 x\n");
+    expect_bad_input(ebridge({"run", "--ports", broken.path(), file.path()}), broken.path() + ":2: Ethernet0: ");
+    expect_bad_input(ebridge({"run", "--ports", "/nowhere/ports", file.path()}), "/nowhere/ports: No such file");
+    const temporary_file empty("");
+    expect_bad_input(ebridge({"run", "--ports", empty.path(), file.path()}), empty.path() + ":1: no ports");
+}
+
+TEST(EbridgeRun, AConfigurationMayComeThroughAPipe)
+{
+    const outcome seen = run({"/bin/sh", "-c",
+                              std::string("printf '%s' '{\"PORT\": {\"Ethernet0\": {\"lanes\": \"0\"}}}' | ") +
+                                  EBRIDGE_PROGRAM + " run --json /dev/stdin"});
+    EXPECT_EQ(seen.status, 0) << seen.err;
+    EXPECT_THAT(seen.out, HasSubstr(R"("PORT":{"requested":1,"granted":1,"refused":0,"verified":1})"));
+}
+
 TEST(EbridgeRun, NothingThatHasMeaningIsNothingToDo)
 {
-    for (const char *text : {"{}", R"({"PORT": {}})"}) {
+    for (const char *text : {"{}", R"({"QUEUE": {}})"}) {
         const outcome seen = ebridge_json(text);
         EXPECT_EQ(seen.status, 0);
         EXPECT_THAT(seen.out, StartsWith(R"({"tables":{},"skipped":{)"));
@@ -116,23 +202,30 @@ TEST(EbridgeRun, TheExampleIsBroughtUpWhole)
     EXPECT_EQ(seen.status, 0) << seen.err;
     EXPECT_THAT(seen.out, HasSubstr(R"("VLAN":{"requested":40,"granted":40,"refused":0,"verified":40})"));
     EXPECT_THAT(seen.out, HasSubstr(R"("VXLAN_TUNNEL_MAP":{"requested":20,"granted":20,"refused":0,"verified":20})"));
-    EXPECT_THAT(seen.out, HasSubstr(R"("PORT":52)"));
+    EXPECT_THAT(seen.out, HasSubstr(R"("PORT":{"requested":52,"granted":52,"refused":0,"verified":52})"));
+    EXPECT_THAT(seen.out, HasSubstr(R"("PORTCHANNEL":{"requested":3,"granted":3,"refused":0,"verified":3})"));
+    EXPECT_THAT(seen.out, HasSubstr(R"("ACL_RULE":8)"));
 }
 
 TEST(EbridgeRun, DumpEndsWithUsersAndTables)
 {
-    const temporary_file file(R"({"VLAN": {"Vlan10": {}}})");
+    const temporary_file file(R"({"VLAN": {"Vlan10": {}}, "PORT": {"Ethernet4": {"lanes": "9"}}})");
     const outcome seen = ebridge({"run", "--dump", file.path()});
     EXPECT_EQ(seen.status, 0);
     const size_t seconds = seen.out.find(" seconds\n");
     const size_t users = seen.out.find("ebridge_observer");
     const size_t attributes = seen.out.find("<evlan attr db");
     const size_t map = seen.out.find("<evlan index map db");
+    const size_t eports = seen.out.find("<eport index map db");
     EXPECT_LT(seconds, users);
     EXPECT_LT(users, attributes);
     EXPECT_LT(attributes, map);
-    ASSERT_NE(map, std::string::npos);
+    EXPECT_LT(map, eports);
+    ASSERT_NE(eports, std::string::npos);
+    EXPECT_THAT(seen.out.substr(attributes),
+                HasSubstr("ebridge_run, 0x1000000a, type:16, ClassID:0, SVL:false, FID:10."));
     EXPECT_THAT(seen.out.substr(map), HasSubstr("appIndex[0xa] map to UDPIndex[0x1000000a]"));
+    EXPECT_THAT(seen.out.substr(eports), HasSubstr("appIndex is 0x0+0xf4244, UDPIndex is 0x10000005"));
 }
 
 TEST(EbridgeRun, WithJsonTheDumpDoesNotTouchStandardOutput)
@@ -231,6 +324,7 @@ TEST(EbridgeRun, WithoutAnAllocatorEveryRequestIsUnanswered)
     EXPECT_EQ(result.tables[1].refused, 3U);
     EXPECT_EQ(result.tables[1].granted, 0U);
     EXPECT_THAT(result.problems, testing::Contains("VXLAN_TUNNEL_MAP|vtep|two: refused: no answer"));
-    EXPECT_EQ(result.problems.size(), 5U);
+    EXPECT_THAT(result.problems, testing::Contains("VXLAN_TUNNEL_MAP|vtep|two: circuit: refused: no answer"));
+    EXPECT_EQ(result.problems.size(), 8U);
     EXPECT_FALSE(result.all_equal());
 }

@@ -156,7 +156,7 @@ TEST(EbridgedProgram, TakesOverFromOneThatIsKilled)
         ids.push_back(leaf_id(redis));
         serving->signal(SIGKILL);
         serving->finish();
-        ASSERT_TRUE(next->wait_for_error_text("serving, 60 sessions"));
+        ASSERT_TRUE(next->wait_for_error_text("serving, 138 sessions"));
         serving = std::move(next);
     }
     EXPECT_EQ(ids, std::vector<std::string>(3, ids.front()));

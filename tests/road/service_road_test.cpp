@@ -11,7 +11,8 @@ using testing::IsEmpty;
 namespace
 {
 
-class ServiceRoad : public world
+// Evlans are requested with the library's calls, eports by what those would write.
+class ServiceRoad : public world, public testing::WithParamInterface<kind>
 {
   protected:
     void follow()
@@ -21,20 +22,45 @@ class ServiceRoad : public world
         init(app);
         settle();
     }
-    void put_request(const char *user, uint32_t type, uint32_t keyid, uint32_t wanted)
+    static session asking(const char *user, uint32_t type, uint32_t keyid, uint32_t wanted)
     {
-        put_session(APP_DB, {.user = user, .type = type, .keyid = keyid, .request_value = wanted, .request = 1});
+        return {.of = GetParam(), .user = user, .type = type, .keyid = keyid, .request_value = wanted, .request = 1};
+    }
+    static session with_answer(session asked, uint32_t id, int32_t mom_db = 0)
+    {
+        asked.reply_value = id;
+        asked.reply = 1;
+        asked.mom_db = mom_db;
+        return asked;
+    }
+    int32_t request(const char *user, uint32_t type, uint32_t keyid, uint32_t wanted = 0)
+    {
+        if (GetParam() == kind::evlan)
+            return world::request(user, type, keyid, wanted);
+        return put_session(APP_DB, asking(user, type, keyid, wanted != 0 ? wanted : type << 24));
+    }
+    void release_now(const char *user, uint32_t type, uint32_t keyid)
+    {
+        if (GetParam() == kind::evlan)
+            world::release_now(user, type, keyid);
+        else
+            delete_session(APP_DB, asking(user, type, keyid, 0));
+    }
+    void put_request(const char *user, uint32_t type, uint32_t keyid, uint32_t wanted, uint32_t db = APP_DB)
+    {
+        ASSERT_EQ(put_session(db, asking(user, type, keyid, wanted)), 0);
     }
     // A session that some service has answered.
     void put_answered(const char *user, uint32_t keyid, uint32_t id)
     {
-        put_session(APP_DB, {.user = user,
-                             .type = VXLAN,
-                             .keyid = keyid,
-                             .request_value = VXLAN << 24,
-                             .request = 1,
-                             .reply_value = id,
-                             .reply = 1});
+        ASSERT_EQ(put_session(APP_DB, with_answer(asking(user, VXLAN, keyid, VXLAN << 24), id)), 0);
+    }
+    std::map<std::string, session> sessions(uint32_t db) { return world::sessions(db, GetParam()); }
+    session only_session(uint32_t db) { return world::only_session(db, GetParam()); }
+    void spy(uint32_t db) { world::spy(db, GetParam()); }
+    void write_range(uint32_t type, uint32_t min, uint32_t max, uint32_t db = APP_DB)
+    {
+        world::write_range(type, min, max, GetParam(), db);
     }
     // Id by user and key.
     std::map<std::string, uint32_t> answers(uint32_t db = APP_DB)
@@ -45,13 +71,17 @@ class ServiceRoad : public world
                 found[held.user + '/' + std::to_string(held.keyid)] = held.reply_value;
         return found;
     }
+    uint32_t answer(const std::string &name) { return answers()[name]; }
 };
+
+INSTANTIATE_TEST_SUITE_P(Kinds, ServiceRoad, testing::Values(kind::evlan, kind::eport),
+                         [](const auto &of) { return std::string(of.param == kind::evlan ? "evlan" : "eport"); });
 
 using ids = std::map<std::string, uint32_t>;
 
 }  // namespace
 
-TEST_F(ServiceRoad, RequestsThatWaitAtTheStartAreAnswered)
+TEST_P(ServiceRoad, RequestsThatWaitAtTheStartAreAnswered)
 {
     put_request("a", VXLAN, 2, VXLAN << 24);
     put_request("a", VXLAN, 1, VXLAN << 24);
@@ -59,7 +89,7 @@ TEST_F(ServiceRoad, RequestsThatWaitAtTheStartAreAnswered)
     EXPECT_EQ(answers(), (ids{{"a/1", 0x20000001}, {"a/2", 0x20000002}}));
 }
 
-TEST_F(ServiceRoad, ARestartChangesNoId)
+TEST_P(ServiceRoad, ARestartChangesNoId)
 {
     start_service();
     follow();
@@ -67,7 +97,6 @@ TEST_F(ServiceRoad, ARestartChangesNoId)
         request("app", VXLAN, key);
     settle();
     const ids before = answers();
-    events.clear();
     stop_service();
     request("app", VXLAN, 5);
     settle();
@@ -79,7 +108,7 @@ TEST_F(ServiceRoad, ARestartChangesNoId)
     EXPECT_EQ(answers(UDP_DB).size(), 4U);
 }
 
-TEST_F(ServiceRoad, AKilledServiceLeavesItsIdsToTheNext)
+TEST_P(ServiceRoad, AKilledServiceLeavesItsIdsToTheNext)
 {
     start_service();
     follow();
@@ -97,22 +126,22 @@ TEST_F(ServiceRoad, AKilledServiceLeavesItsIdsToTheNext)
     EXPECT_EQ(stat().keys, 51U);
 }
 
-TEST_F(ServiceRoad, ARequestWrittenAgainWhileNobodyServedIsAnswered)
+TEST_P(ServiceRoad, ARequestWrittenAgainWhileNobodyServedIsAnswered)
 {
     start_service();
     follow();
     request("app", VXLAN, 7);
     settle();
     stop_service();
-    events.clear();
     request("app", VXLAN, 7);
-    settle();
-    EXPECT_THAT(events, IsEmpty());
+    spy(APP_DB);
+    EXPECT_THAT(written, IsEmpty());
     start_service();
-    EXPECT_THAT(events, ElementsAre("app evlan 0x20000001 for app/7"));
+    EXPECT_THAT(written, ElementsAre("6 reply_value,reply"));
+    EXPECT_EQ(answers(), (ids{{"app/7", 0x20000001}}));
 }
 
-TEST_F(ServiceRoad, ASessionReleasedWhileNobodyServedIsFreeAndItsMirrorGoes)
+TEST_P(ServiceRoad, ASessionReleasedWhileNobodyServedIsFreeAndItsMirrorGoes)
 {
     start_service();
     follow();
@@ -129,7 +158,7 @@ TEST_F(ServiceRoad, ASessionReleasedWhileNobodyServedIsFreeAndItsMirrorGoes)
 }
 
 // Its id is the next one's, so the removal has to be heard first; also of a session that is there again.
-TEST_F(ServiceRoad, AMirrorOfWhatWasReleasedWhileNobodyServedGoesBeforeItsIdIsAnothers)
+TEST_P(ServiceRoad, AMirrorOfWhatWasReleasedWhileNobodyServedGoesBeforeItsIdIsAnothers)
 {
     start_service();
     follow();
@@ -149,29 +178,15 @@ TEST_F(ServiceRoad, AMirrorOfWhatWasReleasedWhileNobodyServedGoesBeforeItsIdIsAn
     EXPECT_EQ(answers(UDP_DB), (ids{{"app/1", 0x20000001}, {"app/8", 0x20000002}}));
 }
 
-TEST_F(ServiceRoad, MirrorsOfDatabasesThatItDoesNotServeAreLeftAlone)
+TEST_P(ServiceRoad, MirrorsOfDatabasesThatItDoesNotServeAreLeftAlone)
 {
-    put_session(UDP_DB, {.user = "far",
-                         .type = VXLAN,
-                         .keyid = 1,
-                         .request_value = VXLAN << 24,
-                         .request = 1,
-                         .reply_value = 0x20000009,
-                         .reply = 1,
-                         .mom_db = 5});
-    put_session(UDP_DB, {.user = "gone",
-                         .type = VXLAN,
-                         .keyid = 1,
-                         .request_value = VXLAN << 24,
-                         .request = 1,
-                         .reply_value = 0x20000009,
-                         .reply = 1,
-                         .mom_db = 4});
+    for (const auto &[name, db] : {std::pair("far", 5), std::pair("gone", 4)})
+        ASSERT_EQ(put_session(UDP_DB, with_answer(asking(name, VXLAN, 1, VXLAN << 24), 0x20000009, db)), 0);
     start_service();
     EXPECT_EQ(only_session(UDP_DB).user, "far");
 }
 
-TEST_F(ServiceRoad, AnIdThatTwoKeysHoldStaysWithTheFirstInOrder)
+TEST_P(ServiceRoad, AnIdThatTwoKeysHoldStaysWithTheFirstInOrder)
 {
     put_answered("b", 1, 0x20000003);
     put_answered("a", 2, 0x20000003);
@@ -181,18 +196,14 @@ TEST_F(ServiceRoad, AnIdThatTwoKeysHoldStaysWithTheFirstInOrder)
     EXPECT_THAT(service_log, testing::Contains(HasSubstr("0x20000003 cannot be its id")));
 }
 
-TEST_F(ServiceRoad, AnAnswerLeavesAnExpiryMarkAlone)
+TEST_P(ServiceRoad, AnAnswerLeavesAnExpiryMarkAlone)
 {
     start_service();
     follow();
     request("app", VXLAN, 7);
     settle();
     stop_service();
-    UBridge__EvlanAppIndex key = index("app", VXLAN, 7);
-    UBridge__EvlanSession marked = U_BRIDGE__EVLAN_SESSION__INIT;
-    marked.index = &key;
-    const qz_mom_timeval delay{.sec = 10, .usec = 0};
-    ASSERT_EQ(qz_mom_pexpire(users, APP_DB, &marked.base, QZ_MOM_EXPIRE_EVLAN_SESSION, &delay, nullptr, nullptr), 0);
+    expire_session(APP_DB, asking("app", VXLAN, 7, 0), 10);
     start_service();
     EXPECT_EQ(stat().answered, 1U);
     advance(11 * SECOND);
@@ -200,7 +211,7 @@ TEST_F(ServiceRoad, AnAnswerLeavesAnExpiryMarkAlone)
     EXPECT_EQ(stat().keys, 0U);
 }
 
-TEST_F(ServiceRoad, AnAnswerBringsNoDeletedSessionBack)
+TEST_P(ServiceRoad, AnAnswerBringsNoDeletedSessionBack)
 {
     start_service();
     follow();
@@ -212,7 +223,7 @@ TEST_F(ServiceRoad, AnAnswerBringsNoDeletedSessionBack)
     EXPECT_EQ(stat().keys, 0U);
 }
 
-TEST_F(ServiceRoad, ALostStoreDelaysAnswersAndLosesNone)
+TEST_P(ServiceRoad, ALostStoreDelaysAnswersAndLosesNone)
 {
     start_service();
     follow();
@@ -227,16 +238,14 @@ TEST_F(ServiceRoad, ALostStoreDelaysAnswersAndLosesNone)
     advance(SECOND);
     const ids after = answers();
     EXPECT_EQ(after.size(), 20U);
-    for (uint32_t key = 1; key <= 20; ++key)
-        EXPECT_EQ(id_of(VXLAN, key), after.at("app/" + std::to_string(key)));
     EXPECT_EQ(answers(UDP_DB), after);
     EXPECT_EQ(stat().waiting, 0U);
     ASSERT_EQ(request("app", VXLAN, 21), 0);
     settle();
-    EXPECT_EQ(id_of(VXLAN, 21), 0x20000015U);
+    EXPECT_EQ(answer("app/21"), 0x20000015U);
 }
 
-TEST_F(ServiceRoad, AStoreThatIsLostAtTheStartIsWaitedFor)
+TEST_P(ServiceRoad, AStoreThatIsLostAtTheStartIsWaitedFor)
 {
     put_request("a", VXLAN, 1, VXLAN << 24);
     settle();
@@ -250,7 +259,7 @@ TEST_F(ServiceRoad, AStoreThatIsLostAtTheStartIsWaitedFor)
     EXPECT_EQ(answers(), (ids{{"a/1", 0x20000001}}));
 }
 
-TEST_F(ServiceRoad, AFullQueueDelaysAnswersAndLosesNone)
+TEST_P(ServiceRoad, AFullQueueDelaysAnswersAndLosesNone)
 {
     start_service();
     qz_mom_handle *slow = nullptr;
@@ -259,13 +268,7 @@ TEST_F(ServiceRoad, AFullQueueDelaysAnswersAndLosesNone)
     spy(APP_DB);
     uint32_t sent = 0;
     for (uint32_t key = 1; key <= 200; ++key) {
-        UBridge__EvlanAppIndex app = index("a", VXLAN, key);
-        UBridge__EvlanSession record = U_BRIDGE__EVLAN_SESSION__INIT;
-        record.index = &app;
-        record.request_value = VXLAN << 24;
-        record.request = 1;
-        const uint32_t fields[] = {6, 7, 8};
-        while (qz_mom_hmset(slow, APP_DB, &record.base, fields, 3, nullptr, nullptr) != 0)
+        while (put_session(slow, APP_DB, asking("a", VXLAN, key, VXLAN << 24)) != 0)
             ASSERT_GT(qz_thread_run_pending(master, 1), 0);
         ++sent;
     }
@@ -277,7 +280,7 @@ TEST_F(ServiceRoad, AFullQueueDelaysAnswersAndLosesNone)
     qz_mom_client_close(slow);
 }
 
-TEST_F(ServiceRoad, RangesAreFollowed)
+TEST_P(ServiceRoad, RangesAreFollowed)
 {
     write_range(VXLAN, 0x20000064, 0x20000065);
     start_service();
@@ -285,72 +288,66 @@ TEST_F(ServiceRoad, RangesAreFollowed)
     for (uint32_t key : {1U, 2U, 3U})
         request("app", VXLAN, key);
     settle();
-    EXPECT_EQ(answers(), (ids{{"app/1", 0x20000064}, {"app/2", 0x20000065}}));
+    EXPECT_EQ(answer("app/1"), 0x20000064U);
+    EXPECT_EQ(answer("app/2"), 0x20000065U);
+    EXPECT_EQ(stat().refused, 1U);
     write_range(VXLAN, 100, 110);
     settle();
     request("app", VXLAN, 3);
     settle();
-    EXPECT_EQ(id_of(VXLAN, 3), 0x20000066U);
+    EXPECT_EQ(answer("app/3"), 0x20000066U);
 
-    UBridge__EvlanSessionRange range = U_BRIDGE__EVLAN_SESSION_RANGE__INIT;
-    range.index = U_BRIDGE__EVLAN_TYPE__VXLAN;
-    ASSERT_EQ(qz_mom_del(users, APP_DB, &range.base, nullptr, nullptr), 0);
+    delete_range(VXLAN, GetParam());
     settle();
     request("app", VXLAN, 4);
     settle();
-    EXPECT_EQ(id_of(VXLAN, 4), 0x20000001U);
+    EXPECT_EQ(answer("app/4"), 0x20000001U);
 }
 
-TEST_F(ServiceRoad, RequestsThatMakeNoSenseAreRefused)
+TEST_P(ServiceRoad, RequestsThatMakeNoSenseAreRefused)
 {
     start_service();
     put_request("a", 0, 1, 0);
-    put_request("b", 17, 1, 17U << 24);
-    put_request("c", VXLAN, 1, 0x10000005);
+    put_request("b", 18, 1, 18U << 24);
+    put_request("c", VXLAN, 1, 0x30000005);
     settle();
     EXPECT_EQ(answers(), (ids{{"a/1", REFUSED}, {"b/1", REFUSED}, {"c/1", REFUSED}}));
 }
 
-TEST_F(ServiceRoad, SeveralDatabasesShareOneSetOfIds)
+TEST_P(ServiceRoad, SeveralDatabasesShareOneSetOfIds)
 {
     start_service({5, 4});
-    put_session(4, {.user = "a", .type = VXLAN, .keyid = 1, .request_value = VXLAN << 24, .request = 1});
-    put_session(5, {.user = "a", .type = VXLAN, .keyid = 2, .request_value = VXLAN << 24, .request = 1});
-    put_session(5, {.user = "a", .type = VXLAN, .keyid = 1, .request_value = VXLAN << 24, .request = 1});
+    put_request("a", VXLAN, 1, VXLAN << 24, 4);
+    put_request("a", VXLAN, 2, VXLAN << 24, 5);
+    put_request("a", VXLAN, 1, VXLAN << 24, 5);
     settle();
     EXPECT_EQ(answers(4), (ids{{"a/1", 0x20000001}}));
     EXPECT_EQ(answers(5), (ids{{"a/1", 0x20000001}, {"a/2", 0x20000002}}));
     EXPECT_EQ(sessions(UDP_DB).size(), 2U);
     // The mirror of a key that two databases have shows the other one when the first goes.
-    UBridge__EvlanAppIndex key = index("a", VXLAN, 1);
-    UBridge__EvlanSession gone = U_BRIDGE__EVLAN_SESSION__INIT;
-    gone.index = &key;
-    ASSERT_EQ(qz_mom_del(users, 4, &gone.base, nullptr, nullptr), 0);
+    delete_session(4, asking("a", VXLAN, 1, 0));
     settle();
     for (const auto &[text, mirror] : sessions(UDP_DB))
         EXPECT_EQ(mirror.mom_db, 5) << text;
     EXPECT_EQ(answers(UDP_DB).size(), 2U);
 }
 
-TEST_F(ServiceRoad, RangesCountInTheLowestServedDatabaseOnly)
+TEST_P(ServiceRoad, RangesCountInTheLowestServedDatabaseOnly)
 {
     start_service({5, 4});
     write_range(VXLAN, 7, 9);
-    UBridge__EvlanSessionRange elsewhere = U_BRIDGE__EVLAN_SESSION_RANGE__INIT;
-    elsewhere.index = static_cast<UBridge__EvlanType>(VXLAN);
-    elsewhere.evlan_id_min = elsewhere.evlan_id_max = 100;
-    ASSERT_EQ(qz_mom_set(users, 5, &elsewhere.base, nullptr, nullptr), 0);
+    write_range(VXLAN, 100, 100, 5);
     settle();
-    put_session(5, {.user = "a", .type = VXLAN, .keyid = 1, .request_value = VXLAN << 24, .request = 1});
+    put_request("a", VXLAN, 1, VXLAN << 24, 5);
     settle();
     EXPECT_EQ(answers(5), (ids{{"a/1", 0x20000007}}));
 }
 
-TEST_F(ServiceRoad, SessionsOfTheMirrorDatabaseItselfAreServedAndNotMirrored)
+TEST_P(ServiceRoad, SessionsOfTheMirrorDatabaseItselfAreServedAndNotMirrored)
 {
     start_service({4, 8});
-    put_session(8, {.user = "plane", .type = VXLAN, .keyid = 1, .request_value = VXLAN << 24, .request = 1});
-    put_session(4, {.user = "a", .type = VXLAN, .keyid = 2, .request_value = VXLAN << 24, .request = 1});
+    put_request("plane", VXLAN, 1, VXLAN << 24, 8);
+    put_request("a", VXLAN, 2, VXLAN << 24, 4);
     settle();
     EXPECT_EQ(answers(8), (ids{{"plane/1", 0x20000001}, {"a/2", 0x20000002}}));
     EXPECT_EQ(stat().answered, 2U);
@@ -360,7 +357,7 @@ TEST_F(ServiceRoad, SessionsOfTheMirrorDatabaseItselfAreServedAndNotMirrored)
     EXPECT_EQ(stat().keys, 2U);
 }
 
-TEST_F(ServiceRoad, UserNamesOfAnyKindAreServed)
+TEST_P(ServiceRoad, UserNamesOfAnyKindAreServed)
 {
     start_service();
     for (const char *name : {"", "with space:colon", "per%cent", "\xc3\xbc"})
@@ -371,16 +368,18 @@ TEST_F(ServiceRoad, UserNamesOfAnyKindAreServed)
     EXPECT_EQ(stat().keys, 1U);
 }
 
-TEST_F(ServiceRoad, ForeignBytesAreSkipped)
+TEST_P(ServiceRoad, ForeignBytesAreSkipped)
 {
     put_request("a", VXLAN, 1, VXLAN << 24);
-    ASSERT_EQ(qz_mom_embedded_put_raw(STORE, APP_DB, "u_bridge.evlan_session:b:32:1", "\xff\xff\xff", 3, 0), 0);
-    ASSERT_EQ(qz_mom_embedded_put_raw(STORE, APP_DB, "u_bridge.evlan_session:c", "x", 1, 1), 0);
+    const std::string table = GetParam() == kind::evlan ? "u_bridge.evlan_session:" : "u_bridge.eport_session:";
+    for (const char *key : {"b:32:1", "b:32:0:1"})
+        ASSERT_EQ(qz_mom_embedded_put_raw(STORE, APP_DB, (table + key).c_str(), "\xff\xff\xff", 3, 0), 0);
+    ASSERT_EQ(qz_mom_embedded_put_raw(STORE, APP_DB, (table + "c").c_str(), "x", 1, 1), 0);
     start_service();
     EXPECT_EQ(answers(), (ids{{"a/1", 0x20000001}}));
 }
 
-TEST_F(ServiceRoad, StoppingInTheMiddleOfTheStartIsSafe)
+TEST_P(ServiceRoad, StoppingInTheMiddleOfTheStartIsSafe)
 {
     for (uint32_t key = 1; key <= 20; ++key)
         put_request("a", VXLAN, key, VXLAN << 24);
@@ -394,7 +393,80 @@ TEST_F(ServiceRoad, StoppingInTheMiddleOfTheStartIsSafe)
     EXPECT_EQ(answers().size(), 20U);
 }
 
-TEST_F(ServiceRoad, BadArgumentsAreRefused)
+// ---- both at once ---------------------------------------------------------------------------------------------------
+
+class ServiceOfBothRoad : public world
+{
+  protected:
+    void put_request(kind of, uint32_t type, uint32_t keyid, uint32_t wanted)
+    {
+        const session asked{.of = of, .user = "a", .type = type, .keyid = keyid, .request_value = wanted, .request = 1};
+        ASSERT_EQ(put_session(APP_DB, asked), 0);
+    }
+    // Id by key, as mirrored too.
+    std::map<uint32_t, uint32_t> answers(kind of)
+    {
+        std::map<uint32_t, uint32_t> found, mirrored;
+        for (const auto &[text, held] : sessions(APP_DB, of))
+            found[held.keyid] = held.reply_value;
+        for (const auto &[text, held] : sessions(UDP_DB, of))
+            mirrored[held.keyid] = held.reply_value;
+        EXPECT_EQ(found, mirrored);
+        return found;
+    }
+};
+
+using numbers = std::map<uint32_t, uint32_t>;
+
+TEST_F(ServiceOfBothRoad, EvlansAndEportsHaveIdsAndRangesOfTheirOwn)
+{
+    start_service();
+    write_range(VXLAN, 7, 7, kind::evlan);
+    write_range(VXLAN, 100, 200, kind::eport);
+    settle();
+    for (const uint32_t key : {1U, 2U})
+        for (const kind of : {kind::evlan, kind::eport})
+            put_request(of, VXLAN, key, VXLAN << 24);
+    settle();
+    EXPECT_EQ(answers(kind::evlan), (numbers{{1, 0x20000007}, {2, REFUSED}}));
+    EXPECT_EQ(answers(kind::eport), (numbers{{1, 0x20000064}, {2, 0x20000065}}));
+    stop_service();
+    start_service();
+    EXPECT_EQ(answers(kind::evlan), (numbers{{1, 0x20000007}, {2, REFUSED}}));
+    EXPECT_EQ(answers(kind::eport), (numbers{{1, 0x20000064}, {2, 0x20000065}}));
+    EXPECT_EQ(stat().keys, 3U);
+}
+
+TEST_F(ServiceOfBothRoad, APortsKeyMayHaveAnAggregatePortsIdAndKeepsItOverARestart)
+{
+    constexpr uint32_t PORT = 16, AP = 32, VXLAN_AC = 48;
+    start_service();
+    put_request(kind::eport, PORT, 1, 0x20000003);
+    put_request(kind::eport, AP, 2, 0x10000005);
+    put_request(kind::eport, AP, 3, 0x20000003);        // taken
+    put_request(kind::eport, VXLAN_AC, 4, 0x10000006);  // of no business of its
+    settle();
+    const numbers expected{{1, 0x20000003}, {2, 0x10000005}, {3, REFUSED}, {4, REFUSED}};
+    EXPECT_EQ(answers(kind::eport), expected);
+    kill_service();
+    start_service();
+    EXPECT_EQ(answers(kind::eport), expected);
+}
+
+TEST_F(ServiceOfBothRoad, TheSameKeyInTheOtherTableKeepsNothingAlive)
+{
+    start_service();
+    for (const kind of : {kind::evlan, kind::eport})
+        put_request(of, VXLAN, 1, VXLAN << 24);
+    settle();
+    delete_session(APP_DB, {.of = kind::evlan, .user = "a", .type = VXLAN, .keyid = 1});
+    settle();
+    EXPECT_EQ(answers(kind::evlan), numbers{});
+    EXPECT_EQ(answers(kind::eport), (numbers{{1, 0x20000001}}));
+    EXPECT_EQ(stat().keys, 1U);
+}
+
+TEST_P(ServiceRoad, BadArgumentsAreRefused)
 {
     ebridged_service *none = nullptr;
     EXPECT_EQ(ebridged_start(nullptr, nullptr, &none), QZ_MOM_EINVAL);

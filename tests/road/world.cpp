@@ -68,16 +68,66 @@ uint32_t word(int32_t value) { return static_cast<uint32_t>(value); }
 
 int32_t signed_word(uint32_t value) { return static_cast<int32_t>(value); }
 
+// A session as a message of its kind. It points into the content that it is made from.
+class session_message
+{
+  public:
+    explicit session_message(const session &content) : of_(content.of)
+    {
+        evlan_index_.keyid = eport_index_.keyid2 = signed_word(content.keyid);
+        eport_index_.keyid1 = signed_word(content.keyid / 2);
+        evlan_.index = &evlan_index_;
+        eport_.index = &eport_index_;
+        fill(&evlan_, content);
+        fill(&eport_, content);
+    }
+    session_message(const session_message &) = delete;
+    session_message &operator=(const session_message &) = delete;
+
+    const ProtobufCMessage *get() const { return of_ == kind::evlan ? &evlan_.base : &eport_.base; }
+
+  private:
+    template <typename record>
+    static void fill(record *made, const session &content)
+    {
+        made->index->t_user = const_cast<char *>(content.user.c_str());
+        made->index->type = signed_word(content.type);
+        made->request_value = signed_word(content.request_value);
+        made->request = content.request;
+        made->reply_value = signed_word(content.reply_value);
+        made->reply = content.reply;
+        made->mom_db = content.mom_db;
+    }
+
+    kind of_;
+    UBridge__EvlanAppIndex evlan_index_ = U_BRIDGE__EVLAN_APP_INDEX__INIT;
+    UBridge__EvlanSession evlan_ = U_BRIDGE__EVLAN_SESSION__INIT;
+    UBridge__EportAppIndex eport_index_ = U_BRIDGE__EPORT_APP_INDEX__INIT;
+    UBridge__EportSession eport_ = U_BRIDGE__EPORT_SESSION__INIT;
+};
+
+template <typename record>
+session read(const record &from, kind of, int32_t keyid)
+{
+    return {of,           from.index->t_user,       word(from.index->type),
+            word(keyid),  word(from.request_value), from.priority,
+            from.request, word(from.reply_value),   from.reply,
+            from.mom_db};
+}
+
 int32_t collect(qz_mom_handle *, const qz_mom_notification *msg, void *args)
 {
     if (msg->cmd != QZ_MOM_CMD_HMSET && msg->cmd != QZ_MOM_CMD_HSET)
         return 0;
-    const auto *hash = static_cast<const qz_mom_hash_value *>(msg->value);
-    const auto *record = reinterpret_cast<const UBridge__EvlanSession *>(hash->record);
-    (*static_cast<std::map<std::string, session> *>(args))[msg->key] = {
-        record->index->t_user, word(record->index->type), word(record->index->keyid), word(record->request_value),
-        record->priority,      record->request,           word(record->reply_value),  record->reply,
-        record->mom_db};
+    const ProtobufCMessage *message = static_cast<const qz_mom_hash_value *>(msg->value)->record;
+    session &found = (*static_cast<std::map<std::string, session> *>(args))[msg->key];
+    if (message->descriptor == &u_bridge__evlan_session__descriptor) {
+        const auto &evlan = *reinterpret_cast<const UBridge__EvlanSession *>(message);
+        found = read(evlan, kind::evlan, evlan.index->keyid);
+    } else {
+        const auto &eport = *reinterpret_cast<const UBridge__EportSession *>(message);
+        found = read(eport, kind::eport, eport.index->keyid2);
+    }
     return 0;
 }
 
@@ -194,54 +244,71 @@ uint32_t world::id_of(uint32_t type, uint32_t keyid)
     return sw_evlan_app2udp(&app, &evlan) == 0 ? word(evlan.evlan_id) : 0;
 }
 
-std::map<std::string, session> world::sessions(uint32_t db)
+std::map<std::string, session> world::sessions(uint32_t db, kind of)
 {
     std::map<std::string, session> found;
-    UBridge__EvlanAppIndex key = U_BRIDGE__EVLAN_APP_INDEX__INIT;
-    UBridge__EvlanSession pattern = U_BRIDGE__EVLAN_SESSION__INIT;
-    pattern.index = &key;
-    EXPECT_EQ(qz_mom_scan(users, db, &pattern.base, 0, collect, &found), 0);
+    session any;
+    any.of = of;
+    EXPECT_EQ(qz_mom_scan(users, db, session_message(any).get(), 0, collect, &found), 0);
     settle();
     return found;
 }
 
-session world::only_session(uint32_t db)
+session world::only_session(uint32_t db, kind of)
 {
-    const auto found = sessions(db);
+    const auto found = sessions(db, of);
     EXPECT_EQ(found.size(), 1U);
     return found.empty() ? session{} : found.begin()->second;
 }
 
-void world::put_session(uint32_t db, const session &content)
+int32_t world::put_session(uint32_t db, const session &content) { return put_session(users, db, content); }
+
+int32_t world::put_session(qz_mom_handle *handle, uint32_t db, const session &content)
 {
-    UBridge__EvlanAppIndex key = index(content.user.c_str(), content.type, content.keyid);
-    UBridge__EvlanSession record = U_BRIDGE__EVLAN_SESSION__INIT;
-    record.index = &key;
-    record.request_value = signed_word(content.request_value);
-    record.request = content.request;
-    record.reply_value = signed_word(content.reply_value);
-    record.reply = content.reply;
-    record.mom_db = content.mom_db;
     const uint32_t fields[] = {6, 7, 8, 10, 11, 12};
     const uint32_t count = content.mom_db != 0 ? 6 : content.reply != 0 ? 5 : 3;
-    ASSERT_EQ(qz_mom_hmset(users, db, &record.base, fields, count, nullptr, nullptr), 0);
+    return qz_mom_hmset(handle, db, session_message(content).get(), fields, count, nullptr, nullptr);
 }
 
-void world::write_range(uint32_t type, uint32_t min, uint32_t max)
+void world::delete_session(uint32_t db, const session &which)
 {
-    UBridge__EvlanSessionRange range = U_BRIDGE__EVLAN_SESSION_RANGE__INIT;
-    range.index = static_cast<UBridge__EvlanType>(type);
-    range.evlan_id_min = signed_word(min);
-    range.evlan_id_max = signed_word(max);
-    ASSERT_EQ(qz_mom_set(users, APP_DB, &range.base, nullptr, nullptr), 0);
+    ASSERT_EQ(qz_mom_del(users, db, session_message(which).get(), nullptr, nullptr), 0);
 }
 
-void world::spy(uint32_t db)
+void world::expire_session(uint32_t db, const session &which, int32_t seconds)
 {
-    UBridge__EvlanAppIndex key = U_BRIDGE__EVLAN_APP_INDEX__INIT;
-    UBridge__EvlanSession pattern = U_BRIDGE__EVLAN_SESSION__INIT;
-    pattern.index = &key;
-    ASSERT_EQ(qz_mom_subscribe(users, db, &pattern.base, 0, note_write, &written), 0);
+    const int32_t mode = which.of == kind::evlan ? QZ_MOM_EXPIRE_EVLAN_SESSION : QZ_MOM_EXPIRE_EPORT_SESSION;
+    const qz_mom_timeval delay{.sec = seconds, .usec = 0};
+    ASSERT_EQ(qz_mom_pexpire(users, db, session_message(which).get(), mode, &delay, nullptr, nullptr), 0);
+}
+
+void world::write_range(uint32_t type, uint32_t min, uint32_t max, kind of, uint32_t db)
+{
+    UBridge__EvlanSessionRange evlans = U_BRIDGE__EVLAN_SESSION_RANGE__INIT;
+    evlans.index = static_cast<UBridge__EvlanType>(type);
+    evlans.evlan_id_min = signed_word(min);
+    evlans.evlan_id_max = signed_word(max);
+    UBridge__EportSessionRange eports = U_BRIDGE__EPORT_SESSION_RANGE__INIT;
+    eports.index = static_cast<UBridge__EportType>(type);
+    eports.eport_id_min = signed_word(min);
+    eports.eport_id_max = signed_word(max);
+    ASSERT_EQ(qz_mom_set(users, db, of == kind::evlan ? &evlans.base : &eports.base, nullptr, nullptr), 0);
+}
+
+void world::delete_range(uint32_t type, kind of)
+{
+    UBridge__EvlanSessionRange evlans = U_BRIDGE__EVLAN_SESSION_RANGE__INIT;
+    evlans.index = static_cast<UBridge__EvlanType>(type);
+    UBridge__EportSessionRange eports = U_BRIDGE__EPORT_SESSION_RANGE__INIT;
+    eports.index = static_cast<UBridge__EportType>(type);
+    ASSERT_EQ(qz_mom_del(users, APP_DB, of == kind::evlan ? &evlans.base : &eports.base, nullptr, nullptr), 0);
+}
+
+void world::spy(uint32_t db, kind of)
+{
+    session any;
+    any.of = of;
+    ASSERT_EQ(qz_mom_subscribe(users, db, session_message(any).get(), 0, note_write, &written), 0);
     settle();
 }
 

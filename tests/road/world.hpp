@@ -1,5 +1,6 @@
 // A small switch in one process, for tests of whole roads: an embedded store on a driven clock, the allocator service on
-// a handle of its own, up to four users of the library on another, and a spy that sees what is written.
+// a handle of its own, up to four users of the library on another, and a spy that sees what is written. Sessions of
+// eports are written and read with the store client, as the library would.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,8 +20,11 @@ namespace road
 inline constexpr uint32_t VLAN = 16, VXLAN = 32, L3VPN = 128;
 inline constexpr uint32_t APP_DB = SW_EBRIDGE_APP_DB, UDP_DB = SW_EBRIDGE_UDP_DB;
 
-// A session record as the store has it.
+enum class kind { evlan, eport };
+
+// A session record as the store has it. An eport's key is (keyid / 2, keyid), so that both numbers tell keys apart.
 struct session {
+    kind of = kind::evlan;
     std::string user;
     uint32_t type = 0, keyid = 0, request_value = 0;
     int32_t priority = 0, request = 0;
@@ -61,13 +65,17 @@ class world : public testing::Test
     static uint32_t id_of(uint32_t type, uint32_t keyid);  // as slot 0 of the library maps it; 0 when it does not
 
     // What a scan finds, by key text.
-    std::map<std::string, session> sessions(uint32_t db);
-    session only_session(uint32_t db);
+    std::map<std::string, session> sessions(uint32_t db, kind of = kind::evlan);
+    session only_session(uint32_t db, kind of = kind::evlan);
     // Writes a session record as some user or service might have left it: request fields, and the answer unless 0.
-    void put_session(uint32_t db, const session &content);
-    void write_range(uint32_t type, uint32_t min, uint32_t max);
+    int32_t put_session(uint32_t db, const session &content);
+    int32_t put_session(qz_mom_handle *handle, uint32_t db, const session &content);
+    void delete_session(uint32_t db, const session &which);
+    void expire_session(uint32_t db, const session &which, int32_t seconds);
+    void write_range(uint32_t type, uint32_t min, uint32_t max, kind of = kind::evlan, uint32_t db = APP_DB);
+    void delete_range(uint32_t type, kind of);
     // Changes of a database as they come, as "6 request_value,priority,request" or "3".
-    void spy(uint32_t db);
+    void spy(uint32_t db, kind of = kind::evlan);
 
     qz_thread_master *master;
     qz_mom_handle *users = nullptr;

@@ -18,6 +18,8 @@ constexpr uint32_t any(uint32_t type) { return type << 24; }
 class Allocator : public testing::Test
 {
   protected:
+    explicit Allocator(std::span<const id_type> types = evlan_types()) : ids(types) {}
+
     // Answers -1 as 0xffffffff.
     uint32_t ask(const char *holder, id_key key, uint32_t wanted)
     {
@@ -27,9 +29,17 @@ class Allocator : public testing::Test
     void let_go(const char *holder, id_key key) { ids.release(holder, key, now); }
 
     static constexpr uint32_t REFUSED = 0xffffffff;
-    allocator ids{evlan_types()};
+    allocator ids;
     int64_t now = 0;
     decision last;
+};
+
+constexpr uint32_t PORT = 16, LOCAL_PORT = 17, AP = 32, VXLAN_AC = 48, VXLAN_PW = 49, MPLS_PW = 161;
+
+class EportAllocator : public Allocator
+{
+  protected:
+    EportAllocator() : Allocator(eport_types()) {}
 };
 
 }  // namespace
@@ -96,9 +106,7 @@ TEST_F(Allocator, TheOnlyHolderMovesItsKeyToAFreeWantedId)
     ask("a", {VXLAN, 7}, 0x20000005);
     EXPECT_EQ(ask("a", {VXLAN, 7}, 0x20000009), 0x20000009U);
     EXPECT_EQ(ids.id_of({VXLAN, 7}), 0x20000009U);
-    EXPECT_EQ(ids.key_of(0x20000005), nullptr);
-    ASSERT_NE(ids.key_of(0x20000009), nullptr);
-    EXPECT_EQ(*ids.key_of(0x20000009), (id_key{VXLAN, 7}));
+    EXPECT_EQ(ask("b", {VXLAN, 8}, 0x20000009), REFUSED);
     EXPECT_EQ(ask("b", {VXLAN, 8}, 0x20000005), 0x20000005U);
 }
 
@@ -109,7 +117,7 @@ TEST_F(Allocator, ASharedKeyDoesNotMove)
     EXPECT_EQ(ask("a", {VXLAN, 7}, 0x20000009), REFUSED);
     EXPECT_EQ(last.why, verdict::shared);
     EXPECT_EQ(ids.id_of({VXLAN, 7}), 0x20000005U);
-    EXPECT_TRUE(ids.key_of(0x20000009) == nullptr);
+    EXPECT_EQ(ask("c", {VXLAN, 8}, 0x20000009), 0x20000009U);
 }
 
 TEST_F(Allocator, AKeyOfSomebodyElseDoesNotMove)
@@ -125,7 +133,7 @@ TEST_F(Allocator, ARefusedHolderHoldsNoLonger)
     ask("b", {VXLAN, 8}, 0x20000009);
     EXPECT_EQ(ask("a", {VXLAN, 7}, 0x20000009), REFUSED);
     EXPECT_EQ(ids.id_of({VXLAN, 7}), 0U);
-    EXPECT_EQ(ids.key_of(0x20000005), nullptr);
+    EXPECT_EQ(ask("c", {VXLAN, 9}, 0x20000005), 0x20000005U);
 }
 
 TEST_F(Allocator, AFreedIdIsPassedOverWhileOthersAreFree)
@@ -241,7 +249,7 @@ TEST_F(Allocator, AnIdIsAdoptedForOneKeyOnly)
     ASSERT_TRUE(ids.adopt("a", {VXLAN, 7}, 0x20000003));
     EXPECT_FALSE(ids.adopt("b", {VXLAN, 8}, 0x20000003));
     EXPECT_EQ(ids.id_of({VXLAN, 8}), 0U);
-    EXPECT_EQ(*ids.key_of(0x20000003), (id_key{VXLAN, 7}));
+    EXPECT_EQ(ids.id_of({VXLAN, 7}), 0x20000003U);
 }
 
 TEST_F(Allocator, AKeyIsAdoptedWithOneIdOnly)
@@ -265,4 +273,82 @@ TEST_F(Allocator, EveryVerdictHasAText)
     for (verdict v : {verdict::granted, verdict::bad_type, verdict::out_of_range, verdict::taken, verdict::shared,
                       verdict::none_left})
         EXPECT_STRNE(verdict_text(v), "unknown");
+}
+
+TEST_F(EportAllocator, EveryTypeHasNumbersOfItsOwnUpTo24Bits)
+{
+    for (uint32_t type : {16U, 17U, 32U, 48U, 49U, 64U, 65U, 80U, 81U, 96U, 97U, 112U, 113U, 128U, 144U, 160U, 161U}) {
+        EXPECT_EQ(ask("a", {type, 1, 2}, any(type)), any(type) | 1U);
+        EXPECT_EQ(ask("a", {type, 1, 3}, any(type) | 0xffffff), any(type) | 0xffffffU);
+    }
+    EXPECT_EQ(ids.size(), 34U);
+}
+
+TEST_F(EportAllocator, BothNumbersOfAKeyTellKeysApart)
+{
+    EXPECT_EQ(ask("a", {VXLAN_AC, 1, 2}, any(VXLAN_AC)), 0x30000001U);
+    EXPECT_EQ(ask("a", {VXLAN_AC, 1, 3}, any(VXLAN_AC)), 0x30000002U);
+    EXPECT_EQ(ask("a", {VXLAN_AC, 2, 2}, any(VXLAN_AC)), 0x30000003U);
+    EXPECT_EQ(ask("b", {VXLAN_AC, 1, 2}, any(VXLAN_AC)), 0x30000001U);
+}
+
+TEST_F(EportAllocator, PortsAndAggregatePortsMayAskForIdsOfEither)
+{
+    EXPECT_EQ(ask("a", {AP, 0, 5}, any(PORT) | 1), 0x10000001U);
+    EXPECT_EQ(ask("a", {PORT, 0, 6}, any(AP) | 3), 0x20000003U);
+    EXPECT_EQ(ask("a", {PORT, 0, 7}, any(PORT) | 1), REFUSED);
+    EXPECT_EQ(last.why, verdict::taken);
+    EXPECT_EQ(ask("a", {AP, 0, 8}, any(PORT)), 0x10000002U);
+    EXPECT_EQ(ask("b", {AP, 0, 8}, any(AP)), 0x10000002U);  // what it has
+}
+
+TEST_F(EportAllocator, AnIdOfTheOtherTypeIsFreeAgainAsWhatItIs)
+{
+    ask("a", {AP, 0, 5}, any(PORT) | 1);
+    let_go("a", {AP, 0, 5});
+    EXPECT_EQ(ask("a", {PORT, 0, 6}, any(PORT) | 1), 0x10000001U);
+    EXPECT_EQ(ask("a", {AP, 0, 7}, any(AP)), 0x20000001U);
+}
+
+TEST_F(EportAllocator, TheOnlyHolderMovesItsKeyFromTypeToType)
+{
+    ask("a", {PORT, 0, 5}, any(PORT));
+    EXPECT_EQ(ask("a", {PORT, 0, 5}, any(AP) | 9), 0x20000009U);
+    EXPECT_EQ(ask("a", {PORT, 0, 6}, any(PORT) | 1), 0x10000001U);
+    EXPECT_EQ(ask("a", {AP, 0, 7}, any(AP) | 9), REFUSED);
+}
+
+TEST_F(EportAllocator, AnyOtherMixtureOfTypesIsRefused)
+{
+    const std::pair<uint32_t, uint32_t> mixtures[] = {{PORT, LOCAL_PORT}, {LOCAL_PORT, PORT},   {LOCAL_PORT, AP},
+                                                      {AP, LOCAL_PORT},   {PORT, VXLAN_AC},     {VXLAN_AC, PORT},
+                                                      {VXLAN_AC, AP},     {VXLAN_AC, VXLAN_PW}, {VXLAN_AC, 0},
+                                                      {PORT, 0},          {MPLS_PW, 1}};
+    for (const auto &[type, other] : mixtures) {
+        EXPECT_EQ(ask("a", {type, 1, 1}, any(other) | 5), REFUSED) << type << ' ' << other;
+        EXPECT_EQ(last.why, verdict::bad_type);
+    }
+    EXPECT_EQ(ask("a", {0, 1, 1}, 5), REFUSED);
+    EXPECT_EQ(ids.size(), 0U);
+}
+
+TEST_F(EportAllocator, RangesBoundWhatTheOtherTypeIsGiven)
+{
+    ASSERT_TRUE(ids.set_range(PORT, 1, 48));
+    EXPECT_EQ(ask("a", {AP, 0, 5}, any(PORT) | 49), REFUSED);
+    EXPECT_EQ(last.why, verdict::out_of_range);
+    EXPECT_EQ(ask("a", {AP, 0, 5}, any(AP) | 49), 0x20000031U);
+    ASSERT_TRUE(ids.reset_range(PORT));
+    EXPECT_EQ(ask("a", {AP, 0, 6}, any(PORT) | 49), 0x10000031U);
+    EXPECT_FALSE(ids.set_range(18, 1, 2));
+}
+
+TEST_F(EportAllocator, GrantsOfTheOtherTypeAreAdopted)
+{
+    EXPECT_TRUE(ids.adopt("a", {AP, 0, 5}, 0x10000001));
+    EXPECT_FALSE(ids.adopt("a", {PORT, 0, 6}, 0x10000001));
+    EXPECT_FALSE(ids.adopt("a", {LOCAL_PORT, 0, 6}, 0x10000002));
+    EXPECT_FALSE(ids.adopt("a", {VXLAN_AC, 0, 6}, 0x10000002));
+    EXPECT_EQ(ask("a", {PORT, 0, 7}, any(PORT)), 0x10000002U);
+    EXPECT_EQ(ids.size(), 2U);
 }

@@ -1,9 +1,12 @@
-// See scripted_store.hpp. Key texts here are "USER/TYPE/KEYID".
+// See scripted_store.hpp. Key texts here are "evlan:USER/32/KEYID" and "eport:USER/32/KEYID".
 #include "scripted_store.hpp"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+
+#include "allocation_failure.hpp"
 
 namespace scripted
 {
@@ -13,26 +16,65 @@ namespace
 
 qz_mom_handle the_handle{};
 
+std::string prefix(table of) { return of == table::evlan ? "evlan:" : "eport:"; }
+
+// A session of either table.
 struct record {
-    UBridge__EvlanAppIndex index = U_BRIDGE__EVLAN_APP_INDEX__INIT;
-    UBridge__EvlanSession session = U_BRIDGE__EVLAN_SESSION__INIT;
+    UBridge__EvlanAppIndex evlan_index = U_BRIDGE__EVLAN_APP_INDEX__INIT;
+    UBridge__EvlanSession evlan = U_BRIDGE__EVLAN_SESSION__INIT;
+    UBridge__EportAppIndex eport_index = U_BRIDGE__EPORT_APP_INDEX__INIT;
+    UBridge__EportSession eport = U_BRIDGE__EPORT_SESSION__INIT;
     std::string user;
     std::string key;
+    table of;
 
-    record(const char *name, uint32_t keyid) : user(name), key(user + "/32/" + std::to_string(keyid))
+    record(table its, const char *name, uint32_t keyid, uint32_t request_value = 0x20000000, uint32_t reply_value = 0)
+        : user(name), key(prefix(its) + user + "/32/" + std::to_string(keyid)), of(its)
     {
-        index.t_user = user.data();
-        index.type = 32;
-        index.keyid = static_cast<int32_t>(keyid);
-        session.index = &index;
-        session.request_value = 0x20000000;
-        session.request = 1;
+        evlan_index.keyid = eport_index.keyid2 = static_cast<int32_t>(keyid);
+        eport_index.keyid1 = 1;
+        evlan.index = &evlan_index;
+        eport.index = &eport_index;
+        fill(&evlan, request_value, reply_value);
+        fill(&eport, request_value, reply_value);
     }
     record(const record &) = delete;
     record &operator=(const record &) = delete;
+
+    ProtobufCMessage *message() { return of == table::evlan ? &evlan.base : &eport.base; }
+
+  private:
+    template <typename session>
+    void fill(session *made, uint32_t request_value, uint32_t reply_value)
+    {
+        made->index->t_user = user.data();
+        made->index->type = 32;
+        made->request_value = static_cast<int32_t>(request_value);
+        made->request = 1;
+        made->reply = reply_value != 0;
+        made->reply_value = static_cast<int32_t>(reply_value);
+    }
 };
 
-void tell(const listener &to, const qz_mom_notification &msg) { to.cb(&the_handle, &msg, to.args); }
+table table_of(const ProtobufCMessageDescriptor &type)
+{
+    const bool eport =
+        &type == &u_bridge__eport_session__descriptor || &type == &u_bridge__eport_session_range__descriptor;
+    return eport ? table::eport : table::evlan;
+}
+
+void tell(const listener &to, const qz_mom_notification &msg)
+{
+    for (uint64_t nth = the_store().lacks_memory ? 1 : 0;; ++nth) {
+        fail_allocations_from(nth);
+        try {
+            to.cb(&the_handle, &msg, to.args);
+            return fail_allocations_from(0);
+        } catch (const std::bad_alloc &) {
+            fail_allocations_from(0);
+        }
+    }
+}
 
 int32_t code_of(const std::string &call)
 {
@@ -42,27 +84,45 @@ int32_t code_of(const std::string &call)
 
 int32_t note_follow(const char *call, uint32_t db, const ProtobufCMessage *pattern, const listener &given)
 {
+    const memory_for_the_test mine;
     const int32_t code = code_of(call);
     if (code != 0)
         return code;
-    const bool sessions = pattern->descriptor == &u_bridge__evlan_session__descriptor;
-    auto &table = sessions ? the_store().follows : the_store().ranges;
-    table[call + (' ' + std::to_string(db))] = given;
+    const std::string name = std::strchr(pattern->descriptor->name, '.') + 1;
+    listener &to = the_store().follows[call + (' ' + std::to_string(db)) + ' ' + name];
+    to = given;
+    to.of = table_of(*pattern->descriptor);
     return 0;
 }
 
-int32_t note_write(const char *call, uint32_t db, const ProtobufCMessage *message, const listener &given)
+std::string text_of(const UBridge__EvlanAppIndex &index) { return std::to_string(index.keyid); }
+
+std::string text_of(const UBridge__EportAppIndex &index)
 {
+    return (index.keyid1 == 1 ? "" : std::to_string(index.keyid1) + '+') + std::to_string(index.keyid2);
+}
+
+template <typename session>
+std::string text_of(const char *call, uint32_t db, const session &written)
+{
+    std::string text = std::string(call) + ' ' + std::to_string(db) + ' ' + written.index->t_user + '/' +
+                       std::to_string(written.index->type) + '/' + text_of(*written.index);
+    char id[16] = "";
+    if (std::strcmp(call, "del") != 0)
+        std::snprintf(id, sizeof id, " 0x%x", static_cast<uint32_t>(written.reply_value));
+    return text + id;
+}
+
+int32_t note_write(const char *call, uint32_t db, const ProtobufCMessage *message, listener given)
+{
+    const memory_for_the_test mine;
     const int32_t code = code_of(call);
     if (code != 0)
         return code;
-    const auto *session = reinterpret_cast<const UBridge__EvlanSession *>(message);
-    char text[200];
-    int length = std::snprintf(text, sizeof text, "%s %u %s/%d/%d", call, db, session->index->t_user,
-                               session->index->type, session->index->keyid);
-    if (std::strcmp(call, "del") != 0)
-        std::snprintf(text + length, sizeof text - static_cast<size_t>(length), " 0x%x",
-                      static_cast<uint32_t>(session->reply_value));
+    given.of = table_of(*message->descriptor);
+    const std::string text = given.of == table::evlan
+                                 ? text_of(call, db, *reinterpret_cast<const UBridge__EvlanSession *>(message))
+                                 : text_of(call, db, *reinterpret_cast<const UBridge__EportSession *>(message));
     the_store().writes.push_back({text, given});
     return 0;
 }
@@ -112,11 +172,8 @@ void store::end_scan(const listener &to, uint32_t db, int32_t error) const
 void store::written(const listener &to, uint32_t db, const char *user, uint32_t keyid, uint32_t reply_value,
                     uint32_t request_value) const
 {
-    record content(user, keyid);
-    content.session.request_value = static_cast<int32_t>(request_value);
-    content.session.reply = reply_value != 0;
-    content.session.reply_value = static_cast<int32_t>(reply_value);
-    qz_mom_hash_value hash{0, &content.session.base};
+    record content(to.of, user, keyid, request_value, reply_value);
+    qz_mom_hash_value hash{0, content.message()};
     tell(to, {.db = db,
               .key = content.key.c_str(),
               .field = "request",
@@ -128,19 +185,19 @@ void store::written(const listener &to, uint32_t db, const char *user, uint32_t 
 
 void store::removed(const listener &to, uint32_t db, const char *user, uint32_t keyid) const
 {
-    record content(user, keyid);
+    record content(to.of, user, keyid);
     tell(to, {.db = db,
               .key = content.key.c_str(),
               .field = "",
               .cmd = QZ_MOM_CMD_DEL,
-              .value = &content.session,
+              .value = content.message(),
               .end = 0,
               .error = 0});
 }
 
 void store::write_done(const store_write &which, uint32_t db, const char *user, uint32_t keyid, int32_t error) const
 {
-    const record content(user, keyid);
+    const record content(which.done.of, user, keyid);
     tell(which.done, {.db = db,
                       .key = content.key.c_str(),
                       .field = "",
@@ -195,27 +252,27 @@ int32_t qz_mom_del(qz_mom_handle *, uint32_t db, const ProtobufCMessage *record,
 
 const char *qz_mom_strerror(int32_t) { return "code"; }
 
-ProtobufCMessage *qz_mom_key_parse(const ProtobufCMessageDescriptor *, const char *text)
+ProtobufCMessage *qz_mom_key_parse(const ProtobufCMessageDescriptor *type, const char *text)
 {
+    const memory_for_the_test mine;
+    const table of = table_of(*type);
+    const std::string begin = prefix(of);
     char user[32];
-    int32_t type, keyid;
-    if (std::sscanf(text, "%31[^/]/%d/%d", user, &type, &keyid) != 3)
+    uint32_t keyid;
+    if (std::strncmp(text, begin.c_str(), begin.size()) != 0 ||
+        std::sscanf(text + begin.size(), "%31[^/]/32/%u", user, &keyid) != 2)
         return nullptr;
-    auto *index = static_cast<UBridge__EvlanAppIndex *>(std::malloc(sizeof(UBridge__EvlanAppIndex)));
-    auto *session = static_cast<UBridge__EvlanSession *>(std::malloc(sizeof(UBridge__EvlanSession)));
-    u_bridge__evlan_app_index__init(index);
-    u_bridge__evlan_session__init(session);
-    index->t_user = strdup(user);
-    index->type = type;
-    index->keyid = keyid;
-    session->index = index;
-    return &session->base;
+    record made(of, user, keyid);
+    uint8_t packed[256];
+    const size_t size = protobuf_c_message_pack(made.message(), packed);
+    return protobuf_c_message_unpack(type, nullptr, size, packed);
 }
 
 int64_t qz_thread_now(const qz_thread_master *) { return 0; }
 
 int32_t qz_thread_call_after(qz_thread_master *, int64_t, qz_thread_call_func func, void *arg)
 {
+    const memory_for_the_test mine;
     the_store().timers.emplace_back(func, arg);
     return 0;
 }

@@ -13,10 +13,14 @@
 namespace scripted
 {
 
-// A callback that the service gave away.
+// Sessions here are of type 32, which exists as evlan and as eport. An eport's key is (1, KEYID).
+enum class table { evlan, eport };
+
+// A callback that the service gave away, for records of a table.
 struct listener {
     qz_mom_msg_cb cb = nullptr;
     void *args = nullptr;
+    table of = table::evlan;
 };
 
 // A write: "hmupdate 4 a/32/7 0x20000001", "hmset 8 ...", "del 8 a/32/7"; and who hears how it went.
@@ -26,11 +30,13 @@ struct store_write {
 };
 
 struct store {
-    std::map<std::string, listener> follows;  // "subscribe_field 4", "scan 8": the session table's
-    std::map<std::string, listener> ranges;   // the same of the range table
+    std::map<std::string, listener> follows;  // "subscribe_field 4 evlan_session", "scan 4 eport_session_range"
     std::vector<store_write> writes;          // accepted ones
     std::map<std::string, int32_t> codes;     // what calls of this name return, 0 when it is not there
     std::vector<std::pair<qz_thread_call_func, void *>> timers;
+    // Callbacks run out of memory at their first allocation, then at their second and so on, and are made again until
+    // they have all they need.
+    bool lacks_memory = false;
 
     qz_mom_handle *handle();
     std::vector<std::string> texts() const;
@@ -38,7 +44,7 @@ struct store {
 
     void confirm(const listener &to, uint32_t db) const;
     void end_scan(const listener &to, uint32_t db, int32_t error = 0) const;
-    // A session as it stands; request_value, unless given, any id of type 32.
+    // A session of the listener's table as it stands; request_value, unless given, any id of type 32.
     void written(const listener &to, uint32_t db, const char *user, uint32_t keyid, uint32_t reply_value = 0,
                  uint32_t request_value = 0x20000000) const;
     void removed(const listener &to, uint32_t db, const char *user, uint32_t keyid) const;

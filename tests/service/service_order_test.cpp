@@ -1,5 +1,5 @@
 // The service against a store whose every callback the test times: the order of the start, what outweighs what, and
-// writes that fail at once or later.
+// writes that fail at once or later. Each for evlans and for eports, with memory and without.
 #include <gmock/gmock.h>
 
 #include <utility>
@@ -14,24 +14,31 @@ using testing::IsEmpty;
 namespace
 {
 
-class ServiceOrder : public testing::Test
+class ServiceOfBoth : public testing::Test
 {
   protected:
-    ~ServiceOrder() override { ebridged_stop(service); }
+    ~ServiceOfBoth() override { ebridged_stop(service); }
 
     void start() { ASSERT_EQ(ebridged_start(store.handle(), nullptr, &service), 0); }
     // Up to the scans, none of which has delivered anything yet.
     void follow()
     {
         start();
-        store.confirm(store.ranges.at("subscribe 4"), 4);
-        store.confirm(live(), 4);
+        for (const table of : {table::evlan, table::eport}) {
+            store.confirm(ranges("subscribe 4", of), 4);
+            store.confirm(live(of), 4);
+        }
+    }
+    void end_scans(table of)
+    {
+        store.end_scan(ranges("scan 4", of), 4);
+        store.end_scan(scan(of), 4);
+        store.end_scan(mirrors(of), 8);
     }
     void end_scans()
     {
-        store.end_scan(store.ranges.at("scan 4"), 4);
-        store.end_scan(scan(), 4);
-        store.end_scan(mirrors(), 8);
+        end_scans(table::evlan);
+        end_scans(table::eport);
     }
     void serve()
     {
@@ -45,39 +52,74 @@ class ServiceOrder : public testing::Test
         ebridged_get_stat(service, &now);
         return now;
     }
-    const listener &live() { return store.follows.at("subscribe_field 4"); }
-    const listener &scan() { return store.follows.at("scan 4"); }
-    const listener &mirrors() { return store.follows.at("scan 8"); }
+    static std::string sessions(const char *call, table of)
+    {
+        return call + std::string(of == table::evlan ? " evlan_session" : " eport_session");
+    }
+    const listener &ranges(const char *call, table of) { return store.follows.at(sessions(call, of) + "_range"); }
+    const listener &live(table of) { return store.follows.at(sessions("subscribe_field 4", of)); }
+    const listener &scan(table of) { return store.follows.at(sessions("scan 4", of)); }
+    const listener &mirrors(table of) { return store.follows.at(sessions("scan 8", of)); }
 
     scripted::store &store = the_store();
     ebridged_service *service = nullptr;
 };
 
+struct circumstances {
+    table of;
+    bool lacks_memory;
+};
+
+// The same for one table, while the other one is empty.
+class ServiceOrder : public ServiceOfBoth, public testing::WithParamInterface<circumstances>
+{
+  protected:
+    ServiceOrder() { store.lacks_memory = GetParam().lacks_memory; }
+
+    bool follows(const char *call) const { return store.follows.contains(sessions(call, of)); }
+    const listener &live() { return ServiceOfBoth::live(of); }
+    const listener &scan() { return ServiceOfBoth::scan(of); }
+    const listener &mirrors() { return ServiceOfBoth::mirrors(of); }
+    const listener &ranges(const char *call) { return ServiceOfBoth::ranges(call, of); }
+
+    const table of = GetParam().of;
+};
+
+const circumstances CIRCUMSTANCES[] = {
+    {table::evlan, false}, {table::eport, false}, {table::evlan, true}, {table::eport, true}};
+
+INSTANTIATE_TEST_SUITE_P(Tables, ServiceOrder, testing::ValuesIn(CIRCUMSTANCES), [](const auto &now) {
+    return std::string(now.param.of == table::evlan ? "evlan" : "eport") +
+           (now.param.lacks_memory ? "WithoutMemory" : "");
+});
+
 }  // namespace
 
-TEST_F(ServiceOrder, NothingIsScannedBeforeBothSubscriptionsAreConfirmed)
+TEST_P(ServiceOrder, NothingIsScannedBeforeBothSubscriptionsAreConfirmed)
 {
     start();
-    EXPECT_FALSE(store.follows.contains("scan 4"));
+    EXPECT_FALSE(follows("scan 4"));
     store.confirm(live(), 4);
-    EXPECT_FALSE(store.follows.contains("scan 4"));
-    store.confirm(store.ranges.at("subscribe 4"), 4);
-    EXPECT_TRUE(store.follows.contains("scan 4"));
-    EXPECT_TRUE(store.ranges.contains("scan 4"));
+    EXPECT_FALSE(follows("scan 4"));
+    store.confirm(ranges("subscribe 4"), 4);
+    EXPECT_TRUE(follows("scan 4"));
+    EXPECT_NO_THROW(ranges("scan 4"));
 }
 
-TEST_F(ServiceOrder, NothingIsAnsweredBeforeEveryTableIsRead)
+TEST_P(ServiceOrder, NothingIsAnsweredBeforeEveryTableIsRead)
 {
+    const table other = of == table::evlan ? table::eport : table::evlan;
     follow();
     store.written(live(), 4, "a", 1);
     store.end_scan(scan(), 4);
-    store.end_scan(store.ranges.at("scan 4"), 4);
+    store.end_scan(ranges("scan 4"), 4);
+    end_scans(other);
     EXPECT_THAT(store.writes, IsEmpty());
     store.end_scan(mirrors(), 8);
     EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000001", "hmset 8 a/32/1 0x20000001"));
 }
 
-TEST_F(ServiceOrder, ARemovalHeardDuringTheScanOutweighsTheScansCopy)
+TEST_P(ServiceOrder, ARemovalHeardDuringTheScanOutweighsTheScansCopy)
 {
     follow();
     store.removed(live(), 4, "a", 1);
@@ -87,7 +129,7 @@ TEST_F(ServiceOrder, ARemovalHeardDuringTheScanOutweighsTheScansCopy)
     EXPECT_EQ(stat().keys, 0U);
 }
 
-TEST_F(ServiceOrder, AWriteHeardDuringTheScanOutweighsTheScansCopy)
+TEST_P(ServiceOrder, AWriteHeardDuringTheScanOutweighsTheScansCopy)
 {
     follow();
     store.written(live(), 4, "a", 1, 0x20000007);
@@ -96,7 +138,7 @@ TEST_F(ServiceOrder, AWriteHeardDuringTheScanOutweighsTheScansCopy)
     EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000007", "hmset 8 a/32/1 0x20000007"));
 }
 
-TEST_F(ServiceOrder, ASessionRemovedAfterTheScanSawItIsNotTakenOver)
+TEST_P(ServiceOrder, ASessionRemovedAfterTheScanSawItIsNotTakenOver)
 {
     follow();
     store.written(scan(), 4, "a", 1, 0x20000005);
@@ -105,7 +147,7 @@ TEST_F(ServiceOrder, ASessionRemovedAfterTheScanSawItIsNotTakenOver)
     EXPECT_EQ(stat().keys, 0U);
 }
 
-TEST_F(ServiceOrder, GrantedIdsAreTakenOverBeforeAnythingIsDecided)
+TEST_P(ServiceOrder, GrantedIdsAreTakenOverBeforeAnythingIsDecided)
 {
     follow();
     store.written(scan(), 4, "a", 1);
@@ -114,31 +156,31 @@ TEST_F(ServiceOrder, GrantedIdsAreTakenOverBeforeAnythingIsDecided)
     EXPECT_THAT(store.texts(), testing::IsSupersetOf({"hmupdate 4 a/32/1 0x20000002", "hmupdate 4 b/32/2 0x20000001"}));
 }
 
-TEST_F(ServiceOrder, AScanThatFailsIsMadeAgain)
+TEST_P(ServiceOrder, AScanThatFailsIsMadeAgain)
 {
     follow();
     const listener first = scan();
-    store.follows.erase("scan 4");
+    store.follows.erase(sessions("scan 4", of));
     store.end_scan(first, 4, QZ_MOM_EDOWN);
     store.run_timers();
-    ASSERT_TRUE(store.follows.contains("scan 4"));
+    ASSERT_TRUE(follows("scan 4"));
     end_scans();
     EXPECT_EQ(stat().serving, 1U);
 }
 
-TEST_F(ServiceOrder, AStoreThatIsDownAtTheStartIsAskedAgain)
+TEST_P(ServiceOrder, AStoreThatIsDownAtTheStartIsAskedAgain)
 {
     store.codes = {{"subscribe", QZ_MOM_EDOWN}, {"subscribe_field", QZ_MOM_EDOWN}};
     start();
     store.run_timers();
-    EXPECT_FALSE(store.follows.contains("subscribe_field 4"));
+    EXPECT_FALSE(follows("subscribe_field 4"));
     store.codes.clear();
     store.run_timers();
-    EXPECT_TRUE(store.follows.contains("subscribe_field 4"));
-    EXPECT_TRUE(store.ranges.contains("subscribe 4"));
+    EXPECT_TRUE(follows("subscribe_field 4"));
+    EXPECT_NO_THROW(ranges("subscribe 4"));
 }
 
-TEST_F(ServiceOrder, AnswersThatTheStoreRefusesComeLaterAndInOrder)
+TEST_P(ServiceOrder, AnswersThatTheStoreRefusesComeLaterAndInOrder)
 {
     serve();
     store.codes = {{"hmupdate", QZ_MOM_EFULL}};
@@ -158,7 +200,7 @@ TEST_F(ServiceOrder, AnswersThatTheStoreRefusesComeLaterAndInOrder)
     EXPECT_THAT(store.timers, IsEmpty());
 }
 
-TEST_F(ServiceOrder, WhatIsDueTwiceIsWrittenOnceAsThingsStandThen)
+TEST_P(ServiceOrder, WhatIsDueTwiceIsWrittenOnceAsThingsStandThen)
 {
     serve();
     store.codes = {{"hmupdate", QZ_MOM_EFULL}};
@@ -170,7 +212,7 @@ TEST_F(ServiceOrder, WhatIsDueTwiceIsWrittenOnceAsThingsStandThen)
     EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000001", "hmset 8 a/32/1 0x20000001"));
 }
 
-TEST_F(ServiceOrder, AnAnswerThatWaitsIsNotWrittenOnceItsSessionIsGone)
+TEST_P(ServiceOrder, AnAnswerThatWaitsIsNotWrittenOnceItsSessionIsGone)
 {
     serve();
     store.codes = {{"hmupdate", QZ_MOM_EFULL}};
@@ -182,7 +224,7 @@ TEST_F(ServiceOrder, AnAnswerThatWaitsIsNotWrittenOnceItsSessionIsGone)
 }
 
 // The answer to the first request is applied after the second one was written, so it answers that.
-TEST_F(ServiceOrder, ASessionRequestedAgainWhileItsAnswerIsUnderWayKeepsTheId)
+TEST_P(ServiceOrder, ASessionRequestedAgainWhileItsAnswerIsUnderWayKeepsTheId)
 {
     serve();
     store.written(live(), 4, "a", 1);
@@ -196,7 +238,7 @@ TEST_F(ServiceOrder, ASessionRequestedAgainWhileItsAnswerIsUnderWayKeepsTheId)
     }
 }
 
-TEST_F(ServiceOrder, AnIdRestsOnceItsAnswerIsDone)
+TEST_P(ServiceOrder, AnIdRestsOnceItsAnswerIsDone)
 {
     serve();
     store.written(live(), 4, "a", 1);
@@ -207,7 +249,7 @@ TEST_F(ServiceOrder, AnIdRestsOnceItsAnswerIsDone)
     EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000002", "hmset 8 a/32/1 0x20000002"));
 }
 
-TEST_F(ServiceOrder, AnIdWhoseAnswerIsUnderWayCanBeAnothersMeanwhile)
+TEST_P(ServiceOrder, AnIdWhoseAnswerIsUnderWayCanBeAnothersMeanwhile)
 {
     serve();
     store.written(live(), 4, "a", 1);
@@ -218,7 +260,23 @@ TEST_F(ServiceOrder, AnIdWhoseAnswerIsUnderWayCanBeAnothersMeanwhile)
     EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000002", "hmset 8 a/32/1 0x20000002"));
 }
 
-TEST_F(ServiceOrder, AWriteThatFailsLaterIsMadeAgain)
+// The first answer is still under way when the third request comes, but the second one has been answered, too.
+TEST_P(ServiceOrder, AnAnswerStandsWhenAnEarlierOneIsUnderWay)
+{
+    serve();
+    store.written(live(), 4, "a", 1);
+    store.removed(live(), 4, "a", 1);
+    store.written(live(), 4, "b", 2, 0, 0x20000001);
+    store.written(live(), 4, "a", 1);
+    store.writes.clear();
+    store.written(live(), 4, "a", 1);
+    store.removed(live(), 4, "b", 2);
+    store.written(live(), 4, "a", 1);
+    EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000002", "hmset 8 a/32/1 0x20000002", "del 8 b/32/2",
+                                           "hmupdate 4 a/32/1 0x20000002", "hmset 8 a/32/1 0x20000002"));
+}
+
+TEST_P(ServiceOrder, AWriteThatFailsLaterIsMadeAgain)
 {
     serve();
     store.written(live(), 4, "a", 1);
@@ -233,7 +291,7 @@ TEST_F(ServiceOrder, AWriteThatFailsLaterIsMadeAgain)
     EXPECT_THAT(store.texts(), ElementsAre("hmset 8 a/32/1 0x20000001"));
 }
 
-TEST_F(ServiceOrder, AWriteThatCanNeverSucceedIsNotMadeAgain)
+TEST_P(ServiceOrder, AWriteThatCanNeverSucceedIsNotMadeAgain)
 {
     serve();
     store.written(live(), 4, "a", 1);
@@ -247,7 +305,7 @@ TEST_F(ServiceOrder, AWriteThatCanNeverSucceedIsNotMadeAgain)
     EXPECT_EQ(stat().waiting, 0U);
 }
 
-TEST_F(ServiceOrder, CallbacksAfterTheEndDoNothing)
+TEST_P(ServiceOrder, CallbacksAfterTheEndDoNothing)
 {
     serve();
     store.written(live(), 4, "a", 1);
@@ -263,4 +321,46 @@ TEST_F(ServiceOrder, CallbacksAfterTheEndDoNothing)
     store.write_done(pending[0], 4, "a", 1, QZ_MOM_EDOWN);
     store.run_timers();
     EXPECT_THAT(store.writes, IsEmpty());
+}
+
+// A user who follows the mirrors hears the answers to its own requests there, also those to what it has already.
+TEST_P(ServiceOrder, ARequestForWhatIsAnsweredIsAnsweredAndMirroredAgain)
+{
+    serve();
+    for (int again = 0; again < 3; ++again) {
+        store.written(live(), 4, "a", 1);
+        EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000001", "hmset 8 a/32/1 0x20000001"));
+        store.writes.clear();
+    }
+}
+
+// ---- both at once ---------------------------------------------------------------------------------------------------
+
+TEST_F(ServiceOfBoth, EvlansAndEportsHaveIdsOfTheirOwn)
+{
+    serve();
+    store.written(live(table::evlan), 4, "a", 1);
+    store.written(live(table::eport), 4, "a", 1);
+    EXPECT_EQ(stat().keys, 2U);
+    EXPECT_EQ(stat().sessions, 2U);
+    store.removed(live(table::evlan), 4, "a", 1);
+    EXPECT_THAT(store.texts(),
+                ElementsAre("hmupdate 4 a/32/1 0x20000001", "hmset 8 a/32/1 0x20000001", "hmupdate 4 a/32/1 0x20000001",
+                            "hmset 8 a/32/1 0x20000001", "del 8 a/32/1"));
+    EXPECT_EQ(store.writes.back().done.of, table::evlan);
+    EXPECT_EQ(stat().keys, 1U);
+}
+
+TEST_F(ServiceOfBoth, WhatWaitsIsWrittenInTheOrderOfTheRequests)
+{
+    serve();
+    store.codes = {{"hmupdate", QZ_MOM_EFULL}};
+    for (const table of : {table::eport, table::evlan, table::eport})
+        store.written(live(of), 4, "a", static_cast<uint32_t>(1 + stat().answered));
+    store.codes.clear();
+    store.run_timers();
+    std::vector<table> order;
+    for (const store_write &each : store.writes)
+        order.push_back(each.done.of);
+    EXPECT_THAT(order, ElementsAre(table::eport, table::eport, table::evlan, table::evlan, table::eport, table::eport));
 }

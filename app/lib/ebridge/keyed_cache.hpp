@@ -13,10 +13,12 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include "lookup2.hpp"
 #include "sw_ebridge.h"
@@ -159,7 +161,8 @@ struct keyed_table {
         return std::memcmp(cache.keys[bucket], key, Length) == 0;
     }
 
-    static uint32_t find_bucket(const keyed_cache &cache, const void *key)
+    // Compiled once for each length of key: the target has little memory.
+    [[gnu::noinline]] static uint32_t find_bucket(const keyed_cache &cache, const void *key)
     {
         if (cache.bucket_count == 0)
             return NO_BUCKET;
@@ -194,7 +197,7 @@ struct keyed_table {
     }
 
     // Stores the pointer unless an equal key is stored. True when it was stored.
-    static bool insert(keyed_cache &cache, void *record)
+    [[gnu::noinline]] static bool insert(keyed_cache &cache, void *record)
     {
         if (cache.occupied >= cache.upper_bound && !keyed_cache_make_room(cache))
             return false;
@@ -254,24 +257,36 @@ struct keyed_table {
 
 // ---- which records, by which key ------------------------------------------------------------------------------------
 
-template <class Record, class Field>
-constexpr size_t size_of_field(Field Record::*)
+// Where a field stands in its record. No constant expression gets an offset out of a member pointer: hence a macro.
+struct key_field {
+    size_t offset;
+    size_t size;
+    bool equal_as_bytes;  // equal values have equal bytes
+};
+
+template <class Field>
+constexpr key_field field_at(size_t offset)
 {
-    return sizeof(Field);
+    return {offset, sizeof(Field), std::has_unique_object_representations_v<Field>};
 }
 
-template <class Record, class Field>
-constexpr bool equal_as_bytes(Field Record::*)
+#define SW_FIELD(record, member) sw::field_at<decltype(record::member)>(offsetof(record, member))
+
+// Each field begins where those before it end, the first one with the record.
+template <key_field... Fields>
+constexpr bool follow_each_other()
 {
-    return std::has_unique_object_representations_v<Field>;
+    size_t end = 0;
+    return ((std::exchange(end, end + Fields.size) == Fields.offset) && ...);
 }
 
-// A key: the first `Length` bytes of a record, which are its `Fields` and nothing else. Keys are hashed and compared as
-// bytes, so equal ones must have equal bytes: a key with padding, in a field or between two, does not compile.
-template <size_t Length, auto... Fields>
+// A key: the first `Length` bytes of a record, which are its `Fields` in their order and nothing else. Keys are hashed and
+// compared as bytes, so equal ones must have equal bytes: a key with padding, in a field or between two, does not compile.
+template <size_t Length, key_field... Fields>
 struct key_of_fields {
-    static_assert((equal_as_bytes(Fields) && ...), "a field of the key has padding, or equal values of unequal bytes");
-    static_assert((size_of_field(Fields) + ...) == Length, "the key has bytes that belong to none of its fields");
+    static_assert((Fields.equal_as_bytes && ...), "a field of the key has padding, or equal values of unequal bytes");
+    static_assert(follow_each_other<Fields...>(), "a field of the key does not begin where the one before it ends");
+    static_assert((Fields.size + ...) == Length, "the key has bytes that belong to none of its fields");
     static constexpr size_t length = Length;
 };
 
@@ -283,35 +298,40 @@ template <class Record>
 struct record_key;
 template <>
 struct record_key<sw_ebridge_list_item>
-    : key_of_fields<SW_END_OF(sw_ebridge_list_item, user_name), &sw_ebridge_list_item::user_name> {
+    : key_of_fields<SW_END_OF(sw_ebridge_list_item, user_name), SW_FIELD(sw_ebridge_list_item, user_name)> {
 };
 template <>
-struct record_key<sw_evlan_attr>
-    : key_of_fields<SW_END_OF(sw_evlan_attr, evlan_id), &sw_evlan_attr::user_name, &sw_evlan_attr::evlan_id> {
+struct record_key<sw_evlan_attr> : key_of_fields<SW_END_OF(sw_evlan_attr, evlan_id), SW_FIELD(sw_evlan_attr, user_name),
+                                                 SW_FIELD(sw_evlan_attr, evlan_id)> {
 };
 template <>
-struct record_key<sw_eport_attr>
-    : key_of_fields<SW_END_OF(sw_eport_attr, eport_id), &sw_eport_attr::user_name, &sw_eport_attr::eport_id> {
+struct record_key<sw_eport_attr> : key_of_fields<SW_END_OF(sw_eport_attr, eport_id), SW_FIELD(sw_eport_attr, user_name),
+                                                 SW_FIELD(sw_eport_attr, eport_id)> {
 };
 template <>
 struct record_key<sw_ematch_item>
-    : key_of_fields<offsetof(sw_ematch_item, action_type), &sw_ematch_item::user, &sw_ematch_item::match_type,
-                    &sw_ematch_item::match_flag, &sw_ematch_item::match_priority, &sw_ematch_item::evlan1,
-                    &sw_ematch_item::evlan2, &sw_ematch_item::eport, &sw_ematch_item::ipv4, &sw_ematch_item::vnid,
-                    &sw_ematch_item::label, &sw_ematch_item::ip_mask, &sw_ematch_item::mac, &sw_ematch_item::frame_type,
-                    &sw_ematch_item::ether_type, &sw_ematch_item::ip, &sw_ematch_item::ip_ver,
-                    &sw_ematch_item::match_id, &sw_ematch_item::mask> {
+    : key_of_fields<
+          offsetof(sw_ematch_item, action_type), SW_FIELD(sw_ematch_item, user), SW_FIELD(sw_ematch_item, match_type),
+          SW_FIELD(sw_ematch_item, match_flag), SW_FIELD(sw_ematch_item, match_priority),
+          SW_FIELD(sw_ematch_item, evlan1), SW_FIELD(sw_ematch_item, evlan2), SW_FIELD(sw_ematch_item, eport),
+          SW_FIELD(sw_ematch_item, ipv4), SW_FIELD(sw_ematch_item, vnid), SW_FIELD(sw_ematch_item, label),
+          SW_FIELD(sw_ematch_item, ip_mask), SW_FIELD(sw_ematch_item, mac), SW_FIELD(sw_ematch_item, frame_type),
+          SW_FIELD(sw_ematch_item, ether_type), SW_FIELD(sw_ematch_item, ip), SW_FIELD(sw_ematch_item, ip_ver),
+          SW_FIELD(sw_ematch_item, match_id), SW_FIELD(sw_ematch_item, mask)> {
 };
 template <>
 struct record_key<sw_evlan_index_map>
-    : key_of_fields<SW_END_OF(sw_evlan_index_map, key), &sw_evlan_index_map::kind, &sw_evlan_index_map::key> {
+    : key_of_fields<SW_END_OF(sw_evlan_index_map, key), SW_FIELD(sw_evlan_index_map, kind),
+                    SW_FIELD(sw_evlan_index_map, key)> {
 };
 template <>
 struct record_key<sw_eport_index_map>
-    : key_of_fields<SW_END_OF(sw_eport_index_map, key), &sw_eport_index_map::kind, &sw_eport_index_map::key> {
+    : key_of_fields<SW_END_OF(sw_eport_index_map, key), SW_FIELD(sw_eport_index_map, kind),
+                    SW_FIELD(sw_eport_index_map, key)> {
 };
 template <>
-struct record_key<sw_vlan_pvid_entry> : key_of_fields<SW_END_OF(sw_vlan_pvid_entry, ifx), &sw_vlan_pvid_entry::ifx> {
+struct record_key<sw_vlan_pvid_entry>
+    : key_of_fields<SW_END_OF(sw_vlan_pvid_entry, ifx), SW_FIELD(sw_vlan_pvid_entry, ifx)> {
 };
 
 #undef SW_END_OF

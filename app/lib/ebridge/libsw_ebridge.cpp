@@ -1,5 +1,6 @@
 // Core: the registry of users, initialisation, and the store sessions that lead from a connected database over the
-// subscriptions to the first scan. Neighbours: libsw_ebridge_evlan (what the subscriptions deliver), connecting.hpp.
+// subscriptions to the first scan. Neighbours: libsw_ebridge_evlan and libsw_ebridge_eport (what the subscriptions
+// deliver), connecting.hpp.
 #include <cstdlib>
 
 #include "connecting.hpp"
@@ -417,13 +418,21 @@ struct followed_table {
 };
 
 bool wants_evlan(const sw_ebridge_list_item &user) { return user.vlan_reply != nullptr || user.evlan_reply != nullptr; }
+bool wants_eport(const sw_ebridge_list_item &user) { return user.eport_reply != nullptr; }
 
 constexpr followed_table followed_tables[] = {
     {20, sw::kAppDbFlag, SW_EBRIDGE_APP_DB, wants_evlan, sw_evlan_subscribe_with_db, sw_evlan_data_scan_with_db,
      "begin to scan app_db evlan_data, user: %s."},
     {21, sw::kUdpDbFlag, SW_EBRIDGE_UDP_DB, wants_evlan, sw_evlan_subscribe_with_db, sw_evlan_data_scan_with_db,
      "begin to scan udp_db evlan_data, user: %s."},
+    {84, sw::kAppDbFlag, SW_EBRIDGE_APP_DB, wants_eport, sw_eport_subscribe_with_db, sw_eport_data_scan_with_db,
+     "begin to scan app_db eport_data, user: %s."},
+    {85, sw::kUdpDbFlag, SW_EBRIDGE_UDP_DB, wants_eport, sw_eport_subscribe_with_db, sw_eport_data_scan_with_db,
+     "begin to scan udp_db eport_data, user: %s."},
 };
+
+// Subscriptions are made database by database: the tables at these places, in this order.
+constexpr uint32_t subscription_order[] = {0, 2, 1, 3};
 
 bool has_bit(const uint32_t (&bitmap)[8], uint32_t bit) { return (bitmap[bit / 32] >> (bit % 32) & 1) != 0; }
 void set_bit(uint32_t (&bitmap)[8], uint32_t bit) { bitmap[bit / 32] |= 1u << (bit % 32); }
@@ -499,7 +508,8 @@ subscribing_args *sw_ebridge_alloc_subscribing_args(uint32_t bit, const sw::list
 // and the others go on. 0, or -4 without memory.
 int32_t subscribe_tables(const sw::site &where, const sw::list_args &list, const uint32_t (&bitmap)[8])
 {
-    for (const followed_table &table : followed_tables) {
+    for (const uint32_t place : subscription_order) {
+        const followed_table &table = followed_tables[place];
         if (!has_bit(bitmap, table.bit))
             continue;
         subscribing_args *sa = sw_ebridge_alloc_subscribing_args(table.bit, list, bitmap);
@@ -643,6 +653,8 @@ SW_EXPORT int32_t sw_ebridge_data_subscribe(const char *user_name)
            sw::address(user->pvid_change));
     if (wants_evlan(*user))
         sw_evlan_subscribe(user_name, nullptr, nullptr);
+    if (wants_eport(*user))
+        sw_eport_subscribe(user_name, nullptr, nullptr);
     SW_LOG(info, "sw_ebridge_data_subscribe done.");
     return 0;
 }

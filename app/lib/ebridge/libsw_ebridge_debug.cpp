@@ -28,8 +28,8 @@ namespace sw
 void emit(qz_zlog_category *category, const site &where, int32_t zlog_level, const char *text)
 {
     if (category != nullptr)
-        qzdf_zlog(category, where.file, where.file_length, where.function, where.function_length, where.line,
-                  zlog_level, "%s", text);
+        qzdf_zlog(category, where.file, std::strlen(where.file), where.function, std::strlen(where.function),
+                  where.line, zlog_level, "%s", text);
 }
 
 }  // namespace sw

@@ -9,5 +9,7 @@ namespace sw
 // How long a released id waits for its owner to come back; the debug shell's "delay" sets the seconds.
 extern qz_mom_timeval evlan_delay_del_timeval;
 extern qz_mom_timeval eport_delay_del_timeval;
+// How long marked records live when the caller names no time.
+extern const qz_mom_timeval mom_key_aging_timer;
 
 }  // namespace sw

@@ -44,4 +44,14 @@ inline void list_scatter(sw_list_head *head)
         list_unlink(head->next);
 }
 
+// Calls `visit` for each element, whose link is its member `link`. The element may be taken off the list meanwhile.
+template <class Element, class Visitor>
+void for_each_linked(sw_list_head &head, const Visitor &visit)
+{
+    if (head.next == nullptr)
+        return;
+    for (sw_list_head *link = head.next, *next = link->next; link != &head; link = next, next = link->next)
+        visit(*static_cast<Element *>(static_cast<void *>(reinterpret_cast<char *>(link) - offsetof(Element, link))));
+}
+
 }  // namespace sw

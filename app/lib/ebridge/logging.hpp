@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 
 #include "qz_zlog.h"
 #include "sw_ebridge.h"
@@ -18,13 +19,11 @@ namespace sw
 // A call site as log lines show it.
 struct site {
     const char *file;
-    uint32_t file_length;
     const char *function;
-    uint32_t function_length;
     long line;
 };
 
-#define SW_HERE (::sw::site{__FILE__, sizeof __FILE__ - 1, __func__, sizeof __func__ - 1, __LINE__})
+#define SW_HERE (::sw::site{__FILE__, __func__, __LINE__})
 
 // A message class: the level from which a category admits it, and the level it is written at.
 struct log_class {
@@ -41,27 +40,44 @@ inline constexpr log_class fatal{0, QZ_ZLOG_FATAL};
 inline bool file_admits(const log_class &cls) { return g_sw_vlan_file_zlog_level >= cls.admitted_from; }
 inline bool std_admits(const log_class &cls) { return g_sw_vlan_std_zlog_level >= cls.admitted_from; }
 
+// Whether any category does. A call, not code at each of the many sites.
+[[gnu::noinline]] inline bool admits(const log_class &cls) { return file_admits(cls) || std_admits(cls); }
+
 inline constexpr size_t kMessageSize = 1024;
+
+// The two categories, with the level of each.
+struct category_state {
+    const uint32_t *level;
+    qz_zlog_category *const *category;
+};
+inline category_state file_category() { return {&g_sw_vlan_file_zlog_level, &g_sw_vlan_file_zlog_category}; }
+inline category_state std_category() { return {&g_sw_vlan_std_zlog_level, &g_sw_vlan_std_zlog_category}; }
 
 // Hands a formatted message to a category; a category that was never opened drops it.
 void emit(qz_zlog_category *category, const site &where, int32_t zlog_level, const char *text);
 
+// What goes through a variadic call in the same way has the same type here, so that one function serves many sites.
+constexpr uint32_t passed(uint32_t value) { return value; }
+constexpr uint32_t passed(int32_t value) { return static_cast<uint32_t>(value); }
+inline const void *passed(const void *value) { return value; }
+
 template <typename... Args>
-void log_to(qz_zlog_category *category, const site &where, int32_t zlog_level, const char *format, Args... args)
+[[gnu::noinline]] void log_passed(const site &where, const log_class &cls, const char *format, Args... args)
 {
     char text[kMessageSize];
-    std::memset(text, 0, sizeof text);
-    at_snprintf(text, sizeof text, format, args...);
-    emit(category, where, zlog_level, text);
+    for (const category_state &category : {file_category(), std_category()}) {
+        if (*category.level < cls.admitted_from)
+            continue;
+        std::memset(text, 0, sizeof text);
+        at_snprintf(text, sizeof text, format, args...);
+        emit(*category.category, where, cls.zlog_level, text);
+    }
 }
 
 template <typename... Args>
-void log(const site &where, const log_class &cls, const char *format, Args... args)
+inline void log(const site &where, const log_class &cls, const char *format, Args... args)
 {
-    if (file_admits(cls))
-        log_to(g_sw_vlan_file_zlog_category, where, cls.zlog_level, format, args...);
-    if (std_admits(cls))
-        log_to(g_sw_vlan_std_zlog_category, where, cls.zlog_level, format, args...);
+    log_passed(where, cls, format, passed(args)...);
 }
 
 // Never called: lets the compiler compare a format with its arguments.
@@ -79,10 +95,10 @@ inline const void *address(Result (*function)(Args...))
 
 }  // namespace sw
 
-#define SW_LOG_UNCHECKED_AT(where, cls, ...)                             \
-    do {                                                                 \
-        if (::sw::file_admits(::sw::cls) || ::sw::std_admits(::sw::cls)) \
-            ::sw::log(where, ::sw::cls, __VA_ARGS__);                    \
+#define SW_LOG_UNCHECKED_AT(where, cls, ...)          \
+    do {                                              \
+        if (::sw::admits(::sw::cls))                  \
+            ::sw::log(where, ::sw::cls, __VA_ARGS__); \
     } while (0)
 
 #define SW_LOG_AT(where, cls, ...)                    \
@@ -92,4 +108,8 @@ inline const void *address(Result (*function)(Args...))
         SW_LOG_UNCHECKED_AT(where, cls, __VA_ARGS__); \
     } while (0)
 
-#define SW_LOG(cls, ...) SW_LOG_AT(SW_HERE, cls, __VA_ARGS__)
+#define SW_LOG(cls, ...)                                   \
+    do {                                                   \
+        static constexpr ::sw::site sw_log_site = SW_HERE; \
+        SW_LOG_AT(sw_log_site, cls, __VA_ARGS__);          \
+    } while (0)

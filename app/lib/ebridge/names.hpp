@@ -8,7 +8,7 @@
 namespace sw
 {
 
-inline void copy_name(char (&to)[SW_EBRIDGE_NAME_SIZE], const char *from)
+[[gnu::noinline]] inline void copy_name(char (&to)[SW_EBRIDGE_NAME_SIZE], const char *from)
 {
     const size_t length = strnlen(from, SW_EBRIDGE_NAME_SIZE - 1);
     std::memmove(to, from, length);  // a stored name may be handed in itself

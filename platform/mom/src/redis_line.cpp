@@ -108,6 +108,18 @@ std::vector<uint32_t> data_numbers(const ProtobufCMessageDescriptor &type)
 
 bool is_write(const redis_operation &each) { return each.what == redis_operation::kind::write; }
 
+// Takes a mark off, does nothing else, and nobody asks what became of it.
+bool only_clears(const redis_operation &each) { return is_write(each) && each.row.begins_with('c') && !each.finish; }
+
+// Who asks again for a record that may be marked clears the mark and writes: one write says both.
+bool takes_in(redis_operation &write, const redis_operation &before)
+{
+    if (!only_clears(before) || !is_write(write) || !write.row.begins_with('h') || !before.row.continues_in(write.row))
+        return false;
+    write.row.begin_with('H');
+    return true;
+}
+
 // The rows of all these writes in one array.
 std::string writes_of(const std::vector<redis_operation> &parts)
 {
@@ -260,6 +272,10 @@ int32_t redis_line::put(redis_operation &&operation)
 {
     if (state_ != state::up && was_up_)
         return QZ_MOM_EDOWN;
+    if (!queue_.empty() && takes_in(operation, queue_.back())) {
+        queue_.back() = std::move(operation);
+        return QZ_MOM_OK;
+    }
     if (queue_.size() >= MAX_QUEUED)
         return QZ_MOM_EFULL;
     queue_.push_back(std::move(operation));
@@ -592,8 +608,13 @@ void redis_line::serve(const redisReply &hello)
     const size_t space = std::min(both.find(' '), both.size());
     state_ = state::up;
     up_since_ = steady::now();
-    for (call &each : under_way_)
+    for (call &each : under_way_) {
+        redis_operation &first = each.parts.front();
+        // A cursor means nothing to another server, neither this one nor the one that an earlier server has answered.
+        if (first.what == redis_operation::kind::mark)
+            first.cursor = "0", first.anew = true;
         transmit(each);
+    }
     if (life_.empty()) {
         feed_.go_to(now_at);
         told_ = now_at;
@@ -638,6 +659,8 @@ void redis_line::transmit(call &made)
         words.add(writes_of(made.parts));
     else
         words.append(first.words);
+    if (first.what == redis_operation::kind::mark)
+        words.append({first.id, first.cursor, first.deadline});
     commands_.send(words);
 }
 
@@ -654,15 +677,21 @@ bool redis_line::may_send() const
 {
     if (state_ != state::up)
         return true;  // the thread has to look
-    if (queue_.empty() || under_way_.size() >= MAX_UNDER_WAY)
+    if (queue_.empty() || under_way_.size() >= MAX_UNDER_WAY || marking_)
         return false;
     return under_way_.empty() || !is_write(queue_.front()) || queue_.size() >= ENOUGH_FOR_A_CALL;
+}
+
+bool redis_line::has_full_call() const
+{
+    // What only clears a mark is likely to be taken in by the next write.
+    return !queue_.empty() && queue_.size() % MAX_WRITES == 0 && !only_clears(queue_.back());
 }
 
 // What goes next, in one call. Without memory it is still in the queue.
 std::list<redis_line::call> redis_line::next_call(steady::time_point now)
 {
-    const redis_operation &first = queue_.front();
+    redis_operation &first = queue_.front();
     // What only asks for the position stands in a call without writes: a call has one position.
     const bool changes = changes_something(first);
     size_t count = 1;
@@ -674,11 +703,14 @@ std::list<redis_line::call> redis_line::next_call(steady::time_point now)
     std::list<call> made(1);
     call &next = made.front();
     next.parts.reserve(count);
-    if (first.what == redis_operation::kind::mark && first.to.cb != nullptr)
-        marks_.emplace(client_name_ + ':' + std::to_string(last_call_ + 1),
-                       waiting_mark{first.owner, first.end, first.to});
+    const bool marks = first.what == redis_operation::kind::mark;
+    if (marks)
+        first.id = client_name_ + ':' + std::to_string(last_call_ + 1);
+    if (marks && first.to.cb != nullptr)
+        marks_.emplace(first.id, waiting_mark{first.owner, first.end, first.to});
 
     next.sent = now;
+    marking_ = marks && first.in_pieces;
     if (changes)
         next.number = ++last_call_;
     for (; count != 0; --count) {
@@ -719,6 +751,28 @@ bool redis_line::is_refused_for_now(const call &made, const redisReply &reply)
            (passes(text_of(reply)) || made.parts.front().what == redis_operation::kind::fetch);
 }
 
+// True: the mark's next piece is on its way, as a call of its own. Without memory the last one is as it was.
+bool redis_line::mark_goes_on(const call &made, const redis_outcome &outcome)
+{
+    if (!made.parts.front().in_pieces)
+        return false;
+    const std::string_view answer = outcome.text == "again" ? outcome.more : outcome.text;
+    if (!answer.starts_with('m')) {
+        marking_ = false;
+        return false;
+    }
+    std::list<call> next{made};
+    next.front().number = ++last_call_;
+    redis_operation &piece = next.front().parts.front();
+    const size_t space = std::min(answer.find(' '), answer.size() - 1);
+    piece.deadline = answer.substr(space + 1);
+    piece.cursor = piece.anew ? "0" : answer.substr(1, space - 1);
+    piece.anew = false;
+    transmit(next.front());
+    under_way_.splice(under_way_.end(), next);
+    return true;
+}
+
 void redis_line::answered(call &made, const redisReply &reply)
 {
     redis_outcome outcome;
@@ -736,6 +790,8 @@ void redis_line::answered(call &made, const redisReply &reply)
             outcome.more = text_of(*more);
         letters = outcome.text == "again" ? outcome.more : outcome.text;
     }
+    if (mark_goes_on(made, outcome))
+        return;
     const bool by_letter = is_write(made.parts.front());
     for (auto &part : made.parts) {
         redis_outcome own = outcome;
@@ -744,7 +800,7 @@ void redis_line::answered(call &made, const redisReply &reply)
             letters.remove_prefix(1);
         }
         if (part.what == redis_operation::kind::mark && outcome.code != QZ_MOM_OK)
-            end_of_mark(client_name_ + ':' + std::to_string(made.number), outcome.code);
+            end_of_mark(part.id, outcome.code);
         conclude(part, std::move(own));
     }
     pass_over_log();  // at once: what this answer leads to may begin to follow, from here on
@@ -929,6 +985,18 @@ void redis_line::look_for_lost_marks()
 
 // ---- the replica ----------------------------------------------------------------------------------------------------
 
+redis_line::record_page::record_page(const std::string &of, uint64_t number, bool last, std::string_view array,
+                                     const ProtobufCMessageDescriptor &type)
+    : name(of),
+      load(number),
+      is_last(last),
+      bytes(array),
+      numbers(data_numbers(type)),
+      names(std::make_shared<std::string>(names_of(type, numbers))),
+      rows(bytes)
+{
+}
+
 void redis_line::load(const std::string &name)
 {
     next_page(name, last_load_ + 1, "0");
@@ -962,9 +1030,10 @@ void redis_line::take_page(const std::string &name, uint64_t number, const redis
         load(name);
         return lose("a page of records was refused");
     }
-    if (page.text != "0")
+    auto taken = std::make_unique<record_page>(name, number, page.text == "0", page.more, *at->second.type);
+    if (!taken->is_last)
         next_page(name, number, page.text);
-    page_ = std::make_unique<record_page>(name, number, page.text == "0", page.more);
+    page_ = std::move(taken);
 }
 
 // False: one who would hear of what is left of the page has no room for it.
@@ -1008,10 +1077,7 @@ bool redis_line::take_row(followed &in)
     deliveries out;
     if (in.again) {
         const int32_t cmd = body->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
-        // Any field may have been written meanwhile; one that is at its default again does not show in the record.
-        const auto numbers = data_numbers(*in.type);
-        auto names = std::make_shared<std::string>(names_of(*in.type, numbers));
-        subscriptions_.address(make_change({db_, cmd, 0, key, std::move(names), body}), numbers, office_, out);
+        subscriptions_.address(make_change({db_, cmd, 0, key, page_->names, body}), page_->numbers, office_, out);
     }
     if (!has_room(out))
         return false;

@@ -51,10 +51,15 @@ struct redis_operation {
     redis_words words;                                  // of a fetch: the command; else arguments of the server's side
     bool at_once = false;                               // `finish` does not wait for the log
     std::function<void(const redis_outcome &)> finish;  // may be empty
-    // Of a mark: who hears of its end.
+    // Of a mark: who hears of its end; and how far it has come, as marks are set piece by piece.
     std::weak_ptr<client> owner;
     change_ptr end;
     receiver to{};
+    bool in_pieces = false;    // it is: its records are to be looked for
+    std::string id;            // of the expiry call
+    std::string cursor = "0";  // where the next piece begins
+    std::string deadline;      // the server's; "": it has not made it yet
+    bool anew = false;         // the cursor that comes next is another server's
 };
 
 class replica_scan;
@@ -80,7 +85,7 @@ class redis_line
     // What has been put can go to the server now; else it waits for company, or for answers to what is under way.
     bool may_send() const;
     // Another full call waits; true once for each.
-    bool has_full_call() const { return !queue_.empty() && queue_.size() % MAX_WRITES == 0; }
+    bool has_full_call() const;
     // Lets go of the tables that a handle which was closed was the last to follow.
     void drop_unused() noexcept;
     // Nothing that was taken over is still to be done, as far as it can be done at all.
@@ -139,10 +144,8 @@ class redis_line
 
     // A page of records, taken in row by row.
     struct record_page {
-        record_page(const std::string &of, uint64_t number, bool last, std::string_view array)
-            : name(of), load(number), is_last(last), bytes(array), rows(bytes)
-        {
-        }
+        record_page(const std::string &of, uint64_t number, bool last, std::string_view array,
+                    const ProtobufCMessageDescriptor &type);
         record_page(const record_page &) = delete;
         record_page &operator=(const record_page &) = delete;
 
@@ -150,6 +153,9 @@ class redis_line
         const uint64_t load;
         const bool is_last;
         const std::string bytes;
+        // What may have been written of a record meanwhile: any field. One that is at its default again does not show.
+        const std::vector<uint32_t> numbers;
+        const std::shared_ptr<const std::string> names;
         row_reader rows;
         size_t next_slot = 0;  // of the replica, when what is gone is looked for
     };
@@ -170,6 +176,7 @@ class redis_line
     void ask_at_once(redis_operation &&operation, steady::time_point now);
     static bool is_refused_for_now(const call &made, const redisReply &reply);
     void answered(call &made, const redisReply &reply);
+    bool mark_goes_on(const call &made, const redis_outcome &outcome);
     void conclude(redis_operation &part, redis_outcome &&outcome);
 
     bool needs_log() const { return !followed_.empty() || !marks_.empty(); }
@@ -227,6 +234,7 @@ class redis_line
     std::deque<redis_operation> queue_;
     std::list<call> under_way_;
     uint64_t last_call_ = 0;
+    bool marking_ = false;  // a mark is being set, piece by piece: what comes behind it waits
 
     std::string epoch_;      // of the log
     std::string life_;       // of the log: while it is the same, a position means the same entry

@@ -31,6 +31,14 @@ class packed_texts
     void add(std::string_view text);
     void add_number(uint64_t number);
     void append(const packed_texts &others);
+    // The first text is this one; it has one letter. Else nothing is packed here, or it has more.
+    bool begins_with(char letter) const { return bytes_.starts_with('\xa1') && bytes_[1] == letter; }
+    void begin_with(char letter) { bytes_[1] = letter; }
+    // All texts behind the first letter stand in the same order behind that of `others`, too.
+    bool continues_in(const packed_texts &others) const
+    {
+        return std::string_view(others.bytes_).substr(2).starts_with(std::string_view(bytes_).substr(2));
+    }
     bool empty() const { return count_ == 0; }
     uint32_t count() const { return count_; }
     const std::string &bytes() const { return bytes_; }

@@ -75,6 +75,7 @@ redis_operation mark_of(const target &of, int64_t delay_usec)
     asked.what = redis_operation::kind::mark;
     asked.words = words_of(of);
     asked.words.add(std::to_string(delay_usec));
+    asked.in_pieces = !of.keys.exact();
     return asked;
 }
 

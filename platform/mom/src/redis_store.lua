@@ -19,7 +19,7 @@
 --   mom:marks      sorted set: key of a marked record, time at which its mark fires (microseconds)
 --   mom:calls      hash: key of a marked record -> number of the expiry call that marked it
 --   mom:lock:NAME  token of the holder of a lock; runs out when nobody renews it
---   mom:left       hash: number of an expiry call -> marks that are left of it
+--   mom:left       hash: number of an expiry call -> marks that are left of it; while they are still being set, many more
 --
 -- Each entry of the log is also pushed to the channel mom:log:DATABASE: its position, the first letter of its field, and
 -- the array.
@@ -27,8 +27,8 @@
 -- An entry of the log has one field. "rows": an array of rows of texts, a change each: command, key, numbers of the
 -- written fields, count, then `count` times field and bytes ("" for a whole record); the end of an expiry call is the
 -- command "end", its key the call. "sent": the array of writes that a client sent, as it came, which says the same
--- where every write was done, wrote all that the record holds now, and met no mark. That is nearly always so, and packing
--- rows costs more than writing the records.
+-- where every write was done, wrote all that the record holds now, and took off no last mark. That is nearly always so,
+-- and packing rows costs more than writing the records.
 --
 -- This is a library of one function, so that none of it is made anew at a call. Its arguments: what is to be done, the
 -- database, the client, the number of the call (0: reads, that may be made again), that of the oldest one that the client
@@ -40,6 +40,9 @@ local LOCK_MILLISECONDS = 1500
 local RECORD_BATCH = 500 -- as many fit a call of unpack
 local CLIENT_SECONDS = 600
 local CLIENTS_A_STEP = 200
+local SCAN_PAGE = 1000
+local PIECE_PAGES, PIECE_RECORDS = 10, 2000 -- at most, of what is walked over and of what is found; some ms
+local UNFINISHED = 2 ^ 40 -- marks that an expiry call seems to have beside its own until all of them are set
 
 local call, pcall, unpack, tonumber -- as elsewhere; they are not there yet while this is loaded
 
@@ -56,6 +59,7 @@ local sent -- a call with writes: the texts that the client sent
 local fence_name, fence_token, fence_holds -- the fence that was looked at last
 local as_sent -- the log can tell of it by what was sent
 local changed
+local clearing -- records whose marks are to be taken off: a list, and the same as a set
 
 local function tell(command, key, names, body)
     local at = #log
@@ -74,49 +78,16 @@ local function body_of(key)
     return kind == 'string' and {'', call('GET', key)} or nil
 end
 
-local function marks_gone(id, count)
-    if call('HINCRBY', 'mom:left', id, -count) <= 0 then
-        call('HDEL', 'mom:left', id)
-        tell('end', id, '', {})
-    end
-end
-
-local function unmark(key)
-    if any_marks and pcall('ZREM', 'mom:marks', key) == 1 then
-        local id = call('HGET', 'mom:calls', key)
-        call('HDEL', 'mom:calls', key)
-        return id
-    end
-end
-
-local function clear_mark(key)
-    local id = unmark(key)
-    if id then
-        marks_gone(id, 1)
-    end
-end
-
-local function remove(command, key)
-    local body = body_of(key)
-    if body then
-        call('DEL', key)
-        tell(command, key, '', body)
-    end
-    clear_mark(key)
-end
-
--- ---- writes --------------------------------------------------------------------------------------------------------
-
 -- The texts that the client sent: "h" or "u", key, numbers of the named fields, count, `count` times field and bytes;
--- "s", key, bytes; "d" or "c", key; "l" or "f", name of a lock, token. "f" is a fence: it stands before a write that is
--- to be done only by the holder of that lock.
+-- "s", key, bytes; "d" or "c", key; "l" or "f", name of a lock, token. "H" is "c" and "h" of the same record. "f" is a
+-- fence: it stands before a write that is to be done only by the holder of that lock.
 local words_of = {s = 3, d = 2, c = 2, l = 3, f = 3}
 
 local function tell_sent(at)
     local kind, key = sent[at], sent[at + 1]
     if kind == 's' then
         tell('1', key, '', {'', sent[at + 2]})
-    elseif kind == 'h' or kind == 'u' then
+    elseif kind == 'h' or kind == 'H' or kind == 'u' then
         local numbers = sent[at + 2]
         local body = {unpack(sent, at + 4, at + 3 + 2 * tonumber(sent[at + 3]))}
         tell(string.find(numbers, ',', 1, true) and '6' or '4', key, numbers, body)
@@ -135,6 +106,72 @@ local function tell_otherwise(at)
         each = each + (words_of[sent[each]] or 4 + 2 * tonumber(sent[each + 3]))
     end
 end
+
+local function marks_gone(id, count)
+    if call('HINCRBY', 'mom:left', id, -count) <= 0 then
+        call('HDEL', 'mom:left', id)
+        if sent then
+            tell_otherwise(#sent + 1)
+        end
+        tell('end', id, '', {})
+    end
+end
+
+-- Visits the keys in batches that fit a call of unpack.
+local function each_batch(keys, visit)
+    for first = 1, #keys, RECORD_BATCH do
+        visit({unpack(keys, first, math.min(first + RECORD_BATCH - 1, #keys))})
+    end
+end
+
+-- Counts the marks of these records, by the expiry call that set them.
+local function count_marks(keys, counts)
+    for _, id in ipairs(call('HMGET', 'mom:calls', unpack(keys))) do
+        if id then
+            counts[id] = (counts[id] or 0) + 1
+        end
+    end
+end
+
+local function tell_counts(counts)
+    for id, count in pairs(counts) do
+        marks_gone(id, count)
+    end
+end
+
+-- Whether the record has a mark is looked at by clear_marks(), for all of them together: commands for each would cost
+-- more than its write.
+local function clear_mark(key)
+    if any_marks and not clearing[key] then
+        clearing[key] = true
+        clearing[#clearing + 1] = key
+    end
+end
+
+-- Takes off the marks that clear_mark() was told of.
+local function clear_marks()
+    local counts = {}
+    each_batch(clearing, function(keys)
+        local cleared = pcall('ZREM', 'mom:marks', unpack(keys))
+        if type(cleared) == 'number' and cleared > 0 then
+            count_marks(keys, counts)
+            call('HDEL', 'mom:calls', unpack(keys))
+        end
+    end)
+    clearing = {}
+    tell_counts(counts)
+end
+
+local function remove(command, key)
+    local body = body_of(key)
+    if body then
+        call('DEL', key)
+        tell(command, key, '', body)
+    end
+    clear_mark(key)
+end
+
+-- ---- writes --------------------------------------------------------------------------------------------------------
 
 -- Each write gets where it begins and returns where the next one does, and a letter for the client when it was not done.
 local write = {}
@@ -173,7 +210,7 @@ local function write_fields(at, creates)
     elseif not as_sent then
         tell_sent(at)
     end
-    if creates and any_marks then
+    if creates then
         clear_mark(key)
     end
     return behind
@@ -181,15 +218,20 @@ end
 
 function write.h(at) return write_fields(at, true) end
 
+-- The mark goes also when the write cannot be done.
+function write.H(at)
+    clear_mark(sent[at + 1])
+    return write_fields(at, true)
+end
+
 function write.u(at) return write_fields(at, false) end
 
 function write.s(at)
     local key = sent[at + 1]
-    local kind = call('TYPE', key).ok
-    local letter = kind ~= 'string' and kind ~= 'none' and 'f' or pcall('SET', key, sent[at + 2]).err and 'm'
-    if letter then
+    local before = pcall('SET', key, sent[at + 2], 'GET') -- refuses what is no string
+    if type(before) == 'table' then
         tell_otherwise(at)
-        return at + 3, letter
+        return at + 3, string.find(before.err, 'WRONGTYPE', 1, true) and 'f' or 'm'
     end
     changed = true
     if not as_sent then
@@ -258,42 +300,40 @@ function verbs.write()
         end
         at, count = behind, count + 1
     end
+    clear_marks()
     return letters and letters .. string.rep('k', count) or ''
 end
 
--- ARGV 6: glob of the keys that can match. 7: "1" when that is one key exactly. 8...: the key's pieces, "" for any.
-local function matches(key)
-    local at = 8
-    local rest = string.find(key, ':', 1, true)
-    for piece in string.gmatch(rest and string.sub(key, rest) or '', ':([^:]*)') do
-        local wanted = ARGV[at]
-        if not wanted or (wanted ~= '' and wanted ~= piece) then
-            return false
-        end
-        at = at + 1
+-- ARGV 6: glob of the keys that can match. 7: "1" when that is one key exactly. 8...: the key's pieces, "" for any. As a
+-- Lua pattern of the whole key:
+local function pattern_of_pieces()
+    local pattern = '^[^:]*'
+    for at = 8, #ARGV do
+        pattern = pattern .. ':' .. (ARGV[at] == '' and '[^:]*' or string.gsub(ARGV[at], '%W', '%%%0'))
     end
-    return at == #ARGV + 1
+    return pattern .. '$'
 end
 
-local function each_match(visit)
+-- The matching keys of a piece of the database, from a cursor on, each once, and the cursor of the next piece. None takes
+-- so long that others have to wait for it.
+local function matches_from(cursor)
+    local found, seen = {}, {}
     if ARGV[7] == '1' then
-        if call('EXISTS', ARGV[6]) == 1 then
-            visit(ARGV[6])
-        end
-        return
+        return call('EXISTS', ARGV[6]) == 1 and {ARGV[6]} or found, '0'
     end
-    local seen = {}
-    local cursor = '0'
+    local pattern = pattern_of_pieces()
+    local pages = 0
     repeat
-        local page = call('SCAN', cursor, 'MATCH', ARGV[6], 'COUNT', 1000)
-        cursor = page[1]
+        local page = call('SCAN', cursor, 'MATCH', ARGV[6], 'COUNT', SCAN_PAGE)
+        cursor, pages = page[1], pages + 1
         for _, key in ipairs(page[2]) do
-            if not seen[key] and matches(key) then
+            if not seen[key] and string.find(key, pattern) then
                 seen[key] = true
-                visit(key)
+                found[#found + 1] = key
             end
         end
-    until cursor == '0'
+    until cursor == '0' or #found >= PIECE_RECORDS or pages == PIECE_PAGES
+    return found, cursor
 end
 
 local function now()
@@ -336,34 +376,50 @@ local function fire()
     for _, key in ipairs(due) do
         remove('27', key)
     end
+    clear_marks()
     return #due
 end
 
--- The last argument is the delay in microseconds.
-function verbs.mark()
-    local delay = tonumber(table.remove(ARGV))
-    local id = client .. ':' .. string.format('%.0f', number)
-    local deadline = string.format('%.0f', now() + delay)
-    local count = 0
+local function set_marks(keys, id, deadline)
     local earlier = {}
-    each_match(function(key)
-        local other = unmark(key)
-        if other then
-            earlier[#earlier + 1] = other
+    each_batch(keys, function(batch)
+        if any_marks then
+            count_marks(batch, earlier)
         end
-        call('ZADD', 'mom:marks', deadline, key)
-        call('HSET', 'mom:calls', key, id)
-        count = count + 1
+        local marks, calls = {}, {}
+        for i, key in ipairs(batch) do
+            marks[2 * i - 1], marks[2 * i] = deadline, key
+            calls[2 * i - 1], calls[2 * i] = key, id
+        end
+        call('ZADD', 'mom:marks', unpack(marks))
+        call('HSET', 'mom:calls', unpack(calls))
     end)
-    for _, other in ipairs(earlier) do
-        marks_gone(other, 1)
+    tell_counts(earlier)
+end
+
+-- Marks a piece of the database. The last arguments are the delay in microseconds, the number of the expiry call, the
+-- cursor where the piece begins, and the deadline, "" for the first one to make it. Answers "k" when that was the last
+-- piece, else "m", the next cursor and the deadline. Until the last one the call is counted as if it had many marks more:
+-- it must not end before. Who begins anew, because a cursor means nothing to another server, marks what is marked again.
+function verbs.mark()
+    local deadline = table.remove(ARGV)
+    local cursor = table.remove(ARGV)
+    local id = table.remove(ARGV)
+    local delay = tonumber(table.remove(ARGV))
+    if deadline == '' then
+        deadline = string.format('%.0f', now() + delay)
     end
-    if count == 0 then
-        tell('end', id, '', {})
-    else
-        call('HSET', 'mom:left', id, count)
+    call('HSETNX', 'mom:left', id, UNFINISHED)
+    local found, next_cursor = matches_from(cursor)
+    if #found > 0 then
+        set_marks(found, id, deadline)
+        call('HINCRBY', 'mom:left', id, #found)
         note_marks(true)
     end
+    if next_cursor ~= '0' then
+        return 'm' .. next_cursor .. ' ' .. deadline
+    end
+    marks_gone(id, UNFINISHED)
     if delay == 0 then
         while fire() == RECORD_BATCH do
         end
@@ -374,8 +430,9 @@ end
 function verbs.sweep()
     if any_marks then
         local marked = {}
+        local pattern = pattern_of_pieces()
         for _, key in ipairs(call('ZRANGE', 'mom:marks', 0, -1)) do
-            if ARGV[7] == '1' and key == ARGV[6] or ARGV[7] ~= '1' and matches(key) and
+            if ARGV[7] == '1' and key == ARGV[6] or ARGV[7] ~= '1' and string.find(key, pattern) and
                 string.sub(key, 1, #ARGV[6] - 1) == string.sub(ARGV[6], 1, -2) then
                 marked[#marked + 1] = key
             end
@@ -383,6 +440,7 @@ function verbs.sweep()
         for _, key in ipairs(marked) do
             remove('3', key)
         end
+        clear_marks()
     end
     return 'k'
 end
@@ -422,7 +480,7 @@ function verbs.left() return call('HEXISTS', 'mom:left', ARGV[6]) == 1 and 'k' o
 
 -- ARGV 6: cursor. 7: glob. Answers the next cursor and the records found: key, and an array of field and bytes in turns.
 function verbs.page()
-    local page = call('SCAN', ARGV[6], 'MATCH', ARGV[7], 'COUNT', 1000)
+    local page = call('SCAN', ARGV[6], 'MATCH', ARGV[7], 'COUNT', SCAN_PAGE)
     local keys, rows, at = page[2], {}, 0
     for i = 1, #keys do
         local key = keys[i]
@@ -574,7 +632,7 @@ redis.register_function('@REDIS_FUNCTION@', function(_, arguments)
     database, client, number, oldest = ARGV[2], ARGV[3], tonumber(ARGV[4]), tonumber(ARGV[5])
     read_state()
     log, sent, changed, fence_name = {}, nil, false, nil
-    as_sent = not any_marks
+    as_sent, clearing = true, {}
     local act = verbs[ARGV[1]]
     local answer, more
     if number == 0 then

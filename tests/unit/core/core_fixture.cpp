@@ -52,6 +52,8 @@ int32_t no_evlan_reply(UBridge__EvlanAppIndex *, UBridge__EvlanIndex *) { return
 
 int32_t no_eport_reply(UBridge__EportAppIndex *, UBridge__EportIndex *) { return 0; }
 
+int32_t no_eport_release_reply(UBridge__EportAppIndex *, UBridge__EportIndex *, int32_t) { return 0; }
+
 int32_t no_pvid_change(uint32_t, uint16_t, uint16_t, sw_vlan_pvid_entry *) { return 0; }
 
 bool linked_to_itself(const sw_list_head &link) { return link.next == &link && link.prev == &link; }

@@ -45,6 +45,7 @@ sw_ebridge_list_item record_of(const char *name, uint32_t mod_db = 0);
 int32_t no_vlan_reply(UBridge__VlanAppIndex *, int32_t);
 int32_t no_evlan_reply(UBridge__EvlanAppIndex *, UBridge__EvlanIndex *);
 int32_t no_eport_reply(UBridge__EportAppIndex *, UBridge__EportIndex *);
+int32_t no_eport_release_reply(UBridge__EportAppIndex *, UBridge__EportIndex *, int32_t);
 int32_t no_pvid_change(uint32_t, uint16_t, uint16_t, sw_vlan_pvid_entry *);
 
 bool linked_to_itself(const sw_list_head &link);

@@ -10,6 +10,7 @@ namespace
 
 constexpr uint32_t kApp = 0x1000000, kUdp = 0x2000000;
 constexpr char kPattern[] = "u_bridge.evlan_session{index{}}";
+constexpr char kEportPattern[] = "u_bridge.eport_session{index{}}";
 
 class Connections : public CoreTest
 {
@@ -43,6 +44,20 @@ ebridge_args evlan_user(const char *name)
 {
     auto args = args_of(name);
     args.evlan_reply = no_evlan_reply;
+    return args;
+}
+
+ebridge_args eport_user(const char *name)
+{
+    auto args = args_of(name);
+    args.eport_reply = no_eport_reply;
+    return args;
+}
+
+ebridge_args user_of_both_kinds(const char *name)
+{
+    auto args = evlan_user(name);
+    args.eport_reply = no_eport_reply;
     return args;
 }
 
@@ -200,6 +215,59 @@ TEST_F(Connections, VlanReplyAloneWantsEvlansToo)
     EXPECT_EQ(1u, recording::calls_of("qz_mom_subscribe_field").size());
 }
 
+TEST_F(Connections, EportReplyWantsEportsOfTheAppDatabase)
+{
+    const auto out = output_of([] { EXPECT_EQ(0, connected(connecting(eport_user("user"), 4))); });
+    EXPECT_EQ("subscribing_flags:bmp[2]:0x00100000(pos:95-64), \n", out);
+    ASSERT_EQ(1u, recording::calls().size());
+    const auto made = recording::calls()[0];
+    EXPECT_EQ("qz_mom_subscribe_field", made.function);
+    EXPECT_EQ(recording::handle(), made.handle);
+    EXPECT_EQ(4u, made.db);
+    EXPECT_EQ(kEportPattern, made.record);
+    EXPECT_EQ(0u, made.flags);
+    EXPECT_THAT(made.fields, ElementsAre(11u));
+    EXPECT_EQ(code(sw_vlan_mom_msg_eport_session_reply), made.callback);
+    ASSERT_NE(nullptr, pair_of(made));
+    EXPECT_EQ(sw_ebridge_mom_subscribed_callback, pair_of(made)->func);
+    const auto text = format("User 'user' subscribe EPORT, DB is 4, func is %p, args is %p.",
+                             code(sw_ebridge_mom_subscribed_callback), pair_of(made)->arg);
+    EXPECT_TRUE(recording::has_logged(text, kInfo)) << testing::PrintToString(recording::logged());
+}
+
+TEST_F(Connections, EportReplyWantsEportsOfTheUdpDatabase)
+{
+    const auto out = output_of([] { EXPECT_EQ(0, connected(connecting(eport_user("user"), 8))); });
+    EXPECT_EQ("subscribing_flags:bmp[2]:0x00200000(pos:95-64), \n", out);
+    ASSERT_EQ(1u, recording::calls().size());
+    EXPECT_EQ(8u, recording::calls()[0].db);
+    EXPECT_EQ(kEportPattern, recording::calls()[0].record);
+}
+
+TEST_F(Connections, EportReleaseReplyAloneWantsNothing)
+{
+    auto args = args_of("user");
+    args.eport_release_reply = no_eport_release_reply;
+    const auto out = output_of([&] { EXPECT_EQ(0, connected(connecting(args, 4))); });
+    EXPECT_EQ("subscribing_flags:\n", out);
+    EXPECT_THAT(recording::calls(), IsEmpty());
+}
+
+// Database by database, evlans first; the scans that follow go kind by kind.
+TEST_F(Connections, BothKindsOfBothDatabasesAreSubscribedDatabaseByDatabase)
+{
+    connecting(user_of_both_kinds("user"), 4);
+    connected(made_here("user", kUdp, kApp | kUdp));
+    recording::reset();
+    const auto out = output_of([] { EXPECT_EQ(0, connected(made_here("user", kApp, kApp | kUdp))); });
+    EXPECT_EQ("subscribing_flags:bmp[2]:0x00300000(pos:95-64), bmp[0]:0x00300000(pos:31-0), \n", out);
+    strings subscriptions;
+    for (const auto &made : recording::calls_of("qz_mom_subscribe_field"))
+        subscriptions.push_back(std::to_string(made.db) + " " + made.record);
+    EXPECT_THAT(subscriptions, ElementsAre(format("4 %s", kPattern), format("4 %s", kEportPattern),
+                                           format("8 %s", kPattern), format("8 %s", kEportPattern)));
+}
+
 TEST_F(Connections, UserWithoutReplyCallbacksSubscribesNothing)
 {
     auto args = args_of("user");
@@ -279,6 +347,50 @@ TEST_F(Connections, FailedUdpSubscriptionArgumentsNameTheirBit)
     EXPECT_TRUE(recording::has_logged("get_sw_ebridge_subscribing_args failed, the flag = 21.", kError));
 }
 
+TEST_F(Connections, FailedEportSubscriptionArgumentsNameTheirBit)
+{
+    auto *ca = connecting(user_of_both_kinds("user"), 4);
+    recording::fail_allocation(4);  // evlans take three
+    EXPECT_EQ(-4, connected(ca));
+    recording::fail_allocation(0);
+    EXPECT_TRUE(recording::has_logged("get_sw_ebridge_subscribing_args failed, the flag = 84.", kError));
+    EXPECT_EQ(1u, recording::calls_of("qz_mom_subscribe_field").size());
+}
+
+TEST_F(Connections, FailedEportSubscriptionArgumentsOfTheUdpDatabaseNameTheirBit)
+{
+    auto *ca = connecting(eport_user("user"), 8);
+    recording::fail_allocation(1);
+    EXPECT_EQ(-4, connected(ca));
+    recording::fail_allocation(0);
+    EXPECT_TRUE(recording::has_logged("get_sw_ebridge_subscribing_args failed, the flag = 85.", kError));
+}
+
+TEST_F(Connections, FailedEportSubscriptionFreesItsArgumentsAndTheOthersStay)
+{
+    auto *ca = connecting(user_of_both_kinds("user"), 4);
+    recording::set_result("qz_mom_subscribe_field", -31, 2);
+    const auto freed = freed_by([&] { EXPECT_EQ(0, sw_ebridge_mom_connected_callback(recording::handle(), ca)); });
+    const auto subscriptions = recording::calls_of("qz_mom_subscribe_field");
+    ASSERT_EQ(2u, subscriptions.size());
+    EXPECT_TRUE(recording::has_logged("qz_mom_subscribe_field failed, error is -31.", kError));
+    EXPECT_THAT(freed, Contains(static_cast<const void *>(pair_of(subscriptions[1])->arg)));
+    EXPECT_EQ(4u, freed.size()) << "the connection's two blocks and the refused subscription's two";
+    void *accepted = pair_of(subscriptions[0])->arg;
+    EXPECT_EQ(2u, freed_by([&] { EXPECT_EQ(0, subscribed(notification(), accepted)); }).size());
+}
+
+TEST_F(Connections, EportSubscriptionWithoutMemoryForItsPairFreesItsArguments)
+{
+    auto *ca = connecting(eport_user("user"), 4);
+    recording::fail_allocation(3);
+    const auto freed = freed_by([&] { EXPECT_EQ(0, sw_ebridge_mom_connected_callback(recording::handle(), ca)); });
+    recording::fail_allocation(0);
+    EXPECT_TRUE(recording::has_logged("Assert:Malloc failed.", kError));
+    EXPECT_EQ(4u, freed.size());
+    EXPECT_THAT(recording::calls(), IsEmpty());
+}
+
 TEST_F(Connections, FailedSubscriptionFreesItsArgumentsAndTheOthersGoOn)
 {
     connecting(evlan_user("user"), 4);
@@ -311,9 +423,9 @@ TEST_F(Connections, SubscriptionWithoutMemoryForItsPairFreesItsArguments)
 // ---- subscribed
 
 // A user whose cycle waits for its confirmations; gives the arguments of its subscriptions.
-std::vector<void *> subscribing(uint32_t all_flags)
+std::vector<void *> subscribing(uint32_t all_flags, const ebridge_args &user = evlan_user("user"))
 {
-    auto *first = connecting(evlan_user("user"), all_flags == kUdp ? 8 : 4);
+    auto *first = connecting(user, all_flags == kUdp ? 8 : 4);
     user_of(first)->db_flags = all_flags;
     output_of([&] {
         connected(first);
@@ -446,6 +558,98 @@ TEST_F(Connections, ScanWaitsForEveryConfirmationAndKeepsItsOrder)
                                    "log 40 begin to scan udp_db evlan_data, user: user.", "call qz_mom_scan"));
     EXPECT_EQ(4u, recording::calls()[0].db);
     EXPECT_EQ(8u, recording::calls()[1].db);
+}
+
+TEST_F(Connections, ConfirmationOfEportsStartsTheirScan)
+{
+    const auto sa = subscribing(kApp, eport_user("user"));
+    ASSERT_EQ(1u, sa.size());
+    std::vector<const void *> freed;
+    const auto out = output_of([&] { freed = freed_by([&] { EXPECT_EQ(0, subscribed(notification(), sa[0])); }); });
+    EXPECT_EQ("subscribing_flags_setted: bmp[2]:0x00100000(pos:95-64), \n", out);
+    expect_line("begin to scan app_db eport_data, user: user.", kInfo, kCoreFile, "sw_ebridge_mom_subscribed_callback");
+    ASSERT_EQ(1u, recording::calls().size());
+    const auto scan = recording::calls()[0];
+    EXPECT_EQ("qz_mom_scan", scan.function);
+    EXPECT_EQ(recording::handle(), scan.handle);
+    EXPECT_EQ(4u, scan.db);
+    EXPECT_EQ(kEportPattern, scan.record);
+    EXPECT_EQ(code(sw_vlan_mom_msg_eport_session_reply), scan.callback);
+    EXPECT_EQ(nullptr, pair_of(scan)->func);
+    EXPECT_EQ(nullptr, pair_of(scan)->arg);
+    EXPECT_EQ(2u, freed.size());
+}
+
+TEST_F(Connections, ConfirmationOfEportsOfTheUdpDatabaseScansIt)
+{
+    const auto sa = subscribing(kUdp, eport_user("user"));
+    ASSERT_EQ(1u, sa.size());
+    EXPECT_EQ(0, subscribed(notification(29, 8), sa[0]));
+    expect_line("begin to scan udp_db eport_data, user: user.", kInfo, kCoreFile, "sw_ebridge_mom_subscribed_callback");
+    ASSERT_EQ(1u, recording::calls().size());
+    EXPECT_EQ(8u, recording::calls()[0].db);
+    EXPECT_EQ(kEportPattern, recording::calls()[0].record);
+}
+
+// Which of the four subscriptions is confirmed last.
+class LastConfirmation : public CoreTest, public testing::WithParamInterface<size_t>
+{
+};
+
+TEST_P(LastConfirmation, OfFourStartsTheScansInTheirOrder)
+{
+    const auto sa = subscribing(kApp | kUdp, user_of_both_kinds("user"));
+    ASSERT_EQ(4u, sa.size());
+    const auto confirm = [&](size_t n) {
+        const auto freed = freed_by([&] { EXPECT_EQ(0, subscribed(notification(29, n < 2 ? 4 : 8), sa[n])); });
+        EXPECT_THAT(freed, Contains(static_cast<const void *>(sa[n])).Times(1));
+    };
+    for (size_t n = sa.size(); n-- > 0;)
+        if (n != GetParam())
+            confirm(n);
+    EXPECT_THAT(recording::calls(), IsEmpty());
+    recording::reset();
+    confirm(GetParam());
+    strings steps;
+    for (const auto &step : recording::sequence())
+        if (step.find("begin to scan") != std::string::npos || step == "call qz_mom_scan")
+            steps.push_back(step);
+    EXPECT_THAT(steps, ElementsAre("log 40 begin to scan app_db evlan_data, user: user.", "call qz_mom_scan",
+                                   "log 40 begin to scan udp_db evlan_data, user: user.", "call qz_mom_scan",
+                                   "log 40 begin to scan app_db eport_data, user: user.", "call qz_mom_scan",
+                                   "log 40 begin to scan udp_db eport_data, user: user.", "call qz_mom_scan"));
+    strings scans;
+    for (const auto &made : recording::calls())
+        scans.push_back(std::to_string(made.db) + " " + made.record);
+    EXPECT_THAT(scans, ElementsAre(format("4 %s", kPattern), format("8 %s", kPattern), format("4 %s", kEportPattern),
+                                   format("8 %s", kEportPattern)));
+}
+
+INSTANTIATE_TEST_SUITE_P(Connections, LastConfirmation, testing::Values(0, 1, 2, 3));
+
+// A confirmed table of one user makes the set of another, who does not want it, incomplete for ever.
+TEST_F(Connections, UsersWithDifferentCallbacksDoNotAllReachTheScan)
+{
+    const auto first = subscribing(kApp);
+    ASSERT_EQ(1u, first.size());
+    EXPECT_EQ(0, subscribed(notification(), first[0]));
+    EXPECT_EQ(1u, recording::calls_of("qz_mom_scan").size());
+    recording::reset();
+    const auto second = subscribing(kApp, eport_user("second"));
+    ASSERT_EQ(1u, second.size());
+    EXPECT_EQ(2u, freed_by([&] { EXPECT_EQ(0, subscribed(notification(), second[0])); }).size());
+    EXPECT_THAT(recording::calls(), IsEmpty());
+}
+
+// A failed scan keeps nothing of those after it back.
+TEST_F(Connections, ScansGoOnAfterOneThatFails)
+{
+    const auto sa = subscribing(kApp, user_of_both_kinds("user"));
+    ASSERT_EQ(2u, sa.size());
+    recording::set_result("qz_mom_scan", -105, 1);
+    EXPECT_EQ(0, subscribed(notification(), sa[0]));
+    EXPECT_EQ(0, subscribed(notification(), sa[1]));
+    EXPECT_EQ(2u, recording::calls_of("qz_mom_scan").size());
 }
 
 TEST_F(Connections, SameConfirmationTwiceDoesNotReplaceTheOther)
@@ -665,6 +869,29 @@ TEST_F(Connections, SubscribingByHandFollowsEvlansOfTheOwnDatabase)
         EXPECT_EQ(nullptr, pair_of(recording::calls()[0])->func);
         EXPECT_EQ(nullptr, pair_of(recording::calls()[0])->arg);
     }
+}
+
+TEST_F(Connections, SubscribingByHandFollowsEportsOfTheOwnDatabase)
+{
+    initialise_by_hand(eport_user("user"), SW_EBRIDGE_UDP_DB);
+    EXPECT_EQ(0, sw_ebridge_data_subscribe("user"));
+    ASSERT_EQ(1u, recording::calls().size());
+    EXPECT_EQ("qz_mom_subscribe_field", recording::calls()[0].function);
+    EXPECT_EQ(8u, recording::calls()[0].db);
+    EXPECT_EQ(kEportPattern, recording::calls()[0].record);
+    EXPECT_EQ(nullptr, pair_of(recording::calls()[0])->func);
+    EXPECT_EQ(nullptr, pair_of(recording::calls()[0])->arg);
+}
+
+TEST_F(Connections, SubscribingByHandFollowsEvlansThenEports)
+{
+    initialise_by_hand(user_of_both_kinds("user"), 4);
+    recording::set_result("qz_mom_subscribe_field", -31, 1);
+    EXPECT_EQ(0, sw_ebridge_data_subscribe("user"));
+    const auto subscriptions = recording::calls_of("qz_mom_subscribe_field");
+    ASSERT_EQ(2u, subscriptions.size());
+    EXPECT_EQ(kPattern, subscriptions[0].record);
+    EXPECT_EQ(kEportPattern, subscriptions[1].record);
 }
 
 TEST_F(Connections, SubscribingByHandSaysWhatItFollows)

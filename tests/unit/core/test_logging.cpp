@@ -1,5 +1,9 @@
 // Logging: which class is written at which level to which category, the set-up from a debug file, the set-up of a user.
+#include <unistd.h>
+
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
 
 #include "core_fixture.hpp"
 #include "logging.hpp"
@@ -302,6 +306,27 @@ TEST(UserSetUp, WithoutADebugFileOnlyErrorsAreWritten)
     output_of([&] { EXPECT_EQ(0, lib_vlan_debug_init(&args)); });
     EXPECT_EQ(1u, g_sw_vlan_file_zlog_level);
     EXPECT_EQ(0u, g_sw_vlan_std_zlog_level);
+}
+
+TEST(UserSetUp, ProgramNameIsCutAt64Bytes)
+{
+    const own_root root;
+    if (!root.entered())
+        GTEST_SKIP() << kNoOwnRoot << root.reason();
+    const std::string name = std::string(60, 'n') + "12345678";
+    const std::string link = "/proc/" + std::to_string(getpid()) + "/exe";
+    std::filesystem::create_directories(std::filesystem::path(link).parent_path());
+    std::filesystem::create_symlink("/opt/" + name, link);
+    std::error_code failure;
+    if (std::filesystem::read_symlink(link, failure) != "/opt/" + name)
+        GTEST_SKIP() << "an emulator answers for the link to the program: " << failure.message();
+    std::ofstream("/etc/libvlan_user_dbg") << "0x40";
+    const auto args = args_of("user");
+    EXPECT_EQ(0, lib_vlan_debug_init(&args));
+    ASSERT_EQ(1u, recording::calls_of("ssat_lib_init").size());
+    EXPECT_EQ("libvlan_" + name.substr(0, 64), recording::calls_of("ssat_lib_init")[0].name);
+    ASSERT_FALSE(recording::logged().empty());
+    EXPECT_THAT(recording::logged()[0], HasSubstr("app: " + name.substr(0, 64) + ", dbg_file:"));
 }
 
 // In a root folder without /proc the link to the program cannot be read.

@@ -8,10 +8,6 @@ using namespace evlan_test;
 using EvlanId = EvlanTest;
 using EvlanDb = EvlanTest;
 
-constexpr char name_of_40[] = "a-name-of-forty-characters-goes-on-and-on";
-constexpr char name_of_31[] = "a-name-of-forty-characters-goes";
-static_assert(sizeof name_of_31 == 32);
-
 sw_evlan_attr *insert_new(const char *name, uint32_t id, uint8_t *created, uint32_t slot = 0)
 {
     sw_evlan_attr record{};

@@ -9,21 +9,6 @@ using EvlanAttrDump = EvlanTest;
 using EvlanMapDump = EvlanTest;
 using EvlanDbDump = EvlanTest;
 
-std::string take_printed()
-{
-    std::string out;
-    out.swap(recording::printed());
-    return out;
-}
-
-template <typename Dump>
-std::string printed_by(Dump dump)
-{
-    take_printed();
-    EXPECT_EQ(dump(), 0);
-    return take_printed();
-}
-
 const std::string attr_line = dashes(81);
 const std::string map_line = dashes(100);
 

@@ -37,16 +37,6 @@ std::string attribute_key(const char *name, uint32_t id)
     return recording::render(&evlan.base);
 }
 
-// Ends the delay of each release that the store was asked for, so that their arguments are freed.
-void end_delays()
-{
-    for (const auto &pending : recording::calls_of("qz_mom_pexpire")) {
-        notice over(QZ_MOM_CMD_NONE);
-        over.end = QZ_MOM_END_EXPIRY;
-        EXPECT_EQ(sw_evlan_release_callback(recording::handle(), &over, pending.args), 0);
-    }
-}
-
 TEST_F(EvlanRelease, RefusesANullIndex)
 {
     add_user({.name = "app"});
@@ -344,6 +334,18 @@ TEST_F(EvlanRelease, ExecTakesTheDelayAsAnArgument)
     end_delays();
     EXPECT_EQ(sw_evlan_release_exec(&key, 0), 0);
     EXPECT_EQ(recording::calls().back().function, "qz_mom_del");
+}
+
+TEST_F(EvlanRelease, ExecReleasesAtOnceUnlessTheArgumentIsOne)
+{
+    add_user({.name = "app"});
+    app_key key("app", vxlan, 7);
+    for (const uint32_t delayed : {2u, 3u, 0x100u, 0x101u, UINT32_MAX}) {
+        recording::reset();
+        EXPECT_EQ(sw_evlan_release_exec(&key, delayed), 0);
+        ASSERT_EQ(recording::calls().size(), 1u) << delayed;
+        EXPECT_EQ(recording::calls()[0].function, "qz_mom_del") << delayed;
+    }
 }
 
 // ---- the delay

@@ -1,6 +1,4 @@
 // What a session change does: the subscription callback, grants, refusals and removals, and who hears of them.
-#include <array>
-
 #include "evlan_fixture.hpp"
 
 namespace
@@ -12,48 +10,11 @@ using EvlanGrant = EvlanTest;
 using EvlanRefusal = EvlanTest;
 using EvlanRemoval = EvlanTest;
 using EvlanReentry = EvlanTest;
-using EvlanErrorRing = EvlanTest;
+using EvlanCounters = EvlanTest;
 
 // ---- the subscription callback
 
-struct func_call {
-    qz_mom_handle *ctx;
-    const qz_mom_notification *msg;
-    void *arg;
-};
-std::vector<func_call> func_calls;
-
-int32_t user_func(qz_mom_handle *ctx, const qz_mom_notification *msg, void *arg)
-{
-    func_calls.push_back({ctx, msg, arg});
-    recording::sequence().push_back("user function");
-    return -9;
-}
-
-int user_argument;
-sw_ebridge_callback_args with_func{&user_argument, user_func};
-sw_ebridge_callback_args without_func{&user_argument, nullptr};
-
-int32_t deliver(const qz_mom_notification &msg, sw_ebridge_callback_args *args)
-{
-    return sw_vlan_mom_msg_evlan_session_reply(recording::other_handle(), &msg, args);
-}
-
-constexpr char callback_site[] = "sw_vlan_mom_msg_evlan_session_reply: ";
-
-std::string arrival(const qz_mom_notification &msg, const void *args)
-{
-    return std::string("info ") + callback_site +
-           format("db: 0x%x, key: the key, field: the field, cmd: %d, args: %p.", msg.db, msg.cmd, args);
-}
-
-std::string func_line(sw_ebridge_mom_func func)
-{
-    return std::string("info ") + callback_site +
-           format("EVLAN session callback, func is %p, args is ", reinterpret_cast<void *>(func));
-}
-
-std::string refusal(const char *what) { return std::string("error ") + callback_site + what; }
+std::string func_line(sw_ebridge_mom_func func) { return bridge_test::func_line("EVLAN session", func); }
 
 TEST_F(EvlanSubscription, RefusesANullMessage)
 {
@@ -88,8 +49,8 @@ TEST_F(EvlanSubscription, EndsWithoutAWordToTheUserFunction)
     msg.db = 12;
     msg.end = QZ_MOM_END_SCAN;
     EXPECT_EQ(deliver(msg, &with_func), 0);
-    EXPECT_THAT(trace(), ElementsAre(std::string("warning ") + callback_site +
-                                     format("unsubscribe from DB[12], args is %p.", static_cast<void *>(&with_func))));
+    EXPECT_THAT(trace(), ElementsAre(callback_line("warning", format("unsubscribe from DB[12], args is %p.",
+                                                                     static_cast<void *>(&with_func)))));
     EXPECT_THAT(func_calls, IsEmpty());
 }
 
@@ -138,7 +99,7 @@ TEST_F(EvlanSubscription, EndOfAScanReachesTheUserFunctionWithWhateverCommand)
         msg.end = QZ_MOM_END_SCAN;
         EXPECT_EQ(deliver(msg, &with_func), 0);
         EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), StartsWith(func_line(user_func)), "user function",
-                                         StartsWith(std::string("info ") + callback_site + "scan end callback 0x")));
+                                         StartsWith(callback_line("info", "scan end callback 0x"))));
     }
     EXPECT_EQ(func_calls.size(), 3u);
 }
@@ -249,7 +210,7 @@ TEST_P(EvlanSubscriptionOfWrites, MayCarryTheEndOfAScanToo)
     session_notice msg(GetParam(), of.answered(0x20000005));
     msg.end = QZ_MOM_END_SCAN;
     EXPECT_EQ(deliver(msg, &with_func), 0);
-    EXPECT_THAT(trace(), Contains(StartsWith(std::string("info ") + callback_site + "scan end callback ")));
+    EXPECT_THAT(trace(), Contains(StartsWith(callback_line("info", "scan end callback "))));
     EXPECT_EQ(heard().size(), 1u);
 }
 
@@ -680,8 +641,6 @@ INSTANTIATE_TEST_SUITE_P(All, EvlanScope, testing::ValuesIn(scope_cases()));
 
 TEST_F(EvlanGrant, ComparesNamesWhole)
 {
-    constexpr char name_of_31[] = "a-name-of-forty-characters-goes";
-    constexpr char name_of_40[] = "a-name-of-forty-characters-goes-on-and-on";
     add_user({.name = name_of_31, .scope = 0});
     grant(name_of_40, vxlan, 7, 0x20000005);
     EXPECT_THAT(heard(), IsEmpty());
@@ -832,49 +791,6 @@ TEST_F(EvlanRefusal, RecordsTheRequest)
     EXPECT_EQ(g_diagnosis_stat.evlan_err_msg, 1u);
 }
 
-TEST_F(EvlanErrorRing, IsCountedNinthOfSeventeen)
-{
-    std::array<uint32_t, 17> counters;
-    static_assert(sizeof counters == sizeof g_diagnosis_stat);
-    g_diagnosis_stat = {1, 2, 3, 4, 5, 6, 7, 8, 0, 10, 11, 12, 13, 14, 15, 16, 17};
-    const sw_evlan_index_map record{};
-    for (uint32_t n = 0; n < 9; ++n)
-        sw_evlan_record_err_msg(&record);
-    std::memcpy(counters.data(), &g_diagnosis_stat, sizeof counters);
-    for (uint32_t n = 0; n < counters.size(); ++n)
-        EXPECT_EQ(counters[n], n + 1);
-}
-
-TEST_F(EvlanErrorRing, HoldsTheLastFive)
-{
-    for (uint32_t n = 1; n <= 7; ++n) {
-        const sw_evlan_index_map record = map_key(SW_INDEX_MAP_UDP2APP, n);
-        sw_evlan_record_err_msg(&record);
-        EXPECT_EQ(g_diagnosis_stat.evlan_err_msg, n);
-    }
-    const sw_evlan_index_map *ring = sw_evlan_get_err_msg_array();
-    const std::array<uint32_t, 5> expected = {6, 7, 3, 4, 5};
-    for (size_t position = 0; position < expected.size(); ++position)
-        EXPECT_EQ(ring[position].key[0], expected[position]) << position;
-}
-
-TEST_F(EvlanErrorRing, CopiesTheWholeRecord)
-{
-    sw_evlan_index_map record;
-    std::memset(&record, 0x5a, sizeof record);
-    sw_evlan_record_err_msg(&record);
-    sw_evlan_index_map copy = sw_evlan_get_err_msg_array()[0];
-    copy.link = record.link;
-    EXPECT_EQ(std::memcmp(&copy, &record, sizeof record), 0);
-    EXPECT_EQ(g_diagnosis_stat.eport_err_msg, 0u);
-}
-
-TEST_F(EvlanErrorRing, IgnoresNull)
-{
-    sw_evlan_record_err_msg(nullptr);
-    EXPECT_EQ(g_diagnosis_stat.evlan_err_msg, 0u);
-}
-
 // ---- removals
 
 TEST_F(EvlanRemoval, TellsTheUsersThenEmptiesTheMap)
@@ -1016,6 +932,64 @@ TEST_F(EvlanRemoval, BeforeAnyUserIsCounted)
     session of("app", vxlan, 7);
     EXPECT_EQ(apply(of, 0), 0);
     EXPECT_EQ(g_diagnosis_stat.evlan_del_reply, 1u);
+}
+
+// ---- callbacks that read the counters: each counts once it has returned, a reply when all that it led to is done
+
+using counts = std::vector<uint32_t>;
+
+// What `read` gives within each callback that `work` leads to.
+std::vector<counts> seen_within_callbacks(const std::function<counts()> &read, const std::function<void()> &work)
+{
+    std::vector<counts> seen;
+    inside_callback = [&] { seen.push_back(read()); };
+    work();
+    inside_callback = nullptr;
+    return seen;
+}
+
+// Two users hear of `work`: what each of them reads of the counter of their callbacks and of that of the replies.
+void expect_omitted_by_their_readers(uint32_t sw_diagnosis_stat::*callbacks, uint32_t sw_diagnosis_stat::*replies,
+                                     const std::function<void()> &work)
+{
+    add_user({.name = "a"});
+    add_user({.name = "b"});
+    const auto read = [=] { return counts{g_diagnosis_stat.*callbacks, g_diagnosis_stat.*replies}; };
+    EXPECT_THAT(seen_within_callbacks(read, work), ElementsAre(counts{0, 0}, counts{1, 0}));
+    EXPECT_EQ(read(), (counts{2, 1}));
+}
+
+TEST_F(EvlanCounters, WithinAGrantOmitTheCallbackThatReadsThem)
+{
+    expect_omitted_by_their_readers(&sw_diagnosis_stat::evlan_reply_evlancb, &sw_diagnosis_stat::evlan_add_reply,
+                                    [] { grant("a", vxlan, 7, 0x20000005); });
+}
+
+TEST_F(EvlanCounters, WithinAGrantOfAVlanOmitTheCallbackThatReadsThem)
+{
+    expect_omitted_by_their_readers(&sw_diagnosis_stat::evlan_reply_vlancb, &sw_diagnosis_stat::evlan_add_reply,
+                                    [] { grant("a", vlan, 7, 0x10000005); });
+}
+
+TEST_F(EvlanCounters, WithinARemovalOmitTheCallbackThatReadsThem)
+{
+    session of("a", vxlan, 7);
+    expect_omitted_by_their_readers(&sw_diagnosis_stat::evlan_release_cb, &sw_diagnosis_stat::evlan_del_reply,
+                                    [&] { apply(of.answered(0x20000005), 0); });
+}
+
+TEST_F(EvlanCounters, WithinARefusalHoldTheReleaseAlready)
+{
+    add_user({.name = "app"});
+    const auto read = [] {
+        return counts{g_diagnosis_stat.evlan_err_msg,       g_diagnosis_stat.evlan_total_release,
+                      g_diagnosis_stat.evlan_auto_release,  g_diagnosis_stat.evlan_reply_vlancb,
+                      g_diagnosis_stat.evlan_reply_evlancb, g_diagnosis_stat.evlan_add_reply};
+    };
+    session of("app", vxlan, 7);
+    EXPECT_THAT(seen_within_callbacks(read, [&] { apply(of.refused(), 1); }),
+                ElementsAre(counts{1, 1, 1, 0, 0, 0}, counts{1, 1, 1, 1, 0, 0}));
+    EXPECT_EQ(read(), (counts{1, 1, 1, 1, 1, 1}));
 }
 
 // ---- callbacks that call the library again

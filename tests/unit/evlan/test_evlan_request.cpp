@@ -278,11 +278,10 @@ TEST_F(EvlanRequest, WithoutMemoryForTheItemWritesNothing)
 
 TEST_F(EvlanRequest, KeepsAtMost31CharactersOfTheName)
 {
-    constexpr char name[] = "a-name-of-forty-characters-goes-on-and-on";
-    add_user({.name = "a-name-of-forty-characters-goes"});
-    EXPECT_EQ(request(name, vxlan, 7), 0);
-    EXPECT_STREQ(app_item(vxlan, 7)->user_name, "a-name-of-forty-characters-goes");
-    session written(name, vxlan, 7);
+    add_user({.name = name_of_31});
+    EXPECT_EQ(request(name_of_40, vxlan, 7), 0);
+    EXPECT_STREQ(app_item(vxlan, 7)->user_name, name_of_31);
+    session written(name_of_40, vxlan, 7);
     written.request_value = 0x20000000;
     written.request = 1;
     EXPECT_EQ(recording::calls().at(0).record, recording::render(&written.base));

@@ -17,19 +17,4 @@
 #define LAYOUT(type, field, at32, at64) \
     static_assert(offsetof(type, field) == ON_TARGET(at32, at64), "offset of " #field " in " #type);
 
-/* A size or an offset as the compiler of one language sees it. */
-struct layout_row {
-    const char *what;
-    size_t bytes;
-};
-
-#ifdef __cplusplus
-extern "C" {
-#endif
-/* The rows of layouts.inc as C has them, the last one without a name. */
-extern const struct layout_row layout_rows_of_c[];
-#ifdef __cplusplus
-}
-#endif
-
 #endif

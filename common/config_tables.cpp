@@ -1,11 +1,13 @@
 // The tables of a configuration text, read event by event: the text's nesting never becomes recursion or memory.
-#include "tables.hpp"
+#include "config_tables.hpp"
 
+#include <algorithm>
+#include <charconv>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <set>
 
-namespace ebridge_tool
+namespace config_text
 {
 
 namespace
@@ -14,6 +16,9 @@ namespace
 using json = nlohmann::json;
 
 constexpr size_t MAX_DEPTH = 64;
+
+// A name in a message: long ones are cut, so that what is wrong still fits the line.
+std::string cut(const std::string &name) { return name.size() <= 64 ? name : name.substr(0, 64) + "..."; }
 
 // Reads characters and counts lines, because the parser tells its events no place.
 struct counting_iterator {
@@ -80,6 +85,8 @@ class table_reader : public nlohmann::json_sax<json>
     bool open(bool object);
     bool close();
     bool begin_value(bool object);
+    // The field of whose array this is an item; null elsewhere.
+    config_field *array_around();
     bool fail(const std::string &what);
     std::string place() const;
 
@@ -96,18 +103,14 @@ bool table_reader::fail(const std::string &what)
     return false;
 }
 
-// A name in a message: long ones are cut, so that what is wrong still fits the line.
-std::string cut(const std::string &name) { return name.size() <= 64 ? name : name.substr(0, 64) + "..."; }
-
 // "TABLE|ENTRY: " as far as the reader is inside one.
 std::string table_reader::place() const
 {
     if (tables_->empty() || open_.empty())
         return {};
-    std::string text = cut(tables_->back().name);
-    if (open_.size() >= 2 && tables_->back().meant && !tables_->back().entries.empty())
-        text += '|' + cut(tables_->back().entries.back().key);
-    return text + ": ";
+    const config_table &last = tables_->back();
+    return open_.size() >= 2 && last.meant && !last.entries.empty() ? last.place(last.entries.back())
+                                                                    : cut(last.name) + ": ";
 }
 
 bool table_reader::key(std::string &name)
@@ -120,7 +123,8 @@ bool table_reader::key(std::string &name)
     if (!fresh)
         return fail(open_.size() <= 2 && table().meant ? "stands there twice" : '"' + name + "\" stands there twice");
     if (open_.size() == 3 && table().meant)
-        table().entries.back().fields.push_back({name, {}, false, *line_});
+        table().entries.back().fields.push_back(
+            {.name = name, .text = {}, .scalar = false, .line = *line_, .items = {}});
     return true;
 }
 
@@ -140,10 +144,20 @@ bool table_reader::begin_value(bool object)
     return true;
 }
 
+config_field *table_reader::array_around()
+{
+    return open_.size() == 4 && !open_.back().object && in_meant_table() ? &table().entries.back().fields.back()
+                                                                         : nullptr;
+}
+
 bool table_reader::scalar(const std::string &text, bool usable)
 {
     if (!begin_value(false))
         return false;
+    if (config_field *field = array_around()) {
+        field->list = field->list && usable;
+        field->items.push_back(text);
+    }
     if (open_.size() == 1)
         table().count = 1;
     if (open_.size() == 3 && in_meant_table()) {
@@ -160,6 +174,10 @@ bool table_reader::open(bool object)
         return false;
     if (open_.size() == MAX_DEPTH)
         return fail("nested more than " + std::to_string(MAX_DEPTH) + " levels deep");
+    if (config_field *field = array_around())
+        field->list = false;
+    if (open_.size() == 3 && in_meant_table())
+        table().entries.back().fields.back().list = !object;
     open_.push_back({object, {}});
     return true;
 }
@@ -182,7 +200,37 @@ bool table_reader::parse_error(size_t, const std::string &, const json::exceptio
     return fail(overflow ? what : "not JSON: " + what);
 }
 
+// What the parser would overlook: it takes a NUL byte for the end.
+bool check_bytes(std::string_view text, config_fault *fault)
+{
+    if (text.find_first_not_of(" \t\r\n") == std::string_view::npos) {
+        *fault = {0, "the file is empty"};
+        return false;
+    }
+    const size_t nul = text.find('\0');
+    if (nul == std::string_view::npos)
+        return true;
+    const auto lines = std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(nul), '\n');
+    *fault = {static_cast<size_t>(lines) + 1, "not JSON: a NUL byte"};
+    return false;
+}
+
 }  // namespace
+
+std::string config_field::quoted() const { return scalar ? name + " \"" + cut(text) + '"' : name; }
+
+std::string config_table::place(const config_entry &entry) const
+{
+    return (name.empty() ? "" : cut(name) + '|') + cut(entry.key) + ": ";
+}
+
+std::optional<uint32_t> whole_number(std::string_view digits)
+{
+    uint32_t number = 0;
+    const char *end = digits.data() + digits.size();
+    const auto [stopped, error] = std::from_chars(digits.data(), end, number);
+    return error == std::errc() && stopped == end ? std::optional(number) : std::nullopt;
+}
 
 const config_field *config_entry::find(std::string_view name) const
 {
@@ -195,6 +243,8 @@ const config_field *config_entry::find(std::string_view name) const
 bool read_tables(std::string_view text, bool (*meant)(std::string_view table), std::vector<config_table> *out,
                  config_fault *fault)
 {
+    if (!check_bytes(text, fault))
+        return false;
     size_t line = 1;
     table_reader reader(meant, out, fault, &line);
     const counting_iterator begin{text.data(), &line};
@@ -202,4 +252,4 @@ bool read_tables(std::string_view text, bool (*meant)(std::string_view table), s
     return json::sax_parse(begin, end, &reader);
 }
 
-}  // namespace ebridge_tool
+}  // namespace config_text

@@ -2,8 +2,6 @@
 // the numbers of the other target are checked by the build for it.
 #include "layout.h"
 
-#include <gtest/gtest.h>
-
 #include "connecting.hpp"
 #include "keyed_cache.hpp"
 #include "libcgstctrl.h"
@@ -45,30 +43,3 @@ KEY(sw_ematch_item, 92, 96)
 KEY(sw_evlan_index_map, 16, 16)
 KEY(sw_eport_index_map, 20, 20)
 KEY(sw_vlan_pvid_entry, 4, 4)
-
-#undef RECORD
-#undef LAYOUT
-#define RECORD(type, bytes32, bytes64) {#type, sizeof(type)},
-#define LAYOUT(type, field, at32, at64) {#type "." #field, offsetof(type, field)},
-
-namespace
-{
-
-constexpr layout_row rows_of_cpp[] = {
-#include "layouts.inc"
-};
-
-TEST(RecordLayout, IsOneInCAndCpp)
-{
-    const layout_row *c = layout_rows_of_c;
-    for (const layout_row &cpp : rows_of_cpp) {
-        ASSERT_STREQ(c->what, cpp.what);
-        EXPECT_EQ(c->bytes, cpp.bytes) << cpp.what;
-        ++c;
-    }
-    EXPECT_EQ(c->what, nullptr);
-}
-
-TEST(RecordLayout, DiagnosisCountersAreOneBlock) { EXPECT_EQ(sizeof g_diagnosis_stat, 17 * sizeof(uint32_t)); }
-
-}  // namespace

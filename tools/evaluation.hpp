@@ -1,0 +1,21 @@
+// What a comparison of all that requesters and observer learned says.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "requests.hpp"
+
+namespace ebridge_tool
+{
+
+// What reads differently from what was asked and granted; empty when all is equal. For granted requests.
+std::string difference(const request_book &requests, const request &of);
+// Counts each entry into its table and each request into its kind, and names what was refused or differs.
+void evaluate(const request_book &requests, run_result *result);
+// After a restart: whether exactly what was dropped has gone, and what is kept is as it was.
+void evaluate_restart(const request_book &requests, run_result *result);
+// A line for each id of which the observer reads attributes and that belongs to no request.
+std::vector<std::string> left_attributes(const request_book &requests);
+
+}  // namespace ebridge_tool

@@ -1,0 +1,144 @@
+// The port table that a configuration is brought up on. See ports.hpp.
+#include "ports.hpp"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "config_file.hpp"
+#include "libddm.h"
+
+namespace ebridge_tool
+{
+
+using config_text::fault_line;
+using config_text::printable;
+
+namespace
+{
+
+bool load_file(const std::string &path, std::string *error)
+{
+    char line[LIBDDM_ERROR_SIZE];
+    if (libddm_table_load(path.c_str(), line, sizeof line) == 0)
+        return true;
+    *error = line;
+    return false;
+}
+
+// A file in memory, so that CONFIG is read once and may be a pipe.
+class memory_file
+{
+  public:
+    explicit memory_file(std::string_view text) : fd_(memfd_create("config", MFD_CLOEXEC))
+    {
+        for (size_t done = 0; usable() && done < text.size();) {
+            const ssize_t wrote = write(fd_, text.data() + done, text.size() - done);
+            if (wrote < 0)
+                close_it();
+            else
+                done += static_cast<size_t>(wrote);
+        }
+    }
+    ~memory_file() { close_it(); }
+    memory_file(const memory_file &) = delete;
+    memory_file &operator=(const memory_file &) = delete;
+
+    bool usable() const { return fd_ >= 0; }
+    std::string path() const { return "/proc/self/fd/" + std::to_string(fd_); }
+
+  private:
+    void close_it()
+    {
+        if (usable())
+            close(fd_);
+        fd_ = -1;
+    }
+
+    int fd_;
+};
+
+bool load_text(const std::string &name, std::string_view text, std::string *error)
+{
+    const memory_file copy(text);
+    if (!copy.usable()) {
+        *error = printable(name) + ": " + std::strerror(errno);
+        return false;
+    }
+    if (load_file(copy.path(), error))
+        return true;
+    if (error->starts_with(copy.path()))
+        error->replace(0, copy.path().size(), printable(name));
+    return false;
+}
+
+bool is_listed_port(const std::string &name)
+{
+    uint32_t ifx = 0;
+    return libddm_get_ifx_by_name(name.c_str(), &ifx) == 0;
+}
+
+// A list of ports has no LAGs: those of CONFIG get the numbers that they would have by CONFIG's own tables (libddm.h).
+bool add_lags(switch_config *config)
+{
+    for (lag_entry &lag : *config->lags) {
+        lag.ifx = 2'000'000 + lag.number;
+        lag.phyid = static_cast<uint32_t>(LIBDDM_KIND_AGGREGATE) << 24 | (lag.number + 1);
+        const libddm_port row{.ifx = lag.ifx, .gphyid = lag.phyid, .lphyid = lag.phyid, .unit = -1, .port = -1};
+        if (libddm_table_add(&row) != 0)
+            return false;
+    }
+    return true;
+}
+
+// The numbers of the port table; the first entry that it does not have, or null.
+template <typename Entry>
+const Entry *find_numbers(std::vector<Entry> *entries)
+{
+    for (Entry &entry : *entries)
+        if (libddm_get_ifx_by_name(entry.key.c_str(), &entry.ifx) != 0 ||
+            libddm_get_phyid_by_ifx(entry.ifx, &entry.phyid) != 0)
+            return &entry;
+    return nullptr;
+}
+
+bool number_ports(const std::string &name, bool listed, switch_config *config, std::string *error)
+{
+    const port_entry *port = config->ports ? find_numbers(&*config->ports) : nullptr;
+    if (port) {
+        *error = fault_line(name, {port->line, "PORT|" + port->key + ": is not in the list of ports"});
+        return false;
+    }
+    if (!config->lags || (listed ? add_lags(config) : find_numbers(&*config->lags) == nullptr))
+        return true;
+    *error = printable(name) + ": the LAGs cannot be added to the port table";
+    return false;
+}
+
+bool has_ports(const switch_config &config)
+{
+    return (config.ports && !config.ports->empty()) || (config.lags && !config.lags->empty());
+}
+
+}  // namespace
+
+bool read_config(const std::string &path, const std::string &ports_path, switch_config *out, std::string *error)
+{
+    const bool listed = !ports_path.empty();
+    std::string text;
+    if (const int code = config_text::read_file(path, &text); code != 0) {
+        *error = printable(path) + ": " + std::strerror(code);
+        return false;
+    }
+    libddm_table_clear();
+    if (listed && !load_file(ports_path, error))
+        return false;
+    if (!parse_config(path, text, out, error, listed ? is_listed_port : nullptr))
+        return false;
+    if (!listed && has_ports(*out) && !load_text(path, text, error))
+        return false;
+    return number_ports(path, listed, out, error);
+}
+
+}  // namespace ebridge_tool
