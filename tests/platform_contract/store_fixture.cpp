@@ -163,10 +163,12 @@ evlan_record::evlan_record(const std::string &user, int32_t evlan_id, int32_t cl
     record_.class_id = class_id;
 }
 
-// Each handle follows records that only settle() writes: what it has heard of them, it has heard all before.
+// Each handle follows records that only settle() writes: what it has heard of them, it has heard all before. Answers to
+// calls may come another way than changes do, so the answer to that write is waited for, too.
 struct StoreTest::fence {
     qz_mom_handle *handle;
     listener heard_by;
+    listener answered;
 };
 
 StoreTest::StoreTest()
@@ -188,7 +190,7 @@ qz_mom_handle *StoreTest::open(const std::string &url)
     EXPECT_EQ(0, qz_mom_client_open(url.c_str(), master_, &handle));
     EXPECT_EQ(master_, qz_mom_handle_master(handle));
     handles_.push_back(handle);
-    fences_.push_back(std::make_unique<fence>(fence{handle, {}}));
+    fences_.push_back(std::make_unique<fence>(fence{handle, {}, {}}));
     UBridge__EvlanSessionRange pattern = U_BRIDGE__EVLAN_SESSION_RANGE__INIT;
     pattern.index = U_BRIDGE__EVLAN_TYPE__L3VPN;
     EXPECT_EQ(0, qz_mom_subscribe(handle, app_db, &pattern.base, 0, listener::hear, &fences_.back()->heard_by));
@@ -210,8 +212,10 @@ void StoreTest::settle()
     const size_t wanted = fences_.size();
     ++fence_number_;
     post.evlan_id_min = fence_number_;
-    for (qz_mom_handle *handle : handles_)
-        ASSERT_EQ(0, qz_mom_set(handle, app_db, &post.base, nullptr, nullptr));
+    for (const auto &each : fences_) {
+        each->answered.all.clear();
+        ASSERT_EQ(0, qz_mom_set(each->handle, app_db, &post.base, listener::hear, &each->answered));
+    }
     const auto reached = [&](const heard &each) {
         return each.record != nullptr &&
                reinterpret_cast<const UBridge__EvlanSessionRange &>(*each.record).evlan_id_min == fence_number_;
@@ -219,7 +223,8 @@ void StoreTest::settle()
     run_until([&] {
         return std::all_of(fences_.begin(), fences_.end(), [&](const auto &each) {
             const auto &all = each->heard_by.all;
-            return static_cast<size_t>(std::count_if(all.begin(), all.end(), reached)) == wanted;
+            return static_cast<size_t>(std::count_if(all.begin(), all.end(), reached)) == wanted &&
+                   !each->answered.all.empty();
         });
     });
 }
