@@ -857,13 +857,105 @@ int32_t sw_eport_attr_aging_flag_set(const char *user_name, const qz_mom_timeval
 int32_t sw_eport_attr_aging_flag_set_sync(const char *user_name, const qz_mom_timeval *aging_timer);
 int32_t sw_eport_attr_aged_data_delete(const char *user_name, qz_mom_msg_cb callback, void *args);
 
-/* ---- pvid and match rule tables ------------------------------------------------------------------------------------ */
+/* ---- pvid table --------------------------------------------------------------------------------------------------- */
 
 /* Makes the table. 0 or -1. */
 int32_t sw_vlan_pvid_db_init(void);
-/* Makes the rule table and registers a blank user of that name (may be null) in registry table `list` if there is none.
- */
+
+/* ---- match rules: the table ---------------------------------------------------------------------------------------- *
+ * What each user wants done with which traffic: one item per user and key, in one table for the process. A key is all of an
+ * item before action_type, the user and the priority among it: one index has one priority, and rules of one user that
+ * differ in nothing else are rules apart. Items belong to the table; one that it returns is valid until it is deleted.
+ * In an index a mac, mask or ip that is absent is the same as one that is all zero. */
+
+/* Visits an item. */
+typedef int32_t (*sw_ematch_item_func)(sw_ematch_item *item, void *args, int32_t position);
+
+/* Argument of sw_ematch_db_ut_dump_op(): which items are printed, and how many were. */
+typedef struct sw_ematch_dump_args {
+    int32_t match_type; /* 0 any */
+    int32_t count;
+    const char *user_name; /* null any */
+} sw_ematch_dump_args;
+
+/* Makes the rule table and registers a blank user of that name (may be null) in registry table `list` if there is none;
+ * sw_ebridge_init() of that name then only refreshes it, so initialise first. 0, or -1. */
 int32_t sw_ebridge_match_db_init(int32_t list, const char *user_name);
+/* Fill a zeroed item: the key from an index, and the action and result from an entry. Of a mac or mask the first 6 bytes,
+ * or those that there are; of an ip its v4 word, or the 16 bytes of another form. with_user: the item's user is the index's
+ * `t_user`, taken as it is. The item; null for a null argument. */
+sw_ematch_item *sw_ematch_entry_index_to_db_item(sw_ematch_item *item, const UBridge__EmatchIndex *index,
+                                                 int32_t with_user);
+sw_ematch_item *sw_ematch_entry_to_db_item(sw_ematch_item *item, const UBridge__EmatchEntry *entry, int32_t with_user);
+/* The reverse. Sub-messages that the destination has are filled: mac, mask and a v6 address point into `src`. with_user: the
+ * name of src's user, if it has one, is copied to where `t_user` points: 32 bytes of the caller's. The result of an item is
+ * not copied. 0; -2 null. */
+int32_t sw_ematch_index_copy(UBridge__EmatchIndex *dst, const sw_ematch_item *src, int32_t with_user);
+int32_t sw_ematch_copy_entry(UBridge__EmatchEntry *dst, const sw_ematch_item *src, int32_t with_user);
+/* Copies the item over the user's stored one of the same key, or stores a copy; the caller's item takes the user. The
+ * stored item; null for an unknown user, a null item, or without memory. */
+sw_ematch_item *sw_ematch_db_hash_insert_item(const char *user_name, sw_ematch_item *item);
+/* The user's item of that key (the index's `t_user` is not looked at), or null. */
+sw_ematch_item *sw_ematch_db_hash_get_item(const char *user_name, const UBridge__EmatchIndex *index);
+/* 0, also when there is none; -2 unknown user. */
+int32_t sw_ematch_db_hash_del_item(const char *user_name, const UBridge__EmatchIndex *index);
+/* Visits all items until a result is not 0; with a user that user's, all of them. A visitor may delete the item that it is
+ * given. 0; -5 no table. */
+int32_t sw_ematch_db_hash_each_item(const char *user_name, sw_ematch_item_func callback, void *args);
+/* The item of the index's user, made from the index alone if there is none; table and user are made if need be. Null: null
+ * argument, no memory, or a `list` other than 0, where items have no users. */
+sw_ematch_item *sw_ematch_db_verify(int32_t list, const UBridge__EmatchIndex *index);
+/* 0 or -1. Kept for its callers, not an equality: see its source. Not what the table uses. */
+int32_t sw_ematch_db_hash_cmp_key(const sw_ematch_item *a, const sw_ematch_item *b);
+/* Dump the items of a type (0 all), once for each user: every header is followed by the items of all users, and counts add
+ * up. 0. */
+int32_t sw_ematch_db_ut_dump(int32_t match_type);
+int32_t sw_ematch_db_ut_dump_op(sw_ematch_item *item, void *dump_args, int32_t position);
+/* Log an item, its key, or a record, where a category is at debug level. 0. */
+int32_t sw_bridge_printf_ematch_item(const sw_ematch_item *item);
+int32_t sw_bridge_printf_ematch_item_key(const sw_ematch_item *item);
+int32_t sw_bridge_printf_udp_ematch(const UBridge__EmatchEntry *entry);
+int32_t sw_bridge_printf_sdp_ematch(const SBridge__EmatchEntry *entry);
+
+/* ---- match rules: publishing ---------------------------------------------------------------------------------------- *
+ * Rules are records of their user's match-rule database. The calls do not touch the table: that is the business of
+ * whoever decides among the users, whose verdict comes back in the `result` of each record. 0; -2 bad argument or unknown
+ * user; or the store's code. */
+
+/* Writes the rule of the user that its index names, all but its result. */
+int32_t sw_ematch_entry_add(const UBridge__EmatchEntry *entry);
+/* Removes it; only the index counts. */
+int32_t sw_ematch_entry_del(const UBridge__EmatchEntry *entry);
+/* Reads all users' rules. The verdict in each goes to its user's ematch_reply, if that user is of this process, and
+ * `callback` hears the end of the scan; so do the scan callbacks of all other users: look at the handle or argument. */
+int32_t sw_ematch_scan(const char *user_name, sw_ebridge_mom_func callback, void *args);
+int32_t sw_ematch_scan_with_db(const char *user_name, int32_t db, sw_ebridge_mom_func callback, void *args);
+/* Follows the verdicts on all users' rules in the same way; `callback` hears of the confirmation. Applications subscribe
+ * themselves: initialisation does not. */
+int32_t sw_ematch_subscribe(const char *user_name, sw_ebridge_mom_func callback, void *args);
+int32_t sw_ematch_subscribe_with_db(const char *user_name, int32_t db, sw_ebridge_mom_func callback, void *args);
+/* What the store calls for both. 0; 1 and -2: nothing usable in the message. */
+int32_t sw_ematch_mom_session_reply(qz_mom_handle *ctx, const qz_mom_notification *msg, void *args);
+/* Hands a record to the ematch_reply of its user. 0; -2 null. */
+int32_t sw_ematch_session_reply(const UBridge__EmatchEntry *entry);
+/* After a restart: mark all rules of the user (aging_timer null: 1800 s), add again what is still wanted, delete what is
+ * still marked. `callback` hears the end. */
+int32_t sw_ematch_aging_flag_set(const char *user_name, const qz_mom_timeval *aging_timer, qz_mom_msg_cb callback,
+                                 void *args);
+int32_t sw_ematch_aged_data_delete(const char *user_name, qz_mom_msg_cb callback, void *args);
+
+/* ---- match rules: deciding among users ------------------------------------------------------------------------------ */
+
+/* Decides which of the users' rules of one key hold, whatever the priority that `index` names: of each user the item of the
+ * highest priority counts. Users are compared each with the one before it, in the order of the registry's table: a higher
+ * priority wins over it, any other loses to it and lets it win, whatever it had lost to before. So more than one can win
+ * (docs/operators.md). publish not 0: every item's result is written to its user's record (in the database that its mom_db
+ * names), changed or not. The item that last beat the one before it, or the first: one static item, valid until the next
+ * call. Null when nobody has such a rule, or for a null index. */
+sw_ematch_item *sw_ematch_calc_final_values(qz_mom_handle *mom_handle, const UBridge__EmatchIndex *index,
+                                            int32_t publish);
+/* Writes current_result to the item's record, if there is one. 0, -2 null, or the store's code. */
+int32_t sw_ematch_result_reply(qz_mom_handle *mom_handle, sw_ematch_item *item);
 
 /* ---- diagnosis -------------------------------------------------------------------------------------------------- */
 
