@@ -887,9 +887,10 @@ int32_t sw_ebridge_match_db_init(int32_t list, const char *user_name);
 sw_ematch_item *sw_ematch_entry_index_to_db_item(sw_ematch_item *item, const UBridge__EmatchIndex *index,
                                                  int32_t with_user);
 sw_ematch_item *sw_ematch_entry_to_db_item(sw_ematch_item *item, const UBridge__EmatchEntry *entry, int32_t with_user);
-/* The reverse. Sub-messages that the destination has are filled: mac, mask and a v6 address point into `src`. with_user: the
- * name of src's user, if it has one, is copied to where `t_user` points: 32 bytes of the caller's. The result of an item is
- * not copied. 0; -2 null. */
+/* The reverse. Sub-messages that the destination has are filled: mac, mask and a v6 address then point into `src`; an ip has
+ * to come with a p_libpub.ipv4 or ipv6, whichever the item's address is. with_user: the name of src's user, if it has one, is
+ * copied to where `t_user` points: 32 bytes of the caller's. The result of an item is not copied. 0; -2 null, or an ip
+ * that cannot take the address. */
 int32_t sw_ematch_index_copy(UBridge__EmatchIndex *dst, const sw_ematch_item *src, int32_t with_user);
 int32_t sw_ematch_copy_entry(UBridge__EmatchEntry *dst, const sw_ematch_item *src, int32_t with_user);
 /* Copies the item over the user's stored one of the same key, or stores a copy; the caller's item takes the user. The

@@ -8,6 +8,7 @@
 #include "logging.hpp"
 #include "names.hpp"
 #include "print.hpp"
+#include "users.hpp"
 
 SW_EXPORT sw_diagnosis_stat g_diagnosis_stat;
 sw_diagnosis_stat g_diagnosis_stat = {};
@@ -82,11 +83,9 @@ static constexpr int32_t kAgeTimerSeconds = 40;
 
 SW_EXPORT int32_t sw_ebridge_age_timer_create(const char *user_name)
 {
-    sw_ebridge_list_item *user = sw_ebridge_list_item_get(user_name);
-    if (user == nullptr) {
-        SW_LOG(error, "Assert:No user named '%s'.\n", sw::printable(user_name));
+    sw_ebridge_list_item *user = sw::find_user(SW_HERE, user_name);
+    if (user == nullptr)
         return -2;
-    }
     if (user->age_timer_armed != 0)
         return 0;
     SW_LOG(warning, "create age timer user_name:%s", user->user_name);
@@ -121,11 +120,9 @@ SW_EXPORT int32_t sw_ebridge_age_exec(qz_thread_event *event)
     sw::copy_name(user_name, static_cast<const char *>(event->arg));
     std::free(event->arg);
     SW_LOG(warning, "age timer exec user_name:%s", user_name);
-    sw_ebridge_list_item *user = sw_ebridge_list_item_get(user_name);
-    if (user == nullptr) {
-        SW_LOG(error, "Assert:No user named '%s'.\n", user_name);
+    sw_ebridge_list_item *user = sw::find_user(SW_HERE, user_name);
+    if (user == nullptr)
         return -2;
-    }
     user->age_timer_armed = 0;
     sw_evlan_no_request_clear(user);
     sw_eport_no_request_clear(user);

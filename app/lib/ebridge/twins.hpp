@@ -15,6 +15,7 @@
 #include "list.hpp"
 #include "logging.hpp"
 #include "names.hpp"
+#include "users.hpp"
 
 namespace sw
 {
@@ -23,15 +24,6 @@ inline constexpr uint32_t kNumberMask = 0xffffff;
 inline constexpr uint32_t kNoId = 0xffffffff;  // the allocator's refusal
 
 inline uint32_t type_of(uint32_t id) { return id >> 24; }
-
-// Looks up the user of a record field or an argument; its absence is logged for the caller.
-[[gnu::noinline]] inline sw_ebridge_list_item *find_user(const site &where, const char *user_name)
-{
-    sw_ebridge_list_item *user = sw_ebridge_list_item_get(user_name);
-    if (user == nullptr)
-        SW_LOG_AT(where, error, "Assert:No user named '%s'.\n", printable(user_name));
-    return user;
-}
 
 // The user of an attribute structure. Null with the reason logged.
 template <class Attr>
