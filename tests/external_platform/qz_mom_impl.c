@@ -26,6 +26,13 @@ int32_t qz_mom_hmset(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage 
     return QZ_MOM_OK;
 }
 
+int32_t qz_mom_hmupdate(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, const uint32_t *fields,
+                        uint32_t count, qz_mom_msg_cb cb, void *args)
+{
+    (void)handle, (void)db, (void)record, (void)fields, (void)count, (void)cb, (void)args;
+    return QZ_MOM_OK;
+}
+
 int32_t qz_mom_del(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, qz_mom_msg_cb cb, void *args)
 {
     (void)handle, (void)db, (void)record, (void)cb, (void)args;
