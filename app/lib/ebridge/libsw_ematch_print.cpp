@@ -228,7 +228,7 @@ SW_EXPORT int32_t sw_ematch_db_ut_dump(int32_t match_type)
                     return sw_ematch_db_ut_dump_op(item, args, position);
                 },
                 arg);
-            sw::print("--------------------------------------------------");
+            sw::print("--------------------------------------------------\n");
             sw::print("total count: %d\n", all->count);
             return 0;
         },
