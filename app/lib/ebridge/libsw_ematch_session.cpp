@@ -195,11 +195,12 @@ SW_EXPORT int32_t sw_ematch_mom_session_reply(qz_mom_handle *ctx, const qz_mom_n
         return -2;
     }
     SW_LOG(debug, "db: 0x%x, key: %s, field: %s, cmd: %d, args: %p\n", msg->db, msg->key, msg->field, msg->cmd, args);
+    const sw::site here = SW_HERE;
     if (msg->cmd == QZ_MOM_CMD_SUBSCRIBED) {
         for_each_user([&](const sw_ebridge_list_item &user) {
             if (user.subscribe_callback == nullptr)
                 return;
-            SW_LOG(debug, "subscribe callback, t_user: %s.", user.user_name);
+            SW_LOG_AT(here, debug, "subscribe callback, t_user: %s.", user.user_name);
             user.subscribe_callback(ctx, msg, user.subscribe_args);
         });
         return 0;
@@ -208,7 +209,7 @@ SW_EXPORT int32_t sw_ematch_mom_session_reply(qz_mom_handle *ctx, const qz_mom_n
         for_each_user([&](const sw_ebridge_list_item &user) {
             if (user.scan_callback == nullptr)
                 return;
-            SW_LOG(debug, "scan callback, t_user: %s.", user.user_name);
+            SW_LOG_AT(here, debug, "scan callback, t_user: %s.", user.user_name);
             user.scan_callback(ctx, msg, user.scan_args);
         });
         return 0;
@@ -236,11 +237,12 @@ SW_EXPORT int32_t sw_ematch_session_reply(const UBridge__EmatchEntry *entry)
 {
     if (!has_key(SW_HERE, entry))
         return -2;
-    for_each_user([entry](const sw_ebridge_list_item &user) {
+    const sw::site here = SW_HERE;
+    for_each_user([&](const sw_ebridge_list_item &user) {
         if (user.ematch_reply == nullptr || !sw::same_name(user.user_name, entry->index->t_user))
             return;
-        SW_LOG(debug, "reply ematch: %d.", sw_bridge_printf_udp_ematch(entry));
-        log_index(SW_HERE, *entry->index);
+        SW_LOG_AT(here, debug, "reply ematch: %d.", sw_bridge_printf_udp_ematch(entry));
+        log_index(here, *entry->index);
         user.ematch_reply(const_cast<UBridge__EmatchEntry *>(entry));
     });
     return 0;
