@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <utility>
 
 #include "libcgstctrl.h"
@@ -87,18 +88,18 @@ int32_t take_result(const std::string &function)
 {
     auto &rules = the().results[function];
     int32_t always = 0;
+    std::optional<int32_t> now;
     for (auto rule = rules.begin(); rule != rules.end();) {
         if (rule->nth == 0) {
             always = (rule++)->result;
         } else if (--rule->nth == 0) {
-            always = rule->result;
-            rules.erase(rule);
-            return always;
+            now = rule->result;
+            rule = rules.erase(rule);
         } else {
             ++rule;
         }
     }
-    return always;
+    return now.value_or(always);
 }
 
 int32_t record(call made)

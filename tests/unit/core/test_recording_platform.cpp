@@ -89,6 +89,17 @@ TEST(RecordingPlatform, ResultsCountFromTheirSetting)
     EXPECT_EQ(0, del());
 }
 
+TEST(RecordingPlatform, EachResultCountsEveryCall)
+{
+    const auto del = [] { return qz_mom_del(recording::handle(), 4, nullptr, nullptr, nullptr); };
+    recording::set_result("qz_mom_del", -7, 1);
+    recording::set_result("qz_mom_del", -9, 3);
+    EXPECT_EQ(-7, del());
+    EXPECT_EQ(0, del());
+    EXPECT_EQ(-9, del());
+    EXPECT_EQ(0, del());
+}
+
 TEST(RecordingPlatform, AllocationsFailByCount)
 {
     recording::fail_allocation(2);
