@@ -341,26 +341,152 @@ TEST_F(StoreContract, KeyMayBeABareNumber)
     EXPECT_EQ("u_bridge.evlan_session_range:32", found.changes()[0].key);
 }
 
+// A match rule whose addresses are not set, each in one of the ways in which that can be said.
+class addressless_rule
+{
+  public:
+    enum bytes_form { absent, empty, zeros };
+    enum ip_form { no_ip, no_form, zero_v4 };
+
+    addressless_rule(bytes_form mac, bytes_form mask, ip_form ip)
+    {
+        entry.index = &index_;
+        index_.t_user = name_;
+        index_.mac = of(mac, mac_);
+        index_.mask = of(mask, mask_);
+        index_.ip = ip == no_ip ? nullptr : &ip_;
+        if (ip == zero_v4) {
+            ip_.ip_case = P_LIBPUB__IP__IP_V4;
+            ip_.v4 = &v4_;
+        }
+    }
+    addressless_rule(const addressless_rule &) = delete;
+    addressless_rule &operator=(const addressless_rule &) = delete;
+
+    // All there are, as long as the test runs.
+    static const std::vector<std::unique_ptr<addressless_rule>> &all()
+    {
+        static const auto *rules = [] {
+            auto *made = new std::vector<std::unique_ptr<addressless_rule>>;
+            for (const bytes_form mac : {absent, empty, zeros})
+                for (const bytes_form mask : {absent, empty, zeros})
+                    for (const ip_form ip : {no_ip, no_form, zero_v4})
+                        made->push_back(std::make_unique<addressless_rule>(mac, mask, ip));
+            return made;
+        }();
+        return *rules;
+    }
+
+    void set_number(int32_t number) { index_.match_id = number; }
+    const ProtobufCMessage *message() const { return &entry.base; }
+    UBridge__EmatchEntry entry = U_BRIDGE__EMATCH_ENTRY__INIT;
+
+  private:
+    PLibpub__Mac *of(bytes_form form, PLibpub__Mac &message)
+    {
+        if (form == zeros)
+            message.data = {sizeof zeros_, zeros_};
+        return form == absent ? nullptr : &message;
+    }
+
+    char name_[4] = "app";
+    uint8_t zeros_[6] = {};
+    PLibpub__Mac mac_ = P_LIBPUB__MAC__INIT, mask_ = P_LIBPUB__MAC__INIT;
+    PLibpub__Ip ip_ = P_LIBPUB__IP__INIT;
+    PLibpub__Ipv4 v4_ = P_LIBPUB__IPV4__INIT;
+    UBridge__EmatchIndex index_ = U_BRIDGE__EMATCH_INDEX__INIT;
+};
+
+class RuleContract : public StoreContract
+{
+  protected:
+    // The rules of the store, in the order of their numbers.
+    std::vector<UBridge__EmatchEntry> rules(qz_mom_handle *by)
+    {
+        listener found;
+        UBridge__EmatchIndex any = U_BRIDGE__EMATCH_INDEX__INIT;
+        UBridge__EmatchEntry pattern = U_BRIDGE__EMATCH_ENTRY__INIT;
+        pattern.index = &any;
+        EXPECT_EQ(0, qz_mom_scan(by, app_db, &pattern.base, 0, listener::hear, &found));
+        settle();
+        found_ = found.changes();
+        std::vector<UBridge__EmatchEntry> entries;
+        for (const heard &each : found_)
+            entries.push_back(reinterpret_cast<const UBridge__EmatchEntry &>(*each.record));
+        std::sort(entries.begin(), entries.end(),
+                  [](const auto &a, const auto &b) { return a.index->match_id < b.index->match_id; });
+        return entries;
+    }
+
+  private:
+    std::vector<heard> found_;  // keeps what the entries point to
+};
+
 // Addresses that are not set name the same record, however "not set" is written.
-TEST_F(StoreContract, ZeroAddressAndNoAddressAreTheSameKey)
+TEST_F(RuleContract, ZeroAddressAndNoAddressAreTheSameKey)
 {
     auto *writer = open();
-    UBridge__EmatchIndex index = U_BRIDGE__EMATCH_INDEX__INIT;
-    UBridge__EmatchEntry entry = U_BRIDGE__EMATCH_ENTRY__INIT;
-    entry.index = &index;
-    entry.new_evlan1 = 1;
-    ASSERT_EQ(0, qz_mom_set(writer, app_db, &entry.base, nullptr, nullptr));
-    uint8_t zeros[6] = {};
-    PLibpub__Mac mac = P_LIBPUB__MAC__INIT;
-    mac.data = {sizeof zeros, zeros};
-    index.mac = &mac;
-    entry.new_evlan1 = 2;
-    ASSERT_EQ(0, qz_mom_set(writer, app_db, &entry.base, nullptr, nullptr));
-    listener found;
-    qz_mom_scan(writer, app_db, &entry.base, 0, listener::hear, &found);
-    settle();
-    ASSERT_EQ(1u, found.changes().size());
-    EXPECT_EQ(2, reinterpret_cast<const UBridge__EmatchEntry &>(*found.changes()[0].record).new_evlan1);
+    int32_t written = 0;
+    for (const auto &rule : addressless_rule::all()) {
+        rule->entry.new_evlan1 = ++written;
+        ASSERT_EQ(0, qz_mom_set(writer, app_db, rule->message(), nullptr, nullptr));
+    }
+    const auto found = rules(writer);
+    ASSERT_EQ(1u, found.size());
+    EXPECT_EQ(27, written);
+    EXPECT_EQ(27, found[0].new_evlan1);
+}
+
+// The owner of a rule says so in one way, whoever writes its result in another.
+TEST_F(RuleContract, ResultReachesTheRuleHoweverItsMissingAddressesAreWritten)
+{
+    auto *writer = open();
+    listener hears;
+    addressless_rule pattern(addressless_rule::absent, addressless_rule::absent, addressless_rule::no_ip);
+    const uint32_t rule_field = 11, result_field = 30;
+    const qz_mom_msg_cb hear = listener::hear;
+    void *const to = &hears;
+    ASSERT_EQ(0, qz_mom_subscribe_field(writer, app_db, pattern.message(), 0, &result_field, &hear, &to, 1));
+    int32_t number = 0;
+    for (const auto &by_owner : addressless_rule::all()) {
+        for (const auto &by_decider : addressless_rule::all()) {
+            by_owner->set_number(++number);
+            by_owner->entry.new_evlan1 = number;
+            ASSERT_EQ(0, qz_mom_hmset(writer, app_db, by_owner->message(), &rule_field, 1, nullptr, nullptr));
+            by_decider->set_number(number);
+            by_decider->entry.result = U_BRIDGE__MATCH_RESULT__FAIL_PRIORITY;
+            ASSERT_EQ(0, qz_mom_hmupdate(writer, app_db, by_decider->message(), &result_field, 1, nullptr, nullptr));
+        }
+        settle();
+    }
+    const auto found = rules(writer);
+    ASSERT_EQ(27u * 27u, found.size());
+    EXPECT_EQ(found.size(), hears.changes().size());
+    for (size_t i = 0; i < found.size(); ++i) {
+        EXPECT_EQ(static_cast<int32_t>(i) + 1, found[i].new_evlan1);
+        EXPECT_EQ(U_BRIDGE__MATCH_RESULT__FAIL_PRIORITY, found[i].result);
+    }
+}
+
+TEST_F(RuleContract, RuleIsRewrittenAndRemovedHoweverItsMissingAddressesAreWritten)
+{
+    auto *writer = open();
+    const uint32_t rule_field = 11;
+    int32_t written = 0;
+    for (const auto &rule : addressless_rule::all()) {
+        rule->set_number(0);
+        rule->entry.new_evlan1 = ++written;
+        ASSERT_EQ(0, qz_mom_hmset(writer, app_db, rule->message(), &rule_field, 1, nullptr, nullptr));
+    }
+    const auto found = rules(writer);
+    ASSERT_EQ(1u, found.size());
+    EXPECT_EQ(27, found[0].new_evlan1);
+    for (const auto &rule : addressless_rule::all()) {
+        const addressless_rule whole(addressless_rule::zeros, addressless_rule::zeros, addressless_rule::zero_v4);
+        ASSERT_EQ(0, qz_mom_hmset(writer, app_db, whole.message(), &rule_field, 1, nullptr, nullptr));
+        ASSERT_EQ(0, qz_mom_del(writer, app_db, rule->message(), nullptr, nullptr));
+        EXPECT_TRUE(rules(writer).empty());
+    }
 }
 
 }  // namespace contract
