@@ -200,7 +200,7 @@ inline sw_ebridge_callback_args without_func{&user_argument, nullptr};
 
 // The side that a test is about.
 struct side {
-    const char *source = "";            // file of its lines
+    const char *source = "";            // file of its lines, or what the names of its files begin with
     const char *session_function = "";  // callback of its session subscriptions, and that callback's name in the log
     qz_mom_msg_cb session_callback = nullptr;
     qz_mom_msg_cb release_callback = nullptr;
@@ -265,7 +265,7 @@ inline const char *level_name(int32_t level)
 inline std::string line_text(const recording::log_line &line)
 {
     std::string out = level_name(line.level);
-    if (line.file != own.source)
+    if (line.file.rfind(own.source, 0) != 0)
         out += " [" + line.file + "]";
     if (line.line <= 0)
         out += " <no line>";
