@@ -1,4 +1,4 @@
-// What the library says of rules, as whole texts: the log lines of items and records, and the dump of an item.
+// What the library says of rules, as whole texts: the log lines of items and records, and the dump of the table.
 #include "ematch_fixture.hpp"
 
 namespace
@@ -9,6 +9,7 @@ using EmatchItemLine = EmatchTest;
 using EmatchKeyLine = EmatchTest;
 using EmatchRecordLines = EmatchTest;
 using EmatchLevels = EmatchTest;
+using EmatchDump = EmatchTest;
 using EmatchDumpOfItem = EmatchTest;
 
 // Full_item's owner and store.
@@ -476,6 +477,81 @@ TEST_F(EmatchDumpOfItem, GoesOnAfterNull)
     EXPECT_EQ(printed_by([&] { return sw_ematch_db_ut_dump_op(nullptr, nullptr, 0); }),
               "invalid input args, ematch_item: (nil), ematch_args: (nil)\n");
     EXPECT_EQ(filter.count, 0);
+}
+
+// ---- dump of the table
+
+std::string table_header(int32_t type)
+{
+    return format("========== <ematch db, input ematch_type: %d> =============\n", type);
+}
+
+std::string user_header(const std::string &name) { return "===================> user: " + name + " ========\n"; }
+
+std::string total(int32_t count)
+{
+    return format("--------------------------------------------------total count: %d\n", count);
+}
+
+std::string printed_table(int32_t type)
+{
+    return printed_by([=] { return sw_ematch_db_ut_dump(type); });
+}
+
+TEST_F(EmatchDump, PrintsEveryItemUnderEachUserAndCountsOn)
+{
+    add_user({.name = "app"});
+    add_user({.name = "other"});
+    const full_rule shared;
+    std::string both;
+    insert("app", shared);
+    insert("other", shared);
+    const auto append = [](sw_ematch_item *item, void *to, int32_t) -> int32_t {
+        *static_cast<std::string *>(to) +=
+            dump_header(item->user->user_name, *item) + dump_of_full_item("192.168.1.254");
+        return 0;
+    };
+    sw_ematch_item_hash_traverse(0, append, &both);
+    const strings users = registry_order();
+    ASSERT_EQ(users.size(), 2u);
+    EXPECT_EQ(printed_table(0),
+              table_header(0) + user_header(users[0]) + both + total(2) + user_header(users[1]) + both + total(4));
+    EXPECT_THAT(both, testing::AllOf(testing::HasSubstr("user: app,"), testing::HasSubstr("user: other,")));
+}
+
+TEST_F(EmatchDump, PrintsTheItemsOfOneTypeWhenAsked)
+{
+    add_user({.name = "app"});
+    const sw_ematch_item *wanted = insert(full_rule());
+    full_rule other;
+    other.index.match_type = 3;
+    insert(other);
+    EXPECT_EQ(printed_table(9), table_header(9) + user_header("app") + dump_header("app", *wanted) +
+                                    dump_of_full_item("192.168.1.254") + total(1));
+    EXPECT_EQ(printed_table(8), table_header(8) + user_header("app") + total(0));
+    EXPECT_EQ(printed_table(-1), table_header(-1) + user_header("app") + total(0));
+}
+
+TEST_F(EmatchDump, PrintsUsersWithoutItemsToo)
+{
+    add_user({.name = "app"});
+    EXPECT_EQ(printed_table(0), table_header(0) + user_header("app") + total(0));
+}
+
+TEST_F(EmatchDump, WithoutTablesPrintsTheHeader)
+{
+    EXPECT_EQ(printed_table(5), table_header(5));
+    sw_ebridge_list_init();
+    sw_ebridge_list_item bare{};
+    strcpy(bare.user_name, "app");
+    sw_ebridge_list_add(&bare);
+    EXPECT_EQ(printed_table(5), table_header(5));
+}
+
+TEST_F(EmatchDump, WithoutUsersPrintsTheHeader)
+{
+    EXPECT_EQ(sw_ebridge_match_db_init(0, nullptr), 0);
+    EXPECT_EQ(printed_table(0), table_header(0));
 }
 
 }  // namespace
