@@ -1,245 +1,42 @@
-// ebridge, the command: its arguments, and which descriptor its results go to.
-#include <fcntl.h>
-#include <signal.h>
-#include <unistd.h>
-
+// ebridge, the command: finds the subcommand that is asked for, reads its arguments and runs it.
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cctype>
-#include <charconv>
-#include <cstdio>
 #include <new>
 
+#include "command.hpp"
 #include "config_file.hpp"
-#include "ports.hpp"
-#include "processes.hpp"
-#include "report.hpp"
-#include "run.hpp"
-#include "u_bridge.pb-c.h"
 
 using namespace ebridge_tool;
-using config_text::printable;
 
 namespace
 {
 
-enum exit_status { ALL_EQUAL = 0, SOMETHING_DIFFERS = 1, BAD_INPUT = 2, NO_STORE = 3 };
+constexpr const char *FOOTER = "Example:\n  ebridge run leaf.json    see ebridge run --help";
 
-constexpr const char *RUN_FOOTER =
-    "One user requests an id for each port, LAG, VLAN, VXLAN tunnel and VXLAN map of CONFIG and publishes what it\n"
-    "is; a second one hears every answer and reads everything back. Without --store both, the store and the id\n"
-    "allocator run inside this command, and nothing else is touched. With it a running ebridged answers, and what\n"
-    "was granted stays in the store; the one who observes is then a process of its own, and so is each of the N\n"
-    "users (ebridge_run, or ebridge_run_1 and so on) who share the requests. --dump then prints the tables of the\n"
-    "observer. Tables that have no meaning yet are counted as skipped.\n"
-    "\n"
-    "--restart then kills the users and starts them again with CONFIG less the entries of --without, as an\n"
-    "application that has crashed and was configured otherwise meanwhile: they mark what they had, ask again for\n"
-    "what they want, and have deleted what is still marked, its sessions by a timer after 40 s.\n"
-    "\n"
-    "URL of a store: redis://[USER:PASSWORD@]HOST[:PORT], redis+unix://[USER:PASSWORD@]/PATH,\n"
-    "redis+sentinel://[USER:PASSWORD@]HOST[:PORT],.../GROUP, or file:///PATH of a database_config.json that maps\n"
-    "databases to several servers.\n"
-    "\n"
-    "Examples:\n"
-    "  ebridge run leaf.json                        a table of what was granted and read back\n"
-    "  ebridge run --json leaf.json | jq .tables    the same for programs\n"
-    "  ebridge run --dump leaf.json                 and what the library holds afterwards\n"
-    "  ebridge run --range VXLAN=1-10 leaf.json     with ten VXLAN ids only: what is refused?\n"
-    "  ebridge run --store redis+unix:///run/redis/redis-server.sock leaf.json\n"
-    "  ebridge run --store redis://127.0.0.1 --users 4 leaf.json    requested by four processes\n"
-    "  ebridge run --ports port_config.ini leaf.json                on the ports of this list\n"
-    "  ebridge run --store redis://127.0.0.1 --restart --without 'VLAN|Vlan10' leaf.json\n"
-    "\n"
-    "Exit status:\n"
-    "  0  all that was requested was granted and read back equal; after a restart exactly what was dropped has gone\n"
-    "  1  something was refused, differs or is left over; each such entry is named on standard error. Or a process\n"
-    "     of this command has died, and is named; or the result cannot be written, or memory has run out\n"
-    "  2  CONFIG or a list of ports is missing or makes no sense, or an argument is wrong; nothing was requested\n"
-    "  3  nobody answers at the store's URL, or it makes no sense";
-
-struct arguments {
-    std::string config;
-    std::string ports;
-    bool json = false;
-    bool dump = false;
-    std::string store;
-    size_t users = 1;
-    bool restart = false;
-    bool delete_now = false;
-    std::vector<std::string> without;
-    std::vector<range_setting> ranges;
-};
-
-// A type by its name, or one of evlans by its number; type 0 when there is none.
-range_setting read_type(const std::string &text)
+// "ebridge run": the words as far as they are understood, for whom the help is to be asked.
+std::string understood(const CLI::App &app)
 {
-    for (const bool of_eports : {false, true}) {
-        const auto &types = of_eports ? u_bridge__eport_type__descriptor : u_bridge__evlan_type__descriptor;
-        if (const auto *named = protobuf_c_enum_descriptor_get_value_by_name(&types, text.c_str()))
-            return {of_eports, static_cast<uint32_t>(named->value), 0, 0};
-    }
-    uint32_t number = 0;
-    const char *end = text.data() + text.size();
-    const auto read = std::from_chars(text.data(), end, number);
-    const bool known =
-        read.ec == std::errc() && read.ptr == end &&
-        protobuf_c_enum_descriptor_get_value(&u_bridge__evlan_type__descriptor, static_cast<int>(number));
-    return {false, known ? number : 0, 0, 0};
+    const auto below = app.get_subcommands();
+    return app.get_name() + (below.empty() ? "" : ' ' + understood(*below.front()));
 }
 
-// "TYPE=MIN-MAX".
-range_setting read_range(const std::string &text)
+int ebridge(int argc, char **argv)
 {
-    const size_t equals = text.find('=');
-    const size_t dash = text.find('-', equals == std::string::npos ? 0 : equals);
-    range_setting range{};
-    if (equals != std::string::npos && dash != std::string::npos) {
-        const char *end = text.data() + text.size();
-        range = read_type(text.substr(0, equals));
-        const auto min = std::from_chars(text.data() + equals + 1, text.data() + dash, range.min);
-        const auto max = std::from_chars(text.data() + dash + 1, end, range.max);
-        const bool whole =
-            min.ec == std::errc() && max.ec == std::errc() && min.ptr == text.data() + dash && max.ptr == end;
-        if (whole && range.type != 0 && range.min >= 1 && range.min <= range.max && range.max <= 0xffffff)
-            return range;
-    }
-    throw CLI::ValidationError("--range", text + " is not TYPE=MIN-MAX, as in VXLAN=1-1000");
-}
-
-// -1: go on; otherwise the exit status.
-int read_arguments(int argc, char **argv, arguments *out)
-{
-    CLI::App app{"ebridge - try out and look into the extended bridge"};
+    CLI::App app{"ebridge - try out and look into the extended bridge", "ebridge"};
     app.require_subcommand(1);
-    app.footer("Example:\n  ebridge run leaf.json    see ebridge run --help");
-    CLI::App *run = app.add_subcommand("run", "Bring up a switch configuration and read it back");
-    run->footer(RUN_FOOTER);
-    run->add_option("CONFIG", out->config, "configuration in the config_db.json form")->required()->type_name("");
-    run->add_flag("--json", out->json, "print one JSON object, and nothing else, on standard output");
-    run->add_flag("--dump", out->dump, "print the library's users and tables at the end");
-    CLI::Option *store = run->add_option("--store", out->store, "URL of the message store of a running ebridged");
-    store->type_name("URL");
-    run->add_option("--users", out->users, "processes that share the requests, 1 to 64; 1 unless given")
-        ->type_name("N")
-        ->check(CLI::Range(1, 64))
-        ->needs(store);
-    run->add_option("--ports", out->ports, "list of the ports (port_config.ini); CONFIG tells them unless given")
-        ->type_name("FILE");
-    CLI::Option *restart =
-        run->add_flag("--restart", out->restart, "kill the users, and start them again without what is dropped");
-    restart->needs(store);
-    run->add_option("--without", out->without, "entry that is dropped by the restart, may be repeated")
-        ->type_name("TABLE|KEY")
-        ->needs(restart);
-    run->add_flag("--delete-now", out->delete_now, "delete what is dropped at once, not by the timer")->needs(restart);
-    std::vector<std::string> ranges;
-    run->add_option("--range", ranges, "numbers that the allocator may give, may be repeated")
-        ->type_name("TYPE=MIN-MAX")
-        ->excludes(store);
+    app.footer(FOOTER);
+    std::vector<command> commands;
+    for (const auto add : {add_run})
+        add(&app, &commands);
     try {
         app.parse(argc, argv);
-        std::ranges::transform(ranges, std::back_inserter(out->ranges), read_range);
     } catch (const CLI::CallForHelp &help) {
         return app.exit(help);
     } catch (const CLI::ParseError &error) {
-        std::fprintf(stderr, "ebridge: %s (see ebridge run --help)\n", printable(error.what()).c_str());
-        return BAD_INPUT;
+        return complain(config_text::printable(error.what()) + " (see " + understood(app) + " --help)", BAD_INPUT);
     }
-    return -1;
-}
-
-// With --json standard output is the object's alone: whatever else is printed there, by the library's log for instance,
-// goes to standard error. Returns the descriptor for the object, or -1.
-int keep_output_clean()
-{
-    std::fflush(stdout);
-    const int result = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
-    if (result < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
-        return -1;
-    return result;
-}
-
-bool write_all(int fd, std::string text)
-{
-    text += '\n';
-    for (size_t done = 0; done < text.size();) {
-        const ssize_t wrote = write(fd, text.data() + done, text.size() - done);
-        if (wrote < 0)
-            return false;
-        done += static_cast<size_t>(wrote);
-    }
-    return true;
-}
-
-int complain(const std::string &line, int status)
-{
-    std::fprintf(stderr, "ebridge: %s\n", line.c_str());
-    return status;
-}
-
-// Ends as a signal ends a program, but leaves neither a process nor a half written line.
-void on_signal(int number)
-{
-    end_workers();
-    end_progress();
-    raise(number);
-}
-
-// A signal that is ignored (by nohup, say) stays so.
-void end_tidily_on(int number)
-{
-    struct sigaction action = {};
-    sigaction(number, nullptr, &action);
-    if (action.sa_handler == SIG_IGN)
-        return;
-    action.sa_handler = on_signal;
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
-    sigaddset(&action.sa_mask, SIGINT);
-    sigaddset(&action.sa_mask, SIGTERM);
-    sigaction(number, &action, nullptr);
-}
-
-int run(const arguments &given)
-{
-    switch_config config;
-    run_result result;
-    std::string error;
-    if (!read_config(given.config, given.ports, &config, &error))
-        return complain(error, BAD_INPUT);
-    switch_config restarted = config;
-    for (const std::string &entry : given.without)
-        if (!drop_entry(entry, &restarted, &error))
-            return complain("--without " + error, BAD_INPUT);
-    const int json_output = given.json ? keep_output_clean() : -1;
-    if (given.json && json_output < 0)
-        return complain("standard output cannot be kept apart", SOMETHING_DIFFERS);
-    end_tidily_on(SIGINT);
-    end_tidily_on(SIGTERM);
-    run_options options{.ranges = given.ranges, .progress = show_progress};
-    if (!given.store.empty()) {
-        options.store = given.store;
-        options.serve = false;
-        options.users = given.users;
-        options.restarted = given.restart ? &restarted : nullptr;
-        options.delete_now = given.delete_now;
-        options.phase = show_phase;
-    }
-    const bool ran = run_config(config, options, &result, &error);
-    end_progress();
-    if (!ran)
-        return complain(error, result.store_missing ? NO_STORE : SOMETHING_DIFFERS);
-    for (const std::string &problem : result.problems)
-        std::fprintf(stderr, "%s\n", problem.c_str());
-    if (given.json && !write_all(json_output, to_json(config, result)))
-        return complain("the result cannot be written", SOMETHING_DIFFERS);
-    if (!given.json)
-        print_table(stdout, config, result);
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-        return complain("the result cannot be written", SOMETHING_DIFFERS);
-    if (given.dump && !result.dump())
-        return complain("the tables cannot be printed", SOMETHING_DIFFERS);
-    return result.all_equal() ? ALL_EQUAL : SOMETHING_DIFFERS;
+    const auto asked = std::ranges::find_if(commands, [](const command &one) { return one.app->parsed(); });
+    return asked->run();
 }
 
 }  // namespace
@@ -247,10 +44,7 @@ int run(const arguments &given)
 int main(int argc, char **argv)
 {
     try {
-        arguments given;
-        if (const int status = read_arguments(argc, argv, &given); status >= 0)
-            return status;
-        return run(given);
+        return ebridge(argc, argv);
     } catch (const std::bad_alloc &) {
         return complain("out of memory", SOMETHING_DIFFERS);
     }

@@ -1,0 +1,39 @@
+// What subcommands share. See command.hpp.
+#include "command.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace ebridge_tool
+{
+
+int complain(const std::string &line, int status)
+{
+    std::fprintf(stderr, "ebridge: %s\n", line.c_str());
+    return status;
+}
+
+int keep_output_clean()
+{
+    std::fflush(stdout);
+    const int result = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+    if (result < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
+        return -1;
+    return result;
+}
+
+bool write_all(int fd, std::string text)
+{
+    text += '\n';
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t wrote = write(fd, text.data() + done, text.size() - done);
+        if (wrote < 0)
+            return false;
+        done += static_cast<size_t>(wrote);
+    }
+    return true;
+}
+
+}  // namespace ebridge_tool
