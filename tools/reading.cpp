@@ -62,7 +62,9 @@ bool session::scan_attributes(std::string *error)
 {
     ended_ = 0;
     for (const ProtobufCMessage *pattern : ALL_ATTRIBUTES) {
-        const auto scan = [&] { return qz_mom_scan(handle_, SW_EBRIDGE_UDP_DB, pattern, 0, on_attributes_read, this); };
+        const auto scan = [&] {
+            return qz_mom_scan(link_.handle(), SW_EBRIDGE_UDP_DB, pattern, 0, on_attributes_read, this);
+        };
         if (const int32_t code = patiently(scan, SCAN_PATIENCE_USEC); code != 0)
             return fail(error, "the attributes cannot be scanned", code);
     }

@@ -11,13 +11,10 @@
 #include <cstdlib>
 #include <utility>
 
-#include "config_file.hpp"
 #include "twin_calls.hpp"
 
 namespace ebridge_tool
 {
-
-using config_text::printable;
 
 const char *const OBSERVER = "ebridge_observer";
 
@@ -57,42 +54,20 @@ session::session(request_book *requests, const cast &users, session_listener lis
 session::~session()
 {
     ebridged_stop(service_);
-    qz_mom_client_close(handle_);
-    qz_thread_master_free(master_);
     the_session = nullptr;
 }
 
 bool session::open(const run_options &options, std::string *error)
 {
-    master_ = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
-    if (master_ == nullptr) {
-        *error = "no event loop: out of memory or descriptors";
-        return false;
-    }
-    if (!connect(options.store, error) || !write_ranges(options.ranges, error))
+    const uint32_t followed = followed_db();
+    connected_ = link_.open(options.store, {&followed, 1}, error) == 0;
+    if (!connected_ || !write_ranges(options.ranges, error))
         return false;
     if (options.serve) {
-        if (const int32_t code = ebridged_start(handle_, nullptr, &service_); code != 0)
+        if (const int32_t code = ebridged_start(link_.handle(), nullptr, &service_); code != 0)
             return fail(error, "the allocator cannot be started", code);
     }
     return start_users(error) && follow(options, error) && (!users_.observer || read_back(error));
-}
-
-bool session::connect(const std::string &store, std::string *error)
-{
-    constexpr int64_t PATIENCE_USEC = 4'000'000;
-    const auto note = [](qz_mom_handle *, void *self) {
-        static_cast<session *>(self)->connected_ = true;
-        static_cast<session *>(self)->happened();
-        return int32_t{0};
-    };
-    int32_t code = qz_mom_client_open(store.c_str(), master_, &handle_);
-    if (code == 0)
-        code = qz_mom_client_connect(handle_, followed_db(), note, this);
-    if (code == 0 && wait_until([this] { return connected_; }, PATIENCE_USEC))
-        return true;
-    *error = printable(store) + ": " + qz_mom_strerror(code != 0 ? code : QZ_MOM_EDOWN);
-    return false;
 }
 
 bool session::write_ranges(std::span<const range_setting> ranges, std::string *error)
@@ -107,7 +82,7 @@ bool session::write_ranges(std::span<const range_setting> ranges, std::string *e
         eports.eport_id_min = static_cast<int32_t>(range.min);
         eports.eport_id_max = static_cast<int32_t>(range.max);
         const ProtobufCMessage *record = range.of_eports ? &eports.base : &evlans.base;
-        if (const int32_t code = qz_mom_set(handle_, SW_EBRIDGE_APP_DB, record, nullptr, nullptr); code != 0)
+        if (const int32_t code = qz_mom_set(link_.handle(), SW_EBRIDGE_APP_DB, record, nullptr, nullptr); code != 0)
             return fail(error, "a range cannot be written", code);
     }
     return true;
@@ -116,7 +91,7 @@ bool session::write_ranges(std::span<const range_setting> ranges, std::string *e
 bool session::start_users(std::string *error)
 {
     ebridge_args common{};
-    common.handle = handle_;
+    common.handle = link_.handle();
     common.evlan_attr_mom_db = SW_EBRIDGE_UDP_DB;
     common.eport_attr_mom_db = SW_EBRIDGE_UDP_DB;
 
@@ -165,7 +140,7 @@ bool session::follow(const run_options &options, std::string *error)
     }
     if (users_.observer && !is_both())
         for (const ProtobufCMessage *pattern : ALL_ATTRIBUTES) {
-            const int32_t code = qz_mom_subscribe(handle_, SW_EBRIDGE_UDP_DB, pattern, 0, on_attributes, this);
+            const int32_t code = qz_mom_subscribe(link_.handle(), SW_EBRIDGE_UDP_DB, pattern, 0, on_attributes, this);
             if (code != 0)
                 return fail(error, "the attributes cannot be subscribed", code);
             ++subscribed;
@@ -177,18 +152,6 @@ bool session::follow(const run_options &options, std::string *error)
 }
 
 // ---- requesting -----------------------------------------------------------------------------------------------------
-
-int32_t session::patiently(const std::function<int32_t()> &call, int64_t patience)
-{
-    constexpr int64_t PAUSE_USEC = 20'000;
-    const int64_t give_up = qz_thread_now(master_) + patience;
-    for (;;) {
-        const int32_t code = call();
-        if ((code != QZ_MOM_EFULL && code != QZ_MOM_EDOWN) || qz_thread_now(master_) >= give_up)
-            return code;
-        wait_until([this, before = happenings_] { return happenings_ != before; }, std::min(PAUSE_USEC, patience));
-    }
-}
 
 int32_t session::send(const request &wanted)
 {
@@ -291,45 +254,9 @@ void session::wait_for_writes(int64_t patience)
         static_cast<session *>(self)->happened();
         return int32_t{0};
     };
-    const auto ask = [&] { return qz_mom_clear_expire(handle_, SW_EBRIDGE_UDP_DB, &none.base, note, this); };
+    const auto ask = [&] { return qz_mom_clear_expire(link_.handle(), SW_EBRIDGE_UDP_DB, &none.base, note, this); };
     if (patiently(ask, patience) == 0)
         wait_until([this] { return written_; }, patience);
-}
-
-// ---- the loop -------------------------------------------------------------------------------------------------------
-
-bool session::wait_until(const std::function<bool()> &condition, int64_t patience_usec)
-{
-    condition_ = &condition;
-    quiet_since_ = qz_thread_now(master_);
-    bool holds = condition();
-    while (!holds && qz_thread_now(master_) < quiet_since_ + patience_usec) {
-        wake_at(quiet_since_ + patience_usec);
-        qz_thread_run(master_);
-        holds = condition();
-    }
-    condition_ = nullptr;
-    return holds;
-}
-
-// Makes the loop return at that time at the latest.
-void session::wake_at(int64_t time)
-{
-    const int64_t now = qz_thread_now(master_);
-    if (wake_time_ > now && wake_time_ <= time)
-        return;
-    wake_time_ = time;
-    qz_thread_call_after(master_, std::max<int64_t>(time - now, 0), on_wake, this);  // it may have passed meanwhile
-}
-
-void session::on_wake(void *self) { qz_thread_stop(static_cast<session *>(self)->master_); }
-
-void session::happened()
-{
-    ++happenings_;
-    quiet_since_ = qz_thread_now(master_);
-    if (condition_ && (*condition_)())
-        qz_thread_stop(master_);
 }
 
 // ---- what is heard --------------------------------------------------------------------------------------------------

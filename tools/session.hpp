@@ -9,6 +9,7 @@
 
 #include "ebridged.h"
 #include "requests.hpp"
+#include "store_link.hpp"
 #include "sw_ebridge.h"
 
 namespace ebridge_tool
@@ -96,21 +97,25 @@ class session
     bool delete_marked(const run_options &options, std::string *error);
 
     // Runs the loop until the condition holds. False when nothing has been heard for `patience_usec`.
-    bool wait_until(const std::function<bool()> &condition, int64_t patience_usec);
+    bool wait_until(const std::function<bool()> &condition, int64_t patience_usec)
+    {
+        return link_.wait_until(condition, patience_usec);
+    }
     // On the loop's thread: the condition that is waited for may hold now.
-    void happened();
-    qz_thread_master *master() const { return master_; }
+    void happened() { link_.happened(); }
+    qz_thread_master *master() const { return link_.master(); }
 
   private:
-    bool connect(const std::string &store, std::string *error);
     bool write_ranges(std::span<const range_setting> ranges, std::string *error);
     bool start_users(std::string *error);
     bool follow(const run_options &options, std::string *error);
     uint32_t followed_db() const { return users_.observer ? SW_EBRIDGE_UDP_DB : SW_EBRIDGE_APP_DB; }
     bool is_both() const { return users_.observer && users_.requester != cast::NOBODY; }
     const char *requester() const { return requests_->users()[users_.requester].c_str(); }
-    // Makes a call of the library, again as long as the store cannot take it. 0, or the code that it failed with.
-    int32_t patiently(const std::function<int32_t()> &call, int64_t patience);
+    int32_t patiently(const std::function<int32_t()> &call, int64_t patience)
+    {
+        return link_.patiently(call, patience);
+    }
     int32_t send(const request &wanted);
     int32_t describe(const request &of);
     void wait_for_writes(int64_t patience);
@@ -128,7 +133,6 @@ class session
     std::vector<size_t> own_wanted() const;
     template <typename Facts>
     void note(size_t index, const Facts &facts);
-    void wake_at(int64_t time);
 
     template <bool OBSERVED>
     static int32_t on_vlan(UBridge__VlanAppIndex *index, int32_t vlan_id);
@@ -143,7 +147,6 @@ class session
     static int32_t on_attributes(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
     static int32_t on_attributes_read(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
     static int32_t on_marks_ended(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
-    static void on_wake(void *self);
 
     request_book *requests_;
     cast users_;
@@ -155,12 +158,7 @@ class session
     int ended_ = 0;            // scans, of those that are waited for
     int marks_ended_ = 0;      // marks of which nothing is left any more
     int32_t marks_error_ = 0;  // why one of them could not be set
-    uint64_t happenings_ = 0;
-    int64_t quiet_since_ = 0;  // when something was heard last
-    int64_t wake_time_ = 0;    // of the latest timer that ends a turn of the loop
-    const std::function<bool()> *condition_ = nullptr;
-    qz_thread_master *master_ = nullptr;
-    qz_mom_handle *handle_ = nullptr;
+    store_link link_{};
     ebridged_service *service_ = nullptr;
 };
 
