@@ -11,7 +11,10 @@ using namespace ebridge_tool;
 namespace
 {
 
-constexpr const char *FOOTER = "Example:\n  ebridge run leaf.json    see ebridge run --help";
+constexpr const char *FOOTER =
+    "Examples:\n"
+    "  ebridge run leaf.json                             see ebridge run --help\n"
+    "  ebridge show ematch --store redis://127.0.0.1     see ebridge show ematch --help";
 
 // "ebridge run": the words as far as they are understood, for whom the help is to be asked.
 std::string understood(const CLI::App &app)
@@ -26,7 +29,7 @@ int ebridge(int argc, char **argv)
     app.require_subcommand(1);
     app.footer(FOOTER);
     std::vector<command> commands;
-    for (const auto add : {add_run})
+    for (const auto add : {add_run, add_show})
         add(&app, &commands);
     try {
         app.parse(argc, argv);

@@ -13,7 +13,6 @@ namespace ebridge_tool
 namespace
 {
 
-// The registry cuts names.
 std::string_view registered_name(const std::string &user)
 {
     return std::string_view(user).substr(0, SW_EBRIDGE_NAME_SIZE - 1);
@@ -28,10 +27,10 @@ std::vector<int> compared(const std::vector<claim> &claims)
     std::vector<int> result;
     const claim *last = nullptr;
     for (size_t i = 0; i < claims.size(); ++i) {
-        const bool same_user = last && registered_name(last->user) == registered_name(claims[i].user);
-        if (same_user && rank(claims[i].priority) <= rank(last->priority))
+        const bool same = last && same_user(last->user, claims[i].user);
+        if (same && rank(claims[i].priority) <= rank(last->priority))
             continue;
-        if (same_user)
+        if (same)
             result.pop_back();
         result.push_back(static_cast<int>(i));
         last = &claims[i];
@@ -65,6 +64,8 @@ class contest
 };
 
 }  // namespace
+
+bool same_user(const std::string &a, const std::string &b) { return registered_name(a) == registered_name(b); }
 
 std::vector<verdict> decide(const std::vector<claim> &in_walk_order)
 {

@@ -26,6 +26,9 @@ struct verdict {
     bool operator==(const verdict &) const = default;
 };
 
+// Whether these are names of one user: the registry cuts what is longer than a name can be.
+bool same_user(const std::string &a, const std::string &b);
+
 // One verdict for each claim. Claims of one user stand together; of each user the one of the highest priority counts.
 // What counts is compared with its neighbours only, so more than one can succeed.
 std::vector<verdict> decide(const std::vector<claim> &in_walk_order);

@@ -1,6 +1,7 @@
 // The decision among users as the command states it: who wins, who loses, and to whom.
 #include <gmock/gmock.h>
 
+#include "priorities.hpp"
 #include "sw_ebridge.h"
 #include "verdicts.hpp"
 
@@ -54,17 +55,6 @@ stepwise compare_step_by_step(const std::vector<claim> &claims)
         }
     }
     return result;
-}
-
-// The next of all lists of that many priorities; false when it was the last.
-bool next(std::vector<int32_t> *priorities)
-{
-    for (int32_t &priority : *priorities) {
-        if (++priority <= 7)
-            return true;
-        priority = 0;
-    }
-    return false;
 }
 
 }  // namespace
@@ -122,8 +112,36 @@ TEST(Verdicts, AgreeWithTheStepwiseComparisonForAllPrioritiesOfUpToFiveUsers)
             const stepwise expected = compare_step_by_step(of);
             ASSERT_EQ(decide(of), expected.verdicts) << testing::PrintToString(priorities);
             ASSERT_EQ(winner(of), expected.winner) << testing::PrintToString(priorities);
-        } while (next(&priorities));
+        } while (road::next_priorities(&priorities, 7));
     }
+}
+
+TEST(Verdicts, AgreeWithTheLibraryForAllPrioritiesOfThreeUsers)
+{
+    std::vector<claim> of = {{"acl", 0}, {"mirror", 0}, {"qos", 0}};
+    walk_order({"acl", "mirror", "qos"}).sort(&of);
+    std::vector<int32_t> priorities(of.size(), 0);
+    UBridge__EmatchIndex index = U_BRIDGE__EMATCH_INDEX__INIT;
+    index.t_user = const_cast<char *>("acl");
+    do {
+        std::vector<sw_ematch_item *> items;
+        for (size_t i = 0; i < of.size(); ++i) {
+            of[i].priority = priorities[i];
+            sw_ematch_item item{};
+            item.match_priority = priorities[i];
+            items.push_back(sw_ematch_db_hash_insert_item(of[i].user.c_str(), &item));
+            ASSERT_NE(items.back(), nullptr);
+        }
+        const sw_ematch_item *won = sw_ematch_calc_final_values(nullptr, &index, 0);
+        ASSERT_NE(won, nullptr);
+        ASSERT_EQ(won->user->user_name, of[static_cast<size_t>(winner(of))].user);
+        const std::vector<verdict> decided = decide(of);
+        for (size_t i = 0; i < of.size(); ++i) {
+            ASSERT_EQ(items[i]->final_result, decided[i].result) << testing::PrintToString(priorities);
+            index.match_priority = priorities[i];
+            ASSERT_EQ(sw_ematch_db_hash_del_item(of[i].user.c_str(), &index), 0);
+        }
+    } while (road::next_priorities(&priorities, 7));
 }
 
 TEST(Verdicts, OfAUserWithSeveralPrioritiesTheHighestIsCompared)
