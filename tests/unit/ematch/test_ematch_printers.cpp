@@ -490,7 +490,7 @@ std::string user_header(const std::string &name) { return "===================> 
 
 std::string total(int32_t count)
 {
-    return format("--------------------------------------------------total count: %d\n", count);
+    return format("--------------------------------------------------\ntotal count: %d\n", count);
 }
 
 std::string printed_table(int32_t type)
