@@ -3,6 +3,8 @@
 
 #include <memory>
 
+#include "notification.hpp"
+
 namespace ebridged
 {
 
@@ -23,20 +25,6 @@ const typename traits::records &patterns()
         pattern_records() { this->session.index = &this->index; }
     } all;
     return all;
-}
-
-// The record of a notification when it is of the wanted type, or null.
-template <typename record>
-const record *record_of(const qz_mom_notification &msg, const record &wanted)
-{
-    const auto *message = static_cast<const ProtobufCMessage *>(msg.value);
-    if (msg.cmd == QZ_MOM_CMD_HSET || msg.cmd == QZ_MOM_CMD_HMSET) {
-        const auto *hash = static_cast<const qz_mom_hash_value *>(msg.value);
-        message = hash && hash->error == 0 ? hash->record : nullptr;
-    }
-    if (!message || message->descriptor != wanted.base.descriptor || msg.error != 0)
-        return nullptr;
-    return reinterpret_cast<const record *>(message);
 }
 
 template <typename traits, typename session_message>

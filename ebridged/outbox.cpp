@@ -1,19 +1,11 @@
 // The allocator service's writes: answers into session records, and their mirrors. See service.hpp.
 #include <new>
 
+#include "notification.hpp"
 #include "service.hpp"
 
 namespace ebridged
 {
-
-namespace
-{
-
-constexpr int64_t RETRY_USEC = 50'000;
-
-}  // namespace
-
-bool service::passes(int32_t code) { return code == QZ_MOM_EFULL || code == QZ_MOM_EDOWN || code == QZ_MOM_ENOMEM; }
 
 void service::note_due(duty what, const session_id &id)
 {
@@ -122,7 +114,7 @@ void service::write_failed(kind of, const qz_mom_notification &msg)
 
 int32_t service::on_written(qz_mom_handle *, const qz_mom_notification *msg, void *number)
 {
-    const auto [self, of] = find(number);
+    const auto [self, of] = numbers<address>::find(number);
     if (!self)
         return 0;
     if (msg->error != QZ_MOM_OK)
@@ -144,7 +136,7 @@ void service::retry_later()
 
 void service::on_retry(void *number)
 {
-    service *const self = find(number).self;
+    service *const self = numbers<address>::find(number).self;
     if (!self)
         return;
     self->retry_pending_ = false;

@@ -2,8 +2,9 @@
 #include "service.hpp"
 
 #include <algorithm>
-#include <mutex>
 #include <utility>
+
+#include "notification.hpp"
 
 namespace ebridged
 {
@@ -12,10 +13,6 @@ namespace
 {
 
 constexpr uint32_t DEFAULT_DATABASES[] = {4};
-
-bool is_written(int32_t cmd) { return cmd == QZ_MOM_CMD_SET || cmd == QZ_MOM_CMD_HSET || cmd == QZ_MOM_CMD_HMSET; }
-
-bool is_removed(int32_t cmd) { return cmd == QZ_MOM_CMD_DEL || cmd == QZ_MOM_CMD_EXPIRED; }
 
 // A holder is a user of a database.
 std::string holder_of(const session_id &id) { return std::to_string(id.db) + '/' + id.name.user; }
@@ -38,28 +35,7 @@ std::vector<uint32_t> databases_of(const ebridged_options *options)
     return databases;
 }
 
-// Who a callback is for, by number: a number may outlive its service.
-struct service::registry {
-    std::mutex lock;
-    std::unordered_map<uintptr_t, address> live;
-    uintptr_t last = 0;
-};
-
-service::registry &service::all_services()
-{
-    static auto *all = new registry;
-    return *all;
-}
-
-service::address service::find(void *number)
-{
-    registry &all = all_services();
-    const std::lock_guard guard(all.lock);
-    const auto entry = all.live.find(reinterpret_cast<uintptr_t>(number));
-    return entry == all.live.end() ? address() : entry->second;
-}
-
-void *service::number_arg(kind of) const { return reinterpret_cast<void *>(numbers_.at(of)); }
+void *service::number_arg(kind of) const { return numbers<address>::argument(numbers_.at(of)); }
 
 service::service(qz_mom_handle *handle, const ebridged_options *options)
     : handle_(handle), log(options), databases_(databases_of(options))
@@ -67,23 +43,16 @@ service::service(qz_mom_handle *handle, const ebridged_options *options)
     for (const uint32_t db : databases_)
         writes_[db];
     writes_[MIRROR_DB];
-    registry &all = all_services();
-    const std::lock_guard guard(all.lock);
     for (const kind of : KINDS) {
         allocators_.emplace(of, types_of(of));
-        numbers_.emplace(of, ++all.last);
-        all.live.emplace(all.last, address{this, of});
+        numbers_.emplace(of, numbers<address>::add({this, of}));
     }
 }
 
 service::~service()
 {
-    {
-        registry &all = all_services();
-        const std::lock_guard guard(all.lock);
-        for (const auto &[of, number] : numbers_)
-            all.live.erase(number);
-    }
+    for (const auto &[of, number] : numbers_)
+        numbers<address>::remove(number);
     for (const start_task &task : tasks_) {
         if (task.state == progress::waiting)
             continue;
@@ -104,14 +73,12 @@ size_t service::keys() const
 
 void service::stat(ebridged_stat *out) const
 {
-    *out = ebridged_stat{
-        .serving = serving_,
-        .sessions = static_cast<uint32_t>(serving_ ? sessions_.size() : found_.size()),
-        .keys = static_cast<uint32_t>(keys()),
-        .waiting = static_cast<uint32_t>(due_.size()),
-        .answered = answered_,
-        .refused = refused_,
-    };
+    out->serving = serving_;
+    out->sessions = static_cast<uint32_t>(serving_ ? sessions_.size() : found_.size());
+    out->keys = static_cast<uint32_t>(keys());
+    out->waiting = static_cast<uint32_t>(due_.size());
+    out->answered = answered_;
+    out->refused = refused_;
 }
 
 // ---- the start ------------------------------------------------------------------------------------------------------
@@ -387,7 +354,7 @@ void service::mirror_heard(kind of, const qz_mom_notification &msg)
 
 int32_t service::on_session(qz_mom_handle *, const qz_mom_notification *msg, void *number)
 {
-    const auto [self, of] = find(number);
+    const auto [self, of] = numbers<address>::find(number);
     if (self && msg->cmd == QZ_MOM_CMD_SUBSCRIBED)
         self->finish(msg->db, of, step::follow_sessions, msg->error);
     else if (self)
@@ -397,7 +364,7 @@ int32_t service::on_session(qz_mom_handle *, const qz_mom_notification *msg, voi
 
 int32_t service::on_session_scan(qz_mom_handle *, const qz_mom_notification *msg, void *number)
 {
-    const auto [self, of] = find(number);
+    const auto [self, of] = numbers<address>::find(number);
     if (self && msg->end == QZ_MOM_END_SCAN)
         self->finish(msg->db, of, step::read_sessions, msg->error);
     else if (self)
@@ -407,7 +374,7 @@ int32_t service::on_session_scan(qz_mom_handle *, const qz_mom_notification *msg
 
 int32_t service::on_range(qz_mom_handle *, const qz_mom_notification *msg, void *number)
 {
-    const auto [self, of] = find(number);
+    const auto [self, of] = numbers<address>::find(number);
     if (self && msg->cmd == QZ_MOM_CMD_SUBSCRIBED)
         self->finish(msg->db, of, step::follow_ranges, msg->error);
     else if (self && msg->end == QZ_MOM_END_SCAN)
@@ -419,7 +386,7 @@ int32_t service::on_range(qz_mom_handle *, const qz_mom_notification *msg, void 
 
 int32_t service::on_mirror_scan(qz_mom_handle *, const qz_mom_notification *msg, void *number)
 {
-    const auto [self, of] = find(number);
+    const auto [self, of] = numbers<address>::find(number);
     if (self && msg->end == QZ_MOM_END_SCAN)
         self->finish(msg->db, of, step::read_mirrors, msg->error);
     else if (self)

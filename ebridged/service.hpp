@@ -30,6 +30,7 @@
 #include "allocator.hpp"
 #include "ebridged.h"
 #include "kinds.hpp"
+#include "numbers.hpp"
 #include "qz_mom.h"
 #include "service_log.hpp"
 
@@ -61,6 +62,7 @@ class service
     service &operator=(const service &) = delete;
 
     int32_t start();
+    // Its part of it.
     void stat(ebridged_stat *out) const;
 
   private:
@@ -121,9 +123,6 @@ class service
         service *self = nullptr;  // null: it has ended
         kind of = kind::evlan;
     };
-    struct registry;
-    static registry &all_services();
-    static address find(void *number);
     void *number_arg(kind of) const;
 
     size_t keys() const;  // of all kinds that hold an id
@@ -158,7 +157,6 @@ class service
     bool is_done(uint32_t db, uint64_t number) const { return writes_.at(db).done >= number; }
     void write_failed(kind of, const qz_mom_notification &msg);
     void retry_later();
-    static bool passes(int32_t code);  // a code that may be another one next time
 
     qz_mom_handle *handle_;
     const service_log log;
