@@ -1,4 +1,4 @@
-// ebridged, the program: the allocator service in the foreground on a message store.
+// ebridged, the program: allocator and arbiter in the foreground on a message store.
 #include <signal.h>
 #include <syslog.h>
 
@@ -31,7 +31,9 @@ constexpr const char *FOOTER =
     "store start the service inside (see ebridged.h), as \"ebridge run\" does.\n"
     "\n"
     "Evlans of all databases are one set of ids, eports another. Records of ranges are read in the lowest database.\n"
-    "Runs in the foreground, logs to standard error, and ends on SIGTERM or SIGINT. Granted ids survive a restart.\n"
+    "Match rules of all databases are compared with each other; each user reads in its rules which of them hold.\n"
+    "Runs in the foreground, logs to standard error, and ends on SIGTERM or SIGINT. Granted ids survive a restart, and\n"
+    "match rules are decided anew after one.\n"
     "Several may run on one store: one serves, another takes over when it ends or is not heard of for 1.5 s.\n"
     "A service manager that asks for it is told when the store is there (sd_notify).\n"
     "Exit status: 0 ended by SIGTERM or SIGINT, 2 an argument is wrong or there is no such database, 3 the store cannot\n"
@@ -47,11 +49,12 @@ struct settings {
 // -1: go on; otherwise the exit status.
 int read_arguments(int argc, char **argv, settings *out)
 {
-    CLI::App app{"ebridged - hands out ids of evlans and eports to the users of a message store"};
+    CLI::App app{
+        "ebridged - hands out ids of evlans and eports to the users of a message store, and decides their match rules"};
     app.footer(FOOTER);
     app.add_option("--store", out->store, "URL of the message store")->required()->type_name("URL");
     app.add_option("--db", out->databases, "database to serve, may be repeated")->type_name("N")->capture_default_str();
-    app.add_flag("--verbose", out->verbose, "log every answer");
+    app.add_flag("--verbose", out->verbose, "log every answer and every changed verdict");
     app.add_flag("--syslog", out->syslog, "log to the system's log instead of standard error");
     try {
         app.parse(argc, argv);

@@ -37,7 +37,7 @@ standby::standby(std::string url, qz_thread_master *master, const ebridged_optio
 
 standby::~standby()
 {
-    service_.reset();
+    end_service();
     qz_mom_client_close(handle_);
 }
 
@@ -97,15 +97,24 @@ int32_t standby::on_lock(qz_mom_handle *handle, uint32_t, int32_t held, void *ar
 void standby::serve()
 {
     const ebridged_options options = with_databases(options_, served_);
+    end_service();
     service_ = std::make_unique<service>(handle_, &options);
+    arbiter_ = std::make_unique<arbiter>(handle_, &options);
     told_->entered(state::serving);
     service_->start();
+    arbiter_->start();
+}
+
+void standby::end_service()
+{
+    arbiter_.reset();
+    service_.reset();
 }
 
 void standby::step_down()
 {
     log_(EBRIDGED_LOG_ERROR, "the store's lock is lost");
-    service_.reset();
+    end_service();
     told_->entered(state::standing_by);
     open_anew();
 }

@@ -1,4 +1,4 @@
-// Several allocators on one store: the one that holds the store's lock serves, the others stand by.
+// Several services on one store: the one that holds the store's lock serves, allocator and arbiter, the others stand by.
 //
 // The lock is asked for in every database that the service writes, in the order of their numbers, so that two that start
 // together never hold one each. Its writes are fenced: once another has the lock, nothing that this one still sends is
@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "arbiter.hpp"
 #include "service.hpp"
 
 namespace ebridged
@@ -46,6 +47,7 @@ class standby
     int32_t open();
     void ask();
     void serve();
+    void end_service();
     void step_down();
     void open_anew();
 
@@ -60,6 +62,7 @@ class standby
     size_t connected_ = 0;
     size_t held_ = 0;  // so many of the locks, from the front
     std::unique_ptr<service> service_;
+    std::unique_ptr<arbiter> arbiter_;
 };
 
 }  // namespace ebridged

@@ -9,14 +9,17 @@ namespace
 {
 
 std::atomic<uint64_t> left{0};  // allocations until the failing one, itself included; 0: none fails
+std::atomic<uint64_t> failed{0};
 
 bool fails()
 {
     const uint64_t now = left.load();
     if (now == 0)
         return false;
-    if (now == 1)
+    if (now == 1) {
+        ++failed;
         return true;
+    }
     left = now - 1;
     return false;
 }
@@ -24,6 +27,8 @@ bool fails()
 }  // namespace
 
 void fail_allocations_from(uint64_t nth) { left = nth; }
+
+uint64_t failed_allocations() { return failed; }
 
 memory_for_the_test::memory_for_the_test() : left_(left.exchange(0)) {}
 

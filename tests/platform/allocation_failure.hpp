@@ -6,6 +6,8 @@
 
 // The nth allocation from now on, and every one after it, throws std::bad_alloc; 0 ends that.
 void fail_allocations_from(uint64_t nth);
+// How many have failed so far.
+uint64_t failed_allocations();
 
 // As long as it lives allocations succeed, and do not count: a test's own within what it tests.
 class memory_for_the_test

@@ -1,10 +1,12 @@
-// See scripted_store.hpp. Key texts here are "evlan:USER/32/KEYID" and "eport:USER/32/KEYID".
+// See scripted_store.hpp. Key texts here are "evlan:USER/32/KEYID", "eport:USER/32/KEYID" and "rule:USER/VLAN/PRIORITY".
 #include "scripted_store.hpp"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <tuple>
+#include <utility>
 
 #include "allocation_failure.hpp"
 
@@ -56,8 +58,38 @@ struct record {
     }
 };
 
+// A match rule.
+struct rule_message {
+    UBridge__EmatchIndex index = U_BRIDGE__EMATCH_INDEX__INIT;
+    UBridge__EmatchEntry entry = U_BRIDGE__EMATCH_ENTRY__INIT;
+    std::string user;
+    std::string key;
+
+    explicit rule_message(const rule &of)
+        : user(of.user), key("rule:" + user + '/' + std::to_string(of.vlan) + '/' + std::to_string(of.priority))
+    {
+        index.t_user = user.data();
+        index.match_type = U_BRIDGE__MATCH_TYPE__OVID;
+        index.evlan1 = of.vlan;
+        index.match_priority = of.priority;
+        entry.index = &index;
+        entry.result = static_cast<UBridge__MatchResult>(of.result);
+    }
+    rule_message(const rule_message &) = delete;
+    rule_message &operator=(const rule_message &) = delete;
+};
+
+ProtobufCMessage *copy(const ProtobufCMessage &message)
+{
+    uint8_t packed[256];
+    const size_t size = protobuf_c_message_pack(&message, packed);
+    return protobuf_c_message_unpack(message.descriptor, nullptr, size, packed);
+}
+
 table table_of(const ProtobufCMessageDescriptor &type)
 {
+    if (&type == &u_bridge__ematch_entry__descriptor)
+        return table::rules;
     const bool eport =
         &type == &u_bridge__eport_session__descriptor || &type == &u_bridge__eport_session_range__descriptor;
     return eport ? table::eport : table::evlan;
@@ -74,6 +106,36 @@ void tell(const listener &to, const qz_mom_notification &msg)
             fail_allocations_from(0);
         }
     }
+}
+
+// A posted call that lacks memory has itself called later: that is now.
+void run(qz_thread_call_func func, void *arg)
+{
+    store &here = the_store();
+    for (uint64_t nth = here.lacks_memory ? 1 : 0;; ++nth) {
+        const uint64_t failed = failed_allocations();
+        fail_allocations_from(nth);
+        func(arg);
+        fail_allocations_from(0);
+        if (failed_allocations() == failed)
+            return;
+        const auto [again, number] = here.timers.back();
+        here.timers.pop_back();
+        again(number);
+        std::tie(func, arg) = here.posted.back();
+        here.posted.pop_back();
+    }
+}
+
+void tell_outcome(const store_write &which, uint32_t db, const std::string &key, int32_t error)
+{
+    tell(which.done, {.db = db,
+                      .key = key.c_str(),
+                      .field = "",
+                      .cmd = QZ_MOM_CMD_NONE,
+                      .value = nullptr,
+                      .end = 0,
+                      .error = error});
 }
 
 int32_t code_of(const std::string &call)
@@ -113,17 +175,35 @@ std::string text_of(const char *call, uint32_t db, const session &written)
     return text + id;
 }
 
+std::string text_of(const char *call, uint32_t db, const UBridge__EmatchEntry &written)
+{
+    return std::string(call) + ' ' + std::to_string(db) + ' ' + written.index->t_user + '/' +
+           std::to_string(written.index->evlan1) + '/' + std::to_string(written.index->match_priority) + " = " +
+           std::to_string(written.result);
+}
+
+std::string text_of(const char *call, uint32_t db, const ProtobufCMessage *message)
+{
+    switch (table_of(*message->descriptor)) {
+        case table::evlan:
+            return text_of(call, db, *reinterpret_cast<const UBridge__EvlanSession *>(message));
+        case table::eport:
+            return text_of(call, db, *reinterpret_cast<const UBridge__EportSession *>(message));
+        default:
+            return text_of(call, db, *reinterpret_cast<const UBridge__EmatchEntry *>(message));
+    }
+}
+
 int32_t note_write(const char *call, uint32_t db, const ProtobufCMessage *message, listener given)
 {
     const memory_for_the_test mine;
     const int32_t code = code_of(call);
     if (code != 0)
         return code;
+    if (the_store().writes.size() >= the_store().room)
+        return QZ_MOM_EFULL;
     given.of = table_of(*message->descriptor);
-    const std::string text = given.of == table::evlan
-                                 ? text_of(call, db, *reinterpret_cast<const UBridge__EvlanSession *>(message))
-                                 : text_of(call, db, *reinterpret_cast<const UBridge__EportSession *>(message));
-    the_store().writes.push_back({text, given});
+    the_store().writes.push_back({text_of(call, db, message), given});
     return 0;
 }
 
@@ -147,10 +227,16 @@ std::vector<std::string> store::texts() const
 
 void store::run_timers()
 {
-    const auto due = std::move(timers);
-    timers.clear();
-    for (const auto &[func, arg] : due)
+    for (const auto &[func, arg] : std::exchange(timers, {}))
         func(arg);
+}
+
+void store::run_posted()
+{
+    while (!posted.empty()) {
+        for (const auto &[func, arg] : std::exchange(posted, {}))
+            run(func, arg);
+    }
 }
 
 void store::confirm(const listener &to, uint32_t db) const
@@ -195,16 +281,39 @@ void store::removed(const listener &to, uint32_t db, const char *user, uint32_t 
               .error = 0});
 }
 
+void store::rule_written(const listener &to, uint32_t db, const rule &which, const char *fields) const
+{
+    rule_message content(which);
+    qz_mom_hash_value hash{0, &content.entry.base};
+    tell(to, {.db = db,
+              .key = content.key.c_str(),
+              .field = fields,
+              .cmd = QZ_MOM_CMD_HMSET,
+              .value = &hash,
+              .end = 0,
+              .error = 0});
+}
+
+void store::rule_removed(const listener &to, uint32_t db, const rule &which, int32_t cmd) const
+{
+    rule_message content(which);
+    tell(to, {.db = db,
+              .key = content.key.c_str(),
+              .field = "",
+              .cmd = cmd,
+              .value = &content.entry.base,
+              .end = 0,
+              .error = 0});
+}
+
 void store::write_done(const store_write &which, uint32_t db, const char *user, uint32_t keyid, int32_t error) const
 {
-    const record content(which.done.of, user, keyid);
-    tell(which.done, {.db = db,
-                      .key = content.key.c_str(),
-                      .field = "",
-                      .cmd = QZ_MOM_CMD_NONE,
-                      .value = nullptr,
-                      .end = 0,
-                      .error = error});
+    tell_outcome(which, db, record(which.done.of, user, keyid).key, error);
+}
+
+void store::write_done(const store_write &which, uint32_t db, const rule &of, int32_t error) const
+{
+    tell_outcome(which, db, rule_message(of).key, error);
 }
 
 }  // namespace scripted
@@ -255,17 +364,19 @@ const char *qz_mom_strerror(int32_t) { return "code"; }
 ProtobufCMessage *qz_mom_key_parse(const ProtobufCMessageDescriptor *type, const char *text)
 {
     const memory_for_the_test mine;
+    char user[32];
+    rule which;
+    if (std::sscanf(text, "rule:%31[^/]/%d/%d", user, &which.vlan, &which.priority) == 3) {
+        which.user = user;
+        return copy(rule_message(which).entry.base);
+    }
     const table of = table_of(*type);
     const std::string begin = prefix(of);
-    char user[32];
     uint32_t keyid;
     if (std::strncmp(text, begin.c_str(), begin.size()) != 0 ||
         std::sscanf(text + begin.size(), "%31[^/]/32/%u", user, &keyid) != 2)
         return nullptr;
-    record made(of, user, keyid);
-    uint8_t packed[256];
-    const size_t size = protobuf_c_message_pack(made.message(), packed);
-    return protobuf_c_message_unpack(type, nullptr, size, packed);
+    return copy(*record(of, user, keyid).message());
 }
 
 int64_t qz_thread_now(const qz_thread_master *) { return 0; }
@@ -275,5 +386,14 @@ int32_t qz_thread_call_after(qz_thread_master *, int64_t, qz_thread_call_func fu
     const memory_for_the_test mine;
     the_store().timers.emplace_back(func, arg);
     return 0;
+}
+
+int32_t qz_thread_call(qz_thread_master *, qz_thread_call_func func, void *arg)
+{
+    const memory_for_the_test mine;
+    const int32_t code = code_of("post");
+    if (code == 0)
+        the_store().posted.emplace_back(func, arg);
+    return code;
 }
 }

@@ -14,7 +14,15 @@ namespace scripted
 {
 
 // Sessions here are of type 32, which exists as evlan and as eport. An eport's key is (1, KEYID).
-enum class table { evlan, eport };
+enum class table { evlan, eport, rules };
+
+// A match rule: those of the same outer VLAN have the same key.
+struct rule {
+    std::string user;
+    int32_t vlan = 0;
+    int32_t priority = 0;
+    int32_t result = 0;
+};
 
 // A callback that the service gave away, for records of a table.
 struct listener {
@@ -23,7 +31,8 @@ struct listener {
     table of = table::evlan;
 };
 
-// A write: "hmupdate 4 a/32/7 0x20000001", "hmset 8 ...", "del 8 a/32/7"; and who hears how it went.
+// A write: "hmupdate 4 a/32/7 0x20000001", "hmset 8 ...", "del 8 a/32/7", of a rule "hmupdate 4 USER/VLAN/PRIORITY = RESULT";
+// and who hears how it went.
 struct store_write {
     std::string text;
     listener done;
@@ -34,13 +43,17 @@ struct store {
     std::vector<store_write> writes;          // accepted ones
     std::map<std::string, int32_t> codes;     // what calls of this name return, 0 when it is not there
     std::vector<std::pair<qz_thread_call_func, void *>> timers;
-    // Callbacks run out of memory at their first allocation, then at their second and so on, and are made again until
+    std::vector<std::pair<qz_thread_call_func, void *>> posted;  // calls
+    size_t room = SIZE_MAX;                                      // so many writes are noted, then they are refused
+    // Callbacks and posted calls run out of memory at their first allocation, then at their second and so on, and are made again until
     // they have all they need.
     bool lacks_memory = false;
 
     qz_mom_handle *handle();
     std::vector<std::string> texts() const;
     void run_timers();
+    // Calls, and those that they post.
+    void run_posted();
 
     void confirm(const listener &to, uint32_t db) const;
     void end_scan(const listener &to, uint32_t db, int32_t error = 0) const;
@@ -48,8 +61,13 @@ struct store {
     void written(const listener &to, uint32_t db, const char *user, uint32_t keyid, uint32_t reply_value = 0,
                  uint32_t request_value = 0x20000000) const;
     void removed(const listener &to, uint32_t db, const char *user, uint32_t keyid) const;
+    // A rule as it stands; `fields`: those that were written.
+    void rule_written(const listener &to, uint32_t db, const rule &which,
+                      const char *fields = "action_type,flag") const;
+    void rule_removed(const listener &to, uint32_t db, const rule &which, int32_t cmd = QZ_MOM_CMD_DEL) const;
     // The outcome of an accepted write.
     void write_done(const store_write &which, uint32_t db, const char *user, uint32_t keyid, int32_t error) const;
+    void write_done(const store_write &which, uint32_t db, const rule &of, int32_t error = 0) const;
 };
 
 store &the_store();
