@@ -5,7 +5,7 @@
  *
  * Conventions
  *  1. Users. An application registers once per name with sw_ebridge_init(); a name has at most 31 characters. A process
- *     may hold several users. Only the first 31 characters of a name take part in any look-up.
+ *     may hold several users. Only the first 31 characters of a name take part in a look-up.
  *  2. Results. int32_t codes: 0 success; -1 a table is missing or could not be made, or an item was not found; -2 bad
  *     argument or unknown user; -3 a platform registration failed; -4 no memory for callback arguments or a map item;
  *     -5 no memory for a record, or an id that the local database does not hold; -6, returned by a visitor of
@@ -866,10 +866,10 @@ int32_t sw_vlan_pvid_db_init(void);
  * What each user wants done with which traffic: one item per user and key, in one table for the process. A key is all of an
  * item before action_type, the user and the priority among it: one index has one priority, and rules of one user that
  * differ in nothing else are rules apart. Items belong to the table; one that it returns is valid until it is deleted.
- * In an index a mac, mask or ip that is absent is the same as one that is all zero. */
+ * In an index a mac or mask that is absent is the same as one that is all zero, and an absent ip as IPv4 0. */
 
 /* Visits an item. */
-typedef int32_t (*sw_ematch_item_func)(sw_ematch_item *item, void *args, int32_t position);
+typedef sw_ematch_item_visitor sw_ematch_item_func;
 
 /* Argument of sw_ematch_db_ut_dump_op(): which items are printed, and how many were. */
 typedef struct sw_ematch_dump_args {
@@ -879,7 +879,8 @@ typedef struct sw_ematch_dump_args {
 } sw_ematch_dump_args;
 
 /* Makes the rule table and registers a blank user of that name (may be null) in registry table `list` if there is none;
- * sw_ebridge_init() of that name then only refreshes it, so initialise first. 0, or -1. */
+ * sw_ebridge_init() of that name then only refreshes it, so initialise first. 0, also when the user could not be registered;
+ * or -1. */
 int32_t sw_ebridge_match_db_init(int32_t list, const char *user_name);
 /* Fill a zeroed item: the key from an index, and the action and result from an entry. Of a mac or mask the first 6 bytes,
  * or those that there are; of an ip its v4 word, or the 16 bytes of another form. with_user: the item's user is the index's
@@ -894,25 +895,26 @@ sw_ematch_item *sw_ematch_entry_to_db_item(sw_ematch_item *item, const UBridge__
 int32_t sw_ematch_index_copy(UBridge__EmatchIndex *dst, const sw_ematch_item *src, int32_t with_user);
 int32_t sw_ematch_copy_entry(UBridge__EmatchEntry *dst, const sw_ematch_item *src, int32_t with_user);
 /* Copies the item over the user's stored one of the same key, or stores a copy; the caller's item takes the user. The
- * stored item; null for an unknown user, a null item, or without memory. */
+ * stored item; null for an unknown user, a null item, without a table or without memory. */
 sw_ematch_item *sw_ematch_db_hash_insert_item(const char *user_name, sw_ematch_item *item);
 /* The user's item of that key (the index's `t_user` is not looked at), or null. */
 sw_ematch_item *sw_ematch_db_hash_get_item(const char *user_name, const UBridge__EmatchIndex *index);
-/* 0, also when there is none; -2 unknown user. */
+/* 0, also when there is none; -2 unknown user or null. */
 int32_t sw_ematch_db_hash_del_item(const char *user_name, const UBridge__EmatchIndex *index);
-/* Visits all items until a result is not 0; with a user that user's, all of them. A visitor may delete the item that it is
- * given. 0; -5 no table. */
+/* Visits all items until a result is not 0; with a user all of that user's, whose name is compared whole. A visitor may
+ * delete the item that it is given. 0; -2 null visitor; -5 no table. */
 int32_t sw_ematch_db_hash_each_item(const char *user_name, sw_ematch_item_func callback, void *args);
 /* The item of the index's user, made from the index alone if there is none; table and user are made if need be. Null: null
- * argument, no memory, or a `list` other than 0, where items have no users. */
+ * argument, no memory, or a user that table 0 does not have: items are those of its users, whatever `list` is. */
 sw_ematch_item *sw_ematch_db_verify(int32_t list, const UBridge__EmatchIndex *index);
-/* 0 or -1. Kept for its callers, not an equality: see its source. Not what the table uses. */
+/* 0 or -1. Kept for its callers, and no equality: -1 also when mac, mask or ip are the same, so that no item is the same as
+ * itself. The table uses its key. */
 int32_t sw_ematch_db_hash_cmp_key(const sw_ematch_item *a, const sw_ematch_item *b);
 /* Dump the items of a type (0 all), once for each user: every header is followed by the items of all users, and counts add
  * up. 0. */
 int32_t sw_ematch_db_ut_dump(int32_t match_type);
 int32_t sw_ematch_db_ut_dump_op(sw_ematch_item *item, void *dump_args, int32_t position);
-/* Log an item, its key, or a record, where a category is at debug level. 0. */
+/* Log an item, its key, or a record at info level. 0. */
 int32_t sw_bridge_printf_ematch_item(const sw_ematch_item *item);
 int32_t sw_bridge_printf_ematch_item_key(const sw_ematch_item *item);
 int32_t sw_bridge_printf_udp_ematch(const UBridge__EmatchEntry *entry);
@@ -923,16 +925,18 @@ int32_t sw_bridge_printf_sdp_ematch(const SBridge__EmatchEntry *entry);
  * whoever decides among the users, whose verdict comes back in the `result` of each record. 0; -2 bad argument or unknown
  * user; or the store's code. */
 
-/* Writes the rule of the user that its index names, all but its result. */
+/* Writes the rule of the user that its index names, all but its result. Items have 6 bytes of a mac, and IPv4 or IPv6
+ * addresses: the verdict on a rule with anything else finds no record. */
 int32_t sw_ematch_entry_add(const UBridge__EmatchEntry *entry);
 /* Removes it; only the index counts. */
 int32_t sw_ematch_entry_del(const UBridge__EmatchEntry *entry);
 /* Reads all users' rules. The verdict in each goes to its user's ematch_reply, if that user is of this process, and
- * `callback` hears the end of the scan; so do the scan callbacks of all other users: look at the handle or argument. */
+ * `callback` hears the end of the scan; so do the scan callbacks of all other users, each with its own argument: look at the
+ * handle and the message's database. */
 int32_t sw_ematch_scan(const char *user_name, sw_ebridge_mom_func callback, void *args);
 int32_t sw_ematch_scan_with_db(const char *user_name, int32_t db, sw_ebridge_mom_func callback, void *args);
 /* Follows the verdicts on all users' rules in the same way; `callback` hears of the confirmation. Applications subscribe
- * themselves: initialisation does not. */
+ * themselves: initialisation does not. A process that follows them on two handles hears each verdict twice. */
 int32_t sw_ematch_subscribe(const char *user_name, sw_ebridge_mom_func callback, void *args);
 int32_t sw_ematch_subscribe_with_db(const char *user_name, int32_t db, sw_ebridge_mom_func callback, void *args);
 /* What the store calls for both. 0; 1 and -2: nothing usable in the message. */
@@ -948,11 +952,13 @@ int32_t sw_ematch_aged_data_delete(const char *user_name, qz_mom_msg_cb callback
 /* ---- match rules: deciding among users ------------------------------------------------------------------------------ */
 
 /* Decides which of the users' rules of one key hold, whatever the priority that `index` names: of each user the item of the
- * highest priority counts. Users are compared each with the one before it, in the order of the registry's table: a higher
+ * highest priority counts, and its others stay as they are. The index's `t_user` is registered as by
+ * sw_ebridge_match_db_init(): initialise first. Users are compared each with the one before it, in the order of the registry's table: a higher
  * priority wins over it, any other loses to it and lets it win, whatever it had lost to before. So more than one can win
- * (docs/operators.md). publish not 0: every item's result is written to its user's record (in the database that its mom_db
- * names), changed or not. The item that last beat the one before it, or the first: one static item, valid until the next
- * call. Null when nobody has such a rule, or for a null index. */
+ * (docs/operators.md). publish not 0: the result of every item that counts is written to its user's record (in the database
+ * that its mom_db names), changed or not. The item that last beat the one before it, or the first: one static item, valid
+ * until the next call, whose `user` is a name of 32 bytes and no instance record. Null when nobody has such a rule, or for
+ * a null index. */
 sw_ematch_item *sw_ematch_calc_final_values(qz_mom_handle *mom_handle, const UBridge__EmatchIndex *index,
                                             int32_t publish);
 /* Writes current_result to the item's record, if there is one. 0, -2 null, or the store's code. */

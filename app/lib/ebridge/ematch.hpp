@@ -1,4 +1,4 @@
-// What the sources of the match rules share: reading an item's parts.
+// What the sources of the match rules share: reading the parts of items and records.
 //
 // An item's `user` is the owner's instance record, which begins with the name; in an item that was copied out it is a name
 // alone. So it is read as a name only.
@@ -6,12 +6,40 @@
 
 #include <cstring>
 
-#include "sw_ebridge.h"
+#include "logging.hpp"
 
 namespace sw
 {
 
 inline constexpr size_t kMacSize = 6;
+inline constexpr uint32_t kResultField[] = {30};
+
+// False with the reason logged.
+[[gnu::noinline]] inline bool has_index(const site &where, const UBridge__EmatchIndex *index)
+{
+    if (index == nullptr)
+        SW_LOG_AT(where, error, "Assert:Bad args EMATCH index.\n");
+    return index != nullptr;
+}
+
+[[gnu::noinline]] inline bool has_key(const site &where, const UBridge__EmatchEntry *entry)
+{
+    if (entry == nullptr)
+        SW_LOG_AT(where, error, "Assert:Bad args EMATCH.\n");
+    return entry != nullptr && has_index(where, entry->index);
+}
+
+inline bool has_bytes(const PLibpub__Mac *mac)
+{
+    return mac != nullptr && mac->data.data != nullptr && mac->data.len != 0;
+}
+
+// The first 6 bytes, or those that there are.
+inline void read_mac(uint8_t *to, const PLibpub__Mac *from)
+{
+    if (has_bytes(from))
+        std::memcpy(to, from->data.data, from->data.len < kMacSize ? from->data.len : kMacSize);
+}
 
 // Null when the item has no user.
 inline const char *user_name_of(const sw_ematch_item &item)

@@ -1,7 +1,6 @@
 // Match rules: the process-wide table of all users' items, conversions between items and records, and the decision which
 // users' rules of one key hold. Publishing and replies are in libsw_ematch_session.cpp, printing in libsw_ematch_print.cpp.
-#include <algorithm>
-
+#include "arrays.hpp"
 #include "ematch.hpp"
 #include "export.hpp"
 #include "keyed_cache.hpp"
@@ -12,12 +11,6 @@
 
 namespace
 {
-
-void read_mac(uint8_t (&to)[8], const PLibpub__Mac *from)
-{
-    if (from != nullptr && from->data.data != nullptr)
-        std::memcpy(to, from->data.data, std::min(from->data.len, sw::kMacSize));
-}
 
 void read_ip(sw_ematch_item &item, const PLibpub__Ip *from)
 {
@@ -55,11 +48,10 @@ bool write_ip(PLibpub__Ip *to, const sw_ematch_item &from)
     return true;
 }
 
-bool has_index(const sw::site &where, const UBridge__EmatchIndex *index)
+// Whether a name may be written there: what a fresh record has is one text for all.
+bool takes_name(const UBridge__EmatchIndex &index)
 {
-    if (index == nullptr)
-        SW_LOG_AT(where, error, "Assert:Bad args EMATCH index.\n");
-    return index != nullptr;
+    return index.t_user != nullptr && index.t_user != protobuf_c_empty_string;
 }
 
 }  // namespace
@@ -68,10 +60,10 @@ SW_EXPORT sw_ematch_item *sw_ematch_entry_index_to_db_item(sw_ematch_item *item,
                                                            int32_t with_user)
 {
     if (item == nullptr) {
-        SW_LOG(error, "Assert:Bad src EMATCH.\n");
+        SW_LOG(error, "Assert:Bad dst EMATCH.\n");
         return nullptr;
     }
-    if (!has_index(SW_HERE, index))
+    if (!sw::has_index(SW_HERE, index))
         return nullptr;
     if (with_user != 0)
         item->user = sw::as_user(index->t_user);
@@ -85,23 +77,19 @@ SW_EXPORT sw_ematch_item *sw_ematch_entry_index_to_db_item(sw_ematch_item *item,
     item->vnid = index->vnid;
     item->label = index->label;
     item->ip_mask = index->ip_mask;
-    read_mac(item->mac, index->mac);
+    sw::read_mac(item->mac, index->mac);
     item->frame_type = index->frame_type;
     item->ether_type = index->ether_type;
     read_ip(*item, index->ip);
     item->match_id = index->match_id;
-    read_mac(item->mask, index->mask);
+    sw::read_mac(item->mask, index->mask);
     return item;
 }
 
 SW_EXPORT sw_ematch_item *sw_ematch_entry_to_db_item(sw_ematch_item *item, const UBridge__EmatchEntry *entry,
                                                      int32_t with_user)
 {
-    if (entry == nullptr) {
-        SW_LOG(error, "Assert:Bad args EMATCH.\n");
-        return nullptr;
-    }
-    if (sw_ematch_entry_index_to_db_item(item, entry->index, with_user) == nullptr)
+    if (!sw::has_key(SW_HERE, entry) || sw_ematch_entry_index_to_db_item(item, entry->index, with_user) == nullptr)
         return nullptr;
     item->action_type = static_cast<int32_t>(entry->action_type);
     item->new_evlan1 = entry->new_evlan1;
@@ -126,7 +114,7 @@ SW_EXPORT int32_t sw_ematch_index_copy(UBridge__EmatchIndex *dst, const sw_ematc
         return -2;
     }
     const bool names_user = with_user != 0 && src->user != nullptr;
-    if ((names_user && dst->t_user == nullptr) || !write_ip(dst->ip, *src)) {
+    if ((names_user && !takes_name(*dst)) || !write_ip(dst->ip, *src)) {
         SW_LOG(error, "Assert:Bad dst EMATCH index.\n");
         return -2;
     }
@@ -202,19 +190,10 @@ SW_EXPORT int32_t sw_ebridge_match_db_init(int32_t list, const char *user_name)
     return 0;
 }
 
-// The item of a user's index, or null; *known tells whether there is such a user.
-static sw_ematch_item *find_item(const sw::site &where, const char *user_name, const UBridge__EmatchIndex *index,
-                                 bool *known)
+static sw_ematch_item *find_item(sw_ebridge_list_item *user, const UBridge__EmatchIndex &index)
 {
-    *known = false;
-    if (!has_index(where, index))
-        return nullptr;
-    sw_ebridge_list_item *user = sw::find_user(where, user_name);
-    if (user == nullptr)
-        return nullptr;
-    *known = true;
     sw_ematch_item key = {};
-    sw_ematch_entry_index_to_db_item(&key, index, 0);
+    sw_ematch_entry_index_to_db_item(&key, &index, 0);
     key.user = user;
     return sw_ematch_item_hash_find(0, &key);
 }
@@ -228,9 +207,13 @@ SW_EXPORT sw_ematch_item *sw_ematch_db_hash_insert_item(const char *user_name, s
     sw_ebridge_list_item *user = sw::find_user(SW_HERE, user_name);
     if (user == nullptr)
         return nullptr;
-    item->user = user;
+    // A stored item may be handed in, another user's, too: its key stays.
+    sw_ematch_item wanted = *item;
+    wanted.user = user;
+    if (sw_ematch_item_hash_find(0, item) != item)
+        item->user = user;
     sw_ematch_item *stored = nullptr;
-    sw_ematch_item_cache_create(0, &stored, item);
+    sw_ematch_item_cache_create(0, &stored, &wanted);
     if (stored == nullptr) {
         SW_LOG(error, "sw_ematch_item DL_CACHE_CREATE failed.");
         return nullptr;
@@ -241,17 +224,20 @@ SW_EXPORT sw_ematch_item *sw_ematch_db_hash_insert_item(const char *user_name, s
 
 SW_EXPORT sw_ematch_item *sw_ematch_db_hash_get_item(const char *user_name, const UBridge__EmatchIndex *index)
 {
-    bool known = false;
-    return find_item(SW_HERE, user_name, index, &known);
+    if (!sw::has_index(SW_HERE, index))
+        return nullptr;
+    sw_ebridge_list_item *user = sw::find_user(SW_HERE, user_name);
+    return user != nullptr ? find_item(user, *index) : nullptr;
 }
 
 SW_EXPORT int32_t sw_ematch_db_hash_del_item(const char *user_name, const UBridge__EmatchIndex *index)
 {
-    bool known = false;
-    const sw_ematch_item *item = find_item(SW_HERE, user_name, index, &known);
-    if (!known)
+    if (!sw::has_index(SW_HERE, index))
         return -2;
-    if (item != nullptr) {
+    sw_ebridge_list_item *user = sw::find_user(SW_HERE, user_name);
+    if (user == nullptr)
+        return -2;
+    if (const sw_ematch_item *item = find_item(user, *index); item != nullptr) {
         SW_LOG(debug, "sw_ematch_db_hash_del_item: %d.", sw_bridge_printf_ematch_item(item));
         sw_ematch_item_cache_destroy(0, item);
     } else {
@@ -296,7 +282,7 @@ SW_EXPORT int32_t sw_ematch_db_hash_each_item(const char *user_name, sw_ematch_i
 
 SW_EXPORT sw_ematch_item *sw_ematch_db_verify(int32_t list, const UBridge__EmatchIndex *index)
 {
-    if (!has_index(SW_HERE, index))
+    if (!sw::has_index(SW_HERE, index))
         return nullptr;
     if (index->t_user == nullptr) {
         SW_LOG(error, "Assert:Bad args EMATCH user.\n");
@@ -349,10 +335,10 @@ void remember(const sw_ematch_item &item)
 
 // A walk over the users with the key that is decided.
 struct calculation {
+    const sw::site where;
+    qz_mom_handle *const mom_handle;
     sw_ematch_item key;
-    qz_mom_handle *mom_handle;
     sw_ematch_item *previous;  // found before, in this walk
-    bool found;
 };
 
 constexpr int32_t kHighestPriority = 7;
@@ -377,8 +363,8 @@ int32_t decide(sw_ebridge_list_item *user, void *arg, int32_t)
     sw_ematch_item *item = item_of(walk->key, user);
     if (item == nullptr)
         return 0;
-    SW_LOG(debug, "calc_final_values,ebridge_list_item user: %s: %d, ", user->user_name,
-           sw_bridge_printf_ematch_item(item));
+    SW_LOG_AT(walk->where, debug, "calc_final_values,ebridge_list_item user: %s: %d, ", user->user_name,
+              sw_bridge_printf_ematch_item(item));
     const bool first = walk->previous == nullptr;
     const bool wins = first || item->match_priority > walk->previous->match_priority;
     if (!first)
@@ -387,7 +373,6 @@ int32_t decide(sw_ebridge_list_item *user, void *arg, int32_t)
     if (wins)
         remember(*item);
     walk->previous = item;
-    walk->found = true;
     return 0;
 }
 
@@ -399,8 +384,8 @@ int32_t publish_result(sw_ebridge_list_item *user, void *arg, int32_t)
     sw_ematch_item *item = item_of(walk->key, user);
     if (item == nullptr)
         return 0;
-    SW_LOG(debug, "user %s ematch result changes from %d to %d.", user->user_name, item->current_result,
-           item->final_result);
+    SW_LOG_AT(walk->where, debug, "user %s ematch result changes from %d to %d.", user->user_name, item->current_result,
+              item->final_result);
     item->current_result = item->final_result;
     sw_ematch_result_reply(walk->mom_handle, item);
     return 0;
@@ -411,23 +396,24 @@ int32_t publish_result(sw_ebridge_list_item *user, void *arg, int32_t)
 SW_EXPORT sw_ematch_item *sw_ematch_calc_final_values(qz_mom_handle *mom_handle, const UBridge__EmatchIndex *index,
                                                       int32_t publish)
 {
+    // The index is read first: it may point into the last winner.
+    calculation walk = {SW_HERE, mom_handle, {}, nullptr};
+    const bool usable = sw::has_index(SW_HERE, index);
+    if (usable)
+        sw_ematch_entry_index_to_db_item(&walk.key, index, 0);
+    const int32_t rv = usable ? sw_ebridge_match_db_init(0, index->t_user) : 0;
     final_ematch_item = {};
     final_ematch_item.item.user = sw::as_user(final_ematch_item.user_name);
-    if (!has_index(SW_HERE, index))
-        return nullptr;
-    if (sw_ebridge_match_db_init(0, index->t_user) != 0) {
+    if (rv != 0)
         SW_LOG(error, "Assert:sw_ebridge_match_db_init failed.\n");
+    if (!usable || rv != 0)
         return nullptr;
-    }
-    calculation walk = {};
-    walk.mom_handle = mom_handle;
-    sw_ematch_entry_index_to_db_item(&walk.key, index, 0);
     sw_ebridge_list_for_each(0, decide, &walk);
     if (publish != 0) {
         SW_LOG(debug, "a second ematch result scan started.");
         sw_ebridge_list_for_each(0, publish_result, &walk);
     }
-    if (!walk.found)
+    if (walk.previous == nullptr)
         return nullptr;
     SW_LOG(debug, "calc_final_values,final_ematch_item: %d, ", sw_bridge_printf_ematch_item(&final_ematch_item.item));
     return &final_ematch_item.item;
@@ -467,8 +453,8 @@ SW_EXPORT int32_t sw_ematch_result_reply(qz_mom_handle *mom_handle, sw_ematch_it
     entry.result = static_cast<UBridge__MatchResult>(item->current_result);
     // Operators know the line by this name, though the call is an update: it leaves marks alone and makes no record.
     SW_LOG(debug, "qz_mom_hmset udp_ematch_entry: %d.", sw_bridge_printf_udp_ematch(&entry));
-    const uint32_t fields[] = {30};
-    const int32_t rv = qz_mom_hmupdate(mom_handle, item->mom_db, &entry.base, fields, 1, nullptr, nullptr);
+    const int32_t rv = qz_mom_hmupdate(mom_handle, item->mom_db, &entry.base, sw::kResultField,
+                                       sw::count_of(sw::kResultField), nullptr, nullptr);
     if (rv != 0)
         SW_LOG(error, "Assert:qz_mom_hmupdate failed, rv: %d\n", rv);
     return rv;

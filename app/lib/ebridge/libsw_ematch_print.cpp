@@ -72,10 +72,10 @@ struct entry_texts {
 
 void print_mac(const sw::site &where, const char *format, const PLibpub__Mac *mac)
 {
-    if (mac == nullptr || mac->data.data == nullptr || mac->data.len == 0)
+    if (!sw::has_bytes(mac))
         return;
     uint8_t bytes[sw::kMacSize] = {};
-    std::memcpy(bytes, mac->data.data, mac->data.len < sizeof bytes ? mac->data.len : sizeof bytes);
+    sw::read_mac(bytes, mac);
     SW_LOG_UNCHECKED_AT(where, info, format, bytes);
 }
 
@@ -85,7 +85,7 @@ void print_ip(const sw::site &where, const entry_texts &texts, const PLibpub__Ip
         return;
     if (const PLibpub__Ipv4 *v4 = sw::v4_of(ip))
         SW_LOG_UNCHECKED_AT(where, info, texts.v4, v4->data);
-    else if (const uint8_t *v6 = sw::v6_of(ip))
+    else if (const uint8_t *v6 = sw::v6_of(ip); v6 != nullptr && ip->ip_case == P_LIBPUB__IP__IP_V6)
         SW_LOG_UNCHECKED_AT(where, info, texts.v6, v6);
     else
         SW_LOG_UNCHECKED_AT(where, info, texts.other);
@@ -222,12 +222,7 @@ SW_EXPORT int32_t sw_ematch_db_ut_dump(int32_t match_type)
         [](sw_ebridge_list_item *user, void *arg, int32_t) {
             auto *all = static_cast<sw_ematch_dump_args *>(arg);
             sw::print("===================> user: %s ========\n", user->user_name);
-            sw_ematch_item_hash_traverse(
-                0,
-                [](sw_ematch_item *item, void *args, int32_t position) {
-                    return sw_ematch_db_ut_dump_op(item, args, position);
-                },
-                arg);
+            sw_ematch_item_hash_traverse(0, sw_ematch_db_ut_dump_op, arg);
             sw::print("--------------------------------------------------\n");
             sw::print("total count: %d\n", all->count);
             return 0;

@@ -11,7 +11,6 @@ namespace
 
 // What an owner writes: all of a rule but its result, which is the deciding process's.
 constexpr uint32_t kRuleFields[] = {6, 11, 12, 14, 15, 16, 17, 18};
-constexpr uint32_t kResultField[] = {30};
 
 // A copy of the caller's record in which no sub-message is missing. It points into the caller's.
 struct whole_rule {
@@ -25,11 +24,11 @@ struct whole_rule {
     explicit whole_rule(const UBridge__EmatchEntry &of) : index(*of.index), entry(of)
     {
         entry.index = &index;
-        if (!has_bytes(index.mac))
+        if (!sw::has_bytes(index.mac))
             index.mac = &mac;
-        if (!has_bytes(index.mask))
+        if (!sw::has_bytes(index.mask))
             index.mask = &mask;
-        if (index.ip == nullptr) {
+        if (index.ip == nullptr || index.ip->ip_case == P_LIBPUB__IP__IP__NOT_SET || index.ip->v4 == nullptr) {
             ip.ip_case = P_LIBPUB__IP__IP_V4;
             ip.v4 = &v4;
             index.ip = &ip;
@@ -37,11 +36,6 @@ struct whole_rule {
     }
     whole_rule(const whole_rule &) = delete;
     whole_rule &operator=(const whole_rule &) = delete;
-
-    static bool has_bytes(const PLibpub__Mac *mac)
-    {
-        return mac != nullptr && mac->data.len != 0 && mac->data.data != nullptr;
-    }
 };
 
 // A record that stands for all rules, or for all those of one user.
@@ -53,19 +47,6 @@ struct rule_pattern {
     rule_pattern(const rule_pattern &) = delete;
     rule_pattern &operator=(const rule_pattern &) = delete;
 };
-
-bool has_key(const sw::site &where, const UBridge__EmatchEntry *entry)
-{
-    if (entry == nullptr) {
-        SW_LOG_AT(where, error, "Assert:Bad args EMATCH.\n");
-        return false;
-    }
-    if (entry->index == nullptr) {
-        SW_LOG_AT(where, error, "Assert:Bad args EMATCH index.\n");
-        return false;
-    }
-    return true;
-}
 
 void log_index(const sw::site &where, const UBridge__EmatchIndex &index)
 {
@@ -93,7 +74,7 @@ void for_each_user(Visitor visit)
 
 SW_EXPORT int32_t sw_ematch_entry_add(const UBridge__EmatchEntry *entry)
 {
-    if (!has_key(SW_HERE, entry))
+    if (!sw::has_key(SW_HERE, entry))
         return -2;
     const whole_rule rule(*entry);
     SW_LOG(debug, "qz_mom_hmset udp_ematch_entry: %d.", sw_bridge_printf_udp_ematch(&rule.entry));
@@ -110,7 +91,7 @@ SW_EXPORT int32_t sw_ematch_entry_add(const UBridge__EmatchEntry *entry)
 
 SW_EXPORT int32_t sw_ematch_entry_del(const UBridge__EmatchEntry *entry)
 {
-    if (!has_key(SW_HERE, entry))
+    if (!sw::has_key(SW_HERE, entry))
         return -2;
     const whole_rule rule(*entry);
     SW_LOG(debug, "qz_mom_del udp_ematch_entry: %d.", sw_bridge_printf_udp_ematch(&rule.entry));
@@ -150,8 +131,8 @@ int32_t subscribe(const sw::site &where, sw_ebridge_list_item &user, uint32_t db
     SW_LOG_AT(where, debug, "user: %s, func_callback: %p, args: %p.", user.user_name, sw::address(callback), args);
     const rule_pattern all;
     const qz_mom_msg_cb callbacks[] = {sw_ematch_mom_session_reply};
-    const int32_t rv = qz_mom_subscribe_field(user.mom_handle, db, &all.entry.base, 0, kResultField, callbacks, nullptr,
-                                              sw::count_of(kResultField));
+    const int32_t rv = qz_mom_subscribe_field(user.mom_handle, db, &all.entry.base, 0, sw::kResultField, callbacks,
+                                              nullptr, sw::count_of(sw::kResultField));
     if (rv != 0)
         SW_LOG_AT(where, error, "Assert:qz_mom_subscribe_field failed, rv: %d\n", rv);
     return rv;
@@ -235,7 +216,7 @@ SW_EXPORT int32_t sw_ematch_mom_session_reply(qz_mom_handle *ctx, const qz_mom_n
 
 SW_EXPORT int32_t sw_ematch_session_reply(const UBridge__EmatchEntry *entry)
 {
-    if (!has_key(SW_HERE, entry))
+    if (!sw::has_key(SW_HERE, entry))
         return -2;
     const sw::site here = SW_HERE;
     for_each_user([&](const sw_ebridge_list_item &user) {

@@ -324,6 +324,23 @@ TEST_F(EmatchToIndex, RefusesNull)
                                      "error sw_ematch_index_copy: Assert:Bad dst EMATCH index.\n"));
 }
 
+// What a fresh index has for a name is one text for all records, and cannot be written.
+TEST_F(EmatchToIndex, RefusesToWriteANameWhereThereIsNoRoom)
+{
+    sw_ebridge_list_item *app = add_user({.name = "app"});
+    const sw_ematch_item item = full_item(app);
+    for (char *nowhere : {static_cast<char *>(nullptr), const_cast<char *>(protobuf_c_empty_string)}) {
+        UBridge__EmatchIndex fresh = U_BRIDGE__EMATCH_INDEX__INIT;
+        fresh.t_user = nowhere;
+        EXPECT_EQ(sw_ematch_index_copy(&fresh, &item, 1), -2);
+        EXPECT_EQ(fresh.match_type, 0);
+        EXPECT_EQ(sw_ematch_index_copy(&fresh, &item, 0), 0);
+        EXPECT_EQ(fresh.match_type, item.match_type);
+    }
+    EXPECT_THAT(trace(), ElementsAre("error sw_ematch_index_copy: Assert:Bad dst EMATCH index.\n",
+                                     "error sw_ematch_index_copy: Assert:Bad dst EMATCH index.\n"));
+}
+
 TEST_F(EmatchToIndex, UndoesTheConversionOfAnIndex)
 {
     const full_rule from;

@@ -203,6 +203,8 @@ TEST_F(EmatchRecordLines, TellOfAnAddressThatIsNeither)
     }
     other.with_v6({1, 2, 3});
     EXPECT_EQ(said_of(other).back(), neither);
+    other.with_v4b(bytes(16));
+    EXPECT_EQ(said_of(other).back(), neither);
 }
 
 TEST_F(EmatchRecordLines, TellOfNoAddressThatIsNotThere)

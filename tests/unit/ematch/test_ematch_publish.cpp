@@ -99,6 +99,8 @@ TEST_P(EmatchPublish, FillsInTheAddressesThatAreMissing)
     EXPECT_EQ(published(rule()), filled);
     EXPECT_EQ(published(rule().with_mac({}).with_mask({})), filled);
     EXPECT_EQ(published(rule().with_v4(0)), filled);
+    for (const auto form : {P_LIBPUB__IP__IP__NOT_SET, P_LIBPUB__IP__IP_V4, P_LIBPUB__IP__IP_V6, P_LIBPUB__IP__IP_V4B})
+        EXPECT_EQ(published(rule().with_hollow_ip(form)), filled);
     rule hollow;
     hollow.with_mac({}).with_mask({});
     hollow.index.mac->data = {6, nullptr};

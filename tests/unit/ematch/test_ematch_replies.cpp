@@ -29,7 +29,7 @@ std::string arrival_of(const qz_mom_notification &msg)
 
 std::string hears(const char *name, const rule &what) { return std::string(name) + " hears " + what.rendered(); }
 
-// What a user's verdict is told with, above level 4 and from level 5 on the same.
+// What a user's verdict is told with.
 strings reply_lines(const rule &what)
 {
     return joined(entry_lines(what.entry), {"debug sw_ematch_session_reply: reply ematch: 0.",

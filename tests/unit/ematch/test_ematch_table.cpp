@@ -133,6 +133,22 @@ TEST_F(EmatchInsert, StoresTheStoredItemItself)
     EXPECT_EQ(items(), 1u);
 }
 
+TEST_F(EmatchInsert, StoresAnotherUsersStoredItemForThisOneAsWell)
+{
+    add_user({.name = "app"});
+    add_user({.name = "other"});
+    sw_ematch_item *stored = insert(full_rule());
+    const sw_ematch_item *others = sw_ematch_db_hash_insert_item("other", stored);
+    ASSERT_NE(others, nullptr);
+    EXPECT_NE(others, stored);
+    EXPECT_STREQ(stored->user->user_name, "app");
+    EXPECT_STREQ(others->user->user_name, "other");
+    const full_rule rule;
+    EXPECT_EQ(sw_ematch_db_hash_get_item("app", &rule.index), stored);
+    EXPECT_EQ(sw_ematch_db_hash_get_item("other", &rule.index), others);
+    EXPECT_EQ(items(), 2u);
+}
+
 TEST_F(EmatchInsert, KeepsRulesApartThatDifferInAnyFieldOfTheKey)
 {
     add_user({.name = "app"});
@@ -163,7 +179,7 @@ TEST_F(EmatchInsert, OverwritesARuleThatDiffersInAnyOtherField)
     }
 }
 
-// The key ends before action_type, so the bytes behind it are another item's only if the key's last byte is.
+// Flips each byte: those of the key make another item, those behind it do not.
 TEST_F(EmatchInsert, ComparesEveryByteOfTheKeyAndNoneBehindIt)
 {
     add_user({.name = "app"});
@@ -738,7 +754,7 @@ TEST_F(EmatchMemory, OfBeforeIsInNoKey)
     spoil_memory();
     EXPECT_EQ(held("app", bare), made);
     spoil_memory();
-    EXPECT_EQ(sw_ematch_calc_final_values(recording::handle(), &bare.index, 0) != nullptr, true);
+    EXPECT_NE(sw_ematch_calc_final_values(recording::handle(), &bare.index, 0), nullptr);
     spoil_memory();
     EXPECT_EQ(sw_ematch_db_hash_del_item("app", &bare.index), 0);
     EXPECT_EQ(items(), 0u);
