@@ -158,7 +158,7 @@ void arbiter::rule_heard(const qz_mom_notification &msg, bool live)
     if (!live && its.heard.contains(msg.key))
         return;
     if (is_removed(msg.cmd))
-        rule_removed(msg.db, *record->index);
+        rule_removed(msg.db, *record);
     else
         rule_written(msg.db, *record, live && !result_alone);
     if (live && its.state != progress::read)
@@ -174,10 +174,14 @@ void arbiter::rule_written(uint32_t db, const UBridge__EmatchEntry &record, bool
             rule_words(*record.index).text);
         return;
     }
+    if (!names_its_record(*record.index)) {
+        log(EBRIDGED_LOG_ERROR, "database %u, %s: not decided: a mac has 6 bytes, an address is IPv4 or IPv6", db,
+            rule_words(*record.index).text);
+        return;
+    }
     if (sw_ebridge_match_db_init(0, user) != 0 || !sw_ebridge_list_item_get(user))
         throw std::bad_alloc();
-    sw_ematch_item rule{};
-    sw_ematch_entry_to_db_item(&rule, &record, 0);
+    sw_ematch_item rule = item_of(record);
     rule.mom_db = db;
     rule.current_result = rule.result;
     sw_ematch_item *const stored = sw_ematch_db_hash_insert_item(user, &rule);
@@ -188,9 +192,9 @@ void arbiter::rule_written(uint32_t db, const UBridge__EmatchEntry &record, bool
 }
 
 // Where a rule of the same user and key has been heard from another database since, that one counts.
-void arbiter::rule_removed(uint32_t db, const UBridge__EmatchIndex &index)
+void arbiter::rule_removed(uint32_t db, const UBridge__EmatchEntry &record)
 {
-    sw_ematch_item *const rule = find(index);
+    sw_ematch_item *const rule = names_its_record(*record.index) ? find(record) : nullptr;
     if (!rule || rule->mom_db != db)
         return;
     note(rule, true);  // for its rivals; may lack memory, what follows does not
@@ -198,13 +202,13 @@ void arbiter::rule_removed(uint32_t db, const UBridge__EmatchIndex &index)
 }
 
 // Null also when it is not one of this arbiter's.
-sw_ematch_item *arbiter::find(const UBridge__EmatchIndex &index) const
+sw_ematch_item *arbiter::find(const UBridge__EmatchEntry &record) const
 {
-    sw_ematch_item key{};
-    sw_ematch_entry_index_to_db_item(&key, &index, 0);
+    sw_ematch_item key = item_of(record);
     const auto [first, last] = rules_.equal_range(&key);
     const auto found = std::find_if(first, last, [&](const sw_ematch_item *each) {
-        return each->match_priority == key.match_priority && std::strcmp(each->user->user_name, user_of(index)) == 0;
+        return each->match_priority == key.match_priority &&
+               std::strcmp(each->user->user_name, user_of(*record.index)) == 0;
     });
     return found == last ? nullptr : *found;
 }
@@ -380,7 +384,7 @@ void arbiter::write_failed(const qz_mom_notification &msg)
                                                                 free);
     if (!key)
         return;
-    sw_ematch_item *const rule = find(*reinterpret_cast<const UBridge__EmatchEntry *>(key.get())->index);
+    sw_ematch_item *const rule = find(*reinterpret_cast<const UBridge__EmatchEntry *>(key.get()));
     if (!rule)
         return;
     retry_later();

@@ -72,8 +72,8 @@ class arbiter
     // changes
     void rule_heard(const qz_mom_notification &msg, bool live);
     void rule_written(uint32_t db, const UBridge__EmatchEntry &record, bool publish);
-    void rule_removed(uint32_t db, const UBridge__EmatchIndex &index);
-    sw_ematch_item *find(const UBridge__EmatchIndex &index) const;
+    void rule_removed(uint32_t db, const UBridge__EmatchEntry &record);
+    sw_ematch_item *find(const UBridge__EmatchEntry &record) const;
     void keep(sw_ematch_item *stored);
     void drop(sw_ematch_item *rule);
     void note(sw_ematch_item *rule, bool publish);

@@ -1,6 +1,7 @@
 // Rivals, and records of rules. See rules.hpp.
 #include "rules.hpp"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -67,6 +68,45 @@ rule_record::rule_record(const sw_ematch_item &rule)
     sw_ematch_index_copy(&index_, &rule, 1);
     entry_.index = &index_;
     entry_.result = static_cast<UBridge__MatchResult>(rule.current_result);
+}
+
+namespace
+{
+
+bool is_whole_or_none(const ProtobufCBinaryData &bytes, size_t whole)
+{
+    return bytes.len == whole || bytes.data == nullptr ||
+           std::all_of(bytes.data, bytes.data + bytes.len, [](uint8_t each) { return each == 0; });
+}
+
+bool is_item_ip(const PLibpub__Ip &ip)
+{
+    switch (ip.ip_case) {
+        case P_LIBPUB__IP__IP_V6:
+            return !ip.v6 || is_whole_or_none(ip.v6->data, sizeof sw_ematch_item::ip);
+        case P_LIBPUB__IP__IP_V4B:
+            return !ip.v4b || is_whole_or_none(ip.v4b->data, 0);
+        default:
+            return true;
+    }
+}
+
+}  // namespace
+
+bool names_its_record(const UBridge__EmatchIndex &index)
+{
+    constexpr size_t mac_size = 6;
+    return (!index.mac || is_whole_or_none(index.mac->data, mac_size)) &&
+           (!index.mask || is_whole_or_none(index.mask->data, mac_size)) && (!index.ip || is_item_ip(*index.ip));
+}
+
+sw_ematch_item item_of(const UBridge__EmatchEntry &record)
+{
+    sw_ematch_item made{};
+    sw_ematch_entry_to_db_item(&made, &record, 0);
+    if (std::ranges::all_of(made.ip, [](uint8_t each) { return each == 0; }))
+        made.ip_ver = 0;
+    return made;
 }
 
 rule_words::rule_words(const UBridge__EmatchIndex &index)

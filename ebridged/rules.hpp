@@ -17,6 +17,13 @@ struct are_rivals {
 // A pattern that matches the records of all rules. It lives as long as the process.
 const UBridge__EmatchEntry &all_rules();
 
+// Whether the rule's record can be told from its item. An item has 6 bytes of a mac or mask, and an IPv4 or IPv6 address: of a
+// record with anything else the result would go to another one.
+bool names_its_record(const UBridge__EmatchIndex &index);
+
+// The item of a record, without its user. An IPv6 address of zeros is none: so says the record's name.
+sw_ematch_item item_of(const UBridge__EmatchEntry &record);
+
 // The record of a rule on the stack, with its result. It points into the rule that it is made from.
 class rule_record
 {

@@ -337,6 +337,38 @@ TEST_P(Arbiter, RulesThatCannotBeDecidedAreSkipped)
     EXPECT_EQ(stat().rules, 1U);
 }
 
+// The result of a rule goes to the record that its item names.
+TEST_P(Arbiter, RulesWhoseRecordsTheirItemsDoNotNameAreSkipped)
+{
+    decide();
+    heard({.user = "a", .vlan = 10, .priority = 3, .mac = std::string(6, '\2')});
+    heard({.user = "a", .vlan = 11, .priority = 3, .mac = std::string(2, '\0')});
+    heard({.user = "a", .vlan = 12, .priority = 3, .v6 = std::string(16, '\2')});
+    EXPECT_EQ(written().size(), 3U);
+    log.clear();
+    const rule too_short{.user = "a", .vlan = 10, .priority = 3, .mac = std::string(5, '\2')};
+    const rule too_long{.user = "a", .vlan = 12, .priority = 3, .v6 = std::string(17, '\2')};
+    for (const rule &each : {too_short, too_long}) {
+        heard(each);
+        gone(each);
+    }
+    EXPECT_THAT(log, ElementsAre(HasSubstr("not decided: a mac has 6 bytes"), HasSubstr("not decided: a mac has")));
+    EXPECT_THAT(written(), IsEmpty());
+    EXPECT_EQ(stat().rules, 3U);
+}
+
+// An address of zeros, of whatever form, is none, and names the same record.
+TEST_P(Arbiter, AnAddressOfZerosIsNone)
+{
+    decide();
+    heard({.user = "a", .vlan = 10, .priority = 3, .v6 = std::string(16, '\0')});
+    heard({.user = "a", .vlan = 10, .priority = 3});
+    written();
+    EXPECT_EQ(stat().rules, 1U);
+    gone({.user = "a", .vlan = 10, .priority = 3, .v6 = std::string(16, '\0')});
+    EXPECT_EQ(stat().rules, 0U);
+}
+
 TEST_P(Arbiter, ForeignRecordsAreSkipped)
 {
     decide();

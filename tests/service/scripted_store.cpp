@@ -63,17 +63,38 @@ struct rule_message {
     UBridge__EmatchIndex index = U_BRIDGE__EMATCH_INDEX__INIT;
     UBridge__EmatchEntry entry = U_BRIDGE__EMATCH_ENTRY__INIT;
     std::string user;
+    std::string mac_bytes, v6_bytes;
     std::string key;
+    PLibpub__Mac mac = P_LIBPUB__MAC__INIT;
+    PLibpub__Ip ip = P_LIBPUB__IP__INIT;
+    PLibpub__Ipv6 v6 = P_LIBPUB__IPV6__INIT;
 
     explicit rule_message(const rule &of)
-        : user(of.user), key("rule:" + user + '/' + std::to_string(of.vlan) + '/' + std::to_string(of.priority))
+        : user(of.user),
+          mac_bytes(of.mac),
+          v6_bytes(of.v6),
+          key("rule:" + user + '/' + std::to_string(of.vlan) + '/' + std::to_string(of.priority))
     {
         index.t_user = user.data();
         index.match_type = U_BRIDGE__MATCH_TYPE__OVID;
         index.evlan1 = of.vlan;
         index.match_priority = of.priority;
+        if (!mac_bytes.empty()) {
+            mac.data = binary(mac_bytes);
+            index.mac = &mac;
+        }
+        if (!v6_bytes.empty()) {
+            v6.data = binary(v6_bytes);
+            ip.ip_case = P_LIBPUB__IP__IP_V6;
+            ip.v6 = &v6;
+            index.ip = &ip;
+        }
         entry.index = &index;
         entry.result = static_cast<UBridge__MatchResult>(of.result);
+    }
+    static ProtobufCBinaryData binary(std::string &bytes)
+    {
+        return {bytes.size(), static_cast<uint8_t *>(static_cast<void *>(bytes.data()))};
     }
     rule_message(const rule_message &) = delete;
     rule_message &operator=(const rule_message &) = delete;

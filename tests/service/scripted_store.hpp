@@ -22,6 +22,8 @@ struct rule {
     int32_t vlan = 0;
     int32_t priority = 0;
     int32_t result = 0;
+    std::string mac{};  // bytes; "" none
+    std::string v6{};
 };
 
 // A callback that the service gave away, for records of a table.
