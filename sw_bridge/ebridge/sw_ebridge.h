@@ -857,10 +857,99 @@ int32_t sw_eport_attr_aging_flag_set(const char *user_name, const qz_mom_timeval
 int32_t sw_eport_attr_aging_flag_set_sync(const char *user_name, const qz_mom_timeval *aging_timer);
 int32_t sw_eport_attr_aged_data_delete(const char *user_name, qz_mom_msg_cb callback, void *args);
 
-/* ---- pvid table --------------------------------------------------------------------------------------------------- */
+/* ---- ports and their VLANs ------------------------------------------------------------------------------------------ *
+ * Which VLANs (0 to 4095) a user's port carries, which of them untagged, and which with the multicast mark: three bitmaps
+ * of 128 words in the port's local eport record, VLAN v being bit v % 32 of word v / 32, published as one record per user
+ * and port. `ifx` is the port's eport id. Bitmaps share storage with overlay attributes: ports only (PORT, LOCAL_PORT, AP).
+ * `send_flag`: bit 0 publishes, bit 1 adds with the multicast mark. Results: 0; -2 unknown user, a VLAN out of range or
+ * null; -5 no local record, or none could be made; -3 what was added was not published; or the store's code. What changed
+ * locally stays changed when publishing fails. */
 
-/* Makes the table. 0 or -1. */
+/* Adds a VLAN, with the multicast mark, and publishes. tag: UBridge__TagType. */
+int32_t sw_vlan_port_add(const char *user_name, int32_t vid, int32_t ifx, int32_t tag);
+int32_t sw_vlan_port_add_with_flag(const char *user_name, int32_t vid, int32_t ifx, int32_t tag, int32_t send_flag);
+/* Takes a VLAN off, and publishes. */
+int32_t sw_vlan_port_del(const char *user_name, int32_t vid, int32_t ifx);
+int32_t sw_vlan_port_del_with_flag(const char *user_name, int32_t vid, int32_t ifx, int32_t send_flag);
+/* Adds the VLANs of vbmp at the cost of one. Their untagged and multicast marks become those of the other two; VLANs that
+ * are not in vbmp keep theirs. A new record takes the bitmaps as they are. */
+int32_t sw_vlan_port_range_vids_add_with_flag(const char *user_name, int32_t ifx, const uint32_t vbmp[128],
+                                              const uint32_t ubmp[128], const uint32_t mcbmp[128], int32_t send_flag);
+/* Takes the VLANs of bmp off, with their marks. */
+int32_t sw_vlan_port_range_vids_del_with_flag(const char *user_name, int32_t ifx, const uint32_t bmp[128],
+                                              int32_t send_flag);
+/* Publishes a port: its record is written, or removed when it carries no VLAN. */
+int32_t sw_vlan_port_range_vids_set(const char *user_name, int32_t ifx);
+/* Publishes all eport records of slot 0 but those of L3INTF_AC, whoever's they are, under this user's name. 0, -2. */
+int32_t sw_vlan_port_range_vids_set_all(const char *user_name);
+int32_t sw_vlan_port_range_vids_set_all_op(sw_eport_attr *record, void *instance, int32_t position);
+/* Aging of the user's port records, see "aging" above. */
+int32_t sw_vlan_port_aging_flag_set_sync(const char *user_name, const qz_mom_timeval *aging_timer);
+int32_t sw_vlan_ports_aging_flag_set(const char *user_name, const qz_mom_timeval *aging_timer, qz_mom_msg_cb callback,
+                                     void *args);
+int32_t sw_vlan_port_aged_data_delete(const char *user_name, qz_mom_msg_cb callback, void *args);
+
+/* ---- default VLANs of ports ------------------------------------------------------------------------------------------- *
+ * Users set pvids; the service decides which counts, and publishes a table of one record per port. Of that table the library
+ * keeps the current pvid of each interface, once per process, and tells all users of every change through pvid_change.
+ * With several users in a process let one of them subscribe: every notification is told to all. */
+
+/* Makes the cache. 0 or -1. */
 int32_t sw_vlan_pvid_db_init(void);
+/* Sets the user's pvid of a port (its eport id), locally and published: vid 1 or more is written, 0 withdrawn, a negative one
+ * only kept locally. 0, -2, or the store's code. */
+int32_t sw_vlan_pvid_set(const char *user_name, uint32_t port, int32_t vid);
+/* The port's current pvid by its interface index, 0 when it has none; the name takes no part. 0; -2 null. */
+int32_t sw_vlan_pvid_get(const char *user_name, uint32_t ifx, int32_t *out);
+/* Reads the table of database 8, and follows that of the user's own database. `callback` (may be null) hears of every record,
+ * of the scan's end and of the confirmation. 0; -2; -4; a subscription also the store's code. */
+int32_t sw_vlan_pvid_table_scan(const char *user_name, sw_ebridge_mom_func callback, void *args);
+int32_t sw_vlan_pvid_subscribe(const char *user_name, sw_ebridge_mom_func callback, void *args);
+/* What the store calls for both; args is a sw_ebridge_callback_args that goes with the scan's end or the subscription. 0; -1
+ * no interface of that id; -2 nothing usable in the message; -4. */
+int32_t sw_vlan_mom_msg_port_vid_changed(qz_mom_handle *ctx, const qz_mom_notification *msg, void *args);
+/* Aging of the user's pvid records, see "aging" above. The deletion tells 0 whatever the store says. */
+int32_t sw_vlan_port_vid_aging_flag_set(const char *user_name, const qz_mom_timeval *aging_timer, qz_mom_msg_cb callback,
+                                        void *args);
+int32_t sw_vlan_pvid_aging_flag_set_sync(const char *user_name, const qz_mom_timeval *aging_timer);
+int32_t sw_vlan_pvid_aged_data_delete(const char *user_name, qz_mom_msg_cb callback, void *args);
+/* Dumps the cache, or with an ifx above 0 that port alone. 0. */
+int32_t sw_vlan_pvid_ut_dump(int32_t ifx);
+/* Prints the counters. 0. */
+int32_t sw_vlan_pvid_stats_print(void);
+
+/* Counters of the process: subscriptions, pvids written, look-ups, pvids withdrawn, ports in the cache. _print returns the
+ * printed length. */
+void sw_brg_stat_pvid_count_subscribe_inc(void);
+void sw_brg_stat_pvid_count_subscribe_dec(void);
+void sw_brg_stat_pvid_count_subscribe_reset(void);
+int32_t sw_brg_stat_pvid_count_subscribe_get(void);
+void sw_brg_stat_pvid_count_subscribe_set(int32_t new_value);
+int32_t sw_brg_stat_pvid_count_subscribe_print(void);
+void sw_brg_stat_pvid_count_set_inc(void);
+void sw_brg_stat_pvid_count_set_dec(void);
+void sw_brg_stat_pvid_count_set_reset(void);
+int32_t sw_brg_stat_pvid_count_set_get(void);
+void sw_brg_stat_pvid_count_set_set(int32_t new_value);
+int32_t sw_brg_stat_pvid_count_set_print(void);
+void sw_brg_stat_pvid_count_get_inc(void);
+void sw_brg_stat_pvid_count_get_dec(void);
+void sw_brg_stat_pvid_count_get_reset(void);
+int32_t sw_brg_stat_pvid_count_get_get(void);
+void sw_brg_stat_pvid_count_get_set(int32_t new_value);
+int32_t sw_brg_stat_pvid_count_get_print(void);
+void sw_brg_stat_pvid_count_delete_inc(void);
+void sw_brg_stat_pvid_count_delete_dec(void);
+void sw_brg_stat_pvid_count_delete_reset(void);
+int32_t sw_brg_stat_pvid_count_delete_get(void);
+void sw_brg_stat_pvid_count_delete_set(int32_t new_value);
+int32_t sw_brg_stat_pvid_count_delete_print(void);
+void sw_brg_stat_pvid_count_nums_inc(void);
+void sw_brg_stat_pvid_count_nums_dec(void);
+void sw_brg_stat_pvid_count_nums_reset(void);
+int32_t sw_brg_stat_pvid_count_nums_get(void);
+void sw_brg_stat_pvid_count_nums_set(int32_t new_value);
+int32_t sw_brg_stat_pvid_count_nums_print(void);
 
 /* ---- match rules: the table ---------------------------------------------------------------------------------------- *
  * What each user wants done with which traffic: one item per user and key, in one table for the process. A key is all of an

@@ -655,6 +655,8 @@ SW_EXPORT int32_t sw_ebridge_data_subscribe(const char *user_name)
         sw_evlan_subscribe(user_name, nullptr, nullptr);
     if (wants_eport(*user))
         sw_eport_subscribe(user_name, nullptr, nullptr);
+    if (user->pvid_change != nullptr)
+        sw_vlan_pvid_subscribe(user_name, nullptr, nullptr);
     SW_LOG(info, "sw_ebridge_data_subscribe done.");
     return 0;
 }

@@ -1,8 +1,8 @@
 // Match rules as records: publishing a user's own, hearing the verdicts on them, and their aging.
+#include "aging.hpp"
 #include "arrays.hpp"
 #include "ematch.hpp"
 #include "export.hpp"
-#include "libsw_ebridge_ds.hpp"
 #include "names.hpp"
 #include "users.hpp"
 
@@ -241,7 +241,7 @@ SW_EXPORT int32_t sw_ematch_aging_flag_set(const char *user_name, const qz_mom_t
            static_cast<const void *>(aging_timer), sw::address(callback), args);
     const rule_pattern own(*user);
     const int32_t rv = qz_mom_pexpire(user->mom_handle, user->ematch_mom_db, &own.entry.base, QZ_MOM_EXPIRE_PATTERN,
-                                      aging_timer != nullptr ? aging_timer : &sw::mom_key_aging_timer, callback, args);
+                                      sw::aging_time(aging_timer), callback, args);
     if (rv != 0)
         SW_LOG(error, "Assert:qz_mom_pexpire failed, user: %s, mom_handle: %p, ematch_mom_db: %d, rv: %d\n",
                user->user_name, static_cast<void *>(user->mom_handle), user->ematch_mom_db, rv);

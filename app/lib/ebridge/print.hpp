@@ -9,12 +9,14 @@
 namespace sw
 {
 
-__attribute__((format(printf, 1, 2))) inline void print(const char *format, ...)
+// Returns the printed length.
+__attribute__((format(printf, 1, 2))) inline int32_t print(const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    ssat_vprint(format, args);
+    const int32_t length = ssat_vprint(format, args);
     va_end(args);
+    return length;
 }
 
 // The non-zero words of a bitmap from the highest to the lowest, each with the bits it covers, and a newline.

@@ -2,15 +2,11 @@
 // for again. `Kind` is one of twins.hpp.
 #pragma once
 
+#include "aging.hpp"
 #include "twin_sessions.hpp"
 
 namespace sw
 {
-
-inline const qz_mom_timeval *aging_time(const qz_mom_timeval *given)
-{
-    return given != nullptr ? given : &mom_key_aging_timer;
-}
 
 // ---- sessions -----------------------------------------------------------------------------------------------------
 
@@ -29,25 +25,16 @@ int32_t mark_sessions(const site &where, sw_ebridge_list_item &user, uint32_t ty
                       qz_mom_msg_cb callback, void *args)
 {
     const session_pattern<Kind> pattern(user, type);
-    const int32_t rv = qz_mom_pexpire(user.mom_handle, user.mod_db, &pattern.session.base, QZ_MOM_EXPIRE_PATTERN,
-                                      aging_time(aging_timer), callback, args);
-    if (rv != 0)
-        SW_LOG_AT(where, error, "Assert:qz_mom_pexpire failed, user: %s, mom_handle: %p, mom_db: %d, rv: %d.",
-                  user.user_name, static_cast<void *>(user.mom_handle), user.mod_db, rv);
-    return rv;
+    return mark_records(where, user, user.mod_db, pattern.session.base, aging_timer, callback, args);
 }
 
 // The same, not returning before the marks are set.
-[[gnu::noinline]] inline int32_t mark_sync(const site &where, sw_ebridge_list_item &user, uint32_t db,
-                                           const ProtobufCMessage *pattern, const qz_mom_timeval *aging_timer,
+[[gnu::noinline]] inline int32_t mark_sync(const site &where, const sw_ebridge_list_item &user, uint32_t db,
+                                           const ProtobufCMessage &pattern, const qz_mom_timeval *aging_timer,
                                            const char *failed)
 {
     SW_LOG_AT(where, info, "user_name: %s, aging_timer: %p\n", user.user_name, static_cast<const void *>(aging_timer));
-    const int32_t rv =
-        qz_mom_pexpire_sync(user.mom_handle, db, pattern, QZ_MOM_EXPIRE_PATTERN, aging_time(aging_timer));
-    if (rv != 0)
-        SW_LOG_UNCHECKED_AT(where, error, failed, user.user_name, db, static_cast<void *>(user.mom_handle), rv);
-    return rv;
+    return mark_records_sync(where, user, db, pattern, aging_timer, failed);
 }
 
 // The same for sessions.
@@ -56,7 +43,7 @@ int32_t mark_sessions_sync(const site &where, sw_ebridge_list_item &user, uint32
                            const qz_mom_timeval *aging_timer)
 {
     const session_pattern<Kind> pattern(user, type);
-    return mark_sync(where, user, user.mod_db, &pattern.session.base, aging_timer, Kind::aging_failed);
+    return mark_sync(where, user, user.mod_db, pattern.session.base, aging_timer, Kind::aging_failed);
 }
 
 template <class Kind>
@@ -151,7 +138,7 @@ int32_t mark_attrs_sync(const site &where, const char *user_name, const qz_mom_t
     if (user == nullptr)
         return -2;
     const attr_pattern<Kind> pattern(*user);
-    return mark_sync(where, *user, user->*Kind::attr_db, &pattern.record.base, aging_timer, Kind::aging_failed);
+    return mark_sync(where, *user, user->*Kind::attr_db, pattern.record.base, aging_timer, Kind::aging_failed);
 }
 
 template <class Kind>
@@ -162,11 +149,7 @@ int32_t delete_marked_attrs(const site &where, const char *user_name, qz_mom_msg
         return -2;
     SW_LOG_AT(where, info, "deleting aged data.");
     const attr_pattern<Kind> pattern(*user);
-    const int32_t rv = qz_mom_del_expire(user->mom_handle, user->*Kind::attr_db, &pattern.record.base,
-                                         QZ_MOM_EXPIRE_PATTERN, callback, args);
-    if (rv != 0)
-        SW_LOG_AT(where, error, "Assert:qz_mom_del_expire failed, user: %s, rv: %d.", user->user_name, rv);
-    return rv;
+    return delete_marked(where, *user, user->*Kind::attr_db, pattern.record.base, callback, args);
 }
 
 }  // namespace sw
