@@ -11,7 +11,6 @@
 // is so, with figures: docs/decisions/keyed-cache-hash.md.
 #pragma once
 
-#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -118,37 +117,26 @@ bool keyed_cache_make_room(keyed_cache &cache);
 // Frees the arrays and leaves an empty table. The records are the caller's.
 void keyed_cache_clear(keyed_cache &cache);
 
-// One bit, the lower of its pair, for each live bucket of a word of flags, without the buckets before `first` and from
-// `end` on.
-inline uint32_t live_pairs(const uint32_t *flags, uint32_t base, uint64_t first, uint64_t end)
-{
-    const uint32_t word = flags[base / 16];
-    uint32_t live = ~(word | word >> 1) & 0x55555555;
-    if (first > base)
-        live &= ~0u << (first - base) * 2;
-    if (end < base + 16)
-        live &= ~(~0u << (end - base) * 2);
-    return live;
-}
+// Visits the records in the live buckets of a range in their order until a result is not 0, and returns that; else 0. A
+// bucket's state is looked at right before its visit, so a visitor may remove.
+int32_t keyed_cache_walk_any(const keyed_cache &cache, uint32_t first, uint32_t count,
+                             int32_t (*visit)(void *record, void *arg, int32_t position), void *arg);
 
-// Visits the live buckets of a range in their order until a result is not 0, and returns that; else 0. A bucket's state
-// is looked at right before its visit, so a visitor may remove.
+// The same for records of one type: the walk itself is there once for all types.
 template <class Record>
 int32_t keyed_cache_walk(const keyed_cache &cache, uint32_t first, uint32_t count,
                          int32_t (*visit)(Record *record, void *arg, int32_t position), void *arg)
 {
-    const uint64_t end = std::min<uint64_t>(uint64_t{first} + count, cache.bucket_count);
-    for (uint32_t base = first / 16 * 16; base < end; base += 16) {
-        for (uint32_t live = live_pairs(cache.flags, base, first, end); live != 0; live &= live - 1) {
-            const uint32_t bucket = base + static_cast<uint32_t>(std::countr_zero(live)) / 2;
-            if (cache.control[bucket] >= CONTROL_EMPTY)
-                continue;
-            const int32_t result = visit(static_cast<Record *>(cache.keys[bucket]), arg, static_cast<int32_t>(bucket));
-            if (result != 0)
-                return result;
+    struct typed {
+        decltype(visit) visitor;
+        void *arg;
+        static int32_t call(void *record, void *self, int32_t position)
+        {
+            const auto *to = static_cast<typed *>(self);
+            return to->visitor(static_cast<Record *>(record), to->arg, position);
         }
-    }
-    return 0;
+    } adapted = {visit, arg};
+    return keyed_cache_walk_any(cache, first, count, typed::call, &adapted);
 }
 
 // ---- what depends on the key ----------------------------------------------------------------------------------------
@@ -243,7 +231,7 @@ struct keyed_table {
     }
 
     // Takes the record of that key out and returns it, or null.
-    static void *remove(keyed_cache &cache, const void *key)
+    [[gnu::noinline]] static void *remove(keyed_cache &cache, const void *key)
     {
         const uint32_t bucket = find_bucket(cache, key);
         if (bucket == NO_BUCKET)

@@ -89,6 +89,36 @@ bool enlarge_in_place(keyed_cache &cache, uint32_t count)
 
 }  // namespace
 
+// One bit, the lower of its pair, for each live bucket of a word of flags, without the buckets before `first` and from
+// `end` on.
+static uint32_t live_pairs(const uint32_t *flags, uint32_t base, uint64_t first, uint64_t end)
+{
+    const uint32_t word = flags[base / 16];
+    uint32_t live = ~(word | word >> 1) & 0x55555555;
+    if (first > base)
+        live &= ~0u << (first - base) * 2;
+    if (end < base + 16)
+        live &= ~(~0u << (end - base) * 2);
+    return live;
+}
+
+int32_t keyed_cache_walk_any(const keyed_cache &cache, uint32_t first, uint32_t count,
+                             int32_t (*visit)(void *record, void *arg, int32_t position), void *arg)
+{
+    const uint64_t end = std::min<uint64_t>(uint64_t{first} + count, cache.bucket_count);
+    for (uint32_t base = first / 16 * 16; base < end; base += 16) {
+        for (uint32_t live = live_pairs(cache.flags, base, first, end); live != 0; live &= live - 1) {
+            const uint32_t bucket = base + static_cast<uint32_t>(std::countr_zero(live)) / 2;
+            if (cache.control[bucket] >= CONTROL_EMPTY)
+                continue;
+            const int32_t result = visit(cache.keys[bucket], arg, static_cast<int32_t>(bucket));
+            if (result != 0)
+                return result;
+        }
+    }
+    return 0;
+}
+
 bool keyed_cache_make_room(keyed_cache &cache)
 {
     const bool mostly_deleted = cache.bucket_count > uint64_t{2} * cache.size;
