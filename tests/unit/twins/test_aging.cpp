@@ -19,37 +19,9 @@ template <typename Kind>
 using AttributeAging = Twin<Kind>;
 TYPED_TEST_SUITE(AttributeAging, kinds);
 
-constexpr qz_mom_timeval two_seconds = {.sec = 2, .usec = 250'000};
 constexpr uint32_t granted = SW_INDEX_MAP_GRANTED, requested = SW_INDEX_MAP_REQUESTED;
 
-int32_t ended(qz_mom_handle *, const qz_mom_notification *, void *) { return 0; }
 int argument;
-
-// The only call that was made; an empty one when there were none or several.
-recording::call only_call()
-{
-    const auto &calls = recording::calls();
-    EXPECT_EQ(calls.size(), 1u);
-    return calls.size() == 1 ? calls[0] : recording::call{};
-}
-
-// Mode 1 on the user's own handle.
-void expect_pattern_call(const recording::call &made, const char *function, uint32_t db, const std::string &pattern)
-{
-    EXPECT_EQ(made.function, function);
-    EXPECT_EQ(made.handle, recording::other_handle());
-    EXPECT_EQ(made.db, db);
-    EXPECT_EQ(made.record, pattern);
-    EXPECT_EQ(made.mode, 1);
-}
-
-void expect_delay(const recording::call &made, const qz_mom_timeval &delay)
-{
-    EXPECT_EQ(made.delay.sec, delay.sec);
-    EXPECT_EQ(made.delay.usec, delay.usec);
-}
-
-void expect_default_delay(const recording::call &made) { expect_delay(made, {.sec = 1800, .usec = 0}); }
 
 // "Assert:Aging all EVLAN of 'app' in db[4] failed, global is 0x..., error is -105.\n"
 auto sync_failure(const char *title, uint32_t db)

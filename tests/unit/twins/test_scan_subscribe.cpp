@@ -25,11 +25,6 @@ int32_t another_func(qz_mom_handle *, const qz_mom_notification *, void *) { ret
 
 int first_argument, second_argument;
 
-const sw_ebridge_callback_args *pair_of(const recording::call &made)
-{
-    return static_cast<const sw_ebridge_callback_args *>(made.args);
-}
-
 // "func is %p, args is %p." of some_func and its argument, as lines put it.
 std::string with_some_func(const char *pattern)
 {

@@ -5,6 +5,7 @@
 
 #include "../eport/eport_fixture.hpp"
 #include "../evlan/evlan_fixture.hpp"
+#include "store_calls.hpp"
 
 namespace twin_test
 {
@@ -17,15 +18,6 @@ using evlan_test::vlan;
 using evlan_test::vxlan;
 
 inline constexpr uint32_t id_of(uint32_t type, uint32_t number) { return type << 24 | number; }
-
-// Every call that a user makes about its own things refuses a user who is not registered.
-inline constexpr char no_such_user[] = "Assert:No user named 'nobody'.\n";
-
-// Users who hear nothing.
-template <size_t N>
-struct no_ears {
-    static void fill(ebridge_args &, unsigned) {}
-};
 
 // The user that most tests have: takes all sessions of both kinds, on a handle of its own.
 inline sw_ebridge_list_item *add_twin(const user_with<0> &wanted = {.handle = recording::other_handle()})
@@ -280,8 +272,5 @@ std::string attributes_of(const std::string &user)
 {
     return words<Kind>("u_bridge.NAME{index{t_user:\"") + user + "\"}}";
 }
-
-// Of an error the text alone, where it is nobody's promise which function logs it.
-inline strings errors() { return recording::logged(100); }
 
 }  // namespace twin_test
