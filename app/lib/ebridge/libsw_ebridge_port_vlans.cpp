@@ -101,13 +101,14 @@ int32_t publish(const sw::site &where, sw_ebridge_list_item &user, uint32_t ifx,
     return rv;
 }
 
-// Adds to what a port carries, word by word.
+// Adds to what a port carries, word by word. The given bitmaps may be the port's own.
 void add(port_vlans &to, const uint32_t *vbmp, const uint32_t *ubmp, const uint32_t *mcbmp)
 {
     for (uint32_t i = 0; i < kWords; ++i) {
-        to.vbmp[i] |= vbmp[i];
-        to.ubmp[i] = (to.ubmp[i] & ~vbmp[i]) | (ubmp[i] & vbmp[i]);
-        to.mcbmp[i] = (to.mcbmp[i] & ~vbmp[i]) | (mcbmp[i] & vbmp[i]);
+        const uint32_t added = vbmp[i], untagged = ubmp[i] & added, multicast = mcbmp[i] & added;
+        to.vbmp[i] |= added;
+        to.ubmp[i] = (to.ubmp[i] & ~added) | untagged;
+        to.mcbmp[i] = (to.mcbmp[i] & ~added) | multicast;
     }
 }
 
@@ -211,9 +212,10 @@ SW_EXPORT int32_t sw_vlan_port_range_vids_del_with_flag(const char *user_name, i
     }
     port_vlans &from = record->attr.underlay;
     for (uint32_t i = 0; i < kWords; ++i) {
-        from.vbmp[i] &= ~bmp[i];
-        from.ubmp[i] &= ~bmp[i];
-        from.mcbmp[i] &= ~bmp[i];
+        const uint32_t kept = ~bmp[i];  // bmp may be one of these
+        from.vbmp[i] &= kept;
+        from.ubmp[i] &= kept;
+        from.mcbmp[i] &= kept;
     }
     if ((send_flag & kPublish) == 0)
         return 0;

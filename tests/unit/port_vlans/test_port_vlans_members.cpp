@@ -271,6 +271,24 @@ TEST_F(PortVlansAdd, OfManyTakesTheMulticastMarkFromTheBitmap)
     EXPECT_THAT(recording::calls(), IsEmpty());
 }
 
+// As who swaps the marks of a port's VLANs, or takes all of them off.
+TEST_F(PortVlansAdd, OfManyTakesBitmapsOfTheRecordItself)
+{
+    add_user();
+    hold({vlans({1, 2, 3}), vlans({1}), vlans({3, 4})});
+    const auto &port = held(port_3)->attr.underlay;
+    EXPECT_EQ(sw_vlan_port_range_vids_add_with_flag("app", port_3, port.vbmp, port.mcbmp, port.ubmp, 0), 0);
+    EXPECT_EQ(local(port_3), (port_sets{vlans({1, 2, 3}), vlans({3}), vlans({1, 4})}));
+}
+
+TEST_F(PortVlansDel, OfManyTakesABitmapOfTheRecordItself)
+{
+    add_user();
+    hold({vlans({1, 2, 3}), vlans({1}), vlans({3, 4})});
+    EXPECT_EQ(sw_vlan_port_range_vids_del_with_flag("app", port_3, held(port_3)->attr.underlay.vbmp, 0), 0);
+    EXPECT_EQ(local(port_3), (port_sets{{}, {}, vlans({4})}));
+}
+
 TEST_F(PortVlansAdd, OfManyNeedsItsBitmaps)
 {
     add_user();
