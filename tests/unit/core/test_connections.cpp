@@ -11,6 +11,7 @@ namespace
 constexpr uint32_t kApp = 0x1000000, kUdp = 0x2000000;
 constexpr char kPattern[] = "u_bridge.evlan_session{index{}}";
 constexpr char kEportPattern[] = "u_bridge.eport_session{index{}}";
+constexpr char kPvidPattern[] = "u_bridge.pvid_table{index{}}";
 
 class Connections : public CoreTest
 {
@@ -883,15 +884,41 @@ TEST_F(Connections, SubscribingByHandFollowsEportsOfTheOwnDatabase)
     EXPECT_EQ(nullptr, pair_of(recording::calls()[0])->arg);
 }
 
-TEST_F(Connections, SubscribingByHandFollowsEvlansThenEports)
+// In whatever database that is: it needs no slot of the instance.
+TEST_F(Connections, SubscribingByHandFollowsDefaultVlansOfTheOwnDatabase)
 {
-    initialise_by_hand(user_of_both_kinds("user"), 4);
-    recording::set_result("qz_mom_subscribe_field", -31, 1);
+    auto args = args_of("user");
+    args.pvid_change = no_pvid_change;
+    for (const uint32_t db : {4u, 5u, 8u}) {
+        initialise_by_hand(args, db);
+        EXPECT_EQ(0, sw_ebridge_data_subscribe("user"));
+        ASSERT_EQ(1u, recording::calls().size());
+        const auto &made = recording::calls()[0];
+        EXPECT_EQ("qz_mom_subscribe", made.function);
+        EXPECT_EQ(db, made.db);
+        EXPECT_EQ(kPvidPattern, made.record);
+        EXPECT_EQ(code(sw_vlan_mom_msg_port_vid_changed), made.callback);
+        EXPECT_EQ(nullptr, pair_of(made)->func);
+        EXPECT_EQ(nullptr, pair_of(made)->arg);
+        EXPECT_TRUE(recording::has_logged("User 'user' subscribe PVID, func is (nil), args is (nil).", kInfo));
+    }
+    EXPECT_EQ(3, sw_brg_stat_pvid_count_subscribe_get());
+}
+
+TEST_F(Connections, SubscribingByHandFollowsEvlansThenEportsThenDefaultVlansWhateverFails)
+{
+    auto args = user_of_both_kinds("user");
+    args.pvid_change = no_pvid_change;
+    initialise_by_hand(args, 4);
+    recording::set_result("qz_mom_subscribe_field", -31);
+    recording::set_result("qz_mom_subscribe", -32);
     EXPECT_EQ(0, sw_ebridge_data_subscribe("user"));
-    const auto subscriptions = recording::calls_of("qz_mom_subscribe_field");
-    ASSERT_EQ(2u, subscriptions.size());
-    EXPECT_EQ(kPattern, subscriptions[0].record);
-    EXPECT_EQ(kEportPattern, subscriptions[1].record);
+    strings subscriptions;
+    for (const auto &made : recording::calls())
+        subscriptions.push_back(made.record);
+    EXPECT_THAT(subscriptions, ElementsAre(kPattern, kEportPattern, kPvidPattern));
+    EXPECT_TRUE(recording::has_logged("qz_mom_subscribe failed, rv: -32.", kError));
+    EXPECT_EQ("sw_ebridge_data_subscribe done.", recording::logged().back());
 }
 
 TEST_F(Connections, SubscribingByHandSaysWhatItFollows)
