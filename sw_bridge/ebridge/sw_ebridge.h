@@ -909,8 +909,8 @@ int32_t sw_vlan_pvid_subscribe(const char *user_name, sw_ebridge_mom_func callba
  * no interface of that id; -2 nothing usable in the message; -4. */
 int32_t sw_vlan_mom_msg_port_vid_changed(qz_mom_handle *ctx, const qz_mom_notification *msg, void *args);
 /* Aging of the user's pvid records, see "aging" above. The deletion tells 0 whatever the store says. */
-int32_t sw_vlan_port_vid_aging_flag_set(const char *user_name, const qz_mom_timeval *aging_timer, qz_mom_msg_cb callback,
-                                        void *args);
+int32_t sw_vlan_port_vid_aging_flag_set(const char *user_name, const qz_mom_timeval *aging_timer,
+                                        qz_mom_msg_cb callback, void *args);
 int32_t sw_vlan_pvid_aging_flag_set_sync(const char *user_name, const qz_mom_timeval *aging_timer);
 int32_t sw_vlan_pvid_aged_data_delete(const char *user_name, qz_mom_msg_cb callback, void *args);
 /* Dumps the cache, or with an ifx above 0 that port alone. 0. */
