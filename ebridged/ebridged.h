@@ -1,4 +1,5 @@
-/* ebridged.h - the bridge's service, allocator of ids and arbiter of match rules, inside a process of one's own.
+/* ebridged.h - the bridge's service: allocator of ids, arbiter of match rules and resolver of default VLANs, inside a process
+ * of one's own.
  *
  * The allocator answers the session records of the databases that it is told, those of evlans and those of eports: it
  * decides which id each request gets, writes the answer into the same record, and mirrors every answered session into
@@ -10,7 +11,12 @@
  * table is the arbiter's, and of several services the first one's. Of two rules with the same user and key in two
  * databases the one counts that was written last.
  *
- * The program `ebridged` runs both beside a store server; on the embedded store ("mem:NAME"), which one process has for
+ * The resolver follows the default VLANs that users set for ports in the same databases, and publishes for each port the one
+ * that was set last, or once its user lets go the one before it: in a table in each of these databases, which applications
+ * follow, and in the data plane's (8), which they scan. When it starts, of what was there before the one that the table
+ * shows counts as the last; the others by the names of their users.
+ *
+ * The program `ebridged` runs all beside a store server; on the embedded store ("mem:NAME"), which one process has for
  * itself, a program starts them with these calls.
  *
  * Calls come on the thread of the handle's master, or while no thread runs it. C and C++.
@@ -57,6 +63,9 @@ typedef struct ebridged_stat {
     uint32_t waiting_results; /* results that the store has not acknowledged yet */
     uint64_t calculations;    /* keys calculated since the start, a key again after each change */
     uint64_t results;         /* results written since the start */
+    uint32_t pvid_ports;      /* ports with a default VLAN */
+    uint32_t waiting_pvids;   /* table records that differ and are not written yet */
+    uint64_t pvids;           /* table records written or removed since the start */
 } ebridged_stat;
 
 /* Starts the service on a handle, which may have other users and must outlive it; `options` may be null. It serves once

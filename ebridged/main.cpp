@@ -1,4 +1,4 @@
-// ebridged, the program: allocator and arbiter in the foreground on a message store.
+// ebridged, the program: allocator, arbiter and resolver in the foreground on a message store.
 #include <signal.h>
 #include <syslog.h>
 

@@ -100,13 +100,16 @@ void standby::serve()
     end_service();
     service_ = std::make_unique<service>(handle_, &options);
     arbiter_ = std::make_unique<arbiter>(handle_, &options);
+    resolver_ = std::make_unique<pvid_resolver>(handle_, &options);
     told_->entered(state::serving);
     service_->start();
     arbiter_->start();
+    resolver_->start();
 }
 
 void standby::end_service()
 {
+    resolver_.reset();
     arbiter_.reset();
     service_.reset();
 }

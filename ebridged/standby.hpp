@@ -1,4 +1,4 @@
-// Several services on one store: the one that holds the store's lock serves, allocator and arbiter, the others stand by.
+// Several services on one store: the one that holds the store's lock serves, allocator, arbiter and resolver, the others stand by.
 //
 // The lock is asked for in every database that the service writes, in the order of their numbers, so that two that start
 // together never hold one each. Its writes are fenced: once another has the lock, nothing that this one still sends is
@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "arbiter.hpp"
+#include "pvid_resolver.hpp"
 #include "service.hpp"
 
 namespace ebridged
@@ -63,6 +64,7 @@ class standby
     size_t held_ = 0;  // so many of the locks, from the front
     std::unique_ptr<service> service_;
     std::unique_ptr<arbiter> arbiter_;
+    std::unique_ptr<pvid_resolver> resolver_;
 };
 
 }  // namespace ebridged

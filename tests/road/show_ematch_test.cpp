@@ -38,7 +38,7 @@ sw_ematch_item port_rule(int32_t vlan, int32_t priority, int32_t result)
     item.match_flag = U_BRIDGE__MATCH_FLAG__EMATCH_INGRESS;
     item.match_priority = priority;
     item.evlan1 = vlan;
-    item.eport = 0x17000001;
+    item.eport = 0x10000001;
     item.action_type = U_BRIDGE__EMATCH_ACTION_TYPE__TO_EVLAN;
     item.new_evlan1 = 0x20000001;
     item.result = result;
@@ -201,7 +201,7 @@ std::string all_content(const support::redis_server &redis)
 TEST(RuleWords, AKeyIsToldByTheFieldsThatAreSet)
 {
     EXPECT_EQ(joined(key_fields({})), "");
-    EXPECT_EQ(joined(key_fields(port_rule(10, 5, SUCCESS))), "in-port 0x17000001, ovid 10");
+    EXPECT_EQ(joined(key_fields(port_rule(10, 5, SUCCESS))), "in-port 0x10000001, ovid 10");
 
     sw_ematch_item all{};
     all.match_type = U_BRIDGE__MATCH_TYPE__LABEL;
@@ -407,7 +407,7 @@ TEST(ShowEmatch, RulesForOtherTrafficAreOtherKeysInTheirOrder)
     add([](auto &item) { item.ether_type = 1; });
     add([](auto &item) { item.evlan2 = 1; });
     add([](auto &item) { item.evlan1 = 11; });
-    add([](auto &item) { item.eport = 0x17000002; });
+    add([](auto &item) { item.eport = 0x10000002; });
     add([](auto &item) { item.match_flag = 3; });
     add([](auto &item) { item.match_type = 8; });
     add([](auto &) {});
@@ -416,7 +416,7 @@ TEST(ShowEmatch, RulesForOtherTrafficAreOtherKeysInTheirOrder)
     std::vector<std::string> texts;
     for (const judged_key &key : judge(rules, ""))
         texts.push_back(std::to_string(key.rules.size()) + ' ' + joined(key_fields(key.rules[0].rule.item)));
-    const std::string port = "in-port 0x17000001, ovid 10";
+    const std::string port = "in-port 0x10000001, ovid 10";
     EXPECT_THAT(
         texts,
         ElementsAre("2 " + port, "1 " + port + ", id 1", "1 " + port + ", label 1", "1 " + port + ", vnid 1",
@@ -424,7 +424,7 @@ TEST(ShowEmatch, RulesForOtherTrafficAreOtherKeysInTheirOrder)
                     "1 " + port + ", mac 00:00:00:00:00:01", "1 " + port + ", ip-mask 255.0.0.0",
                     "1 " + port + ", ipv4 9.0.0.2", "1 " + port + ", ipv4 10.0.0.1", "1 " + port + ", ip 0.0.0.0",
                     "1 " + port + ", ip ::", "1 " + port + ", ether-type 0x0001", "1 " + port + ", ivid 1",
-                    "1 in-port 0x17000001, ovid 11", "1 in-port 0x17000002, ovid 10", "1 " + port, "1 " + port));
+                    "1 in-port 0x10000001, ovid 11", "1 in-port 0x10000002, ovid 10", "1 " + port, "1 " + port));
     EXPECT_THAT(judge(rules, "qos"), testing::SizeIs(1));
     EXPECT_THAT(judge(rules, "nobody"), IsEmpty());
 }
@@ -515,13 +515,13 @@ TEST(ShowEmatch, TheTableHasABlockForEachKey)
     EXPECT_EQ(ematch_table(judge(rules, ""), false),
               "KEY\n"
               "  USER          PRIORITY  RESULT           ACTION\n"
-              "PORT_OVID ingress  in-port 0x17000001  ovid 10\n"
+              "PORT_OVID ingress  in-port 0x10000001  ovid 10\n"
               "  acl                  5  holds            UNUSED\n"
               "  qos                  3  lost to acl (5)  TO_EVLAN  evlan 0x20000001\n"
-              "PORT_OVID ingress  in-port 0x17000001  ovid 20\n"
+              "PORT_OVID ingress  in-port 0x10000001  ovid 20\n"
               "  two\\x0alines         3  lost             TO_EVLAN  evlan 0x20000001\n"
               "  (not what comes of these rules, in any order of their users that is known)\n"
-              "PORT_OVID ingress  in-port 0x17000001  ovid 30\n"
+              "PORT_OVID ingress  in-port 0x10000001  ovid 30\n"
               "  acl                  1  undecided        TO_EVLAN  evlan 0x20000001\n"
               "  qos                  1  undecided        TO_EVLAN  evlan 0x20000001\n"
               "3 keys, 5 rules: holds 1, lost 2, undecided 2\n");

@@ -369,6 +369,11 @@ int32_t qz_mom_hmset(qz_mom_handle *, uint32_t db, const ProtobufCMessage *recor
     return note_write("hmset", db, record, {cb, args});
 }
 
+int32_t qz_mom_set(qz_mom_handle *, uint32_t db, const ProtobufCMessage *record, qz_mom_msg_cb cb, void *args)
+{
+    return note_write("set", db, record, {cb, args});
+}
+
 int32_t qz_mom_hmupdate(qz_mom_handle *, uint32_t db, const ProtobufCMessage *record, const uint32_t *, uint32_t,
                         qz_mom_msg_cb cb, void *args)
 {
