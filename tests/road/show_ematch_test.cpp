@@ -1,6 +1,7 @@
 // "ebridge show ematch": rules in words, what came of each, and the program on a real server.
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <cstring>
@@ -95,7 +96,37 @@ judged_key judge_one(const std::vector<match_rule> &rules)
     return keys.empty() ? judged_key{} : keys[0];
 }
 
-// Writes rules into a store, as their users and a deciding service do.
+// A rule as a record of its user.
+struct rule_record {
+    rule_record(std::string name, const sw_ematch_item &rule) : user(std::move(name)), item(rule)
+    {
+        if (item.ip_ver)
+            ip.v6 = &bytes;
+        else
+            ip.v4 = &word;
+        index.mac = &mac;
+        index.mask = &mask;
+        index.ip = &ip;
+        entry.index = &index;
+        EXPECT_EQ(sw_ematch_copy_entry(&entry, &item, 0), 0);
+        index.t_user = user.data();
+        entry.result = static_cast<UBridge__MatchResult>(item.result);
+    }
+    rule_record(const rule_record &) = delete;
+    rule_record &operator=(const rule_record &) = delete;
+
+    std::string user;
+    sw_ematch_item item;  // the record's bytes stay the item's
+    PLibpub__Mac mac = P_LIBPUB__MAC__INIT;
+    PLibpub__Mac mask = P_LIBPUB__MAC__INIT;
+    PLibpub__Ipv4 word = P_LIBPUB__IPV4__INIT;
+    PLibpub__Ipv6 bytes = P_LIBPUB__IPV6__INIT;
+    PLibpub__Ip ip = P_LIBPUB__IP__INIT;
+    UBridge__EmatchIndex index = U_BRIDGE__EMATCH_INDEX__INIT;
+    UBridge__EmatchEntry entry = U_BRIDGE__EMATCH_ENTRY__INIT;
+};
+
+// Writes rules into a store, as their users and a deciding service do, and hears verdicts.
 class rule_writer
 {
   public:
@@ -106,42 +137,60 @@ class rule_writer
         EXPECT_EQ(link_.open(url, databases, &error), 0) << error;
     }
 
+    // Without a verdict.
+    void publish(const std::string &user, const sw_ematch_item &item, uint32_t db = 4)
+    {
+        constexpr uint32_t FIELDS[] = {6, 11, 12, 14, 15, 16, 17, 18};
+        const rule_record of(user, item);
+        call([&] { return qz_mom_hmset(handle(), db, &of.entry.base, FIELDS, std::size(FIELDS), on_written, this); });
+    }
+    void decide(const std::string &user, const sw_ematch_item &item, uint32_t db = 4)
+    {
+        const rule_record of(user, item);
+        call([&] { return qz_mom_hmupdate(handle(), db, &of.entry.base, &RESULT, 1, on_written, this); });
+    }
     void write(const std::string &user, const sw_ematch_item &item, uint32_t db = 4)
     {
-        PLibpub__Mac mac = P_LIBPUB__MAC__INIT;
-        PLibpub__Mac mask = P_LIBPUB__MAC__INIT;
-        PLibpub__Ipv4 word = P_LIBPUB__IPV4__INIT;
-        PLibpub__Ipv6 bytes = P_LIBPUB__IPV6__INIT;
-        PLibpub__Ip ip = P_LIBPUB__IP__INIT;
-        if (item.ip_ver)
-            ip.v6 = &bytes;
-        else
-            ip.v4 = &word;
-        UBridge__EmatchIndex index = U_BRIDGE__EMATCH_INDEX__INIT;
-        index.mac = &mac;
-        index.mask = &mask;
-        index.ip = &ip;
-        UBridge__EmatchEntry entry = U_BRIDGE__EMATCH_ENTRY__INIT;
-        entry.index = &index;
-        ASSERT_EQ(sw_ematch_copy_entry(&entry, &item, 0), 0);
-        std::string name = user;
-        index.t_user = name.data();
-        entry.result = static_cast<UBridge__MatchResult>(item.result);
-        const uint32_t owners[] = {6, 11, 12, 14, 15, 16, 17, 18};
-        const uint32_t deciders[] = {30};
-        call(
-            [&] { return qz_mom_hmset(link_.handle(), db, &entry.base, owners, std::size(owners), on_written, this); });
-        call([&] { return qz_mom_hmupdate(link_.handle(), db, &entry.base, deciders, 1, on_written, this); });
+        publish(user, item, db);
+        decide(user, item, db);
+    }
+    void remove(const std::string &user, const sw_ematch_item &item)
+    {
+        const rule_record of(user, item);
+        call([&] { return qz_mom_del(handle(), 4, &of.entry.base, on_written, this); });
     }
     void wait()
     {
-        EXPECT_TRUE(link_.wait_until([this] { return written_ == called_; }, 30'000'000));
+        EXPECT_TRUE(link_.wait_until([this] { return written_ == called_; }, PATIENCE));
+    }
+
+    void listen()
+    {
+        const rule_record any("", {});
+        const qz_mom_msg_cb callback = on_verdict;
+        void *const self = this;
+        ASSERT_EQ(qz_mom_subscribe_field(handle(), 4, &any.entry.base, 0, &RESULT, &callback, &self, 1), 0);
+    }
+    // Waits for another verdict until the condition holds.
+    bool listen_until(const std::function<bool()> &condition)
+    {
+        for (;;) {
+            const size_t before = heard_;
+            if (condition())
+                return true;
+            if (!link_.wait_until([&] { return heard_ > before; }, PATIENCE))
+                return false;
+        }
     }
 
   private:
+    static constexpr int64_t PATIENCE = 30'000'000;
+    static constexpr uint32_t RESULT = 30;
+
+    qz_mom_handle *handle() const { return link_.handle(); }
     void call(const std::function<int32_t()> &write)
     {
-        ASSERT_EQ(link_.patiently(write, 30'000'000), 0);
+        ASSERT_EQ(link_.patiently(write, PATIENCE), 0);
         ++called_;
         if (called_ - written_ > 1000)
             wait();
@@ -153,10 +202,17 @@ class rule_writer
         static_cast<rule_writer *>(self)->link_.happened();
         return 0;
     }
+    static int32_t on_verdict(qz_mom_handle *, const qz_mom_notification *, void *self)
+    {
+        ++static_cast<rule_writer *>(self)->heard_;
+        static_cast<rule_writer *>(self)->link_.happened();
+        return 0;
+    }
 
     store_link link_{};
     size_t called_ = 0;
     size_t written_ = 0;
+    size_t heard_ = 0;
 };
 
 std::vector<match_rule> read(const ematch_query &query)
@@ -182,15 +238,15 @@ void expect_one_line(const outcome &seen, int status, const std::string &what)
     EXPECT_EQ(std::count(seen.err.begin(), seen.err.end(), '\n'), 1) << seen.err;
 }
 
-// Of each database, all keys with all that they hold.
+// Of each database, all keys with all that they hold; but for the state that every client moves on with the clock.
 std::string all_content(const support::redis_server &redis)
 {
     std::string all;
     for (const int db : {4, 5, 8})
         all += redis.commands(db,
                               "EVAL \"local keys, all = redis.call('KEYS', '*'), '' table.sort(keys) "
-                              "for _, key in ipairs(keys) do all = all .. key .. ' ' .. "
-                              "redis.sha1hex(redis.call('DUMP', key)) .. ';' end return all\" 0");
+                              "for _, key in ipairs(keys) do if key ~= 'mom:state' then all = all .. key .. ' ' .. "
+                              "redis.sha1hex(redis.call('DUMP', key)) .. ';' end end return all\" 0");
     return all;
 }
 
@@ -599,6 +655,47 @@ TEST(ShowEmatchProgram, ShowsWhatAServerHoldsAndWritesNothing)
                 testing::EndsWith("\n1 key, 1 rule: holds 1\n"));
     EXPECT_EQ(show_ematch({"--store", redis.url(), "--user", "nobody"}).out, "0 keys, 0 rules\n");
     EXPECT_EQ(all_content(redis), before);
+}
+
+// A running service decides, in an order of users that is its own; whatever goes, the others are decided anew.
+TEST(ShowEmatchProgram, ExplainsWhatARunningServiceDecides)
+{
+    constexpr int32_t KEYS = 64;
+    const support::redis_server redis;
+    child service({EBRIDGED_PROGRAM, "--store", redis.url()});
+    ASSERT_TRUE(service.wait_for_error_text("serving"));
+    rule_writer store(redis.url());
+    store.listen();
+    const auto rule_of = [](size_t user, int32_t key) {
+        const int32_t priorities[] = {key % 8, key / 8, (key * 5 + 3) % 8};
+        return port_rule(1 + key, priorities[user], SUCCESS);
+    };
+    const std::vector<std::string> users = {"acl", "mirror", "qos"};
+    for (size_t user = 0; user < users.size(); ++user)
+        for (int32_t key = 0; key < KEYS; ++key)
+            store.publish(users[user], rule_of(user, key));
+    const auto all_explained = [&](size_t rules_of_a_key) {
+        return std::ranges::all_of(judge(read({.store = redis.url()}), ""), [&](const judged_key &key) {
+            return key.explained == explanation::complete && key.rules.size() == rules_of_a_key;
+        });
+    };
+    const auto show = [&] { return show_ematch({"--store", redis.url()}).out; };
+    ASSERT_TRUE(store.listen_until([&] { return all_explained(3); }));
+    EXPECT_THAT(show(), HasSubstr("\n64 keys, 192 rules: holds "));
+    EXPECT_THAT(show(), testing::Not(HasSubstr("undecided")));
+    EXPECT_THAT(show(), testing::Not(HasSubstr("not what comes")));
+
+    for (int32_t key = 0; key < KEYS; ++key)
+        store.remove(users[0], rule_of(0, key));
+    ASSERT_TRUE(store.listen_until([&] { return all_explained(2); }));
+    EXPECT_THAT(show(), testing::EndsWith("\n64 keys, 128 rules: holds 64, lost 64\n"));
+
+    for (int32_t key = 0; key < KEYS; ++key)
+        store.remove(users[1], rule_of(1, key));
+    ASSERT_TRUE(store.listen_until([&] { return all_explained(1); }));
+    EXPECT_THAT(show(), testing::EndsWith("\n64 keys, 64 rules: holds 64\n"));
+    service.signal(SIGTERM);
+    EXPECT_EQ(service.finish().status, 0);
 }
 
 TEST(ShowEmatchProgram, AServerWithoutRulesShowsNone)
