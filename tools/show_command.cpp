@@ -22,6 +22,7 @@ constexpr const char *EMATCH_FOOTER =
     "  no room        it has won, but the hardware has no room for it\n"
     "  undecided      of several rules none has lost: nobody has decided yet. Is an ebridged running?\n"
     "  not compared   the user itself has a rule of a higher priority for this traffic\n"
+    "  ignored        its user's name is longer than 31 characters, or its priority is not 0 to 7\n"
     "A rule that nobody contests holds, whether it has been decided or not. No record is written.\n"
     "\n"
     "Examples:\n"

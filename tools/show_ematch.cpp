@@ -198,8 +198,20 @@ bool stands_before(const judged_rule &a, const judged_rule &b)
     return place(a) < place(b);
 }
 
+bool takes_part(const match_rule &of)
+{
+    const int32_t priority = of.item.match_priority;
+    return of.user.size() < SW_EBRIDGE_NAME_SIZE && priority >= 0 &&
+           priority <= U_BRIDGE__MATCH_PRIORITY__EMATCH_LEVEL_7;
+}
+
+// `rules` in walk order.
 void judge(judged_key *key)
 {
+    const auto plays = [](const judged_rule &of) { return takes_part(of.rule); };
+    const auto end = std::stable_partition(key->rules.begin(), key->rules.end(), plays);
+    std::vector<judged_rule> ignored(std::make_move_iterator(end), std::make_move_iterator(key->rules.end()));
+    key->rules.erase(end, key->rules.end());
     std::vector<verdict> decided;
     key->explained = explain(key->rules, &decided);
     for (size_t i = 0; i < key->rules.size(); ++i) {
@@ -208,6 +220,10 @@ void judge(judged_key *key)
         if (key->explained == explanation::complete && decided[i].lost_to >= 0)
             of.lost_to = claim_of(key->rules[static_cast<size_t>(decided[i].lost_to)]);
     }
+    for (judged_rule &of : ignored) {
+        of.state = rule_state::ignored;
+        key->rules.push_back(std::move(of));
+    }
     std::ranges::sort(key->rules, stands_before);
 }
 
@@ -215,7 +231,8 @@ walk_order order_of(const std::vector<match_rule> &rules)
 {
     std::set<std::string> users;
     for (const match_rule &rule : rules)
-        users.insert(rule.user);
+        if (takes_part(rule))
+            users.insert(rule.user);
     return walk_order({users.begin(), users.end()});
 }
 

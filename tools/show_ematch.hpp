@@ -33,6 +33,7 @@ enum class rule_state : uint8_t {
     no_room,       // it won, but the hardware has no room for it
     undecided,     // nobody has decided yet
     not_compared,  // the user has another rule for the key, of a higher priority
+    ignored,       // nobody decides it: its user's name is too long, or there is no such priority
 };
 
 struct judged_rule {

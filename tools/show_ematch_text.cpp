@@ -16,7 +16,7 @@ using config_text::printable;
 namespace
 {
 
-constexpr std::string_view NAME_OF_STATE[] = {"holds", "lost", "no room", "undecided", "not compared"};
+constexpr std::string_view NAME_OF_STATE[] = {"holds", "lost", "no room", "undecided", "not compared", "ignored"};
 constexpr std::string_view NAME_OF_EXPLANATION[] = {"explained", "none", "unexplained"};
 constexpr std::string_view DIFFERS = "  (not what comes of these rules, in any order of their users that is known)\n";
 

@@ -71,7 +71,7 @@ std::string joined(const std::vector<rule_field> &fields)
 // "user state", and "<user" whom it lost to, for each rule of a key.
 std::vector<std::string> states(const judged_key &key)
 {
-    constexpr const char *NAMES[] = {"holds", "lost", "no room", "undecided", "not compared"};
+    constexpr const char *NAMES[] = {"holds", "lost", "no room", "undecided", "not compared", "ignored"};
     std::vector<std::string> result;
     for (const judged_rule &of : key.rules)
         result.push_back(of.rule.user + ' ' + NAMES[static_cast<size_t>(of.state)] +
@@ -440,6 +440,22 @@ TEST(ShowEmatch, OfOneUsersPrioritiesOnlyTheHighestIsCompared)
     EXPECT_THAT(states(key), ElementsAre(user[0] + " holds", user[1] + " lost<" + user[0], user[0] + " not compared"));
 }
 
+TEST(ShowEmatch, RulesThatNobodyDecidesAreInNobodysWay)
+{
+    const std::string too_long(SW_EBRIDGE_NAME_SIZE, 'u');
+    const judged_key key = judge_one({{"acl", port_rule(10, 8, SUCCESS)},
+                                      {"acl", port_rule(10, -1, SUCCESS)},
+                                      {"acl", port_rule(10, 4, LOST)},
+                                      {"qos", port_rule(10, 5, SUCCESS)},
+                                      {too_long, port_rule(10, 7, SUCCESS)}});
+    EXPECT_EQ(key.explained, explanation::complete);
+    EXPECT_THAT(states(key),
+                ElementsAre("acl ignored", too_long + " ignored", "qos holds", "acl lost<qos", "acl ignored"));
+    const judged_key alone = judge_one({{"acl", port_rule(10, 8, SUCCESS)}});
+    EXPECT_EQ(alone.explained, explanation::complete);
+    EXPECT_THAT(states(alone), ElementsAre("acl ignored"));
+}
+
 // All that a key consists of tells keys apart; user, priority and action do not.
 TEST(ShowEmatch, RulesForOtherTrafficAreOtherKeysInTheirOrder)
 {
@@ -554,7 +570,7 @@ TEST(ShowEmatch, TensOfThousandsOfRulesAreReadWhole)
     EXPECT_THAT(table, testing::EndsWith("\n20000 keys, 40000 rules: holds 20000, lost 20000\n"));
     EXPECT_THAT(ematch_json(keys),
                 testing::EndsWith(R"("totals":{"keys":20000,"rules":40000,"holds":20000,"lost":20000,)"
-                                  R"("no_room":0,"undecided":0,"not_compared":0}})"));
+                                  R"("no_room":0,"undecided":0,"not_compared":0,"ignored":0}})"));
 }
 
 // ---- words for all of it --------------------------------------------------------------------------------------------
@@ -599,16 +615,17 @@ TEST(ShowEmatch, TheObjectSaysTheSame)
     std::vector<match_rule> rules = {{"acl", port_rule(10, 5, SUCCESS)}, {"qos", port_rule(10, 3, LOST)}};
     for (match_rule &rule : rules)
         rule.item.mom_db = 4;
-    EXPECT_EQ(ematch_json(judge(rules, "")),
-              R"({"keys":[{"key":{"type":"PORT_OVID","flags":["ingress"],"in_port":385875969,"ovid":10},)"
-              R"("verdicts":"explained","rules":[{"user":"acl","db":4,"priority":5,"state":"holds","result":"SUCCESS",)"
-              R"("action":{"type":"TO_EVLAN","evlan":536870913}},{"user":"qos","db":4,"priority":3,"state":"lost",)"
-              R"("lost_to":{"user":"acl","priority":5},"result":"FAIL_PRIORITY","action":{"type":"TO_EVLAN",)"
-              R"("evlan":536870913}}]}],)"
-              R"("totals":{"keys":1,"rules":2,"holds":1,"lost":1,"no_room":0,"undecided":0,"not_compared":0}})");
+    EXPECT_EQ(
+        ematch_json(judge(rules, "")),
+        R"({"keys":[{"key":{"type":"PORT_OVID","flags":["ingress"],"in_port":385875969,"ovid":10},)"
+        R"("verdicts":"explained","rules":[{"user":"acl","db":4,"priority":5,"state":"holds","result":"SUCCESS",)"
+        R"("action":{"type":"TO_EVLAN","evlan":536870913}},{"user":"qos","db":4,"priority":3,"state":"lost",)"
+        R"("lost_to":{"user":"acl","priority":5},"result":"FAIL_PRIORITY","action":{"type":"TO_EVLAN",)"
+        R"("evlan":536870913}}]}],)"
+        R"("totals":{"keys":1,"rules":2,"holds":1,"lost":1,"no_room":0,"undecided":0,"not_compared":0,"ignored":0}})");
     EXPECT_EQ(ematch_json({}),
               R"({"keys":[],"totals":{"keys":0,"rules":0,"holds":0,"lost":0,"no_room":0,"undecided":0,)"
-              R"("not_compared":0}})");
+              R"("not_compared":0,"ignored":0}})");
     EXPECT_THAT(ematch_json(judge({{"\xff", port_rule(1, 1, SUCCESS)}}, "")), HasSubstr("\"user\":\"\xef\xbf\xbd\""));
 }
 
