@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 
+#include "config_acl.hpp"
 #include "config_tables.hpp"
 
 namespace ebridge_tool
@@ -78,6 +79,8 @@ class interpreter
     bool vlan(const config_table &table, const config_entry &entry);
     bool tunnel(const config_table &table, const config_entry &entry);
     bool vxlan_map(const config_table &table, const config_entry &entry);
+    bool acl(const config_table &table, const config_entry &entry);
+    bool rule(const config_table &table, const config_entry &entry);
     // The table is there, if only empty.
     void begin(const config_table &table);
     // After all tables.
@@ -93,6 +96,7 @@ class interpreter
     bool address(const config_table &table, const config_entry &entry, const char *name,
                  std::optional<ip_address> *out);
     bool join(const config_table &table, const config_entry &entry, const std::string &lag, const std::string &port);
+    bool is_port_or_lag(const std::string &name) const;
 
     switch_config *out_;
     const std::function<bool(const std::string &)> &is_port_;
@@ -103,6 +107,8 @@ class interpreter
     std::set<std::string> tunnels_;
     std::map<uint32_t, std::string> vlan_keys_;
     std::map<uint32_t, std::string> vni_keys_;
+    bool has_acls_ = false;  // the table ACL_TABLE
+    std::map<std::string, acl_table> acls_;
 };
 
 // The tables that mean something, in the order in which they refer to each other.
@@ -116,7 +122,9 @@ constexpr meaning MEANINGS[] = {{"PORT", &interpreter::port, true},
                                 {"PORTCHANNEL_MEMBER", &interpreter::membership, false},
                                 {"VLAN", &interpreter::vlan, true},
                                 {"VXLAN_TUNNEL", &interpreter::tunnel, true},
-                                {"VXLAN_TUNNEL_MAP", &interpreter::vxlan_map, true}};
+                                {"VXLAN_TUNNEL_MAP", &interpreter::vxlan_map, true},
+                                {"ACL_TABLE", &interpreter::acl, false},
+                                {"ACL_RULE", &interpreter::rule, false}};
 
 const meaning *meaning_of(std::string_view table)
 {
@@ -138,6 +146,10 @@ void interpreter::begin(const config_table &table)
         out_->tunnels.emplace();
     else if (table.name == "VXLAN_TUNNEL_MAP")
         out_->vxlan_maps.emplace();
+    else if (table.name == "ACL_TABLE")
+        has_acls_ = true;
+    else if (table.name == "ACL_RULE")
+        out_->acl_rules.emplace();
 }
 
 // 0 when there is none.
@@ -282,6 +294,45 @@ bool interpreter::vxlan_map(const config_table &table, const config_entry &entry
     return true;
 }
 
+// ---- access lists ---------------------------------------------------------------------------------------------------
+
+bool interpreter::is_port_or_lag(const std::string &name) const
+{
+    const std::optional<uint32_t> number = number_of(name, "PortChannel", MAX_LAG);
+    const auto lag = number ? lag_keys_.find(*number) : lag_keys_.end();
+    return (lag != lag_keys_.end() && lag->second == name) || (is_port_ ? is_port_(name) : ports_.contains(name));
+}
+
+bool interpreter::acl(const config_table &table, const config_entry &entry)
+{
+    std::string error;
+    const auto is_port = [this](const std::string &name) {
+        return (!is_port_ && !out_->ports) || is_port_or_lag(name);
+    };
+    return read_acl_table(entry, is_port, &acls_[entry.key], &error) || fail(table, entry, error);
+}
+
+bool interpreter::rule(const config_table &table, const config_entry &entry)
+{
+    const auto names = halves(entry.key);
+    if (!names)
+        return fail(table, entry, "the key must be TABLE|RULE");
+    const auto acl = acls_.find(names->first);
+    if (acl == acls_.end() && has_acls_)
+        return fail(table, entry, "the table \"" + names->first + "\" is not in the table ACL_TABLE");
+    acl_rule read{{entry.key, entry.line}};
+    if (acl != acls_.end()) {
+        read.egress = acl->second.egress;
+        read.of_switch = acl->second.of_switch;
+    }
+    std::string error;
+    const auto is_port = [this](const std::string &name) { return is_port_or_lag(name); };
+    if (!read_acl_rule(entry, is_port, &read, &error))
+        return fail(table, entry, error);
+    out_->acl_rules->push_back(std::move(read));
+    return true;
+}
+
 // Tables that refer to others are read after them, wherever they stand.
 bool interpret(const std::vector<config_table> &tables, interpreter *reader, switch_config *out)
 {
@@ -336,13 +387,14 @@ bool drop_entry(std::string_view table_and_key, switch_config *config, std::stri
     const size_t bar = std::min(table_and_key.find('|'), table_and_key.size());
     const std::string_view table = table_and_key.substr(0, bar);
     const std::string_view key = table_and_key.substr(std::min(bar + 1, table_and_key.size()));
-    if (!is_meant(table)) {
+    if (!is_meant(table) || table == "ACL_TABLE") {
         *error = printable(table_and_key) + ": nothing is made of such a table, so that nothing of it can be dropped";
         return false;
     }
     if ((table == "PORT" && drop(key, &config->ports)) || (table == "PORTCHANNEL" && drop(key, &config->lags)) ||
         (table == "VLAN" && drop(key, &config->vlans)) || (table == "VXLAN_TUNNEL" && drop(key, &config->tunnels)) ||
         (table == "VXLAN_TUNNEL_MAP" && drop(key, &config->vxlan_maps)) ||
+        (table == "ACL_RULE" && drop(key, &config->acl_rules)) ||
         (table == "PORTCHANNEL_MEMBER" && drop_member(key, config)))
         return true;
     *error = printable(table_and_key) + ": the configuration has no such entry";

@@ -1,6 +1,6 @@
 // Reading a switch configuration in the config_db.json form: an object of tables, a table an object of entries, an entry
 // an object of fields. Everything but the port table is checked here, before anything is asked of the switch; ports.hpp
-// has the rest.
+// has the rest. The meaning of each table is in config.cpp, that of the access lists in config_acl.cpp.
 #pragma once
 
 #include <array>
@@ -44,6 +44,15 @@ struct ip_address {
     bool v6 = false;
 };
 
+// An address that has nothing behind its prefix. Of a length 0 any address of its IP version.
+struct ip_prefix {
+    ip_address address;
+    uint32_t length = 0;  // 0 to 32 or 128
+
+    bool is_any() const { return length == 0; }
+    bool is_host() const { return length == (address.v6 ? 128U : 32U); }
+};
+
 struct tunnel_entry : config_item {
     std::optional<ip_address> source;
     std::optional<ip_address> destination;
@@ -60,6 +69,26 @@ struct lag_member : config_item {
     std::string port;
 };
 
+struct acl_port {
+    std::string name;    // of a port or LAG
+    uint32_t phyid = 0;  // the port table's
+};
+
+// What is absent is not asked for.
+struct acl_rule : config_item {
+    bool egress = false;     // by the stage of its table
+    bool of_switch = false;  // its table guards the switch itself and not what passes it
+    uint32_t priority = 0;   // 0 to 999999, the highest wins
+    std::string action{};    // "" none
+    std::vector<acl_port> in_ports{};
+    uint32_t vlan = 0;  // 1 to 4094
+    uint32_t inner_vlan = 0;
+    std::optional<uint32_t> ether_type{};
+    std::optional<ip_prefix> source{};  // of one IP version, both
+    std::optional<ip_prefix> destination{};
+    std::vector<std::string> others{};  // names of further fields that change what it does
+};
+
 struct skipped_table {
     std::string name;
     size_t entries;
@@ -72,6 +101,7 @@ struct switch_config {
     std::optional<std::vector<vlan_entry>> vlans;
     std::optional<std::vector<tunnel_entry>> tunnels;
     std::optional<std::vector<vxlan_map_entry>> vxlan_maps;
+    std::optional<std::vector<acl_rule>> acl_rules;
     std::vector<lag_member> lag_members;
     std::vector<skipped_table> skipped;
 };

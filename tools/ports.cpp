@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <map>
 
 #include "config_file.hpp"
 #include "libddm.h"
+#include "u_bridge.pb-c.h"
 
 namespace ebridge_tool
 {
@@ -103,6 +105,32 @@ const Entry *find_numbers(std::vector<Entry> *entries)
     return nullptr;
 }
 
+std::map<std::string, uint32_t> known_ports(const switch_config &config)
+{
+    std::map<std::string, uint32_t> known;
+    for (size_t i = 0; config.ports && i < config.ports->size(); ++i)
+        known.emplace((*config.ports)[i].key, (*config.ports)[i].phyid);
+    for (size_t i = 0; config.lags && i < config.lags->size(); ++i)
+        known.emplace((*config.lags)[i].key, (*config.lags)[i].phyid);
+    return known;
+}
+
+// The first rule of a port that the port table does not have, or null. Rules are many and ports are few.
+const acl_rule *number_rules(switch_config *config)
+{
+    std::map<std::string, uint32_t> known = known_ports(*config);
+    for (acl_rule &rule : *config->acl_rules)
+        for (acl_port &port : rule.in_ports) {
+            const auto [at, fresh] = known.emplace(port.name, 0);
+            uint32_t ifx = 0;
+            if (fresh && (libddm_get_ifx_by_name(port.name.c_str(), &ifx) != 0 ||
+                          libddm_get_phyid_by_ifx(ifx, &at->second) != 0))
+                return &rule;
+            port.phyid = at->second;
+        }
+    return nullptr;
+}
+
 bool number_ports(const std::string &name, bool listed, switch_config *config, std::string *error)
 {
     const port_entry *port = config->ports ? find_numbers(&*config->ports) : nullptr;
@@ -110,10 +138,14 @@ bool number_ports(const std::string &name, bool listed, switch_config *config, s
         *error = fault_line(name, {port->line, "PORT|" + port->key + ": is not in the list of ports"});
         return false;
     }
-    if (!config->lags || (listed ? add_lags(config) : find_numbers(&*config->lags) == nullptr))
-        return true;
-    *error = printable(name) + ": the LAGs cannot be added to the port table";
-    return false;
+    if (config->lags && !(listed ? add_lags(config) : find_numbers(&*config->lags) == nullptr)) {
+        *error = printable(name) + ": the LAGs cannot be added to the port table";
+        return false;
+    }
+    const acl_rule *rule = config->acl_rules ? number_rules(config) : nullptr;
+    if (rule)
+        *error = fault_line(name, {rule->line, "ACL_RULE|" + rule->key + ": a port is not in the port table"});
+    return !rule;
 }
 
 bool has_ports(const switch_config &config)
@@ -122,6 +154,13 @@ bool has_ports(const switch_config &config)
 }
 
 }  // namespace
+
+uint32_t port_id(uint32_t phyid)
+{
+    constexpr uint32_t GLOBAL_PORT = 7;
+    const uint32_t type = phyid >> 24 == GLOBAL_PORT ? U_BRIDGE__EPORT_TYPE__PORT : U_BRIDGE__EPORT_TYPE__AP;
+    return type << 24 | (phyid & 0xffffff);
+}
 
 bool read_config(const std::string &path, const std::string &ports_path, switch_config *out, std::string *error)
 {

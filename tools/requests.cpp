@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "ports.hpp"
 #include "sw_ebridge.h"
 
 namespace ebridge_tool
@@ -19,14 +20,6 @@ uint32_t any_id(uint32_t type) { return type << 24; }
 uint32_t word(int32_t value) { return static_cast<uint32_t>(value); }
 
 uint32_t vlan_id(uint32_t number) { return any_id(U_BRIDGE__EVLAN_TYPE__VLAN) | number; }
-
-// The id of a port, told by the port table alone: what the library's translation has to make of its interface index.
-uint32_t port_id(uint32_t phyid)
-{
-    constexpr uint32_t GLOBAL_PORT = 7;
-    const uint32_t type = phyid >> 24 == GLOBAL_PORT ? U_BRIDGE__EPORT_TYPE__PORT : U_BRIDGE__EPORT_TYPE__AP;
-    return any_id(type) | (phyid & 0xffffff);
-}
 
 // A tunnel is known by its name alone, which has to give the same key whatever other tunnels there are: FNV-1a.
 uint64_t name_number(const std::string &name)
