@@ -10,7 +10,7 @@ namespace ebridge_tool
 namespace
 {
 
-constexpr int ALL_MARKS = 2 * static_cast<int>(std::size(TWINS));  // sessions and attributes
+constexpr int ALL_MARKS = 2 * static_cast<int>(std::size(TWINS)) + 1;  // sessions and attributes, and match rules
 
 bool is_refreshed(const request &of)
 {
@@ -36,26 +36,30 @@ bool session::mark_all(const run_options &options, std::string *error)
 {
     if (!read_own(error))
         return false;
+    std::vector<decltype(&sw_ematch_aging_flag_set)> marks{sw_ematch_aging_flag_set};
     for (const twin_calls &twin : TWINS)
-        for (const auto mark : {twin.mark_sessions, twin.mark_attributes}) {
-            const auto call = [&] { return mark(requester(), nullptr, on_marks_ended, this); };
-            if (const int32_t code = patiently(call, options.patience_usec); code != 0) {
-                *error = "what it had cannot be marked: " + std::to_string(code) + ", " + qz_mom_strerror(code);
-                return false;
-            }
+        marks.insert(marks.end(), {twin.mark_sessions, twin.mark_attributes});
+    for (const auto mark : marks) {
+        const auto call = [&] { return mark(requester(), nullptr, on_marks_ended, this); };
+        if (const int32_t code = patiently(call, options.patience_usec); code != 0) {
+            *error = "what it had cannot be marked: " + std::to_string(code) + ", " + qz_mom_strerror(code);
+            return false;
         }
+    }
     return true;
 }
 
 // Deletes nothing when something wanted may still be marked.
 bool session::delete_marked(const run_options &options, std::string *error)
 {
-    if (!std::ranges::all_of(own_wanted(), [&](size_t i) { return is_refreshed(requests_->at(i)); })) {
+    if (!std::ranges::all_of(own_wanted(), [&](size_t i) { return is_refreshed(requests_->at(i)); }) ||
+        !std::ranges::all_of(own_rules(), [&](size_t i) { return rules_->at(i).asked.code == 0; })) {
         *error = "nothing was deleted: not all that is wanted could be asked for again";
         return false;
     }
     for (const twin_calls &twin : TWINS)
         patiently([&] { return twin.delete_attributes(requester(), nullptr, nullptr); }, options.patience_usec);
+    patiently([&] { return sw_ematch_aged_data_delete(requester(), nullptr, nullptr); }, options.patience_usec);
     if (options.delete_now)
         delete_sessions_now();
     else
@@ -102,15 +106,6 @@ bool session::delete_what_is_left(std::string *error)
         send(requests_->at(i));
     delete_sessions_now();
     return true;
-}
-
-std::vector<size_t> session::own_wanted() const
-{
-    std::vector<size_t> own;
-    for (size_t i = 0; i < requests_->size(); ++i)
-        if (requests_->at(i).user == users_.requester && !requests_->at(i).dropped)
-            own.push_back(i);
-    return own;
 }
 
 }  // namespace ebridge_tool

@@ -124,7 +124,7 @@ constexpr meaning MEANINGS[] = {{"PORT", &interpreter::port, true},
                                 {"VXLAN_TUNNEL", &interpreter::tunnel, true},
                                 {"VXLAN_TUNNEL_MAP", &interpreter::vxlan_map, true},
                                 {"ACL_TABLE", &interpreter::acl, false},
-                                {"ACL_RULE", &interpreter::rule, false}};
+                                {"ACL_RULE", &interpreter::rule, true}};
 
 const meaning *meaning_of(std::string_view table)
 {

@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "config_file.hpp"
+#include "entry_verdicts.hpp"
 #include "sw_ebridge.h"
 
 namespace ebridge_tool
@@ -82,41 +83,6 @@ std::string name_of(const request &of)
     return printable(std::string(table_of(of.as)) + '|' + of.key + ": ") + (of.as == role::circuit ? "circuit: " : "");
 }
 
-// Verdicts about each entry of the tables, made of those about its requests: the worst counts.
-template <typename Verdict>
-class entry_verdicts
-{
-  public:
-    explicit entry_verdicts(size_t tables) : worst_(tables) {}
-
-    void add(const request &of, Verdict verdict)
-    {
-        std::vector<Verdict> &table = worst_[of.table];
-        if (table.size() <= of.entry)
-            table.resize(of.entry + 1, verdict);
-        table[of.entry] = std::max(table[of.entry], verdict);
-    }
-    template <typename Count>
-    void for_each(const Count &count) const
-    {
-        for (size_t table = 0; table < worst_.size(); ++table)
-            for (Verdict verdict : worst_[table])
-                count(table, verdict);
-    }
-
-  private:
-    std::vector<std::vector<Verdict>> worst_;
-};
-
-enum class verdict : uint8_t { verified, differs, refused };
-
-void count(verdict of, table_result *into)
-{
-    into->granted += of != verdict::refused;
-    into->refused += of == verdict::refused;
-    into->verified += of == verdict::verified;
-}
-
 }  // namespace
 
 std::string difference(const request_book &requests, const request &of)
@@ -130,17 +96,17 @@ std::string difference(const request_book &requests, const request &of)
 
 void evaluate(const request_book &requests, run_result *result)
 {
-    entry_verdicts<verdict> entries(result->tables.size());
+    entry_verdicts<verdict_kind> entries(result->tables.size());
     for (size_t i = 0; i < requests.size(); ++i) {
         const request &of = requests.at(i);
         const std::string what = is_granted(of) ? difference(requests, of) : refusal(of);
-        const verdict made = !is_granted(of) ? verdict::refused : what.empty() ? verdict::verified : verdict::differs;
-        if (made != verdict::verified)
-            result->problems.push_back(name_of(of) + (made == verdict::refused ? "refused: " : "differs: ") + what);
+        const verdict_kind made = verdict_of(is_granted(of), what);
+        if (made != verdict_kind::verified)
+            result->problems.push_back(name_of(of) + text_of(made) + what);
         count(made, &result->kinds[static_cast<size_t>(of.app.kind)]);
-        entries.add(of, made);
+        entries.add(of.table, of.entry, made);
     }
-    entries.for_each([result](size_t table, verdict made) { count(made, &result->tables[table]); });
+    entries.for_each([result](size_t table, verdict_kind made) { count(made, &result->tables[table]); });
 }
 
 // ---- evaluation of a restart ----------------------------------------------------------------------------------------
@@ -177,8 +143,6 @@ const char *dropped_difference(const request_book &requests, const request &of)
     return requests.find_attributes({of.app.kind, of.user, of.id_before}) ? "the attributes are still there" : nullptr;
 }
 
-enum class kept_verdict : uint8_t { kept_equal, kept_otherwise, gone, left };
-
 }  // namespace
 
 void evaluate_restart(const request_book &requests, run_result *result)
@@ -193,17 +157,9 @@ void evaluate_restart(const request_book &requests, run_result *result)
             what = left;
         if (!what.empty())
             result->problems.push_back(name_of(of) + (of.dropped ? "dropped: " : "kept: ") + what);
-        entries.add(of, of.dropped     ? what.empty() ? kept_verdict::gone : kept_verdict::left
-                        : what.empty() ? kept_verdict::kept_equal
-                                       : kept_verdict::kept_otherwise);
+        entries.add(of.table, of.entry, kept_verdict_of(of.dropped, what));
     }
-    entries.for_each([result](size_t table, kept_verdict made) {
-        restart_result &into = result->restarted[table];
-        into.kept += made <= kept_verdict::kept_otherwise;
-        into.unchanged += made == kept_verdict::kept_equal;
-        into.dropped += made >= kept_verdict::gone;
-        into.gone += made == kept_verdict::gone;
-    });
+    entries.for_each([result](size_t table, kept_verdict made) { count(made, &result->restarted[table]); });
 }
 
 std::vector<std::string> left_attributes(const request_book &requests)

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "requests.hpp"
+#include "rule_book.hpp"
 
 namespace ebridge_tool
 {
@@ -15,6 +16,10 @@ std::string difference(const request_book &requests, const request &of);
 void evaluate(const request_book &requests, run_result *result);
 // After a restart: whether exactly what was dropped has gone, and what is kept is as it was.
 void evaluate_restart(const request_book &requests, run_result *result);
+// The same of match rules, each counted for its user. The calculation has been made in the order of the process that decides.
+std::string difference(const published_rule &of);
+void evaluate(const rule_book &rules, run_result *result);
+void evaluate_restart(const rule_book &rules, run_result *result);
 // A line for each id of which the observer reads attributes and that belongs to no request.
 std::vector<std::string> left_attributes(const request_book &requests);
 

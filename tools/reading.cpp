@@ -31,6 +31,8 @@ Record pattern_of(Record record, Index *index)
 }
 
 const UBridge__Evlan any_evlan = pattern_of<UBridge__Evlan>(U_BRIDGE__EVLAN__INIT, &any_evlan_index);
+UBridge__EmatchIndex any_rule_index = U_BRIDGE__EMATCH_INDEX__INIT;
+const UBridge__EmatchEntry any_rule = pattern_of<UBridge__EmatchEntry>(U_BRIDGE__EMATCH_ENTRY__INIT, &any_rule_index);
 const UBridge__Eport any_eport = pattern_of<UBridge__Eport>(U_BRIDGE__EPORT__INIT, &any_eport_index);
 
 }  // namespace
@@ -71,6 +73,20 @@ bool session::scan_attributes(std::string *error)
     return wait_for_ends(std::size(ALL_ATTRIBUTES), "attributes", error);
 }
 
+bool session::scan_rules(std::string *error)
+{
+    for (size_t i = 0; i < rules_->size(); ++i)
+        rules_->set(i, rule_sight());
+    rules_->forget_others();
+    ended_ = 0;
+    const auto scan = [&] {
+        return qz_mom_scan(link_.handle(), SW_EBRIDGE_APP_DB, &any_rule.base, 0, on_rules_read, this);
+    };
+    if (const int32_t code = patiently(scan, SCAN_PATIENCE_USEC); code != 0)
+        return fail(error, "the match rules cannot be scanned", code);
+    return wait_for_ends(1, "match rules", error);
+}
+
 bool session::read_back(std::string *error)
 {
     for (size_t i = 0; i < requests_->size(); ++i) {
@@ -79,7 +95,7 @@ bool session::read_back(std::string *error)
         requests_->set(i, facts);
     }
     strangers_.clear();
-    if (!scan_sessions(OBSERVER, error))
+    if (!scan_sessions(OBSERVER, error) || !scan_rules(error))
         return false;
     if (is_both())
         return true;

@@ -56,8 +56,18 @@ namespace
 void print_rows(std::FILE *out, int column, const std::vector<table_result> &rows)
 {
     for (const table_result &row : rows)
-        std::fprintf(out, "%-*s  %9zu  %9zu  %9zu  %9zu\n", column, row.name.c_str(), row.requested, row.granted,
-                     row.refused, row.verified);
+        std::fprintf(out, "%-*s  %9zu  %9zu  %9zu  %9zu%s\n", column, row.name.c_str(), row.requested, row.granted,
+                     row.refused, row.verified,
+                     row.not_expressed ? ("  " + std::to_string(*row.not_expressed) + " not expressed").c_str() : "");
+}
+
+void print_rules(std::FILE *out, int column, const std::vector<rule_result> &rows)
+{
+    std::fprintf(out, "%-*s  %9s  %9s  %9s  %9s  %9s\n", column, "RULES", "PUBLISHED", "HOLDING", "LOST", "SHADOWED",
+                 "VERIFIED");
+    for (const rule_result &row : rows)
+        std::fprintf(out, "%-*s  %9zu  %9zu  %9zu  %9zu  %9zu\n", column, row.name.c_str(), row.published, row.holding,
+                     row.lost, row.shadowed, row.verified);
 }
 
 void print_restart(std::FILE *out, int column, const std::vector<restart_result> &rows)
@@ -77,6 +87,8 @@ void print_table(std::FILE *out, const switch_config &config, const run_result &
         width = std::max(width, table.name.size());
     for (const skipped_table &table : config.skipped)
         width = std::max(width, printable(table.name).size());
+    for (const rule_result &user : result.rules)
+        width = std::max(width, user.name.size());
     const int column = static_cast<int>(width);
     std::fprintf(out, "%-*s  %9s  %9s  %9s  %9s\n", column, "TABLE", "REQUESTED", "GRANTED", "REFUSED", "VERIFIED");
     print_rows(out, column, result.tables);
@@ -84,6 +96,8 @@ void print_table(std::FILE *out, const switch_config &config, const run_result &
         std::fprintf(out, "%-*s  %9zu  skipped\n", column, printable(table.name).c_str(), table.entries);
     std::fputs("IDS\n", out);
     print_rows(out, column, result.kinds);
+    if (!result.rules.empty())
+        print_rules(out, column, result.rules);
     if (!result.restarted.empty())
         print_restart(out, column, result.restarted);
     std::fprintf(out, "%.3f seconds\n", result.seconds);
@@ -109,8 +123,20 @@ using json = nlohmann::ordered_json;
 
 json counts_of(const table_result &row)
 {
-    return {
+    json counts{
         {"requested", row.requested}, {"granted", row.granted}, {"refused", row.refused}, {"verified", row.verified}};
+    if (row.not_expressed)
+        counts["not_expressed"] = *row.not_expressed;
+    return counts;
+}
+
+json counts_of(const rule_result &row)
+{
+    return {{"published", row.published},
+            {"holding", row.holding},
+            {"lost", row.lost},
+            {"shadowed", row.shadowed},
+            {"verified", row.verified}};
 }
 
 json counts_of(const restart_result &row)
@@ -135,6 +161,8 @@ std::string to_json(const switch_config &config, const run_result &result)
 {
     json whole{
         {"tables", object_of(result.tables)}, {"skipped", object_of(config.skipped)}, {"ids", object_of(result.kinds)}};
+    if (!result.rules.empty())
+        whole["rules"] = object_of(result.rules);
     if (!result.restarted.empty())
         whole["restarted"] = object_of(result.restarted);
     whole["seconds"] = result.seconds;

@@ -18,7 +18,8 @@ void end_progress();
 
 void print_table(std::FILE *out, const switch_config &config, const run_result &result);
 // {"tables": {NAME: {"requested": n, "granted": n, "refused": n, "verified": n}}, "skipped": {NAME: n},
-//  "ids": {KIND: as a table}, "restarted": {NAME: {"kept": n, "unchanged": n, "dropped": n, "gone": n}}, "seconds": s}
+//  "ids": {KIND: as a table}, "rules": {USER: {"published": n, "holding": n, "lost": n, "shadowed": n, "verified": n}},
+//  "restarted": {NAME: {"kept": n, "unchanged": n, "dropped": n, "gone": n}}, "seconds": s}
 std::string to_json(const switch_config &config, const run_result &result);
 
 }  // namespace ebridge_tool

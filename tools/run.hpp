@@ -46,6 +46,17 @@ struct table_result {
     size_t granted = 0;
     size_t refused = 0;
     size_t verified = 0;
+    std::optional<size_t> not_expressed{};  // ACL rules that no match rule can express: they are not requested
+};
+
+// The match rules that a user has published.
+struct rule_result {
+    std::string name;
+    size_t published = 0;
+    size_t holding = 0;
+    size_t lost = 0;
+    size_t shadowed = 0;  // by a rule of its own with a higher priority: nothing is decided about them
+    size_t verified = 0;
 };
 
 struct restart_result {
@@ -60,7 +71,9 @@ struct run_result {
     std::vector<table_result> tables;       // those that the configuration has, also empty ones; entries are counted
     std::vector<table_result> kinds;        // evlans and eports; ids are counted
     std::vector<restart_result> restarted;  // after a restart: the tables again
+    std::vector<rule_result> rules;         // of each user, where the configuration has ACL rules
     std::vector<std::string> problems;      // a line for each entry that was refused or differs
+    std::vector<std::string> notes;         // a line for each entry that is not expressed
     double seconds = 0;
     bool store_missing = false;  // the run failed because nobody is there behind the URL
     // After a run: prints the library's users and tables, the observer's where it is a process of its own, on standard

@@ -156,6 +156,8 @@ int run_it(const arguments &given)
         return complain(error, result.store_missing ? NO_STORE : SOMETHING_DIFFERS);
     for (const std::string &problem : result.problems)
         std::fprintf(stderr, "%s\n", problem.c_str());
+    for (const std::string &note : result.notes)
+        std::fprintf(stderr, "%s\n", note.c_str());
     if (given.json && !write_all(json_output, to_json(config, result)))
         return complain("the result cannot be written", SOMETHING_DIFFERS);
     if (!given.json)

@@ -45,8 +45,8 @@ int32_t vlan_evlan_id(uint32_t type, int32_t vlan_id)
 
 }  // namespace
 
-session::session(request_book *requests, const cast &users, session_listener listener)
-    : requests_(requests), users_(users), listener_(std::move(listener))
+session::session(request_book *requests, rule_book *rules, const cast &users, session_listener listener)
+    : requests_(requests), rules_(rules), users_(users), listener_(std::move(listener))
 {
     the_session = this;
 }
@@ -94,12 +94,14 @@ bool session::start_users(std::string *error)
     common.handle = link_.handle();
     common.evlan_attr_mom_db = SW_EBRIDGE_UDP_DB;
     common.eport_attr_mom_db = SW_EBRIDGE_UDP_DB;
+    common.ematch_mom_db = SW_EBRIDGE_APP_DB;
 
     ebridge_args requesting = common;
     requesting.mom_db = SW_EBRIDGE_APP_DB;
     requesting.vlan_reply = on_vlan<false>;
     requesting.evlan_reply = on_evlan<false>;
     requesting.eport_reply = on_eport<false>;
+    requesting.ematch_reply = on_verdict;
 
     ebridge_args observing = common;
     observing.user_name = OBSERVER;
@@ -136,6 +138,11 @@ bool session::follow(const run_options &options, std::string *error)
     for (const twin_calls &twin : TWINS) {
         if (const int32_t code = twin.subscribe(follower, db, on_subscribed, this); code != 0)
             return fail(error, "the sessions cannot be subscribed", code);
+        ++subscribed;
+    }
+    if (users_.requester != cast::NOBODY && !rules_->empty()) {
+        if (const int32_t code = sw_ematch_subscribe(requester(), on_subscribed, this); code != 0)
+            return fail(error, "the match rules cannot be subscribed", code);
         ++subscribed;
     }
     if (users_.observer && !is_both())
@@ -192,7 +199,7 @@ void session::request_all(const run_options &options)
 {
     const size_t window = std::max<size_t>(MAX_OPEN / requests_->users().size(), 2);
     size_t sent = 0;
-    progress_teller progress(options, requests_->wanted());
+    progress_teller progress(options, requests_->wanted() + rules_->wanted());
     const auto open_requests = [&] { return sent - std::min(sent, requests_->settled()); };
     for (size_t i : own_wanted()) {
         requester_facts facts = requests_->at(i).requester;
@@ -237,12 +244,12 @@ void session::describe_all(const run_options &options)
         facts.attr_code = patiently([&] { return describe(of); }, options.patience_usec);
         requests_->set(i, facts);
     }
-    wait_for_writes(options.patience_usec);
+    wait_for_writes(SW_EBRIDGE_UDP_DB, options.patience_usec);
 }
 
-// Attributes are written without an answer, and what is still under way when a process ends is lost. A call that has one
-// is answered after them.
-void session::wait_for_writes(int64_t patience)
+// Some writes have no answer, and what is still under way when a process ends is lost. A call that has one is answered after
+// them.
+void session::wait_for_writes(uint32_t db, int64_t patience)
 {
     UBridge__EvlanIndex index = U_BRIDGE__EVLAN_INDEX__INIT;
     index.t_user = const_cast<char *>(requester());
@@ -254,7 +261,7 @@ void session::wait_for_writes(int64_t patience)
         static_cast<session *>(self)->happened();
         return int32_t{0};
     };
-    const auto ask = [&] { return qz_mom_clear_expire(link_.handle(), SW_EBRIDGE_UDP_DB, &none.base, note, this); };
+    const auto ask = [&] { return qz_mom_clear_expire(link_.handle(), db, &none.base, note, this); };
     if (patiently(ask, patience) == 0)
         wait_until([this] { return written_; }, patience);
 }
@@ -346,6 +353,12 @@ int32_t session::on_evlan_removed(UBridge__EvlanAppIndex *app, UBridge__EvlanInd
 int32_t session::on_eport_removed(UBridge__EportAppIndex *app, UBridge__EportIndex *, int32_t)
 {
     the_session->observed(app->t_user, key_of(*app), -1, true);
+    return 0;
+}
+
+int32_t session::on_verdict(UBridge__EmatchEntry *entry)
+{
+    the_session->decided(*entry);
     return 0;
 }
 

@@ -9,6 +9,7 @@
 
 #include "ebridged.h"
 #include "requests.hpp"
+#include "rule_book.hpp"
 #include "store_link.hpp"
 #include "sw_ebridge.h"
 
@@ -57,6 +58,8 @@ class session;
 struct session_listener {
     // Something new was heard of a request.
     std::function<void(session *, size_t)> changed{};
+    // A verdict on a match rule was heard.
+    std::function<void(session *, size_t)> decided{};
     // Attributes were read; null: they have gone. An observer in a process of its own hears them.
     std::function<void(session *, const held_id &, const attributes *)> described{};
 };
@@ -64,17 +67,17 @@ struct session_listener {
 class session
 {
   public:
-    session(request_book *requests, const cast &users, session_listener listener);
+    session(request_book *requests, rule_book *rules, const cast &users, session_listener listener);
     ~session();
     session(const session &) = delete;
     session &operator=(const session &) = delete;
 
     // Each false with a line in *error. The observer has then read what there was, and follows it.
     bool open(const run_options &options, std::string *error);
-    // Reads the sessions into the observer's facts, and where requesters are in processes of their own the attributes into
-    // the book.
+    // Reads the sessions and the match rules into the observer's facts, and where requesters are in processes of their own
+    // the attributes into the book.
     bool read_back(std::string *error);
-    // Sessions of these users that read_back() has found and that nobody has requested here, by key text.
+    // Sessions and match rules of these users that read_back() has found and that nobody has asked for here, by key text.
     const std::vector<std::string> &strangers() const { return strangers_; }
 
     // After open() has failed: it was the store that is not there.
@@ -84,6 +87,14 @@ class session
     void request_all(const run_options &options);
     // Sets the attributes of what was granted.
     void describe_all(const run_options &options);
+    // Publishes the requester's match rules in place of those that it may have of an earlier life, and returns when a
+    // verdict of each was heard, or when nothing has been heard for too long. Verdicts may change afterwards.
+    void publish_rules(const run_options &options);
+    // Without the earlier life's being deleted, and without waiting.
+    void add_rules(const run_options &options);
+    void wait_for_verdicts(const run_options &options);
+    // Those that are there for their verdicts alone.
+    void remove_order_rules(const run_options &options);
     // Notes what the tables of the library make of the ids that the users of this session have heard. Where requester and
     // observer are in one process the library's merge of the attributes goes into the book.
     void note_tables();
@@ -118,19 +129,32 @@ class session
     }
     int32_t send(const request &wanted);
     int32_t describe(const request &of);
-    void wait_for_writes(int64_t patience);
+    void wait_for_writes(uint32_t db, int64_t patience);
     void answered(const app_key &key, int32_t id);
     void observed(const char *user, const app_key &key, int32_t id, bool removed);
     bool scan_sessions(const char *user, std::string *error);
     bool scan_attributes(std::string *error);
+    bool scan_rules(std::string *error);
     bool wait_for_ends(int wanted, const char *what, std::string *error);
     void note_session(const ProtobufCMessage &record, const char *key);
     void note_attributes(const qz_mom_notification &msg);
+    void note_rule(const UBridge__EmatchEntry &record, const char *key);
+    void decided(const UBridge__EmatchEntry &record);
     void wait_for_age_timer();
     void delete_sessions_now();
     bool delete_what_is_left(std::string *error);
-    // Indexes of the requests that this session's requester is to make.
-    std::vector<size_t> own_wanted() const;
+    // Indexes of the requests that this session's requester is to make, and of the rules that it is to publish.
+    std::vector<size_t> own_wanted() const { return own_of(*requests_); }
+    std::vector<size_t> own_rules() const { return own_of(*rules_); }
+    template <typename Book>
+    std::vector<size_t> own_of(const Book &book) const
+    {
+        std::vector<size_t> own;
+        for (size_t i = 0; i < book.size(); ++i)
+            if (book.at(i).user == users_.requester && !book.at(i).dropped)
+                own.push_back(i);
+        return own;
+    }
     template <typename Facts>
     void note(size_t index, const Facts &facts);
 
@@ -146,9 +170,12 @@ class session
     static int32_t on_scanned(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
     static int32_t on_attributes(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
     static int32_t on_attributes_read(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
+    static int32_t on_verdict(UBridge__EmatchEntry *entry);
+    static int32_t on_rules_read(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
     static int32_t on_marks_ended(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
 
     request_book *requests_;
+    rule_book *rules_;
     cast users_;
     session_listener listener_;
     std::vector<std::string> strangers_;

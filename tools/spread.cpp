@@ -29,19 +29,24 @@ namespace
 enum report_kind : uint32_t {
     FOLLOWS,      // the observer
     ASKED,        // requester_facts of a request
+    RULE_ASKED,   // rule_facts of a match rule
     SEEN,         // observer_facts of a request
     DESCRIBED,    // described_id: attributes were read
     READ_ANEW,    // what was told of attributes before counts no more
     HAS_READ,     // all that there is was told
-    STRANGER,     // the key text of a session that nobody has requested
+    RULE_SEEN,    // rule_sight of a match rule
+    CLAIMANT,     // the name of a user who has match rules
+    OTHER_RULE,   // other_rule
+    STRANGER,     // the key text of a session or match rule that nobody has asked for
     REFRESHED,    // all that is wanted was asked for again
     PHASE,        // what a restart is at
     NOT_DELETED,  // why a restart has left something
+    SETTLED,      // all is requested and published, and after a restart deleted; verdicts may still change
     FINISHED,
     FAILED,
     NO_STORE
 };
-enum order : char { READ = 'r', DELETE = 'd', DUMP = 'p' };
+enum order : char { READ = 'r', DELETE = 'd', FINISH = 'f', DUMP = 'p' };
 
 struct described_id {
     held_id of;
@@ -91,6 +96,13 @@ void report_asked(const request_book &requests, size_t user, reporter *to)
             to->add_value(ASKED, static_cast<uint32_t>(i), requests.at(i).requester);
 }
 
+void report_published(const rule_book &rules, size_t user, reporter *to)
+{
+    for (size_t i = 0; i < rules.size(); ++i)
+        if (rules.at(i).user == user && !rules.at(i).dropped)
+            to->add_value(RULE_ASKED, static_cast<uint32_t>(i), rules.at(i).asked);
+}
+
 void report_phase(const char *what, reporter *to)
 {
     to->add(PHASE, 0, what);
@@ -128,6 +140,7 @@ bool request_again(session *requesting, const run_options &options, reporter *to
     report_phase("marked", to);
     requesting->request_all(options);
     requesting->describe_all(options);
+    requesting->add_rules(options);
     to->add(REFRESHED, 0, {});
     report_phase("refreshed", to);
     if (wait_for_order(requesting, to) != DELETE)
@@ -135,10 +148,29 @@ bool request_again(session *requesting, const run_options &options, reporter *to
     report_phase(options.delete_now ? "deleting" : "deleting, by the age timer of 40 s", to);
     if (!requesting->delete_marked(options, &error))
         to->add(NOT_DELETED, 0, error);
-    return requesting->read_own(&error) || report_failure(to, FAILED, error);
+    requesting->wait_for_verdicts(options);
+    return true;
 }
 
-int request_share(size_t user, bool again, request_book *requests, const run_options &options, reporter *to)
+// Goes on hearing verdicts until nobody publishes any more, and reports what came of everything.
+bool finish_share(session *requesting, size_t user, bool again, const request_book &requests, const rule_book &rules,
+                  const run_options &options, reporter *to)
+{
+    report_published(rules, user, to);
+    to->add(SETTLED, 0, {});
+    to->flush();
+    if (wait_for_order(requesting, to) != FINISH)
+        return true;
+    requesting->remove_order_rules(options);
+    if (std::string error; again && !requesting->read_own(&error))
+        return report_failure(to, FAILED, error);
+    requesting->note_tables();
+    report_asked(requests, user, to);
+    return true;
+}
+
+int request_share(size_t user, bool again, request_book *requests, rule_book *rules, const run_options &options,
+                  reporter *to)
 {
     return report_of(to, [&] {
         requests->wait_for(request_book::patience::answered);
@@ -146,7 +178,12 @@ int request_share(size_t user, bool again, request_book *requests, const run_opt
             if (to->add_value(ASKED, static_cast<uint32_t>(index), requests->at(index).requester))
                 qz_thread_call(of->master(), flush_reports, to);
         };
-        session requesting(requests, {.requester = user, .observer = false}, {.changed = changed});
+        const auto decided = [&](session *of, size_t index) {
+            if (to->add_value(RULE_ASKED, static_cast<uint32_t>(index), rules->at(index).asked))
+                qz_thread_call(of->master(), flush_reports, to);
+        };
+        session requesting(requests, rules, {.requester = user, .observer = false},
+                           {.changed = changed, .decided = decided});
         if (!open_session(&requesting, options, to))
             return false;
         if (again && !request_again(&requesting, options, to))
@@ -154,9 +191,10 @@ int request_share(size_t user, bool again, request_book *requests, const run_opt
         if (!again) {
             requesting.request_all(options);
             requesting.describe_all(options);
+            requesting.publish_rules(options);
         }
-        requesting.note_tables();
-        report_asked(*requests, user, to);
+        if (!finish_share(&requesting, user, again, *requests, *rules, options, to))
+            return false;
         if (!options.restarted || again)
             return true;
         // Lives on until it is killed.
@@ -168,7 +206,7 @@ int request_share(size_t user, bool again, request_book *requests, const run_opt
 }
 
 // Reads everything, and reports it.
-bool read_and_report(session *observing, const request_book &requests, reporter *to)
+bool read_and_report(session *observing, const request_book &requests, const rule_book &rules, reporter *to)
 {
     to->add(READ_ANEW, 0, {});
     if (std::string error; !observing->read_back(&error))
@@ -176,6 +214,12 @@ bool read_and_report(session *observing, const request_book &requests, reporter 
     observing->note_tables();
     for (size_t i = 0; i < requests.size(); ++i)
         to->add_value(SEEN, static_cast<uint32_t>(i), requests.at(i).observer);
+    for (size_t i = 0; i < rules.size(); ++i)
+        to->add_value(RULE_SEEN, static_cast<uint32_t>(i), rules.at(i).seen);
+    for (const std::string &user : rules.claimants())
+        to->add(CLAIMANT, 0, user);
+    for (const other_rule &other : rules.others())
+        to->add_value(OTHER_RULE, 0, other);
     for (const std::string &key : observing->strangers())
         to->add(STRANGER, 0, key);
     to->add(HAS_READ, 0, {});
@@ -183,7 +227,7 @@ bool read_and_report(session *observing, const request_book &requests, reporter 
     return true;
 }
 
-int observe(request_book *requests, const run_options &options, reporter *to)
+int observe(request_book *requests, rule_book *rules, const run_options &options, reporter *to)
 {
     char order = 0;
     const int status = report_of(to, [&] {
@@ -196,13 +240,14 @@ int observe(request_book *requests, const run_options &options, reporter *to)
             if (to->add_value(DESCRIBED, 0, report))
                 qz_thread_call(of->master(), flush_reports, to);
         };
-        session observing(requests, {.requester = cast::NOBODY, .observer = true}, {changed, described});
+        session observing(requests, rules, {.requester = cast::NOBODY, .observer = true},
+                          {.changed = changed, .described = described});
         if (!open_session(&observing, options, to))
             return false;
         to->add(FOLLOWS, 0, {});
         to->flush();
         while ((order = wait_for_order(&observing, to)) == READ)
-            if (!read_and_report(&observing, *requests, to))
+            if (!read_and_report(&observing, *requests, *rules, to))
                 return false;
         return true;
     });
@@ -216,8 +261,12 @@ int observe(request_book *requests, const run_options &options, reporter *to)
 class spread_run
 {
   public:
-    spread_run(const run_options &options, request_book *requests)
-        : options_(options), worker_options_(options), requests_(requests), progress_(options, requests->size())
+    spread_run(const run_options &options, request_book *requests, rule_book *rules)
+        : options_(options),
+          worker_options_(options),
+          requests_(requests),
+          rules_(rules),
+          progress_(options, requests->size() + rules->size())
     {
         worker_options_.progress = nullptr;
         requests_->wait_for(request_book::patience::described);
@@ -239,13 +288,17 @@ class spread_run
         bool follows = false;   // the observer
         bool has_read = false;  // all that it was told to
         bool refreshed = false;
+        bool settled = false;
         bool finished = false;  // and reports no more
     };
 
     bool start(const std::string &name, const std::function<int(reporter *)> &work);
     bool start_requesters(bool again);
     bool wait_for_requesters(bool member::*state);
+    bool finish_requesters();
     bool read_back();
+    bool settle_rules();
+    size_t answered() const { return requests_->settled() + rules_->settled(); }
     bool wait_until(const std::function<bool()> &condition, int64_t patience_usec);
     void hear(member *from);
     void take(member *from, const received_report &report);
@@ -255,10 +308,12 @@ class spread_run
     const run_options &options_;
     run_options worker_options_;
     request_book *requests_;
+    rule_book *rules_;
     progress_teller progress_;
     std::vector<member> members_;  // the observer first
     std::vector<std::string> strangers_;
     std::vector<std::string> not_deleted_;
+    bool rules_decided_ = false;  // those that tell the order may go: no verdict counts any more
     bool store_missing_ = false;
     std::string error_;
 };
@@ -276,7 +331,7 @@ bool spread_run::start_requesters(bool again)
 {
     for (size_t user = 0; user < requests_->users().size(); ++user) {
         const auto requesting = [this, user, again](reporter *to) {
-            return request_share(user, again, requests_, worker_options_, to);
+            return request_share(user, again, requests_, rules_, worker_options_, to);
         };
         if (!start(requests_->users()[user], requesting))
             return false;
@@ -287,7 +342,18 @@ bool spread_run::start_requesters(bool again)
         for (size_t i = 1; i < members_.size(); ++i)
             members_[i].process->tell(DELETE);
     }
-    return wait_for_requesters(&member::finished);
+    return wait_for_requesters(&member::settled);
+}
+
+// With all that they have published in the store, and decided.
+bool spread_run::finish_requesters()
+{
+    if (!read_back() || !settle_rules())
+        return false;
+    rules_decided_ = true;
+    for (size_t i = 1; i < members_.size(); ++i)
+        members_[i].process->tell(FINISH);
+    return wait_for_requesters(&member::finished) && (rules_->empty() || read_back());
 }
 
 bool spread_run::wait_for_requesters(bool member::*state)
@@ -303,24 +369,45 @@ bool spread_run::read_back()
     // What the observer does not hear for so long it will never hear: that is for the evaluation to tell.
     const auto heard = [this] { return requests_->settled() == requests_->answered() && requests_->left() == 0; };
     wait_until(heard, options_.patience_usec);
-    progress_.last(requests_->settled());
+    progress_.last(answered());
     members_[0].has_read = false;
     members_[0].process->tell(READ);
     return !failed() && wait_until([this] { return members_[0].has_read; }, ENDLESS);
 }
 
+// Waits until the verdicts are those of the calculation, whose order of the users may not have been heard of yet.
+bool spread_run::settle_rules()
+{
+    if (rules_->empty())
+        return true;
+    constexpr int64_t QUIET_USEC = 200'000;
+    constexpr int64_t ENOUGH_USEC = 5'000'000;
+    const auto as_calculated = [this] { return rules_->as_calculated() == rules_->wanted(); };
+    // What has not come yet was waited for long enough.
+    const bool all_heard = rules_->settled() == rules_->wanted();
+    const int64_t patience = all_heard ? std::min(ENOUGH_USEC, options_.patience_usec) : 0;
+    rules_->calculate();
+    for (int64_t quiet = 0; quiet < patience && !wait_until(as_calculated, QUIET_USEC) && !failed();
+         quiet += QUIET_USEC)
+        rules_->calculate();
+    progress_.last(answered());
+    return !failed();
+}
+
 bool spread_run::run()
 {
-    const auto observing = [this](reporter *to) { return observe(requests_, worker_options_, to); };
+    const auto observing = [this](reporter *to) { return observe(requests_, rules_, worker_options_, to); };
     return start(OBSERVER, observing) && wait_until([this] { return members_[0].follows; }, ENDLESS) &&
-           start_requesters(false) && read_back();
+           start_requesters(false) && finish_requesters();
 }
 
 bool spread_run::restart()
 {
     members_.erase(members_.begin() + 1, members_.end());
     requests_->restart(*options_.restarted);
-    if (!start_requesters(true) || !read_back())
+    rules_->restart(*options_.restarted);
+    rules_decided_ = false;
+    if (!start_requesters(true) || !finish_requesters())
         return false;
     // Sessions and attributes that nobody counts on may go a little later in database 8.
     constexpr int TRIES = 20;
@@ -377,6 +464,19 @@ void spread_run::take(member *from, const received_report &report)
         case ASKED:
             requests_->set(report.index, report.as<requester_facts>());
             break;
+        case RULE_ASKED:
+            if (!rules_decided_)
+                rules_->set(report.index, report.as<rule_facts>());
+            break;
+        case RULE_SEEN:
+            rules_->set(report.index, report.as<rule_sight>());
+            break;
+        case CLAIMANT:
+            rules_->add_claimant(std::string(report.content));
+            break;
+        case OTHER_RULE:
+            rules_->add_other(report.as<other_rule>());
+            break;
         case SEEN:
             requests_->set(report.index, report.as<observer_facts>());
             break;
@@ -387,6 +487,7 @@ void spread_run::take(member *from, const received_report &report)
         }
         case READ_ANEW:
             requests_->forget_attributes();
+            rules_->forget_others();
             strangers_.clear();
             break;
         case HAS_READ:
@@ -405,6 +506,9 @@ void spread_run::take(member *from, const received_report &report)
         case NOT_DELETED:
             not_deleted_.push_back(from->process->name() + ": " + std::string(report.content));
             break;
+        case SETTLED:
+            from->settled = true;
+            break;
         case FINISHED:
             from->finished = true;
             break;
@@ -415,28 +519,31 @@ void spread_run::take(member *from, const received_report &report)
         default:
             fail(*from, std::string(report.content));
     }
-    progress_.at(requests_->settled());
+    progress_.at(answered());
 }
 
 void spread_run::fail(const member &from, const std::string &what) { error_ = from.process->name() + ": " + what; }
 
 }  // namespace
 
-bool run_spread(const run_options &options, request_book *requests, run_result *out, std::string *error)
+bool run_spread(const run_options &options, request_book *requests, rule_book *rules, run_result *out,
+                std::string *error)
 {
-    spread_run running(options, requests);
+    spread_run running(options, requests, rules);
     if (!running.run()) {
         out->store_missing = running.store_missing();
         *error = running.error();
         return false;
     }
     evaluate(*requests, out);
+    evaluate(*rules, out);
     if (options.restarted) {
         if (!running.restart()) {
             *error = running.error();
             return false;
         }
         evaluate_restart(*requests, out);
+        evaluate_restart(*rules, out);
         for (std::string &line : running.remarks())
             out->problems.push_back(printable(line));
     }

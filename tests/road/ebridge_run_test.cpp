@@ -204,7 +204,78 @@ TEST(EbridgeRun, TheExampleIsBroughtUpWhole)
     EXPECT_THAT(seen.out, HasSubstr(R"("VXLAN_TUNNEL_MAP":{"requested":20,"granted":20,"refused":0,"verified":20})"));
     EXPECT_THAT(seen.out, HasSubstr(R"("PORT":{"requested":52,"granted":52,"refused":0,"verified":52})"));
     EXPECT_THAT(seen.out, HasSubstr(R"("PORTCHANNEL":{"requested":3,"granted":3,"refused":0,"verified":3})"));
-    EXPECT_THAT(seen.out, HasSubstr(R"("ACL_RULE":8)"));
+    EXPECT_THAT(seen.out, HasSubstr(R"("ACL_RULE":{"requested":11,"granted":11,"refused":0,"verified":11,)"
+                                    R"("not_expressed":2})"));
+}
+
+// ---- match rules ----------------------------------------------------------------------------------------------------
+
+namespace
+{
+
+constexpr const char *RULES = R"({
+    "PORT": {"Ethernet0": {"lanes": "0"}, "Ethernet4": {"lanes": "4"}}, "ACL_TABLE": {"in": {"stage": "ingress"}},
+    "ACL_RULE": {"in|ports": {"PRIORITY": "100", "IN_PORTS": "Ethernet0,Ethernet4", "VLAN_ID": "7"},
+                 "in|six": {"PRIORITY": "200", "PACKET_ACTION": "DROP", "DST_IPV6": "2001:db8::1"},
+                 "in|web": {"PRIORITY": "300", "SRC_IP": "10.0.0.1", "L4_DST_PORT": "80"},
+                 "in|low": {"PRIORITY": "300", "SRC_IP": "10.0.0.0/8"},
+                 "in|high": {"PRIORITY": "9000", "SRC_IP": "10.0.0.0/8"},
+                 "in|again": {"PRIORITY": "300", "SRC_IP": "10.0.0.0/8"}}})";
+
+}  // namespace
+
+TEST(EbridgeRun, AclRulesArePublishedAndReadBackAndTheRestIsNamed)
+{
+    const temporary_file file(RULES);
+    const outcome seen = ebridge({"run", file.path()});
+    EXPECT_EQ(seen.status, 0) << "what cannot be expressed is no failure: " << seen.err;
+    EXPECT_EQ(seen.err,
+              "ACL_RULE|in|web: not expressed: match rules have no L4_DST_PORT\n"
+              "ACL_RULE|in|again: not expressed: ACL_RULE|in|low has the same match and level\n");
+    EXPECT_THAT(seen.out, HasSubstr("ACL_RULE             4          4          0          4  2 not expressed\n"));
+    EXPECT_THAT(seen.out, HasSubstr("RULES        PUBLISHED    HOLDING       LOST   SHADOWED   VERIFIED\n"
+                                    "ebridge_run          5          4          0          1          5\n"));
+    EXPECT_THAT(ebridge_json(RULES).out,
+                testing::AllOf(HasSubstr(R"("ACL_RULE":{"requested":4,"granted":4,"refused":0,"verified":4,)"
+                                         R"("not_expressed":2}},"skipped":{"ACL_TABLE":1},)"),
+                               HasSubstr(R"("rules":{"ebridge_run":{"published":5,"holding":4,"lost":0,"shadowed":1,)"
+                                         R"("verified":5}},)")));
+}
+
+TEST(EbridgeRun, PortsOfRulesAreThoseOfTheListOfPorts)
+{
+    const temporary_file list(PORT_LIST);
+    const temporary_file file(R"({"PORTCHANNEL": {"PortChannel2": {}}, "ACL_RULE": {
+        "t|r": {"PRIORITY": "1", "IN_PORTS": "Ethernet3,PortChannel2"}}})");
+    const outcome seen = ebridge({"run", "--json", "--ports", list.path(), file.path()});
+    EXPECT_EQ(seen.status, 0) << seen.err;
+    EXPECT_THAT(seen.out, HasSubstr(R"("published":2,"holding":2)"));
+    expect_bad_input(ebridge({"run", file.path()}), "ACL_RULE|t|r: \"Ethernet3\" is no port");
+}
+
+TEST(EbridgeRun, RulesThatNobodyDecidesAreRefused)
+{
+    ebridge_tool::switch_config config;
+    ebridge_tool::run_result result;
+    std::string error;
+    const char *const text = R"({"ACL_RULE": {"t|r": {"PRIORITY": "1", "VLAN_ID": "7"}}})";
+    ASSERT_TRUE(ebridge_tool::parse_config("file", text, &config, &error));
+    ASSERT_TRUE(ebridge_tool::run_config(config, {.patience_usec = 1000, .serve = false}, &result, &error)) << error;
+    EXPECT_THAT(result.problems, testing::ElementsAre("ACL_RULE|t|r: refused: no verdict"));
+    EXPECT_EQ(result.tables[0].refused, 1U);
+    EXPECT_FALSE(result.all_equal());
+}
+
+TEST(EbridgeRun, ManyRulesAreDecided)
+{
+    std::string text = "{\"ACL_RULE\": {";
+    for (int i = 0; i < 20'000; ++i)
+        text += std::string(i > 0 ? "," : "") + "\"t|" + std::to_string(i) + "\": {\"PRIORITY\": \"" +
+                std::to_string(i % 10'000) + "\", \"SRC_IP\": \"10.0." + std::to_string(i % 50) + '.' +
+                std::to_string(i / 50 % 200) + "\"}";
+    const outcome seen = ebridge_json(text + "}}");
+    EXPECT_EQ(seen.status, 0) << seen.err.substr(0, 500);
+    EXPECT_THAT(seen.out, HasSubstr(R"("holding":10000,"lost":0,)"));
 }
 
 TEST(EbridgeRun, DumpEndsWithUsersAndTables)

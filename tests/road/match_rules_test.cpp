@@ -1,5 +1,5 @@
 // Access lists: what of them is read, and which match rules they become.
-#include "rules.hpp"
+#include "match_rules.hpp"
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
@@ -131,6 +131,7 @@ TEST(AclConfig, ListsAreNeededOnlyWhereListsAreTold)
     std::string error;
     EXPECT_TRUE(parse_config("file", R"({"ACL_RULE": {"any|r": {"PRIORITY": "1", "VLAN_ID": "7"}}})", &config, &error));
     EXPECT_EQ(config.acl_rules->size(), 1U);
+    EXPECT_THAT(config.skipped, IsEmpty());
     ASSERT_TRUE(parse_config("file", R"({"ACL_TABLE": {"a": {"ports": ["Ethernet0"]}}})", &config, &error)) << error;
     EXPECT_FALSE(config.acl_rules);
     ASSERT_EQ(config.skipped.size(), 1U) << "nothing is made of the lists themselves";

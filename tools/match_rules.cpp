@@ -1,8 +1,8 @@
-// Access lists as match rules. See rules.hpp.
+// Access lists as match rules. See match_rules.hpp.
 //
 // A match rule has a type, which says what of it counts. What an ACL rule asks for, taken together, has to be one of these
 // types: more would be left out, and the rule hold for more traffic than it should.
-#include "rules.hpp"
+#include "match_rules.hpp"
 
 #include <algorithm>
 #include <cstring>
