@@ -1,6 +1,7 @@
 // The road of one evlan: request, three fields, answer, callbacks, release now and later.
 #include <gmock/gmock.h>
 
+#include "rule_results.hpp"
 #include "world.hpp"
 
 using namespace road;
@@ -32,7 +33,7 @@ class EvlanRoad : public world
     static std::vector<std::string> in_order(const std::string &app, const std::string &watcher)
     {
         std::vector<std::string> lines;
-        for (const std::string &name : users_in_order()) {
+        for (const std::string &name : support::users_in_order()) {
             if (name == "app")
                 lines.push_back(app);
             if (name == "watcher")

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <random>
 
+#include "rule_results.hpp"
 #include "world.hpp"
 
 using namespace road;
@@ -80,17 +81,6 @@ int32_t hear(UBridge__EmatchEntry *entry)
     return 0;
 }
 
-// The decision once more: the rules of a key in the order of their users, of each user the highest.
-void decide(const std::vector<rule> &rivals, verdicts *out)
-{
-    for (size_t i = 0; i < rivals.size(); ++i) {
-        const bool last = i + 1 == rivals.size();
-        const bool wins =
-            last ? i == 0 || rivals[i].priority > rivals[i - 1].priority : rivals[i + 1].priority <= rivals[i].priority;
-        (*out)[rivals[i]] = wins ? HOLDS : LOST;
-    }
-}
-
 class RuleRoad : public world
 {
   protected:
@@ -144,17 +134,20 @@ class RuleRoad : public world
     // What they should say. Of a user's rules that do not count they say anything.
     static verdicts expected(const verdicts &found)
     {
-        const std::vector<std::string> order = users_in_order();
+        const std::vector<std::string> order = support::users_in_order();
         const auto place = [&](const std::string &user) { return std::ranges::find(order, user) - order.begin(); };
         std::map<int32_t, std::map<ptrdiff_t, rule>> keys;
         for (const auto &[which, result] : found)  // in the order of their priorities
             keys[which.vlan].insert_or_assign(place(which.user), which);
         verdicts all = found;
-        for (const auto &[vlan, users] : keys) {
-            std::vector<rule> rivals;
-            for (const auto &[at, which] : users)
-                rivals.push_back(which);
-            decide(rivals, &all);
+        for (const auto &[vlan, rivals] : keys) {
+            std::vector<int32_t> priorities;
+            for (const auto &[at, which] : rivals)
+                priorities.push_back(which.priority);
+            const std::vector<int32_t> results = support::results_of(priorities);
+            auto next = results.begin();
+            for (const auto &[at, which] : rivals)
+                all[which] = *next++;
         }
         return all;
     }

@@ -312,17 +312,4 @@ void world::spy(uint32_t db, kind of)
     settle();
 }
 
-std::vector<std::string> users_in_order()
-{
-    std::vector<std::string> order;
-    sw_ebridge_list_for_each(
-        0,
-        [](sw_ebridge_list_item *item, void *arg, int32_t) {
-            static_cast<std::vector<std::string> *>(arg)->emplace_back(item->user_name);
-            return 0;
-        },
-        &order);
-    return order;
-}
-
 }  // namespace road

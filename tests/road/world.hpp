@@ -84,7 +84,4 @@ class world : public testing::Test
     std::vector<std::string> written;  // what the spy sees
 };
 
-// The registered users of slot 0, in the order in which the library tells them.
-std::vector<std::string> users_in_order();
-
 }  // namespace road

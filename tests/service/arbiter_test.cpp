@@ -8,6 +8,7 @@
 
 #include "allocation_failure.hpp"
 #include "ebridged.h"
+#include "rule_results.hpp"
 #include "scripted_store.hpp"
 #include "sw_ebridge.h"
 
@@ -105,19 +106,6 @@ class Arbiter : public testing::TestWithParam<bool>
 
 INSTANTIATE_TEST_SUITE_P(Memory, Arbiter, testing::Values(false, true),
                          [](const auto &lacks) { return std::string(lacks.param ? "Lacking" : "Enough"); });
-
-int32_t note_user(sw_ebridge_list_item *user, void *to, int32_t)
-{
-    static_cast<std::vector<std::string> *>(to)->emplace_back(user->user_name);
-    return 0;
-}
-
-std::vector<std::string> users_in_order()
-{
-    std::vector<std::string> order;
-    sw_ebridge_list_for_each(0, note_user, &order);
-    return order;
-}
 
 }  // namespace
 
@@ -306,6 +294,17 @@ TEST_P(Arbiter, WhenTheWinnerGoesTheLoserWins)
     EXPECT_EQ(stat().rules + stat().rule_keys + stat().contested_keys, 0U);
 }
 
+// As after every change.
+TEST_P(Arbiter, TheRivalsOfARuleThatGoesHearTheirVerdictsAgain)
+{
+    decide();
+    for (const auto &[user, priority] : {std::pair("a", 7), std::pair("b", 5), std::pair("c", 3)})
+        heard({user, 10, priority});
+    written();
+    gone({"c", 10, 3});
+    EXPECT_THAT(written(), UnorderedElementsAre("hmupdate 4 a/10/7 = 0", "hmupdate 4 b/10/5 = 1"));
+}
+
 TEST_P(Arbiter, OfOneUsersRulesTheHighestPriorityCounts)
 {
     decide();
@@ -414,7 +413,7 @@ TEST_P(Arbiter, UsersThatAreMovedByNewOnesAreComparedAgain)
     for (int32_t more = 0; more < 60; ++more) {
         hear({"user" + std::to_string(more), 100 + more, 3});
         std::string last;
-        for (const std::string &user : users_in_order())
+        for (const std::string &user : support::users_in_order())
             last = user.size() == 1 ? user : last;
         for (const char *user : {"a", "b", "c", "d"})
             EXPECT_EQ(results["hmupdate 4 " + std::string(user) + "/10/3"], user == last ? " = 1" : " = 0") << more;
