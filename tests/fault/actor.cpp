@@ -22,14 +22,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <iostream>
 #include <map>
 #include <optional>
 #include <random>
 #include <sstream>
 #include <string>
-#include <thread>
 
+#include "commands.hpp"
 #include "eport_user.hpp"
 #include "ledger.hpp"
 #include "sw_ebridge.h"
@@ -303,14 +302,6 @@ void obey(const std::string &line)
     work();
 }
 
-void read_commands()
-{
-    for (std::string line; std::getline(std::cin, line);)
-        qz_thread_call_wait(
-            master, [](void *text) { obey(*static_cast<std::string *>(text)); }, &line);
-    qz_thread_stop(master);
-}
-
 bool start(const char *url, bool follows_all)
 {
     master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
@@ -352,8 +343,6 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "fault_actor: %s: the user cannot be started\n", argv[1]);
         return 1;
     }
-    std::thread commands(read_commands);
-    qz_thread_run(master);
-    commands.join();
+    fault::run_on_commands(master, obey);
     return 0;
 }

@@ -33,6 +33,8 @@ class FaultWorld : public testing::Test
     // The store's URL for processes that are started from here on.
     void connect_through(const std::string &url) { url_ = url; }
 
+    const std::string &url() const { return url_; }
+
     // An allocator: the first one serves when this returns, the others stand by.
     process &start_service();
     // A user; again under the same name after its process was killed.
