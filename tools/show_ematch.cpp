@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "order_search.hpp"
+#include "rules.hpp"
 #include "store_link.hpp"
 #include "u_bridge.pb-c.h"
 
@@ -48,8 +49,7 @@ int32_t on_rule(qz_mom_handle *, const qz_mom_notification *msg, void *self)
         ++to->ended;
         to->code = to->code != 0 ? to->code : msg->error;
     } else if (const UBridge__EmatchEntry *entry = record_of(*msg)) {
-        match_rule rule{entry->index->t_user, {}};
-        sw_ematch_entry_to_db_item(&rule.item, entry, 0);
+        match_rule rule{entry->index->t_user, ebridged::item_of(*entry), ebridged::names_its_record(*entry->index)};
         rule.item.mom_db = msg->db;
         to->rules->push_back(std::move(rule));
     }
@@ -64,9 +64,9 @@ int32_t read_match_rules(const ematch_query &query, std::vector<match_rule> *out
     reading now{.rules = out};
     if (const int32_t code = now.link.open(query.store, query.databases, error); code != 0)
         return code;
-    UBridge__EmatchIndex index = U_BRIDGE__EMATCH_INDEX__INIT;
+    UBridge__EmatchEntry pattern = ebridged::all_rules();
+    UBridge__EmatchIndex index = *pattern.index;
     index.match_type = query.type.value_or(0);  // 0 is any
-    UBridge__EmatchEntry pattern = U_BRIDGE__EMATCH_ENTRY__INIT;
     pattern.index = &index;
     for (const uint32_t db : query.databases) {
         const auto scan = [&] { return qz_mom_scan(now.link.handle(), db, &pattern.base, 0, on_rule, &now); };
@@ -201,7 +201,7 @@ bool stands_before(const judged_rule &a, const judged_rule &b)
 bool takes_part(const match_rule &of)
 {
     const int32_t priority = of.item.match_priority;
-    return of.user.size() < SW_EBRIDGE_NAME_SIZE && priority >= 0 &&
+    return of.whole && of.user.size() < SW_EBRIDGE_NAME_SIZE && priority >= 0 &&
            priority <= U_BRIDGE__MATCH_PRIORITY__EMATCH_LEVEL_7;
 }
 

@@ -24,6 +24,7 @@ struct ematch_query {
 struct match_rule {
     std::string user;
     sw_ematch_item item;
+    bool whole = true;  // false: the record's addresses are of no form that an item has
 };
 
 // What came of a rule, as far as it is known.
@@ -33,7 +34,7 @@ enum class rule_state : uint8_t {
     no_room,       // it won, but the hardware has no room for it
     undecided,     // nobody has decided yet
     not_compared,  // the user has another rule for the key, of a higher priority
-    ignored,       // nobody decides it: its user's name is too long, or there is no such priority
+    ignored,       // nobody decides it: its user's name is too long, there is no such priority, or it is not whole
 };
 
 struct judged_rule {

@@ -4,14 +4,17 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <sstream>
 
 #include "child.hpp"
 #include "qz_mom.h"
 #include "redis_server.hpp"
 #include "rule_words.hpp"
+#include "rules.hpp"
 #include "show_ematch.hpp"
 #include "store_link.hpp"
 #include "verdicts.hpp"
@@ -96,34 +99,29 @@ judged_key judge_one(const std::vector<match_rule> &rules)
     return keys.empty() ? judged_key{} : keys[0];
 }
 
-// A rule as a record of its user.
-struct rule_record {
-    rule_record(std::string name, const sw_ematch_item &rule) : user(std::move(name)), item(rule)
+// A rule as a record of its user, with its result.
+class owned_rule
+{
+  public:
+    owned_rule(const std::string &user, const sw_ematch_item &rule) : item_(rule)
     {
-        if (item.ip_ver)
-            ip.v6 = &bytes;
-        else
-            ip.v4 = &word;
-        index.mac = &mac;
-        index.mask = &mask;
-        index.ip = &ip;
-        entry.index = &index;
-        EXPECT_EQ(sw_ematch_copy_entry(&entry, &item, 0), 0);
-        index.t_user = user.data();
-        entry.result = static_cast<UBridge__MatchResult>(item.result);
+        user.copy(owner_.user_name, sizeof owner_.user_name - 1);
+        item_.user = &owner_;
+        item_.current_result = rule.result;
+        key_.emplace(item_);
+        entry_ = *reinterpret_cast<const UBridge__EmatchEntry *>(key_->message());
+        EXPECT_EQ(sw_ematch_copy_entry(&entry_, &item_, 0), 0);
     }
-    rule_record(const rule_record &) = delete;
-    rule_record &operator=(const rule_record &) = delete;
+    owned_rule(const owned_rule &) = delete;
+    owned_rule &operator=(const owned_rule &) = delete;
 
-    std::string user;
-    sw_ematch_item item;  // the record's bytes stay the item's
-    PLibpub__Mac mac = P_LIBPUB__MAC__INIT;
-    PLibpub__Mac mask = P_LIBPUB__MAC__INIT;
-    PLibpub__Ipv4 word = P_LIBPUB__IPV4__INIT;
-    PLibpub__Ipv6 bytes = P_LIBPUB__IPV6__INIT;
-    PLibpub__Ip ip = P_LIBPUB__IP__INIT;
-    UBridge__EmatchIndex index = U_BRIDGE__EMATCH_INDEX__INIT;
-    UBridge__EmatchEntry entry = U_BRIDGE__EMATCH_ENTRY__INIT;
+    const ProtobufCMessage *record() const { return &entry_.base; }
+
+  private:
+    sw_ebridge_list_item owner_{};
+    sw_ematch_item item_;
+    std::optional<ebridged::rule_record> key_{};  // and the result
+    UBridge__EmatchEntry entry_{};                // and the action
 };
 
 // Writes rules into a store, as their users and a deciding service do, and hears verdicts.
@@ -140,24 +138,23 @@ class rule_writer
     // Without a verdict.
     void publish(const std::string &user, const sw_ematch_item &item, uint32_t db = 4)
     {
-        constexpr uint32_t FIELDS[] = {6, 11, 12, 14, 15, 16, 17, 18};
-        const rule_record of(user, item);
-        call([&] { return qz_mom_hmset(handle(), db, &of.entry.base, FIELDS, std::size(FIELDS), on_written, this); });
+        publish(owned_rule(user, item).record(), db);
     }
-    void decide(const std::string &user, const sw_ematch_item &item, uint32_t db = 4)
+    void publish(const ProtobufCMessage *record, uint32_t db)
     {
-        const rule_record of(user, item);
-        call([&] { return qz_mom_hmupdate(handle(), db, &of.entry.base, &RESULT, 1, on_written, this); });
+        constexpr uint32_t FIELDS[] = {6, 11, 12, 14, 15, 16, 17, 18};
+        call([&] { return qz_mom_hmset(handle(), db, record, FIELDS, std::size(FIELDS), on_written, this); });
     }
     void write(const std::string &user, const sw_ematch_item &item, uint32_t db = 4)
     {
-        publish(user, item, db);
-        decide(user, item, db);
+        const owned_rule of(user, item);
+        publish(of.record(), db);
+        call([&] { return qz_mom_hmupdate(handle(), db, of.record(), &RESULT, 1, on_written, this); });
     }
     void remove(const std::string &user, const sw_ematch_item &item)
     {
-        const rule_record of(user, item);
-        call([&] { return qz_mom_del(handle(), 4, &of.entry.base, on_written, this); });
+        const owned_rule of(user, item);
+        call([&] { return qz_mom_del(handle(), 4, of.record(), on_written, this); });
     }
     void wait()
     {
@@ -166,10 +163,9 @@ class rule_writer
 
     void listen()
     {
-        const rule_record any("", {});
         const qz_mom_msg_cb callback = on_verdict;
         void *const self = this;
-        ASSERT_EQ(qz_mom_subscribe_field(handle(), 4, &any.entry.base, 0, &RESULT, &callback, &self, 1), 0);
+        ASSERT_EQ(qz_mom_subscribe_field(handle(), 4, &ebridged::all_rules().base, 0, &RESULT, &callback, &self, 1), 0);
     }
     // Waits for another verdict until the condition holds.
     bool listen_until(const std::function<bool()> &condition)
@@ -451,7 +447,7 @@ TEST(ShowEmatch, RulesThatNobodyDecidesAreInNobodysWay)
     EXPECT_EQ(key.explained, explanation::complete);
     EXPECT_THAT(states(key),
                 ElementsAre("acl ignored", too_long + " ignored", "qos holds", "acl lost<qos", "acl ignored"));
-    const judged_key alone = judge_one({{"acl", port_rule(10, 8, SUCCESS)}});
+    const judged_key alone = judge_one({{"acl", port_rule(10, 4, SUCCESS), false}});
     EXPECT_EQ(alone.explained, explanation::complete);
     EXPECT_THAT(states(alone), ElementsAre("acl ignored"));
 }
@@ -527,8 +523,30 @@ TEST(ShowEmatch, ReadsWhatUsersHaveWrittenAndOthersHaveDecided)
     sw_ematch_item expected[] = {port_rule(10, 5, SUCCESS), six, port_rule(20, 3, NO_ROOM)};
     for (size_t i = 0; i < 3; ++i) {
         expected[i].mom_db = i == 2 ? 5 : 4;
-        EXPECT_EQ(std::memcmp(&all[i].item, &expected[i], sizeof expected[i]), 0) << all[i].user;
+        EXPECT_EQ(std::memcmp(&all[i].item, &expected[i], offsetof(sw_ematch_item, final_result)), 0) << all[i].user;
     }
+}
+
+TEST(ShowEmatch, ReadsThatARuleHasAMacOfAnotherLength)
+{
+    rule_writer store("mem:show");
+    uint8_t bytes[] = {1, 2, 3, 4, 5, 6, 7};
+    std::string user = "acl";
+    PLibpub__Mac mac = P_LIBPUB__MAC__INIT;
+    mac.data = {sizeof bytes, bytes};
+    UBridge__EmatchIndex index = U_BRIDGE__EMATCH_INDEX__INIT;
+    index.t_user = user.data();
+    index.mac = &mac;
+    UBridge__EmatchEntry odd = U_BRIDGE__EMATCH_ENTRY__INIT;
+    odd.index = &index;
+    store.publish(&odd.base, 4);
+    store.publish("qos", port_rule(10, 5, SUCCESS));
+    store.wait();
+    std::vector<match_rule> rules = read({.store = "mem:show"});
+    std::ranges::sort(rules, {}, &match_rule::user);
+    ASSERT_EQ(rules.size(), 2U);
+    EXPECT_FALSE(rules[0].whole);
+    EXPECT_TRUE(rules[1].whole);
 }
 
 TEST(ShowEmatch, ReadsOneTypeAlone)
