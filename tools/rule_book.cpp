@@ -30,7 +30,6 @@ std::string contested_key(sw_ematch_item item)
 rule_book::rule_book(const switch_config &config, std::vector<std::string> users, run_result *result)
     : config_(&config), users_(std::move(users)), unheard_(users_.size())
 {
-    forget_others();
     if (!config.acl_rules)
         return;
     std::vector<expressed_rule> expressed;
@@ -152,15 +151,8 @@ size_t rule_book::find(const std::string &user, const sw_ematch_item &item) cons
 
 // ---- what should come of it -----------------------------------------------------------------------------------------
 
-void rule_book::add_claimant(const std::string &user)
-{
-    if (std::ranges::find(claimants_, user) == claimants_.end())
-        claimants_.push_back(user);
-}
-
 void rule_book::add_other(const other_rule &other)
 {
-    add_claimant(other.user);
     const auto key = keys_.find(contested_key(other.item));
     if (key == keys_.end())
         return;
@@ -173,7 +165,6 @@ void rule_book::forget_others()
     for (contest &each : contests_)
         each.others.clear();
     others_.clear();
-    claimants_ = users_;
 }
 
 // Those of this run's wanted rules first, then the others.
@@ -207,56 +198,33 @@ std::vector<std::string> rule_book::walk() const
 
 void rule_book::calculate()
 {
-    std::vector<std::string> order = walk();
-    const std::vector<decided_key> decided = decided_with_others();
-    if (!decided.empty()) {
-        std::vector<std::string> others;
-        for (const std::string &user : claimants_)
-            if (std::ranges::find(users_, user) == users_.end())
-                others.push_back(user);
-        order = walk_with(others, std::move(order), decided);
-    }
-    calculate(walked_places(order));
-}
-
-void rule_book::calculate(const walked_places &walk)
-{
-    for (const contest &each : contests_) {
-        const std::vector<claim> claims = claims_of(each);
-        const std::vector<verdict> verdicts = decide_walked(claims, walk);
-        size_t next = 0;
-        for (size_t index : each.rules) {
-            published_rule &rule = rules_[index];
-            if (rule.dropped)
-                continue;
-            const verdict &made = verdicts[next++];
-            rule.expected = made.result;
-            rule.lost_to = made.lost_to < 0 ? "" : claims[static_cast<size_t>(made.lost_to)].user;
-        }
-    }
+    const walked_places order(walk());
+    for (const contest &each : contests_)
+        calculate(each, order);
     wanted_ = settled_ = as_calculated_ = 0;
     std::ranges::fill(unheard_, 0);
     for (const published_rule &each : rules_)
         count(each, true);
 }
 
-// What was decided on keys that others have, too: as many as tell where these others are walked.
-std::vector<decided_key> rule_book::decided_with_others() const
+void rule_book::calculate(const contest &of, const walked_places &walk)
 {
-    constexpr size_t ENOUGH = 4096;
-    std::vector<decided_key> all;
-    for (const contest &each : contests_) {
-        if (each.others.empty() || all.size() == ENOUGH)
-            continue;
-        decided_key key{.claims = claims_of(each), .results = {}};
-        for (size_t index : each.rules)
-            if (!rules_[index].dropped)
-                key.results.push_back(rules_[index].asked.heard ? rules_[index].asked.result : NOT_COMPARED);
-        for (size_t index : each.others)
-            key.results.push_back(others_[index].item.result);
-        all.push_back(std::move(key));
+    const std::vector<claim> claims = claims_of(of);
+    std::vector<published_rule *> rules;
+    std::vector<int32_t> heard;
+    for (size_t index : of.rules)
+        if (!rules_[index].dropped) {
+            rules.push_back(&rules_[index]);
+            heard.push_back(rules_[index].asked.heard ? rules_[index].asked.result : NOT_COMPARED);
+        }
+    heard.resize(claims.size(), NOT_COMPARED);
+    const std::vector<verdict> verdicts =
+        of.others.empty() ? decide_walked(claims, walk) : decide_as_heard(claims, heard, walk);
+    for (size_t i = 0; i < rules.size(); ++i) {
+        const int lost_to = verdicts[i].lost_to;
+        rules[i]->expected = verdicts[i].result;
+        rules[i]->lost_to = lost_to < 0 ? "" : claims[static_cast<size_t>(lost_to)].user;
     }
-    return all;
 }
 
 // ---- what is known --------------------------------------------------------------------------------------------------

@@ -87,11 +87,9 @@ class rule_book
     void add_other(const other_rule &other);
     void forget_others();
     const std::vector<other_rule> &others() const { return others_; }
-    // All users that are known to have rules, of whatever key.
-    void add_claimant(const std::string &user);
-    const std::vector<std::string> &claimants() const { return claimants_; }
 
-    // Calculates what the verdicts should be, in the order of the users that the verdicts tell.
+    // Calculates what the verdicts should be, in the order of the users that the verdicts tell. Nothing tells the places of
+    // others: they stand where they explain what was heard, if that is possible.
     void calculate();
 
     // Rules that are wanted; those of them of which a verdict was heard, and the calculated one. Where there is none to wait
@@ -121,8 +119,7 @@ class rule_book
     void add_rivals(size_t key);
     void add_order_rules();
     std::vector<std::string> walk() const;
-    std::vector<decided_key> decided_with_others() const;
-    void calculate(const walked_places &walk);
+    void calculate(const contest &of, const walked_places &walk);
     bool publish(size_t key, size_t user, const candidate &of);
     size_t key_of(const sw_ematch_item &item);
     std::vector<claim> claims_of(const contest &of) const;
@@ -132,7 +129,6 @@ class rule_book
     std::vector<std::string> users_;
     std::vector<published_rule> rules_;
     std::vector<other_rule> others_;
-    std::vector<std::string> claimants_;
     std::vector<contest> contests_;  // by key
     std::unordered_map<std::string, size_t> keys_;
     size_t wanted_ = 0;

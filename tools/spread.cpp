@@ -35,7 +35,6 @@ enum report_kind : uint32_t {
     READ_ANEW,    // what was told of attributes before counts no more
     HAS_READ,     // all that there is was told
     RULE_SEEN,    // rule_sight of a match rule
-    CLAIMANT,     // the name of a user who has match rules
     OTHER_RULE,   // other_rule
     STRANGER,     // the key text of a session or match rule that nobody has asked for
     REFRESHED,    // all that is wanted was asked for again
@@ -216,8 +215,6 @@ bool read_and_report(session *observing, const request_book &requests, const rul
         to->add_value(SEEN, static_cast<uint32_t>(i), requests.at(i).observer);
     for (size_t i = 0; i < rules.size(); ++i)
         to->add_value(RULE_SEEN, static_cast<uint32_t>(i), rules.at(i).seen);
-    for (const std::string &user : rules.claimants())
-        to->add(CLAIMANT, 0, user);
     for (const other_rule &other : rules.others())
         to->add_value(OTHER_RULE, 0, other);
     for (const std::string &key : observing->strangers())
@@ -470,9 +467,6 @@ void spread_run::take(member *from, const received_report &report)
             break;
         case RULE_SEEN:
             rules_->set(report.index, report.as<rule_sight>());
-            break;
-        case CLAIMANT:
-            rules_->add_claimant(std::string(report.content));
             break;
         case OTHER_RULE:
             rules_->add_other(report.as<other_rule>());

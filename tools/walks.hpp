@@ -15,6 +15,7 @@ class walked_places
 {
   public:
     explicit walked_places(const std::vector<std::string> &walk);
+    bool contains(const std::string &user) const { return places_.contains(user); }
     // Behind all others for a name that is not in it.
     size_t of(const std::string &user) const;
 
@@ -25,17 +26,9 @@ class walked_places
 // decide() of claims in any order, and the verdicts in that order, too.
 std::vector<verdict> decide_walked(const std::vector<claim> &claims, const walked_places &walk);
 
-// What was decided on a key.
-struct decided_key {
-    std::vector<claim> claims;
-    std::vector<int32_t> results;  // of each; NOT_COMPARED where it is not known, or nothing was decided
-
-    // Whether that is what comes out when users are walked so.
-    bool is_explained_by(const walked_places &walk) const;
-};
-
-// A walk with some others in it, placed where they explain what was decided, or as much of it as can be found.
-std::vector<std::string> walk_with(const std::vector<std::string> &others, std::vector<std::string> walk,
-                                   const std::vector<decided_key> &decided);
+// The same where the walk does not tell the places of all users: in an order that leaves those of which it does as they are,
+// and brings out what was heard of each claim (NOT_COMPARED: nothing). The others last, where there is none.
+std::vector<verdict> decide_as_heard(const std::vector<claim> &claims, const std::vector<int32_t> &heard,
+                                     const walked_places &walk);
 
 }  // namespace ebridge_tool

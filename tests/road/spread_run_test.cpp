@@ -250,6 +250,7 @@ struct friendly_judge : store_user {
         UBridge__EmatchEntry pattern = U_BRIDGE__EMATCH_ENTRY__INIT;
         pattern.index = &index;
         EXPECT_EQ(qz_mom_subscribe(handle, 4, &pattern.base, 0, on_rule, this), 0);
+        qz_thread_run(master);  // until it follows
     }
     // Until that many have been given.
     void give(int verdicts)
@@ -260,6 +261,8 @@ struct friendly_judge : store_user {
     static int32_t on_rule(qz_mom_handle *handle, const qz_mom_notification *msg, void *args)
     {
         auto *self = static_cast<friendly_judge *>(args);
+        if (msg->cmd == QZ_MOM_CMD_SUBSCRIBED)
+            qz_thread_stop(self->master);
         if (msg->cmd != QZ_MOM_CMD_HMSET)
             return 0;
         const uint32_t result = 30;

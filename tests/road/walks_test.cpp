@@ -39,43 +39,63 @@ TEST(Walks, OnlyTheHighestClaimOfAUserIsDecidedWhereverItsClaimsStand)
     EXPECT_THAT(results_of(claims, {"b", "a"}), ElementsAre(NOT_COMPARED, 1, 0));
 }
 
-TEST(Walks, WhatIsNotKnownNeedsNoExplanation)
+TEST(Walks, OthersStandWhereTheyBringOutWhatWasHeard)
 {
-    decided_key key{.claims = {{"a", 4}, {"b", 4}}, .results = {1, NOT_COMPARED}};
-    EXPECT_FALSE(key.is_explained_by(walked_places({"a", "b"})));
-    EXPECT_TRUE(key.is_explained_by(walked_places({"b", "a"})));
-    key.results = {NOT_COMPARED, NOT_COMPARED};
-    EXPECT_TRUE(key.is_explained_by(walked_places({"a", "b"})));
+    const walked_places walk({"a", "b"});
+    const std::vector<claim> claims{{"b", 4}, {"x", 7}, {"a", 6}};
+    constexpr int32_t UNKNOWN = NOT_COMPARED;
+    // In the order a, b alone: a holds, b has lost. x above both can stand before them, between them and behind.
+    for (const std::vector<int32_t> &heard :
+         {std::vector<int32_t>{1, UNKNOWN, 0}, {1, UNKNOWN, 1}, {UNKNOWN, UNKNOWN, 1}, {1, UNKNOWN, UNKNOWN}}) {
+        const std::vector<verdict> verdicts = decide_as_heard(claims, heard, walk);
+        for (size_t i = 0; i < heard.size(); ++i)
+            EXPECT_TRUE(heard[i] == UNKNOWN || verdicts[i].result == heard[i]) << testing::PrintToString(heard);
+    }
 }
 
-TEST(Walks, OthersArePlacedWhereTheyExplainWhatWasDecided)
+TEST(Walks, WhatNoPlaceOfOthersBringsOutIsDecidedWithThemLast)
+{
+    const walked_places walk({"a"});
+    EXPECT_EQ(decide_as_heard({{"a", 5}, {"x", 4}}, {1, NOT_COMPARED}, walk)[0].result, 0) << "nobody is above it";
+    const std::vector<verdict> verdicts = decide_as_heard({{"a", 4}, {"x", 5}}, {0, NOT_COMPARED}, walk);
+    EXPECT_EQ(verdicts[0].result, 1);
+    EXPECT_EQ(verdicts[0].lost_to, 1);
+}
+
+// Whatever the order of all users was, it is one in which those that are known stand as they are known to.
+TEST(Walks, EveryOrderOfOthersIsFound)
 {
     std::mt19937 random(7);
-    const auto draw = [&random](int below) { return static_cast<int>(random() % static_cast<uint32_t>(below)); };
-    const std::vector<std::string> own{"a", "b", "c", "d", "e", "f"};
-    const std::vector<std::string> real{"c", "x", "a", "f", "y", "z", "e", "b", "d"};
-    std::vector<std::string> own_walk = real;
-    std::erase_if(own_walk, [](const std::string &user) { return user >= "x"; });
-    std::vector<decided_key> decided;
-    for (int i = 0; i < 300; ++i) {
-        decided_key key;
-        std::vector<std::string> users = real;
-        std::ranges::shuffle(users, random);
-        for (int claims = 2 + draw(3); claims > 0; --claims)
-            key.claims.push_back({users[static_cast<size_t>(claims)], draw(8)});
-        key.results = results_of(key.claims, real);
-        decided.push_back(key);
+    const auto draw = [&random](uint32_t below) { return static_cast<int32_t>(random() % below); };
+    for (int round = 0; round < 2000; ++round) {
+        std::vector<std::string> real{"a", "b", "c", "d", "e", "u", "v", "w", "x", "y", "z"};
+        std::ranges::shuffle(real, random);
+        real.resize(1 + static_cast<size_t>(draw(11)));
+        std::vector<std::string> known = real;
+        std::erase_if(known, [](const std::string &user) { return user >= "u"; });
+        std::vector<claim> claims;
+        for (const std::string &user : real)
+            claims.push_back({user, draw(round % 2 == 0 ? 8 : 3)});
+        std::ranges::shuffle(claims, random);
+        std::vector<int32_t> heard = results_of(claims, real);
+        for (size_t i = 0; i < claims.size(); ++i)
+            if (claims[i].user >= "u" || draw(4) == 0)
+                heard[i] = NOT_COMPARED;
+        const std::vector<verdict> verdicts = decide_as_heard(claims, heard, walked_places(known));
+        for (size_t i = 0; i < claims.size(); ++i)
+            ASSERT_TRUE(heard[i] == NOT_COMPARED || verdicts[i].result == heard[i]) << "round " << round;
     }
-    const std::vector<std::string> walk = walk_with({"x", "y", "z"}, own_walk, decided);
-    for (const decided_key &key : decided)
-        EXPECT_TRUE(key.is_explained_by(walked_places(walk))) << testing::PrintToString(walk);
-    std::vector<std::string> left = walk;
-    std::erase_if(left, [](const std::string &user) { return user >= "x"; });
-    EXPECT_EQ(left, own_walk) << "those whose order is known keep it";
 }
 
-TEST(Walks, AWrongDecisionIsExplainedByNoOrder)
+TEST(Walks, ManyOthersAreNoReasonToSearchForever)
 {
-    const decided_key key{.claims = {{"a", 5}, {"x", 4}}, .results = {1, 0}};
-    EXPECT_FALSE(key.is_explained_by(walked_places(walk_with({"x"}, {"a"}, {key}))));
+    std::vector<claim> claims{{"a", 3}, {"b", 7}};
+    for (int i = 0; i < 200; ++i)
+        claims.push_back({"x" + std::to_string(i), i % 8});
+    std::vector<int32_t> heard(claims.size(), NOT_COMPARED);
+    heard[0] = 1;
+    heard[1] = 0;
+    EXPECT_EQ(decide_as_heard(claims, heard, walked_places({"a", "b"}))[0].result, 1);
+    heard[1] = 1;  // nothing is above it
+    EXPECT_EQ(decide_as_heard(claims, heard, walked_places({"b", "a"})).size(), claims.size());
 }
