@@ -635,7 +635,7 @@ TEST(ShowEmatch, TheObjectSaysTheSame)
         rule.item.mom_db = 4;
     EXPECT_EQ(
         ematch_json(judge(rules, "")),
-        R"({"keys":[{"key":{"type":"PORT_OVID","flags":["ingress"],"in_port":385875969,"ovid":10},)"
+        R"({"keys":[{"key":{"type":"PORT_OVID","flags":["ingress"],"in_port":268435457,"ovid":10},)"
         R"("verdicts":"explained","rules":[{"user":"acl","db":4,"priority":5,"state":"holds","result":"SUCCESS",)"
         R"("action":{"type":"TO_EVLAN","evlan":536870913}},{"user":"qos","db":4,"priority":3,"state":"lost",)"
         R"("lost_to":{"user":"acl","priority":5},"result":"FAIL_PRIORITY","action":{"type":"TO_EVLAN",)"
