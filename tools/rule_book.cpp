@@ -111,8 +111,10 @@ void rule_book::add_rivals(size_t key)
     }
 }
 
+// The key is that of the two users alone, in whatever run: of one that was killed such rules may be left.
 void rule_book::add_order_rules()
 {
+    constexpr size_t MANY_USERS = 100;
     std::vector<bool> publishes(users_.size());
     for (const published_rule &rule : rules_)
         publishes[rule.user] = true;
@@ -121,7 +123,7 @@ void rule_book::add_order_rules()
         for (size_t other = one + 1; publishes[one] && other < users_.size(); ++other) {
             if (!publishes[other])
                 continue;
-            ++item.match_id;
+            item.match_id = static_cast<int32_t>((one + 1) * MANY_USERS + other + 1);
             const size_t key = key_of(item);
             publish(key, one, {published_rule::NO_ENTRY, item});
             publish(key, other, {published_rule::NO_ENTRY, item});

@@ -3,6 +3,8 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <map>
 #include <optional>
 #include <set>
 
@@ -112,6 +114,24 @@ TEST_F(RuleBook, EveryRuleIsContestedByOneOrTwoRivalsOfOtherLevels)
                                          "user3 30@3", "user4 30@7",                //
                                          "user4 40@7", "user1 40@4", "user2 40@5"));
     EXPECT_EQ(order_rules(), 12U) << "two for each two of four users";
+}
+
+TEST_F(RuleBook, WhatTellsTheOrderOfTwoUsersHasAKeyOfTheirsInEveryRun)
+{
+    std::vector<std::set<std::string>> of_runs;
+    for (const size_t users : {3U, 5U}) {
+        open({{10, 3}, {20, 3}, {30, 3}, {40, 3}, {50, 3}}, users);
+        std::map<int32_t, std::string> pairs;
+        for (size_t i = 0; i < book->size(); ++i)
+            if (const published_rule &of = book->at(i); of.tells_order())
+                pairs[of.item.match_id] += ' ' + book->user_of(of);
+        of_runs.emplace_back();
+        for (const auto &[id, both] : pairs)
+            of_runs.back().insert(std::to_string(id) + both);
+    }
+    EXPECT_THAT(of_runs[0], ElementsAre("102 user1 user2", "103 user1 user3", "203 user2 user3"));
+    EXPECT_EQ(of_runs[1].size(), 10U);
+    EXPECT_TRUE(std::ranges::includes(of_runs[1], of_runs[0]));
 }
 
 TEST_F(RuleBook, RulesOfOneKeyContestEachOtherAndTheHighestGoesToTheFirst)
