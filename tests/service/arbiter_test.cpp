@@ -294,14 +294,15 @@ TEST_P(Arbiter, WhenTheWinnerGoesTheLoserWins)
     EXPECT_EQ(stat().rules + stat().rule_keys + stat().contested_keys, 0U);
 }
 
-// As after every change.
+// As after every change, also when they are what they were.
 TEST_P(Arbiter, TheRivalsOfARuleThatGoesHearTheirVerdictsAgain)
 {
     decide();
-    for (const auto &[user, priority] : {std::pair("a", 7), std::pair("b", 5), std::pair("c", 3)})
-        heard({user, 10, priority});
+    heard({"a", 10, 7});
+    heard({"b", 10, 5});
+    heard({"b", 10, 3});
     written();
-    gone({"c", 10, 3});
+    gone({"b", 10, 3});
     EXPECT_THAT(written(), UnorderedElementsAre("hmupdate 4 a/10/7 = 0", "hmupdate 4 b/10/5 = 1"));
 }
 
@@ -399,28 +400,35 @@ TEST_P(Arbiter, OfTwoDatabasesTheOneCountsThatWasWrittenLast)
 // Registering users makes the registry grow, and then they stand in another order: of equals the last one loses.
 TEST_P(Arbiter, UsersThatAreMovedByNewOnesAreComparedAgain)
 {
-    decide();
+    const std::map<int32_t, std::string> keys{{10, "abcd"}, {11, "ab"}};  // users of a key
     std::map<std::string, std::string> results;
     const auto hear = [&](const rule &which) {
         heard(which);
         for (const std::string &text : written())
             results[text.substr(0, text.find(" = "))] = text.substr(text.find(" = "));
     };
-    for (const char *user : {"a", "b", "c", "d"})
-        hear({user, 10, 3});
-    std::string loser;
-    int changes = 0;
+    decide();
+    for (const auto &[vlan, users] : keys)
+        for (const char user : users)
+            hear({std::string(1, user), vlan, 3});
+    std::map<int32_t, std::string> losers;
+    std::map<int32_t, int> changes;
     for (int32_t more = 0; more < 60; ++more) {
         hear({"user" + std::to_string(more), 100 + more, 3});
-        std::string last;
-        for (const std::string &user : support::users_in_order())
-            last = user.size() == 1 ? user : last;
-        for (const char *user : {"a", "b", "c", "d"})
-            EXPECT_EQ(results["hmupdate 4 " + std::string(user) + "/10/3"], user == last ? " = 1" : " = 0") << more;
-        changes += !loser.empty() && loser != last;
-        loser = last;
+        for (const auto &[vlan, users] : keys) {
+            std::string last;
+            for (const std::string &user : support::users_in_order())
+                last = user.size() == 1 && users.find(user) != std::string::npos ? user : last;
+            for (const char user : users)
+                EXPECT_EQ(results["hmupdate 4 " + std::string(1, user) + '/' + std::to_string(vlan) + "/3"],
+                          last[0] == user ? " = 1" : " = 0")
+                    << more;
+            changes[vlan] += losers.contains(vlan) && losers[vlan] != last;
+            losers[vlan] = last;
+        }
     }
-    EXPECT_GT(changes, 0);
+    for (const auto &[vlan, users] : keys)
+        EXPECT_GT(changes[vlan], 0) << users;
 }
 
 // ---- writes that fail -----------------------------------------------------------------------------------------------
