@@ -184,6 +184,16 @@ class running_loop
             std::rethrow_exception(of.thrown);
     }
 
+    template <typename Is>
+    void wait_for(Is is_so) const
+    {
+        bool so = false;
+        do {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            call([&] { so = is_so(); });
+        } while (!so);
+    }
+
     qz_thread_master *const master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
 
   private:
@@ -232,10 +242,7 @@ void be_a_user(const channel &parent, const std::string &url, int user, int rule
     parent.get();
     publisher all{loop.master, user, rules, rules * times};
     loop.call([&] { publisher::turn(&all); });
-    for (bool over = false; !over;) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        loop.call([&] { over = all.next == all.writes; });
-    }
+    loop.wait_for([&] { return all.next == all.writes; });
     wait_for_store();
     parent.put();
     parent.get();
@@ -270,13 +277,7 @@ void be_the_arbiter(const channel &parent, const std::string &url, int rules)
     running_loop loop;
     std::unique_ptr<decider> arbiter;
     loop.call([&] { arbiter = std::make_unique<decider>(url.c_str(), loop.master); });
-    const auto wait_for = [&loop](auto is_so) {
-        for (bool so = false; !so;) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            loop.call([&] { so = is_so(); });
-        }
-    };
-    wait_for([&] { return arbiter->stat().deciding != 0; });
+    loop.wait_for([&] { return arbiter->stat().deciding != 0; });
     parent.put();
     parent.get();
     observer seen{arbiter.get(), loop.master, rules};
@@ -286,7 +287,7 @@ void be_the_arbiter(const channel &parent, const std::string &url, int rules)
     });
     parent.get();
     loop.call([&] { seen.all_written = true; });
-    wait_for([&] { return seen.settled > 0; });
+    loop.wait_for([&] { return seen.settled > 0; });
     parent.put(seen.settled);
     const ebridged_stat stat = arbiter->stat();
     parent.put(static_cast<double>(stat.calculations));
@@ -295,7 +296,7 @@ void be_the_arbiter(const channel &parent, const std::string &url, int rules)
     parent.get();
     audit found;
     loop.call([&] { found.start(arbiter->handle()); });
-    wait_for([&] { return found.done(); });
+    loop.wait_for([&] { return found.done(); });
     found.check(rules);
     parent.put();
     loop.call([&] { arbiter.reset(); });
