@@ -74,6 +74,13 @@ int32_t qz_mom_scan(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *
     return QZ_MOM_OK;
 }
 
+int32_t qz_mom_subscribe(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *pattern, uint32_t flags,
+                         qz_mom_msg_cb cb, void *args)
+{
+    (void)handle, (void)db, (void)pattern, (void)flags, (void)cb, (void)args;
+    return QZ_MOM_OK;
+}
+
 int32_t qz_mom_subscribe_field(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *pattern, uint32_t flags,
                                const uint32_t *fields, const qz_mom_msg_cb *cbs, void *const *args, uint32_t count)
 {

@@ -447,6 +447,7 @@ TEST_F(RuleContract, ResultReachesTheRuleHoweverItsMissingAddressesAreWritten)
     const qz_mom_msg_cb hear = listener::hear;
     void *const to = &hears;
     ASSERT_EQ(0, qz_mom_subscribe_field(writer, app_db, pattern.message(), 0, &result_field, &hear, &to, 1));
+    run_until([&] { return hears.count(QZ_MOM_CMD_SUBSCRIBED) == 1; });
     int32_t number = 0;
     for (const auto &by_owner : addressless_rule::all()) {
         for (const auto &by_decider : addressless_rule::all()) {
