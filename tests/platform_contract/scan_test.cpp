@@ -17,7 +17,7 @@ TEST_F(Scans, EmptyTableEndsOnce)
     listener found;
     EXPECT_EQ(0, qz_mom_scan(handle, app_db, session_record(any_session()).message(), 0, listener::hear, &found));
     EXPECT_TRUE(found.all.empty()) << "called from inside a call";
-    settle();
+    run_until([&] { return found.ends(QZ_MOM_END_SCAN) == 1; });
     ASSERT_EQ(1u, found.all.size());
     EXPECT_EQ(QZ_MOM_END_SCAN, found.all[0].end);
     EXPECT_EQ(QZ_MOM_CMD_NONE, found.all[0].cmd);

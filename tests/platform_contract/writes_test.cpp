@@ -333,7 +333,7 @@ TEST_F(StoreContract, KeyMayBeABareNumber)
     pattern.index = U_BRIDGE__EVLAN_TYPE__VXLAN;
     listener found;
     EXPECT_EQ(0, qz_mom_scan(writer, app_db, &pattern.base, 0, listener::hear, &found));
-    settle();
+    run_until([&] { return found.ends(QZ_MOM_END_SCAN) == 1; });
     ASSERT_EQ(1u, found.changes().size());
     const auto &record = reinterpret_cast<const UBridge__EvlanSessionRange &>(*found.changes()[0].record);
     EXPECT_EQ(U_BRIDGE__EVLAN_TYPE__VXLAN, record.index);
@@ -408,7 +408,7 @@ class RuleContract : public StoreContract
         UBridge__EmatchEntry pattern = U_BRIDGE__EMATCH_ENTRY__INIT;
         pattern.index = &any;
         EXPECT_EQ(0, qz_mom_scan(by, app_db, &pattern.base, 0, listener::hear, &found));
-        settle();
+        run_until([&] { return found.ends(QZ_MOM_END_SCAN) == 1; });
         found_ = found.changes();
         std::vector<UBridge__EmatchEntry> entries;
         for (const heard &each : found_)
