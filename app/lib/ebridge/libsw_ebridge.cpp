@@ -10,6 +10,7 @@
 #include "names.hpp"
 #include "print.hpp"
 #include "tables.hpp"
+#include "users.hpp"
 
 // ---- registry -----------------------------------------------------------------------------------------------------
 
@@ -643,11 +644,9 @@ SW_EXPORT int32_t sw_bridge_reg_reconnect(const char *user_name)
 
 SW_EXPORT int32_t sw_ebridge_data_subscribe(const char *user_name)
 {
-    const sw_ebridge_list_item *user = sw_ebridge_list_item_get(user_name);
-    if (user == nullptr) {
-        SW_LOG(error, "Assert:No user named '%s'.\n", sw::printable(user_name));
+    const sw_ebridge_list_item *user = sw::find_user(SW_HERE, user_name);
+    if (user == nullptr)
         return -2;
-    }
     SW_LOG(info, "User '%s' subscribe all data, vlan is %p, evlan is %p, eport is %p, pvid is %p.", user_name,
            sw::address(user->vlan_reply), sw::address(user->evlan_reply), sw::address(user->eport_reply),
            sw::address(user->pvid_change));

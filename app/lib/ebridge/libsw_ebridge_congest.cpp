@@ -5,7 +5,7 @@
 #include "connecting.hpp"
 #include "export.hpp"
 #include "libcgstctrl.h"
-#include "logging.hpp"
+#include "users.hpp"
 
 namespace
 {
@@ -65,11 +65,9 @@ SW_EXPORT int32_t sw_ebridge_congestion_init(const char *user_name)
         SW_LOG(error, "Assert:Bad args.");
         return -2;
     }
-    const sw_ebridge_list_item *user = sw_ebridge_list_item_get(user_name);
-    if (user == nullptr) {
-        SW_LOG(error, "Assert:No user named '%s'.\n", user_name);
+    const sw_ebridge_list_item *user = sw::find_user(SW_HERE, user_name);
+    if (user == nullptr)
         return -2;
-    }
     const char *module = module_name_of(user_name);
     if (module == nullptr) {
         SW_LOG(error, "Assert:malloc module name failed.");

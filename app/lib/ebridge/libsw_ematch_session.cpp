@@ -55,6 +55,14 @@ void log_index(const sw::site &where, const UBridge__EmatchIndex &index)
               static_cast<uint32_t>(index.eport), index.ipv4, index.vnid, index.label);
 }
 
+// Logs a rule that is to be written or removed, and looks its user up.
+const sw_ebridge_list_item *owner_of(const sw::site &where, const whole_rule &rule, const char *text)
+{
+    SW_LOG_UNCHECKED_AT(where, debug, text, sw_bridge_printf_udp_ematch(&rule.entry));
+    log_index(where, rule.index);
+    return sw::find_user(where, rule.index.t_user);
+}
+
 // Calls `visit` for each registered user.
 template <typename Visitor>
 void for_each_user(Visitor visit)
@@ -77,9 +85,7 @@ SW_EXPORT int32_t sw_ematch_entry_add(const UBridge__EmatchEntry *entry)
     if (!sw::has_key(SW_HERE, entry))
         return -2;
     const whole_rule rule(*entry);
-    SW_LOG(debug, "qz_mom_hmset udp_ematch_entry: %d.", sw_bridge_printf_udp_ematch(&rule.entry));
-    log_index(SW_HERE, rule.index);
-    const sw_ebridge_list_item *user = sw::find_user(SW_HERE, rule.index.t_user);
+    const sw_ebridge_list_item *user = owner_of(SW_HERE, rule, "qz_mom_hmset udp_ematch_entry: %d.");
     if (user == nullptr)
         return -2;
     const int32_t rv = qz_mom_hmset(user->mom_handle, user->ematch_mom_db, &rule.entry.base, kRuleFields,
@@ -94,9 +100,7 @@ SW_EXPORT int32_t sw_ematch_entry_del(const UBridge__EmatchEntry *entry)
     if (!sw::has_key(SW_HERE, entry))
         return -2;
     const whole_rule rule(*entry);
-    SW_LOG(debug, "qz_mom_del udp_ematch_entry: %d.", sw_bridge_printf_udp_ematch(&rule.entry));
-    log_index(SW_HERE, rule.index);
-    const sw_ebridge_list_item *user = sw::find_user(SW_HERE, rule.index.t_user);
+    const sw_ebridge_list_item *user = owner_of(SW_HERE, rule, "qz_mom_del udp_ematch_entry: %d.");
     if (user == nullptr)
         return -2;
     const int32_t rv = qz_mom_del(user->mom_handle, user->ematch_mom_db, &rule.entry.base, nullptr, nullptr);
