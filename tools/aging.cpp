@@ -10,7 +10,12 @@ namespace ebridge_tool
 namespace
 {
 
-constexpr int ALL_MARKS = 2 * static_cast<int>(std::size(TWINS)) + 1;  // sessions and attributes, and match rules
+using mark_call = decltype(&sw_ematch_aging_flag_set);
+// Match rules, VLANs of ports and default VLANs; sessions and attributes are marked beside them.
+constexpr mark_call MARKS[] = {sw_ematch_aging_flag_set, sw_vlan_ports_aging_flag_set, sw_vlan_port_vid_aging_flag_set};
+constexpr decltype(&sw_ematch_aged_data_delete) DELETIONS[] = {
+    sw_ematch_aged_data_delete, sw_vlan_port_aged_data_delete, sw_vlan_pvid_aged_data_delete};
+constexpr int ALL_MARKS = static_cast<int>(2 * std::size(TWINS) + std::size(MARKS));
 
 bool is_refreshed(const request &of)
 {
@@ -36,7 +41,7 @@ bool session::mark_all(const run_options &options, std::string *error)
 {
     if (!read_own(error))
         return false;
-    std::vector<decltype(&sw_ematch_aging_flag_set)> marks{sw_ematch_aging_flag_set};
+    std::vector<mark_call> marks(std::begin(MARKS), std::end(MARKS));
     for (const twin_calls &twin : TWINS)
         marks.insert(marks.end(), {twin.mark_sessions, twin.mark_attributes});
     for (const auto mark : marks) {
@@ -53,13 +58,15 @@ bool session::mark_all(const run_options &options, std::string *error)
 bool session::delete_marked(const run_options &options, std::string *error)
 {
     if (!std::ranges::all_of(own_wanted(), [&](size_t i) { return is_refreshed(requests_->at(i)); }) ||
-        !std::ranges::all_of(own_rules(), [&](size_t i) { return rules_->at(i).asked.code == 0; })) {
+        !std::ranges::all_of(own_rules(), [&](size_t i) { return rules_->at(i).asked.code == 0; }) ||
+        !members_->is_published(users_.requester)) {
         *error = "nothing was deleted: not all that is wanted could be asked for again";
         return false;
     }
     for (const twin_calls &twin : TWINS)
         patiently([&] { return twin.delete_attributes(requester(), nullptr, nullptr); }, options.patience_usec);
-    patiently([&] { return sw_ematch_aged_data_delete(requester(), nullptr, nullptr); }, options.patience_usec);
+    for (const auto deletion : DELETIONS)
+        patiently([&] { return deletion(requester(), nullptr, nullptr); }, options.patience_usec);
     if (options.delete_now)
         delete_sessions_now();
     else

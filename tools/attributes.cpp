@@ -35,7 +35,8 @@ constexpr field EVLAN_OVERLAY[] = {EVLAN_FIELD(overlay, vnid),           EVLAN_F
                                    EVLAN_FIELD(overlay, l3iif),          EVLAN_FIELD(overlay, mapping_vni),
                                    EVLAN_FIELD(overlay, mapping_evlan),  EVLAN_FIELD(overlay, ing_flex_cnt_id),
                                    EVLAN_FIELD(overlay, egr_flex_cnt_id)};
-constexpr field EPORT_UNDERLAY[] = {EPORT_FIELD(underlay, pvid), EPORT_FIELD(underlay, vt_key)};
+// The default VLAN has records of its own, and none in these.
+constexpr field EPORT_UNDERLAY[] = {EPORT_FIELD(underlay, vt_key)};
 constexpr field EPORT_OVERLAY[] = {EPORT_FIELD(overlay, match_vid),
                                    EPORT_FIELD(overlay, match_port),
                                    EPORT_FIELD(overlay, mpath_flag),

@@ -77,6 +77,7 @@ class interpreter
     bool lag(const config_table &table, const config_entry &entry);
     bool membership(const config_table &table, const config_entry &entry);
     bool vlan(const config_table &table, const config_entry &entry);
+    bool vlan_membership(const config_table &table, const config_entry &entry);
     bool tunnel(const config_table &table, const config_entry &entry);
     bool vxlan_map(const config_table &table, const config_entry &entry);
     bool acl(const config_table &table, const config_entry &entry);
@@ -97,6 +98,8 @@ class interpreter
                  std::optional<ip_address> *out);
     bool join(const config_table &table, const config_entry &entry, const std::string &lag, const std::string &port);
     bool is_port_or_lag(const std::string &name) const;
+    // The same where that is told; anything else is one.
+    bool is_known_port(const std::string &name) const;
 
     switch_config *out_;
     const std::function<bool(const std::string &)> &is_port_;
@@ -106,6 +109,7 @@ class interpreter
     std::map<std::string, std::string> lag_of_;
     std::set<std::string> tunnels_;
     std::map<uint32_t, std::string> vlan_keys_;
+    std::map<std::pair<uint32_t, std::string>, std::string> member_keys_;  // VLAN and port -> entry
     std::map<uint32_t, std::string> vni_keys_;
     bool has_acls_ = false;  // the table ACL_TABLE
     std::map<std::string, acl_table> acls_;
@@ -121,6 +125,7 @@ constexpr meaning MEANINGS[] = {{"PORT", &interpreter::port, true},
                                 {"PORTCHANNEL", &interpreter::lag, true},
                                 {"PORTCHANNEL_MEMBER", &interpreter::membership, false},
                                 {"VLAN", &interpreter::vlan, true},
+                                {"VLAN_MEMBER", &interpreter::vlan_membership, true},
                                 {"VXLAN_TUNNEL", &interpreter::tunnel, true},
                                 {"VXLAN_TUNNEL_MAP", &interpreter::vxlan_map, true},
                                 {"ACL_TABLE", &interpreter::acl, false},
@@ -142,6 +147,8 @@ void interpreter::begin(const config_table &table)
         out_->lags.emplace();
     else if (table.name == "VLAN")
         out_->vlans.emplace();
+    else if (table.name == "VLAN_MEMBER")
+        out_->vlan_members.emplace();
     else if (table.name == "VXLAN_TUNNEL")
         out_->tunnels.emplace();
     else if (table.name == "VXLAN_TUNNEL_MAP")
@@ -221,6 +228,19 @@ void interpreter::note_members()
             port.in_lag = lag_of_.contains(port.key);
 }
 
+bool interpreter::is_port_or_lag(const std::string &name) const
+{
+    const std::optional<uint32_t> number = number_of(name, "PortChannel", MAX_LAG);
+    const auto lag = number ? lag_keys_.find(*number) : lag_keys_.end();
+    return (lag != lag_keys_.end() && lag->second == name) || (is_port_ ? is_port_(name) : ports_.contains(name));
+}
+
+bool interpreter::is_known_port(const std::string &name) const
+{
+    const bool lags_told = out_->lags && number_of(name, "PortChannel", MAX_LAG);
+    return (!is_port_ && !out_->ports && !lags_told) || is_port_or_lag(name);
+}
+
 // ---- VLANs and VXLAN ------------------------------------------------------------------------------------------------
 
 bool interpreter::vlan(const config_table &table, const config_entry &entry)
@@ -238,6 +258,34 @@ bool interpreter::vlan(const config_table &table, const config_entry &entry)
     if (!fresh)
         return fail(table, entry, "is the same VLAN as " + first->second);
     out_->vlans->push_back({{entry.key, entry.line}, number, mtu_told});
+    return true;
+}
+
+// Ports are those of the file or of a list; where neither tells them, they are taken as they come. VLANs are the file's.
+bool interpreter::vlan_membership(const config_table &table, const config_entry &entry)
+{
+    const auto names = halves(entry.key);
+    if (!names)
+        return fail(table, entry, "the key must be VLAN|PORT");
+    const auto &[vlan, port] = *names;
+    const uint32_t number = vlan_number(vlan);
+    if (number == 0)
+        return fail(table, entry, '"' + vlan + "\" is not Vlan1 to Vlan4094");
+    if (!vlan_keys_.contains(number))
+        return fail(table, entry, '"' + vlan + "\" is not in the table VLAN");
+    const bool no_lag = port.starts_with("PortChannel") && !number_of(port, "PortChannel", MAX_LAG);
+    if (!is_known_port(port) || no_lag)
+        return fail(table, entry, '"' + port + "\" is no port");
+    const config_field *mode = entry.find("tagging_mode");
+    if (!mode)
+        return fail(table, entry, "tagging_mode is missing");
+    const bool untagged = mode->scalar && mode->text == "untagged";
+    if (!untagged && !(mode->scalar && mode->text == "tagged"))
+        return fail(table, entry, mode->quoted() + " is neither tagged nor untagged");
+    const auto [first, fresh] = member_keys_.emplace(std::pair(number, port), entry.key);
+    if (!fresh)
+        return fail(table, entry, "is the same member as " + first->second);
+    out_->vlan_members->push_back({{entry.key, entry.line}, number, port, untagged});
     return true;
 }
 
@@ -296,19 +344,10 @@ bool interpreter::vxlan_map(const config_table &table, const config_entry &entry
 
 // ---- access lists ---------------------------------------------------------------------------------------------------
 
-bool interpreter::is_port_or_lag(const std::string &name) const
-{
-    const std::optional<uint32_t> number = number_of(name, "PortChannel", MAX_LAG);
-    const auto lag = number ? lag_keys_.find(*number) : lag_keys_.end();
-    return (lag != lag_keys_.end() && lag->second == name) || (is_port_ ? is_port_(name) : ports_.contains(name));
-}
-
 bool interpreter::acl(const config_table &table, const config_entry &entry)
 {
     std::string error;
-    const auto is_port = [this](const std::string &name) {
-        return (!is_port_ && !out_->ports) || is_port_or_lag(name);
-    };
+    const auto is_port = [this](const std::string &name) { return is_known_port(name); };
     return read_acl_table(entry, is_port, &acls_[entry.key], &error) || fail(table, entry, error);
 }
 
@@ -368,6 +407,32 @@ bool drop(std::string_view key, std::optional<std::vector<Entry>> *table)
     return *table && drop(key, &**table);
 }
 
+void drop_members_if(switch_config *config, const std::function<bool(const vlan_member &)> &leaves)
+{
+    for (size_t i = 0; config->vlan_members && i < config->vlan_members->size(); ++i)
+        if (vlan_member &member = (*config->vlan_members)[i]; leaves(member))
+            member.dropped = true;
+}
+
+// A port or LAG.
+template <typename Entry>
+bool drop_port(std::string_view key, std::optional<std::vector<Entry>> *table, switch_config *config)
+{
+    if (!drop(key, table))
+        return false;
+    drop_members_if(config, [key](const vlan_member &member) { return member.port == key; });
+    return true;
+}
+
+bool drop_vlan(std::string_view key, switch_config *config)
+{
+    if (!drop(key, &config->vlans))
+        return false;
+    const uint32_t number = vlan_number(key);
+    drop_members_if(config, [number](const vlan_member &member) { return member.vlan == number; });
+    return true;
+}
+
 bool drop_member(std::string_view key, switch_config *config)
 {
     const auto found = std::ranges::find(config->lag_members, key, &config_item::key);
@@ -391,8 +456,10 @@ bool drop_entry(std::string_view table_and_key, switch_config *config, std::stri
         *error = printable(table_and_key) + ": nothing is made of such a table, so that nothing of it can be dropped";
         return false;
     }
-    if ((table == "PORT" && drop(key, &config->ports)) || (table == "PORTCHANNEL" && drop(key, &config->lags)) ||
-        (table == "VLAN" && drop(key, &config->vlans)) || (table == "VXLAN_TUNNEL" && drop(key, &config->tunnels)) ||
+    if ((table == "PORT" && drop_port(key, &config->ports, config)) ||
+        (table == "PORTCHANNEL" && drop_port(key, &config->lags, config)) ||
+        (table == "VLAN" && drop_vlan(key, config)) || (table == "VLAN_MEMBER" && drop(key, &config->vlan_members)) ||
+        (table == "VXLAN_TUNNEL" && drop(key, &config->tunnels)) ||
         (table == "VXLAN_TUNNEL_MAP" && drop(key, &config->vxlan_maps)) ||
         (table == "ACL_RULE" && drop(key, &config->acl_rules)) ||
         (table == "PORTCHANNEL_MEMBER" && drop_member(key, config)))

@@ -69,6 +69,15 @@ struct lag_member : config_item {
     std::string port;
 };
 
+// A port in a VLAN.
+struct vlan_member : config_item {
+    uint32_t vlan;     // 1 to 4094
+    std::string port;  // or LAG
+    bool untagged;
+    uint32_t ifx = 0;  // the port table's
+    uint32_t phyid = 0;
+};
+
 struct acl_port {
     std::string name;    // of a port or LAG
     uint32_t phyid = 0;  // the port table's
@@ -101,6 +110,7 @@ struct switch_config {
     std::optional<std::vector<vlan_entry>> vlans;
     std::optional<std::vector<tunnel_entry>> tunnels;
     std::optional<std::vector<vxlan_map_entry>> vxlan_maps;
+    std::optional<std::vector<vlan_member>> vlan_members;
     std::optional<std::vector<acl_rule>> acl_rules;
     std::vector<lag_member> lag_members;
     std::vector<skipped_table> skipped;
@@ -111,7 +121,8 @@ struct switch_config {
 bool parse_config(const std::string &name, std::string_view text, switch_config *out, std::string *error,
                   const std::function<bool(const std::string &)> &is_port = {});
 
-// Marks the entry "TABLE|KEY" as dropped, and takes a port that leaves its LAG for that. False, with one line in *error,
+// Marks the entry "TABLE|KEY" as dropped, with the memberships of a port, LAG or VLAN; and takes a port that leaves its LAG
+// for that. False, with one line in *error,
 // when there is no such entry or nothing is made of its table.
 bool drop_entry(std::string_view table_and_key, switch_config *config, std::string *error);
 

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "member_book.hpp"
 #include "requests.hpp"
 #include "rule_book.hpp"
 
@@ -20,6 +21,9 @@ void evaluate_restart(const request_book &requests, run_result *result);
 std::string difference(const published_rule &of);
 void evaluate(const rule_book &rules, run_result *result);
 void evaluate_restart(const rule_book &rules, run_result *result);
+// The same of ports in VLANs, each counted as an entry of its table.
+void evaluate(const member_book &members, run_result *result);
+void evaluate_restart(const member_book &members, run_result *result);
 // A line for each id of which the observer reads attributes and that belongs to no request.
 std::vector<std::string> left_attributes(const request_book &requests);
 

@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <map>
+#include <nlohmann/json.hpp>
 
 #include "config_file.hpp"
 #include "libddm.h"
@@ -105,30 +106,64 @@ const Entry *find_numbers(std::vector<Entry> *entries)
     return nullptr;
 }
 
-std::map<std::string, uint32_t> known_ports(const switch_config &config)
-{
-    std::map<std::string, uint32_t> known;
-    for (size_t i = 0; config.ports && i < config.ports->size(); ++i)
-        known.emplace((*config.ports)[i].key, (*config.ports)[i].phyid);
-    for (size_t i = 0; config.lags && i < config.lags->size(); ++i)
-        known.emplace((*config.lags)[i].key, (*config.lags)[i].phyid);
-    return known;
-}
+struct port_numbers {
+    uint32_t ifx = 0;
+    uint32_t phyid = 0;  // 0 none
+};
 
-// The first rule of a port that the port table does not have, or null. Rules are many and ports are few.
-const acl_rule *number_rules(switch_config *config)
+// The numbers of ports by their names, each looked up once: those who name them are many, and ports are few.
+class named_ports
 {
-    std::map<std::string, uint32_t> known = known_ports(*config);
-    for (acl_rule &rule : *config->acl_rules)
-        for (acl_port &port : rule.in_ports) {
-            const auto [at, fresh] = known.emplace(port.name, 0);
-            uint32_t ifx = 0;
-            if (fresh && (libddm_get_ifx_by_name(port.name.c_str(), &ifx) != 0 ||
-                          libddm_get_phyid_by_ifx(ifx, &at->second) != 0))
-                return &rule;
-            port.phyid = at->second;
+  public:
+    explicit named_ports(const switch_config &config)
+    {
+        for (size_t i = 0; config.ports && i < config.ports->size(); ++i)
+            known_[(*config.ports)[i].key] = {(*config.ports)[i].ifx, (*config.ports)[i].phyid};
+        for (size_t i = 0; config.lags && i < config.lags->size(); ++i)
+            known_[(*config.lags)[i].key] = {(*config.lags)[i].ifx, (*config.lags)[i].phyid};
+    }
+    port_numbers find(const std::string &name)
+    {
+        const auto [at, fresh] = known_.emplace(name, port_numbers());
+        if (fresh && libddm_get_ifx_by_name(name.c_str(), &at->second.ifx) == 0)
+            libddm_get_phyid_by_ifx(at->second.ifx, &at->second.phyid);
+        return at->second;
+    }
+
+  private:
+    std::map<std::string, port_numbers> known_{};
+};
+
+// The first rule of a port that the port table does not have, or null.
+const acl_rule *number_rules(switch_config *config, named_ports *ports)
+{
+    for (size_t i = 0; config->acl_rules && i < config->acl_rules->size(); ++i)
+        for (acl_port &port : (*config->acl_rules)[i].in_ports) {
+            port.phyid = ports->find(port.name).phyid;
+            if (port.phyid == 0)
+                return &(*config->acl_rules)[i];
         }
     return nullptr;
+}
+
+// The same of members of VLANs.
+const vlan_member *number_members(switch_config *config, named_ports *ports)
+{
+    for (size_t i = 0; config->vlan_members && i < config->vlan_members->size(); ++i) {
+        vlan_member &member = (*config->vlan_members)[i];
+        const port_numbers found = ports->find(member.port);
+        member.ifx = found.ifx;
+        member.phyid = found.phyid;
+        if (found.phyid == 0)
+            return &member;
+    }
+    return nullptr;
+}
+
+bool not_in_port_table(const std::string &name, const char *table, const config_item &item, std::string *error)
+{
+    *error = fault_line(name, {item.line, table + ('|' + item.key) + ": a port is not in the port table"});
+    return false;
 }
 
 bool number_ports(const std::string &name, bool listed, switch_config *config, std::string *error)
@@ -142,15 +177,43 @@ bool number_ports(const std::string &name, bool listed, switch_config *config, s
         *error = printable(name) + ": the LAGs cannot be added to the port table";
         return false;
     }
-    const acl_rule *rule = config->acl_rules ? number_rules(config) : nullptr;
-    if (rule)
-        *error = fault_line(name, {rule->line, "ACL_RULE|" + rule->key + ": a port is not in the port table"});
-    return !rule;
+    named_ports ports(*config);
+    if (const acl_rule *rule = number_rules(config, &ports))
+        return not_in_port_table(name, "ACL_RULE", *rule, error);
+    if (const vlan_member *member = number_members(config, &ports))
+        return not_in_port_table(name, "VLAN_MEMBER", *member, error);
+    return true;
 }
 
 bool has_ports(const switch_config &config)
 {
     return (config.ports && !config.ports->empty()) || (config.lags && !config.lags->empty());
+}
+
+// The port table's own tables, with the ports and LAGs that are named as members of VLANs. A lane tells one port from
+// another, in the order in which they come.
+std::string tables_of_members(const switch_config &config)
+{
+    nlohmann::json ports = nlohmann::json::object(), lags = nlohmann::json::object();
+    for (size_t i = 0; config.lags && i < config.lags->size(); ++i)
+        lags[(*config.lags)[i].key] = nlohmann::json::object();
+    for (const vlan_member &member : *config.vlan_members)
+        if (member.port.starts_with("PortChannel"))
+            lags[member.port] = nlohmann::json::object();
+        else if (!ports.contains(member.port))
+            ports[member.port] = {{"lanes", std::to_string(ports.size())}};
+    return nlohmann::json{{"PORT", ports}, {"PORTCHANNEL", lags}}.dump();
+}
+
+bool load_ports(const std::string &name, std::string_view text, const switch_config &config, std::string *error)
+{
+    if (!config.ports && config.vlan_members && !config.vlan_members->empty()) {
+        if (load_text(name, tables_of_members(config), error))
+            return true;
+        *error = printable(name) + ": no port table can be made of the ports in VLAN_MEMBER";
+        return false;
+    }
+    return !has_ports(config) || load_text(name, text, error);
 }
 
 }  // namespace
@@ -175,7 +238,7 @@ bool read_config(const std::string &path, const std::string &ports_path, switch_
         return false;
     if (!parse_config(path, text, out, error, listed ? is_listed_port : nullptr))
         return false;
-    if (!listed && has_ports(*out) && !load_text(path, text, error))
+    if (!listed && !load_ports(path, text, *out, error))
         return false;
     return number_ports(path, listed, out, error);
 }

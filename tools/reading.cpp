@@ -10,8 +10,6 @@ namespace ebridge_tool
 namespace
 {
 
-constexpr int64_t SCAN_PATIENCE_USEC = 30'000'000;
-
 uint32_t word(int32_t value) { return static_cast<uint32_t>(value); }
 
 bool fail(std::string *error, const char *what, int32_t code)
@@ -95,7 +93,7 @@ bool session::read_back(std::string *error)
         requests_->set(i, facts);
     }
     strangers_.clear();
-    if (!scan_sessions(OBSERVER, error) || !scan_rules(error))
+    if (!scan_sessions(OBSERVER, error) || !scan_members(error) || !scan_rules(error))
         return false;
     if (is_both())
         return true;

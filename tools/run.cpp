@@ -14,21 +14,24 @@ namespace
 {
 
 // Requester, observer and, where the options say so, the allocator in this process.
-bool run_here(const run_options &options, request_book *requests, rule_book *rules, run_result *out, std::string *error)
+bool run_here(const run_options &options, run_books *books, run_result *out, std::string *error)
 {
-    session users(requests, rules, {.requester = 0, .observer = true}, {});
+    session users(books, {.requester = 0, .observer = true}, {});
     if (!users.open(options, error)) {
         out->store_missing = users.store_missing();
         return false;
     }
     users.request_all(options);
     users.describe_all(options);
+    users.publish_members(options);
     users.publish_rules(options);
+    users.wait_for_pvids(options);
     if (!users.read_back(error))
         return false;
     users.note_tables();
-    evaluate(*requests, out);
-    evaluate(*rules, out);
+    evaluate(books->requests, out);
+    evaluate(books->members, out);
+    evaluate(books->rules, out);
     out->dump = dump_tables;
     return true;
 }
@@ -41,10 +44,8 @@ bool run_config(const switch_config &config, const run_options &options, run_res
 {
     const auto start = std::chrono::steady_clock::now();
     const bool spread = options.users > 0;
-    request_book requests(config, spread ? options.users : 1, out);
-    rule_book rules(config, requests.users(), out);
-    if (!(spread ? run_spread(options, &requests, &rules, out, error)
-                 : run_here(options, &requests, &rules, out, error)))
+    run_books books(config, spread ? options.users : 1, out);
+    if (!(spread ? run_spread(options, &books, out, error) : run_here(options, &books, out, error)))
         return false;
     out->seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     return true;

@@ -45,8 +45,12 @@ int32_t vlan_evlan_id(uint32_t type, int32_t vlan_id)
 
 }  // namespace
 
-session::session(request_book *requests, rule_book *rules, const cast &users, session_listener listener)
-    : requests_(requests), rules_(rules), users_(users), listener_(std::move(listener))
+session::session(run_books *books, const cast &users, session_listener listener)
+    : requests_(&books->requests),
+      members_(&books->members),
+      rules_(&books->rules),
+      users_(users),
+      listener_(std::move(listener))
 {
     the_session = this;
 }
@@ -102,6 +106,7 @@ bool session::start_users(std::string *error)
     requesting.evlan_reply = on_evlan<false>;
     requesting.eport_reply = on_eport<false>;
     requesting.ematch_reply = on_verdict;
+    requesting.pvid_change = on_pvid;
 
     ebridge_args observing = common;
     observing.user_name = OBSERVER;
@@ -145,6 +150,11 @@ bool session::follow(const run_options &options, std::string *error)
             return fail(error, "the match rules cannot be subscribed", code);
         ++subscribed;
     }
+    if (users_.requester != cast::NOBODY && !members_->empty()) {
+        if (const int32_t code = sw_vlan_pvid_subscribe(requester(), on_subscribed, this); code != 0)
+            return fail(error, "the default VLANs cannot be subscribed", code);
+        ++subscribed;
+    }
     if (users_.observer && !is_both())
         for (const ProtobufCMessage *pattern : ALL_ATTRIBUTES) {
             const int32_t code = qz_mom_subscribe(link_.handle(), SW_EBRIDGE_UDP_DB, pattern, 0, on_attributes, this);
@@ -153,7 +163,7 @@ bool session::follow(const run_options &options, std::string *error)
             ++subscribed;
         }
     if (wait_until([this, subscribed] { return confirmed_ == subscribed; }, options.patience_usec))
-        return true;
+        return users_.requester == cast::NOBODY || members_->empty() || scan_pvids(error);
     *error = "the subscription was not confirmed";
     return false;
 }
@@ -359,6 +369,12 @@ int32_t session::on_eport_removed(UBridge__EportAppIndex *app, UBridge__EportInd
 int32_t session::on_verdict(UBridge__EmatchEntry *entry)
 {
     the_session->decided(*entry);
+    return 0;
+}
+
+int32_t session::on_pvid(uint32_t ifx, uint16_t new_pvid, uint16_t, sw_vlan_pvid_entry *)
+{
+    the_session->pvid_changed(ifx, new_pvid);
     return 0;
 }
 

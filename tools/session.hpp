@@ -4,12 +4,12 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 
 #include "ebridged.h"
-#include "requests.hpp"
-#include "rule_book.hpp"
+#include "run_books.hpp"
 #include "store_link.hpp"
 #include "sw_ebridge.h"
 
@@ -28,6 +28,7 @@ struct cast {
 
 // Patience is without anything heard, in microseconds.
 constexpr int64_t ENDLESS = int64_t{1} << 60;
+constexpr int64_t SCAN_PATIENCE_USEC = 30'000'000;
 
 // Tells run_options::progress of every 64 requests or so.
 class progress_teller
@@ -67,17 +68,17 @@ struct session_listener {
 class session
 {
   public:
-    session(request_book *requests, rule_book *rules, const cast &users, session_listener listener);
+    session(run_books *books, const cast &users, session_listener listener);
     ~session();
     session(const session &) = delete;
     session &operator=(const session &) = delete;
 
     // Each false with a line in *error. The observer has then read what there was, and follows it.
     bool open(const run_options &options, std::string *error);
-    // Reads the sessions and the match rules into the observer's facts, and where requesters are in processes of their own
+    // Reads the sessions, the VLANs of ports and the match rules into the observer's facts, and where requesters are in processes of their own
     // the attributes into the book.
     bool read_back(std::string *error);
-    // Sessions and match rules of these users that read_back() has found and that nobody has asked for here, by key text.
+    // Sessions, ports' VLANs and match rules of these users that read_back() has found and that nobody has asked for here, by key text.
     const std::vector<std::string> &strangers() const { return strangers_; }
 
     // After open() has failed: it was the store that is not there.
@@ -87,6 +88,10 @@ class session
     void request_all(const run_options &options);
     // Sets the attributes of what was granted.
     void describe_all(const run_options &options);
+    // Publishes the VLANs of the requester's ports, and asks for their default VLANs.
+    void publish_members(const run_options &options);
+    // Returns when the default VLANs are what was asked for, or when nothing has been heard for too long.
+    void wait_for_pvids(const run_options &options);
     // Publishes the requester's match rules in place of those that it may have of an earlier life, and returns when a
     // verdict of each was heard, or when nothing has been heard for too long. Verdicts may change afterwards.
     void publish_rules(const run_options &options);
@@ -135,10 +140,17 @@ class session
     bool scan_sessions(const char *user, std::string *error);
     bool scan_attributes(std::string *error);
     bool scan_rules(std::string *error);
+    bool scan_members(std::string *error);
+    bool scan_pvids(std::string *error);
     bool wait_for_ends(int wanted, const char *what, std::string *error);
     void note_session(const ProtobufCMessage &record, const char *key);
     void note_attributes(const qz_mom_notification &msg);
+    std::optional<size_t> own_port(const UBridge__PortIndex *index, const char *key);
+    void note_vlans(const UBridge__PortVlans &record, const char *key);
+    void note_claim(const UBridge__PortVid &record, const char *key);
+    void note_pvid(const UBridge__PvidTable &record);
     void note_rule(const UBridge__EmatchEntry &record, const char *key);
+    void pvid_changed(uint32_t ifx, int32_t pvid);
     void decided(const UBridge__EmatchEntry &record);
     void wait_for_age_timer();
     void delete_sessions_now();
@@ -170,11 +182,14 @@ class session
     static int32_t on_scanned(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
     static int32_t on_attributes(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
     static int32_t on_attributes_read(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
+    static int32_t on_pvid(uint32_t ifx, uint16_t new_pvid, uint16_t old_pvid, sw_vlan_pvid_entry *change);
+    static int32_t on_members_read(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
     static int32_t on_verdict(UBridge__EmatchEntry *entry);
     static int32_t on_rules_read(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
     static int32_t on_marks_ended(qz_mom_handle *handle, const qz_mom_notification *msg, void *self);
 
     request_book *requests_;
+    member_book *members_;
     rule_book *rules_;
     cast users_;
     session_listener listener_;

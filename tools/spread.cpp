@@ -27,20 +27,22 @@ namespace
 {
 
 enum report_kind : uint32_t {
-    FOLLOWS,      // the observer
-    ASKED,        // requester_facts of a request
-    RULE_ASKED,   // rule_facts of a match rule
-    SEEN,         // observer_facts of a request
-    DESCRIBED,    // described_id: attributes were read
-    READ_ANEW,    // what was told of attributes before counts no more
-    HAS_READ,     // all that there is was told
-    RULE_SEEN,    // rule_sight of a match rule
-    OTHER_RULE,   // other_rule
-    STRANGER,     // the key text of a session or match rule that nobody has asked for
-    REFRESHED,    // all that is wanted was asked for again
-    PHASE,        // what a restart is at
-    NOT_DELETED,  // why a restart has left something
-    SETTLED,      // all is requested and published, and after a restart deleted; verdicts may still change
+    FOLLOWS,        // the observer
+    ASKED,          // requester_facts of a request
+    RULE_ASKED,     // rule_facts of a match rule
+    MEMBERS_ASKED,  // member_facts of a port in VLANs
+    SEEN,           // observer_facts of a request
+    DESCRIBED,      // described_id: attributes were read
+    READ_ANEW,      // what was told of attributes before counts no more
+    HAS_READ,       // all that there is was told
+    MEMBERS_SEEN,   // member_sight of a port in VLANs
+    RULE_SEEN,      // rule_sight of a match rule
+    OTHER_RULE,     // other_rule
+    STRANGER,       // the key text of a session, match rule or port's VLANs that nobody has asked for
+    REFRESHED,      // all that is wanted was asked for again
+    PHASE,          // what a restart is at
+    NOT_DELETED,    // why a restart has left something
+    SETTLED,        // all is requested and published, and after a restart deleted; verdicts may still change
     FINISHED,
     FAILED,
     NO_STORE
@@ -95,11 +97,20 @@ void report_asked(const request_book &requests, size_t user, reporter *to)
             to->add_value(ASKED, static_cast<uint32_t>(i), requests.at(i).requester);
 }
 
-void report_published(const rule_book &rules, size_t user, reporter *to)
+void report_members(const member_book &members, size_t user, reporter *to)
 {
+    for (size_t i = 0; i < members.size(); ++i)
+        if (members.at(i).user == user)
+            to->add_value(MEMBERS_ASKED, static_cast<uint32_t>(i), members.at(i).asked);
+}
+
+void report_published(const run_books &books, size_t user, reporter *to)
+{
+    const rule_book &rules = books.rules;
     for (size_t i = 0; i < rules.size(); ++i)
         if (rules.at(i).user == user && !rules.at(i).dropped)
             to->add_value(RULE_ASKED, static_cast<uint32_t>(i), rules.at(i).asked);
+    report_members(books.members, user, to);
 }
 
 void report_phase(const char *what, reporter *to)
@@ -139,6 +150,7 @@ bool request_again(session *requesting, const run_options &options, reporter *to
     report_phase("marked", to);
     requesting->request_all(options);
     requesting->describe_all(options);
+    requesting->publish_members(options);
     requesting->add_rules(options);
     to->add(REFRESHED, 0, {});
     report_phase("refreshed", to);
@@ -147,15 +159,16 @@ bool request_again(session *requesting, const run_options &options, reporter *to
     report_phase(options.delete_now ? "deleting" : "deleting, by the age timer of 40 s", to);
     if (!requesting->delete_marked(options, &error))
         to->add(NOT_DELETED, 0, error);
+    requesting->wait_for_pvids(options);
     requesting->wait_for_verdicts(options);
     return true;
 }
 
 // Goes on hearing verdicts until nobody publishes any more, and reports what came of everything.
-bool finish_share(session *requesting, size_t user, bool again, const request_book &requests, const rule_book &rules,
-                  const run_options &options, reporter *to)
+bool finish_share(session *requesting, size_t user, bool again, const run_books &books, const run_options &options,
+                  reporter *to)
 {
-    report_published(rules, user, to);
+    report_published(books, user, to);
     to->add(SETTLED, 0, {});
     to->flush();
     if (wait_for_order(requesting, to) != FINISH)
@@ -164,25 +177,24 @@ bool finish_share(session *requesting, size_t user, bool again, const request_bo
     if (std::string error; again && !requesting->read_own(&error))
         return report_failure(to, FAILED, error);
     requesting->note_tables();
-    report_asked(requests, user, to);
+    report_asked(books.requests, user, to);
+    report_members(books.members, user, to);
     return true;
 }
 
-int request_share(size_t user, bool again, request_book *requests, rule_book *rules, const run_options &options,
-                  reporter *to)
+int request_share(size_t user, bool again, run_books *books, const run_options &options, reporter *to)
 {
     return report_of(to, [&] {
-        requests->wait_for(request_book::patience::answered);
+        books->requests.wait_for(request_book::patience::answered);
         const auto changed = [&](session *of, size_t index) {
-            if (to->add_value(ASKED, static_cast<uint32_t>(index), requests->at(index).requester))
+            if (to->add_value(ASKED, static_cast<uint32_t>(index), books->requests.at(index).requester))
                 qz_thread_call(of->master(), flush_reports, to);
         };
         const auto decided = [&](session *of, size_t index) {
-            if (to->add_value(RULE_ASKED, static_cast<uint32_t>(index), rules->at(index).asked))
+            if (to->add_value(RULE_ASKED, static_cast<uint32_t>(index), books->rules.at(index).asked))
                 qz_thread_call(of->master(), flush_reports, to);
         };
-        session requesting(requests, rules, {.requester = user, .observer = false},
-                           {.changed = changed, .decided = decided});
+        session requesting(books, {.requester = user, .observer = false}, {.changed = changed, .decided = decided});
         if (!open_session(&requesting, options, to))
             return false;
         if (again && !request_again(&requesting, options, to))
@@ -190,9 +202,11 @@ int request_share(size_t user, bool again, request_book *requests, rule_book *ru
         if (!again) {
             requesting.request_all(options);
             requesting.describe_all(options);
+            requesting.publish_members(options);
             requesting.publish_rules(options);
+            requesting.wait_for_pvids(options);
         }
-        if (!finish_share(&requesting, user, again, *requests, *rules, options, to))
+        if (!finish_share(&requesting, user, again, *books, options, to))
             return false;
         if (!options.restarted || again)
             return true;
@@ -205,14 +219,17 @@ int request_share(size_t user, bool again, request_book *requests, rule_book *ru
 }
 
 // Reads everything, and reports it.
-bool read_and_report(session *observing, const request_book &requests, const rule_book &rules, reporter *to)
+bool read_and_report(session *observing, const run_books &books, reporter *to)
 {
+    const auto &[requests, members, rules] = books;
     to->add(READ_ANEW, 0, {});
     if (std::string error; !observing->read_back(&error))
         return report_failure(to, FAILED, error);
     observing->note_tables();
     for (size_t i = 0; i < requests.size(); ++i)
         to->add_value(SEEN, static_cast<uint32_t>(i), requests.at(i).observer);
+    for (size_t i = 0; i < members.size(); ++i)
+        to->add_value(MEMBERS_SEEN, static_cast<uint32_t>(i), members.at(i).seen);
     for (size_t i = 0; i < rules.size(); ++i)
         to->add_value(RULE_SEEN, static_cast<uint32_t>(i), rules.at(i).seen);
     for (const other_rule &other : rules.others())
@@ -224,12 +241,12 @@ bool read_and_report(session *observing, const request_book &requests, const rul
     return true;
 }
 
-int observe(request_book *requests, rule_book *rules, const run_options &options, reporter *to)
+int observe(run_books *books, const run_options &options, reporter *to)
 {
     char order = 0;
     const int status = report_of(to, [&] {
         const auto changed = [&](session *of, size_t index) {
-            if (to->add_value(SEEN, static_cast<uint32_t>(index), requests->at(index).observer))
+            if (to->add_value(SEEN, static_cast<uint32_t>(index), books->requests.at(index).observer))
                 qz_thread_call(of->master(), flush_reports, to);
         };
         const auto described = [&](session *of, const held_id &id, const attributes *found) {
@@ -237,14 +254,14 @@ int observe(request_book *requests, rule_book *rules, const run_options &options
             if (to->add_value(DESCRIBED, 0, report))
                 qz_thread_call(of->master(), flush_reports, to);
         };
-        session observing(requests, rules, {.requester = cast::NOBODY, .observer = true},
+        session observing(books, {.requester = cast::NOBODY, .observer = true},
                           {.changed = changed, .described = described});
         if (!open_session(&observing, options, to))
             return false;
         to->add(FOLLOWS, 0, {});
         to->flush();
         while ((order = wait_for_order(&observing, to)) == READ)
-            if (!read_and_report(&observing, *requests, *rules, to))
+            if (!read_and_report(&observing, *books, to))
                 return false;
         return true;
     });
@@ -258,12 +275,14 @@ int observe(request_book *requests, rule_book *rules, const run_options &options
 class spread_run
 {
   public:
-    spread_run(const run_options &options, request_book *requests, rule_book *rules)
+    spread_run(const run_options &options, run_books *books)
         : options_(options),
           worker_options_(options),
-          requests_(requests),
-          rules_(rules),
-          progress_(options, requests->size() + rules->size())
+          books_(books),
+          requests_(&books->requests),
+          vlan_ports_(&books->members),
+          rules_(&books->rules),
+          progress_(options, requests_->size() + rules_->size())
     {
         worker_options_.progress = nullptr;
         requests_->wait_for(request_book::patience::described);
@@ -295,6 +314,7 @@ class spread_run
     bool finish_requesters();
     bool read_back();
     bool settle_rules();
+    bool settle_default_vlans();
     size_t answered() const { return requests_->settled() + rules_->settled(); }
     bool wait_until(const std::function<bool()> &condition, int64_t patience_usec);
     void hear(member *from);
@@ -304,7 +324,9 @@ class spread_run
 
     const run_options &options_;
     run_options worker_options_;
+    run_books *books_;
     request_book *requests_;
+    member_book *vlan_ports_;
     rule_book *rules_;
     progress_teller progress_;
     std::vector<member> members_;  // the observer first
@@ -328,7 +350,7 @@ bool spread_run::start_requesters(bool again)
 {
     for (size_t user = 0; user < requests_->users().size(); ++user) {
         const auto requesting = [this, user, again](reporter *to) {
-            return request_share(user, again, requests_, rules_, worker_options_, to);
+            return request_share(user, again, books_, worker_options_, to);
         };
         if (!start(requests_->users()[user], requesting))
             return false;
@@ -350,7 +372,7 @@ bool spread_run::finish_requesters()
     rules_decided_ = true;
     for (size_t i = 1; i < members_.size(); ++i)
         members_[i].process->tell(FINISH);
-    return wait_for_requesters(&member::finished) && (rules_->empty() || read_back());
+    return wait_for_requesters(&member::finished) && (rules_->empty() || read_back()) && settle_default_vlans();
 }
 
 bool spread_run::wait_for_requesters(bool member::*state)
@@ -370,6 +392,16 @@ bool spread_run::read_back()
     members_[0].has_read = false;
     members_[0].process->tell(READ);
     return !failed() && wait_until([this] { return members_[0].has_read; }, ENDLESS);
+}
+
+// The table that is read is not the one that the requesters heard: it may change a little later.
+bool spread_run::settle_default_vlans()
+{
+    constexpr int TRIES = 20;
+    for (int tries = 0; tries < TRIES && !vlan_ports_->is_seen(); ++tries)
+        if (wait_until([] { return false; }, 100'000); !read_back())
+            return false;
+    return !failed();
 }
 
 // Waits until the verdicts are those of the calculation, whose order of the users may not have been heard of yet.
@@ -393,7 +425,7 @@ bool spread_run::settle_rules()
 
 bool spread_run::run()
 {
-    const auto observing = [this](reporter *to) { return observe(requests_, rules_, worker_options_, to); };
+    const auto observing = [this](reporter *to) { return observe(books_, worker_options_, to); };
     return start(OBSERVER, observing) && wait_until([this] { return members_[0].follows; }, ENDLESS) &&
            start_requesters(false) && finish_requesters();
 }
@@ -401,8 +433,7 @@ bool spread_run::run()
 bool spread_run::restart()
 {
     members_.erase(members_.begin() + 1, members_.end());
-    requests_->restart(*options_.restarted);
-    rules_->restart(*options_.restarted);
+    books_->restart(*options_.restarted);
     rules_decided_ = false;
     if (!start_requesters(true) || !finish_requesters())
         return false;
@@ -465,6 +496,12 @@ void spread_run::take(member *from, const received_report &report)
             if (!rules_decided_)
                 rules_->set(report.index, report.as<rule_facts>());
             break;
+        case MEMBERS_ASKED:
+            vlan_ports_->set(report.index, report.as<member_facts>());
+            break;
+        case MEMBERS_SEEN:
+            vlan_ports_->set(report.index, report.as<member_sight>());
+            break;
         case RULE_SEEN:
             rules_->set(report.index, report.as<rule_sight>());
             break;
@@ -520,24 +557,25 @@ void spread_run::fail(const member &from, const std::string &what) { error_ = fr
 
 }  // namespace
 
-bool run_spread(const run_options &options, request_book *requests, rule_book *rules, run_result *out,
-                std::string *error)
+bool run_spread(const run_options &options, run_books *books, run_result *out, std::string *error)
 {
-    spread_run running(options, requests, rules);
+    spread_run running(options, books);
     if (!running.run()) {
         out->store_missing = running.store_missing();
         *error = running.error();
         return false;
     }
-    evaluate(*requests, out);
-    evaluate(*rules, out);
+    evaluate(books->requests, out);
+    evaluate(books->members, out);
+    evaluate(books->rules, out);
     if (options.restarted) {
         if (!running.restart()) {
             *error = running.error();
             return false;
         }
-        evaluate_restart(*requests, out);
-        evaluate_restart(*rules, out);
+        evaluate_restart(books->requests, out);
+        evaluate_restart(books->members, out);
+        evaluate_restart(books->rules, out);
         for (std::string &line : running.remarks())
             out->problems.push_back(printable(line));
     }
