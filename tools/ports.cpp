@@ -210,7 +210,10 @@ bool load_ports(const std::string &name, std::string_view text, const switch_con
     if (!config.ports && config.vlan_members && !config.vlan_members->empty()) {
         if (load_text(name, tables_of_members(config), error))
             return true;
-        *error = printable(name) + ": no port table can be made of the ports in VLAN_MEMBER";
+        // Its line is one of the text that was made here.
+        const std::string made_here = printable(name) + ":1: ";
+        if (error->starts_with(made_here))
+            error->replace(0, made_here.size(), printable(name) + ": the ports in VLAN_MEMBER: ");
         return false;
     }
     return !has_ports(config) || load_text(name, text, error);

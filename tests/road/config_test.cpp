@@ -135,6 +135,54 @@ TEST(Config, TunnelsHaveAddressesOfEitherVersion)
     EXPECT_EQ(tunnels[3].mtu, 0U);
 }
 
+TEST(Config, MembersOfVlansAreReadWithTheirTagging)
+{
+    const switch_config config = read(R"({"VLAN_MEMBER": {"Vlan7|a": {"tagging_mode": "untagged"},
+        "Vlan8|PortChannel3": {"tagging_mode": "tagged", "x": ["y"]}}, "PORT": {"a": {}}, "PORTCHANNEL":
+        {"PortChannel3": {}}, "VLAN": {"Vlan7": {"members": ["b"]}, "Vlan8": {}}})");
+    const std::vector<vlan_member> &members = *config.vlan_members;
+    ASSERT_EQ(members.size(), 2U);
+    EXPECT_EQ(members[0].key, "Vlan7|a");
+    EXPECT_EQ(members[0].vlan, 7U);
+    EXPECT_EQ(members[0].port, "a");
+    EXPECT_TRUE(members[0].untagged);
+    EXPECT_EQ(members[1].port, "PortChannel3");
+    EXPECT_FALSE(members[1].untagged);
+    EXPECT_THAT(config.skipped, IsEmpty());
+}
+
+TEST(Config, MembersTellThePortsWhereNothingElseDoes)
+{
+    const char *const members = R"("VLAN": {"Vlan7": {}}, "VLAN_MEMBER": {"Vlan7|a": {"tagging_mode": "tagged"},
+        "Vlan7|PortChannel3": {"tagging_mode": "tagged"}})";
+    EXPECT_EQ(read("{" + std::string(members) + "}").vlan_members->size(), 2U);
+    EXPECT_EQ(error_of("{" + std::string(members) + R"(, "PORTCHANNEL": {}})"),
+              "file:2: VLAN_MEMBER|Vlan7|PortChannel3: \"PortChannel3\" is no port");
+}
+
+TEST(Config, WithAPortLagOrVlanItsMembershipsAreDropped)
+{
+    switch_config config = read(R"({"PORT": {"a": {}, "b": {}}, "PORTCHANNEL": {"PortChannel1": {}},
+        "VLAN": {"Vlan1": {}, "Vlan2": {}}, "VLAN_MEMBER": {"Vlan1|a": {"tagging_mode": "tagged"},
+        "Vlan2|a": {"tagging_mode": "tagged"}, "Vlan1|b": {"tagging_mode": "tagged"},
+        "Vlan2|b": {"tagging_mode": "tagged"}, "Vlan1|PortChannel1": {"tagging_mode": "tagged"}}})");
+    const auto dropped = [&config] {
+        std::string keys;
+        for (const vlan_member &member : *config.vlan_members)
+            keys += member.dropped ? member.key + ' ' : "";
+        return keys;
+    };
+    std::string error;
+    EXPECT_TRUE(drop_entry("VLAN_MEMBER|Vlan2|b", &config, &error));
+    EXPECT_EQ(dropped(), "Vlan2|b ");
+    EXPECT_TRUE(drop_entry("PORT|a", &config, &error));
+    EXPECT_EQ(dropped(), "Vlan1|a Vlan2|a Vlan2|b ");
+    EXPECT_TRUE(drop_entry("PORTCHANNEL|PortChannel1", &config, &error));
+    EXPECT_EQ(dropped(), "Vlan1|a Vlan2|a Vlan2|b Vlan1|PortChannel1 ");
+    EXPECT_TRUE(drop_entry("VLAN|Vlan1", &config, &error));
+    EXPECT_EQ(dropped(), "Vlan1|a Vlan2|a Vlan1|b Vlan2|b Vlan1|PortChannel1 ");
+}
+
 TEST(Config, WhatIsDroppedIsMarkedAndLeavesTheRestAlone)
 {
     switch_config config = read(R"({"PORT": {"a": {}, "b": {}}, "PORTCHANNEL": {"PortChannel1": {}},
@@ -254,6 +302,29 @@ TEST(Config, WhatMakesNoSenseIsNamed)
         {R"({"VLAN": "Vlan5"})", "file:1: VLAN: must be an object of entries"},
         {R"({"VLAN": {"Vlan5": []}})", "file:1: VLAN|Vlan5: must be an object of fields"},
         {R"({"VLAN": {"Vlan5": "5"}})", "file:1: VLAN|Vlan5: must be an object of fields"},
+        {R"({"VLAN_MEMBER": {"Vlan1": {"tagging_mode": "tagged"}}, "VLAN": {"Vlan1": {}}})",
+         "file:1: VLAN_MEMBER|Vlan1: the key must be VLAN|PORT"},
+        {R"({"VLAN_MEMBER": {"Vlan1|": {"tagging_mode": "tagged"}}, "VLAN": {"Vlan1": {}}})",
+         "file:1: VLAN_MEMBER|Vlan1|: the key must be VLAN|PORT"},
+        {R"({"VLAN_MEMBER": {"vlan|a": {"tagging_mode": "tagged"}}, "VLAN": {"Vlan1": {}}})",
+         "file:1: VLAN_MEMBER|vlan|a: \"vlan\" is not Vlan1 to Vlan4094"},
+        {R"({"VLAN_MEMBER": {"Vlan2|a": {"tagging_mode": "tagged"}}, "VLAN": {"Vlan1": {}}})",
+         "file:1: VLAN_MEMBER|Vlan2|a: \"Vlan2\" is not in the table VLAN"},
+        {R"({"VLAN_MEMBER": {"Vlan2|a": {"tagging_mode": "tagged"}}})",
+         "file:1: VLAN_MEMBER|Vlan2|a: \"Vlan2\" is not in the table VLAN"},
+        {R"({"VLAN_MEMBER": {"Vlan1|a": {"tagging_mode": "tagged"}}, "VLAN": {"Vlan1": {}}, "PORT": {"b": {}}})",
+         "file:1: VLAN_MEMBER|Vlan1|a: \"a\" is no port"},
+        {R"({"VLAN_MEMBER": {"Vlan1|PortChannelX": {"tagging_mode": "tagged"}}, "VLAN": {"Vlan1": {}}})",
+         "file:1: VLAN_MEMBER|Vlan1|PortChannelX: \"PortChannelX\" is no port"},
+        {R"({"VLAN_MEMBER": {"Vlan1|a": {}}, "VLAN": {"Vlan1": {}}})",
+         "file:1: VLAN_MEMBER|Vlan1|a: tagging_mode is missing"},
+        {R"({"VLAN_MEMBER": {"Vlan1|a": {"tagging_mode": "priority_tagged"}}, "VLAN": {"Vlan1": {}}})",
+         "file:1: VLAN_MEMBER|Vlan1|a: tagging_mode \"priority_tagged\" is neither tagged nor untagged"},
+        {R"({"VLAN_MEMBER": {"Vlan1|a": {"tagging_mode": ["tagged"]}}, "VLAN": {"Vlan1": {}}})",
+         "file:1: VLAN_MEMBER|Vlan1|a: tagging_mode is neither tagged nor untagged"},
+        {R"({"VLAN_MEMBER": {"Vlan1|a": {"tagging_mode": "tagged"}, "Vlan01|a": {"tagging_mode": "untagged"}},
+             "VLAN": {"Vlan1": {}}})",
+         "file:1: VLAN_MEMBER|Vlan01|a: is the same member as Vlan1|a"},
         {R"({"VXLAN_TUNNEL_MAP": {"m": {"vni": "5", "vlan": "Vlan9"}}})",
          "file:1: VXLAN_TUNNEL_MAP|m: the key must be TUNNEL|MAP"},
         {R"({"VXLAN_TUNNEL_MAP": {"|m": {"vni": "5", "vlan": "Vlan9"}}})",

@@ -123,6 +123,43 @@ TEST(EbridgeRun, PortsLagsTunnelsAndMapsAreReadBackWithTheirAttributes)
                                          R"("eport":{"requested":9,"granted":9,"refused":0,"verified":9}},)");
 }
 
+TEST(EbridgeRun, MembersOfVlansArePublishedAndReadBackWithTheirDefaultVlans)
+{
+    const outcome seen = ebridge_json(R"({"PORT": {"a": {"lanes": "0"}, "b": {"lanes": "1"}},
+        "PORTCHANNEL": {"PortChannel1": {}}, "VLAN": {"Vlan10": {}, "Vlan20": {}}, "VLAN_MEMBER": {
+        "Vlan10|a": {"tagging_mode": "untagged"}, "Vlan20|a": {"tagging_mode": "tagged"},
+        "Vlan20|PortChannel1": {"tagging_mode": "untagged"}}})");
+    EXPECT_EQ(seen.status, 0) << seen.err;
+    EXPECT_THAT(seen.out, HasSubstr(R"("VLAN":{"requested":2,"granted":2,"refused":0,"verified":2},)"
+                                    R"("VLAN_MEMBER":{"requested":3,"granted":3,"refused":0,"verified":3}})"));
+    EXPECT_THAT(seen.err, IsEmpty());
+}
+
+TEST(EbridgeRun, MembersTellThePortsWhereTheConfigurationHasNone)
+{
+    const outcome seen = ebridge_json(R"({"VLAN": {"Vlan10": {}, "Vlan9": {}}, "VLAN_MEMBER": {
+        "Vlan10|Ethernet4": {"tagging_mode": "untagged"}, "Vlan10|swp1": {"tagging_mode": "tagged"},
+        "Vlan9|Ethernet4": {"tagging_mode": "untagged"}, "Vlan10|PortChannel7": {"tagging_mode": "untagged"}}})");
+    EXPECT_EQ(seen.status, 0) << seen.err;
+    EXPECT_THAT(seen.out, HasSubstr(R"("VLAN_MEMBER":{"requested":4,"granted":4,"refused":0,"verified":4})"));
+    EXPECT_THAT(seen.out, HasSubstr(R"("eport":{"requested":0,"granted":0,"refused":0,"verified":0})"));
+    EXPECT_EQ(seen.err, "Ethernet4: untagged in several VLANs, 9-10: the lowest is its default VLAN\n");
+}
+
+TEST(EbridgeRun, MembersThatMakeNoSenseAreOneLine)
+{
+    const temporary_file file(R"({"VLAN": {"Vlan10": {}}, "VLAN_MEMBER": {"Vlan11|a": {"tagging_mode": "tagged"}}})");
+    expect_bad_input(ebridge({"run", file.path()}), "VLAN_MEMBER|Vlan11|a: \"Vlan11\" is not in the table VLAN");
+    const temporary_file far(R"({"VLAN": {"Vlan10": {}}, "VLAN_MEMBER": {
+        "Vlan10|Ethernet1000000": {"tagging_mode": "tagged"}}})");
+    expect_bad_input(ebridge({"run", far.path()}), far.path() +
+                                                       ": the ports in VLAN_MEMBER: PORT|Ethernet1000000: the "
+                                                       "number in the name is above 999999");
+    const temporary_file blank(R"({"VLAN": {"Vlan10": {}}, "VLAN_MEMBER": {
+        "Vlan10|swp 1": {"tagging_mode": "tagged"}}})");
+    expect_bad_input(ebridge({"run", blank.path()}), "PORT|swp 1: the name must be 1 to 64 characters, no blank");
+}
+
 TEST(EbridgeRun, ACircuitThatIsRefusedIsToldApartFromItsMap)
 {
     const temporary_file file(SWITCH);

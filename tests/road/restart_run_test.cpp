@@ -65,9 +65,12 @@ TEST_F(RestartRun, ExactlyWhatWasDroppedGoesAndNoOtherIdChanges)
                                     R"("VLAN":{"kept":39,"unchanged":39,"dropped":1,"gone":1},)"
                                     R"("VXLAN_TUNNEL":{"kept":2,"unchanged":2,"dropped":1,"gone":1},)"
                                     R"("VXLAN_TUNNEL_MAP":{"kept":19,"unchanged":19,"dropped":1,"gone":1},)"
+                                    R"("VLAN_MEMBER":{"kept":243,"unchanged":243,"dropped":19,"gone":19},)"
                                     R"("ACL_RULE":{"kept":11,"unchanged":11,"dropped":0,"gone":0}},)"));
     const store_view left = store();
-    EXPECT_EQ(expected.size() - left.size(), 12U) << "six sessions and their attributes";
+    // Six sessions and their attributes; the VLANs of the port and of the LAG; and default VLANs, each of which is in the
+    // table, too: of these two, and of the LAGs that were untagged in the VLAN.
+    EXPECT_EQ(expected.size() - left.size(), 12U + 2 + 2 * 4);
     for (const auto &[key, reply] : left)
         EXPECT_EQ(expected[key], reply) << key;
     for (const char *gone : {"u_bridge.evlan_session:ebridge_run:16:10", "u_bridge.evlan:ebridge_run:268435466",
@@ -94,6 +97,18 @@ TEST_F(RestartRun, ARestartWithNothingDroppedChangesNothing)
     EXPECT_EQ(seen.status, 0) << seen.err;
     EXPECT_THAT(seen.out, HasSubstr(R"("PORT":{"kept":52,"unchanged":52,"dropped":0,"gone":0})"));
     EXPECT_EQ(store(), before);
+}
+
+TEST_F(RestartRun, MembersThatAreDroppedLeaveTheirPortsAlone)
+{
+    const temporary_file file(R"({"VLAN": {"Vlan7": {}, "Vlan8": {}}, "VLAN_MEMBER": {
+        "Vlan7|a": {"tagging_mode": "untagged"}, "Vlan8|a": {"tagging_mode": "untagged"},
+        "Vlan8|b": {"tagging_mode": "tagged"}}})");
+    ASSERT_EQ(ebridge({file.path()}).status, 0);
+    const outcome seen = restart(file.path(), {"VLAN_MEMBER|Vlan7|a", "VLAN_MEMBER|Vlan8|b"}, "2");
+    EXPECT_EQ(seen.status, 0) << seen.err;
+    EXPECT_THAT(seen.out, HasSubstr(R"("VLAN_MEMBER":{"kept":1,"unchanged":1,"dropped":2,"gone":2})"));
+    EXPECT_EQ(marks(redis, 4), ":0");
 }
 
 TEST_F(RestartRun, RulesThatAreDroppedGoAndThoseThatHadLostToThemHold)
@@ -165,7 +180,8 @@ TEST(RestartUsage, WrongUsageIsOneLineAndAsksNobody)
         {{"--restart", "--without", "VLAN|Vlan11"}, "--without VLAN|Vlan11: the configuration has no such entry"},
         {{"--restart", "--without", "VLAN|Vlan10", "--without", "VLAN"}, "--without VLAN: the configuration has no"},
         {{"--restart", "--without", "ACL_TABLE|SERVERS"}, "--without ACL_TABLE|SERVERS: nothing is made of such"},
-        {{"--restart", "--without", "VLAN_MEMBER|x\ny"}, "VLAN_MEMBER|x\\x0ay: nothing is made"},
+        {{"--restart", "--without", "VLAN_MEMBER|x\ny"}, "VLAN_MEMBER|x\\x0ay: the configuration has no such entry"},
+        {{"--restart", "--without", "QUEUE|x\ny"}, "QUEUE|x\\x0ay: nothing is made"},
         {{"--without", "VLAN|Vlan10"}, "--without requires --restart"},
         {{"--delete-now"}, "--delete-now requires --restart"},
     };
