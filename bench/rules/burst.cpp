@@ -6,13 +6,13 @@
 #include <ctime>
 #include <memory>
 #include <stdexcept>
-#include <thread>
 #include <vector>
 
 #include "ebridged.h"
 #include "processes.hpp"
 #include "redis_server.hpp"
 #include "rule_set.hpp"
+#include "running_loop.hpp"
 
 namespace bench
 {
@@ -148,57 +148,6 @@ burst run_embedded(int rules)
 }
 
 // ---- processes ------------------------------------------------------------------------------------------------------
-
-// A master that a thread of its own runs.
-class running_loop
-{
-  public:
-    running_loop() : thread_([this] { qz_thread_run(master); }) {}
-    ~running_loop()
-    {
-        qz_thread_stop(master);
-        thread_.join();
-    }
-    running_loop(const running_loop &) = delete;
-    running_loop &operator=(const running_loop &) = delete;
-
-    template <typename Act>
-    void call(Act act) const
-    {
-        struct outcome {
-            Act *act;
-            std::exception_ptr thrown;
-        } of{&act, nullptr};
-        qz_thread_call_wait(
-            master,
-            [](void *arg) {
-                auto *its = static_cast<outcome *>(arg);
-                try {
-                    (*its->act)();
-                } catch (...) {
-                    its->thrown = std::current_exception();
-                }
-            },
-            &of);
-        if (of.thrown)
-            std::rethrow_exception(of.thrown);
-    }
-
-    template <typename Is>
-    void wait_for(Is is_so) const
-    {
-        bool so = false;
-        do {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            call([&] { so = is_so(); });
-        } while (!so);
-    }
-
-    qz_thread_master *const master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
-
-  private:
-    std::thread thread_;
-};
 
 // Writes its rules, a slice at a time, as long as the store takes them, and then all of them again, so many times.
 struct publisher {
