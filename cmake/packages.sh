@@ -13,7 +13,7 @@ set -eu
 packages_of() {
     case $1 in
     build) echo 'g++ cmake ninja-build pkg-config libprotobuf-c-dev protobuf-c-compiler libuv1-dev libspdlog-dev' \
-        'libhiredis-dev nlohmann-json3-dev libcli11-dev' ;;
+        'libhiredis-dev nlohmann-json3-dev libcli11-dev libedit-dev' ;;
     test) echo 'libgtest-dev libgmock-dev redis-server abigail-tools' ;;
     bench) echo 'libbenchmark-dev libabsl-dev redis-server' ;;
     arm) echo 'g++-arm-linux-gnueabihf qemu-user-static libprotobuf-c-dev:armhf libuv1-dev:armhf' \

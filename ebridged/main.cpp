@@ -4,11 +4,13 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "notify.hpp"
+#include "shell_commands.hpp"
 #include "standby.hpp"
 
 namespace
@@ -130,6 +132,9 @@ int serve(qz_thread_master *master, settings *given, const sigset_t *signals)
         std::fprintf(stderr, "ebridged: %s: %s\n", given->store.c_str(), qz_mom_strerror(code));
         return code == QZ_MOM_EDB || code == QZ_MOM_EINVAL ? BAD_ARGUMENT : NO_STORE;
     }
+    const ebridged::shell_commands shell(master, &turns);
+    if (shell.failure() != 0)
+        log_line(EBRIDGED_LOG_ERROR, (std::string("no debug shell: ") + std::strerror(shell.failure())).c_str(), given);
     std::thread waiter([master, signals] {
         int signal = 0;
         sigwait(signals, &signal);

@@ -45,8 +45,24 @@ int32_t standby::start()
 {
     const int32_t code = open();
     if (code == QZ_MOM_OK)
-        told_->entered(state::connecting);
+        enter(state::connecting);
     return code;
+}
+
+void standby::enter(state now)
+{
+    now_ = now;
+    told_->entered(now);
+}
+
+bool standby::get_stat(ebridged_stat *out) const
+{
+    if (!service_ || !arbiter_ || !resolver_)
+        return false;
+    service_->stat(out);
+    arbiter_->stat(out);
+    resolver_->stat(out);
+    return true;
 }
 
 int32_t standby::open()
@@ -65,7 +81,7 @@ int32_t standby::on_connected(qz_mom_handle *handle, void *args)
 {
     auto *self = static_cast<standby *>(args);
     if (handle == self->handle_ && ++self->connected_ == self->written_.size() && self->service_ == nullptr)
-        self->told_->entered(state::standing_by);
+        self->enter(state::standing_by);
     return 0;
 }
 
@@ -101,7 +117,7 @@ void standby::serve()
     service_ = std::make_unique<service>(handle_, &options);
     arbiter_ = std::make_unique<arbiter>(handle_, &options);
     resolver_ = std::make_unique<pvid_resolver>(handle_, &options);
-    told_->entered(state::serving);
+    enter(state::serving);
     service_->start();
     arbiter_->start();
     resolver_->start();
@@ -118,7 +134,7 @@ void standby::step_down()
 {
     log_(EBRIDGED_LOG_ERROR, "the store's lock is lost");
     end_service();
-    told_->entered(state::standing_by);
+    enter(state::standing_by);
     open_anew();
 }
 

@@ -41,11 +41,16 @@ class standby
     // 0, or the store's code for a URL or a database that makes no sense.
     int32_t start();
 
+    state now() const { return now_; }
+    // False unless it serves.
+    bool get_stat(ebridged_stat *out) const;
+
   private:
     static int32_t on_connected(qz_mom_handle *handle, void *self);
     static int32_t on_lock(qz_mom_handle *handle, uint32_t db, int32_t held, void *self);
 
     int32_t open();
+    void enter(state now);
     void ask();
     void serve();
     void end_service();
@@ -57,6 +62,7 @@ class standby
     const ebridged_options options_;
     const service_log log_;
     observer *const told_;
+    state now_ = state::connecting;
     std::vector<uint32_t> served_;
     std::vector<uint32_t> written_;  // databases, the mirror's included
     qz_mom_handle *handle_ = nullptr;

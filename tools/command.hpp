@@ -23,6 +23,7 @@ struct command {
 
 // Each declares a subcommand, or several below one name, with its arguments and its help.
 void add_run(CLI::App *ebridge, std::vector<command> *commands);
+void add_shell(CLI::App *ebridge, std::vector<command> *commands);
 void add_show(CLI::App *ebridge, std::vector<command> *commands);
 
 // One line on standard error. Returns the status.

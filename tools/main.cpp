@@ -14,6 +14,7 @@ namespace
 constexpr const char *FOOTER =
     "Examples:\n"
     "  ebridge run leaf.json                             see ebridge run --help\n"
+    "  ebridge shell --list                              see ebridge shell --help\n"
     "  ebridge show ematch --store redis://127.0.0.1     see ebridge show ematch --help";
 
 // "ebridge run": the words as far as they are understood, for whom the help is to be asked.
@@ -29,7 +30,7 @@ int ebridge(int argc, char **argv)
     app.require_subcommand(1);
     app.footer(FOOTER);
     std::vector<command> commands;
-    for (const auto add : {add_run, add_show})
+    for (const auto add : {add_run, add_shell, add_show})
         add(&app, &commands);
     try {
         app.parse(argc, argv);

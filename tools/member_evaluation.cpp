@@ -55,7 +55,7 @@ std::string surplus(const vlan_port &port, const vlan_member &member, const memb
     for (size_t i : port.members)
         if (members.entry(i).dropped)
             more[members.entry(i).vlan / 32] &= ~(1U << members.entry(i).vlan % 32);
-    return more == vlan_set() ? "" : "the observer reads VLANs that nobody asked for: " + ranges_of(more);
+    return any(more) ? "the observer reads VLANs that nobody asked for: " + ranges_of(more) : "";
 }
 
 std::string difference(const member_book &members, const vlan_port &port, const vlan_member &member)

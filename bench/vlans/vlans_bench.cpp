@@ -109,7 +109,7 @@ figures run_raw(int records, const std::function<void(raw_connection &, int)> &a
 // About as many bytes as the three bitmaps of a port have as they are stored.
 figures run_floor()
 {
-    const std::string value(3 * 128 * 5, 'x');
+    const std::string value(size_t{3} * 128 * 5, 'x');
     return run_raw(PORTS, [&value](raw_connection &to, int port) {
         to.append({"SET", "u_bridge.port_vlans:vlans_bench:" + std::to_string(eport_of(port)), value});
     });

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -73,11 +74,30 @@ bool filter_selects(const std::string &filter, const std::string &name)
     return minus == std::string::npos || !any_matches(filter.substr(minus + 1), name);
 }
 
+// Programs that tests start serve their debug shells here and nowhere else.
+class shell_folder
+{
+  public:
+    shell_folder()
+    {
+        if (mkdtemp(path_) != nullptr)
+            setenv("EBRIDGE_SHELL_DIR", path_, 1);
+    }
+    ~shell_folder() { std::filesystem::remove_all(path_, ignored_); }
+    shell_folder(const shell_folder &) = delete;
+    shell_folder &operator=(const shell_folder &) = delete;
+
+  private:
+    char path_[32] = "/tmp/ebridge-shells-XXXXXX";
+    std::error_code ignored_{};
+};
+
 }  // namespace
 
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
+    const shell_folder private_to_this_run;
     const std::string filter = testing::GTEST_FLAG(filter);
     if (testing::GTEST_FLAG(list_tests) || one_name(filter))
         return RUN_ALL_TESTS();
