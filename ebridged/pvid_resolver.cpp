@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <new>
+#include <string_view>
+#include <tuple>
 
 #include "notification.hpp"
 #include "numbers.hpp"
@@ -17,6 +19,8 @@ namespace
 using resolvers = numbers<pvid_resolver *>;
 
 constexpr int32_t LAST_VLAN = 4094;
+// Of a table record that is not as this service writes them, with a pvid and whole: removed before it is written.
+constexpr int32_t FOREIGN = -1;
 
 // A record of either kind whose port is `port`: of 0 a pattern of all.
 template <typename Record>
@@ -35,6 +39,8 @@ using claim_record = port_record<UBridge__PortVid>;
 using table_record = port_record<UBridge__PvidTable>;
 constexpr UBridge__PortVid NO_CLAIM = U_BRIDGE__PORT_VID__INIT;
 constexpr UBridge__PvidTable NO_ENTRY = U_BRIDGE__PVID_TABLE__INIT;
+
+std::string_view user_of(const UBridge__PortIndex &index) { return index.t_user ? index.t_user : ""; }
 
 }  // namespace
 
@@ -59,21 +65,21 @@ pvid_resolver::~pvid_resolver()
 {
     resolvers::remove(number_);
     const claim_record claims(NO_CLAIM, 0);
-    const table_record table(NO_ENTRY, 0);
+    const table_record entries(NO_ENTRY, 0);
     for (const task &each : tasks_) {
         if (each.state == progress::waiting)
             continue;
         if (each.to_do == what::follow_claims)
             qz_mom_unsubscribe(handle_, each.db, &claims.record.base, on_claim, number_arg());
         else if (each.to_do == what::follow_table)
-            qz_mom_unsubscribe(handle_, each.db, &table.record.base, on_table, number_arg());
+            qz_mom_unsubscribe(handle_, each.db, &entries.record.base, on_table, number_arg());
     }
 }
 
 void pvid_resolver::stat(ebridged_stat *out) const
 {
     out->pvid_ports = static_cast<uint32_t>(claims_.size());
-    out->waiting_pvids = static_cast<uint32_t>(due_.size());
+    out->waiting_pvids = static_cast<uint32_t>(waiting());
     out->pvids = written_;
 }
 
@@ -114,31 +120,24 @@ bool pvid_resolver::may_begin(const task &which) const
 int32_t pvid_resolver::begin(const task &which)
 {
     const claim_record claims(NO_CLAIM, 0);
-    const table_record table(NO_ENTRY, 0);
+    const table_record entries(NO_ENTRY, 0);
     switch (which.to_do) {
         case what::follow_claims:
             return qz_mom_subscribe(handle_, which.db, &claims.record.base, 0, on_claim, number_arg());
         case what::read_claims:
             return qz_mom_scan(handle_, which.db, &claims.record.base, 0, on_claim_scan, number_arg());
         case what::follow_table:
-            return qz_mom_subscribe(handle_, which.db, &table.record.base, 0, on_table, number_arg());
+            return qz_mom_subscribe(handle_, which.db, &entries.record.base, 0, on_table, number_arg());
         case what::read_table:
-            tables_.at(which.db).clear();
-            return qz_mom_scan(handle_, which.db, &table.record.base, 0, on_table_scan, number_arg());
+            return qz_mom_scan(handle_, which.db, &entries.record.base, 0, on_table_scan, number_arg());
     }
     return QZ_MOM_EINVAL;
 }
 
-pvid_resolver::task &pvid_resolver::task_of(uint32_t db, what to_do)
-{
-    return *std::ranges::find_if(tasks_, [=](const task &each) { return each.db == db && each.to_do == to_do; });
-}
-
-bool pvid_resolver::is_read(uint32_t db) { return task_of(db, what::read_table).state == progress::done; }
-
 void pvid_resolver::finish(uint32_t db, what done, int32_t error)
 {
-    task &its = task_of(db, done);
+    const auto is_it = [=](const task &each) { return each.db == db && each.to_do == done; };
+    task &its = *std::ranges::find_if(tasks_, is_it);
     if (its.state != progress::under_way)
         return;
     if (error != QZ_MOM_OK) {
@@ -146,76 +145,79 @@ void pvid_resolver::finish(uint32_t db, what done, int32_t error)
         its.state = progress::waiting;
         return retry_later();
     }
-    its.state = progress::done;
-    try {
-        go_on(db, done);
-    } catch (const std::bad_alloc &) {
-        its.state = progress::under_way;
-        throw;
-    }
+    if (std::ranges::all_of(tasks_, [&](const task &each) { return is_it(each) || each.state == progress::done; }))
+        begin_serving();
+    its.state = progress::done;  // last: what failed for lack of memory is done from the beginning
+    advance();
 }
 
-void pvid_resolver::go_on(uint32_t db, what done)
+void pvid_resolver::begin_serving()
 {
-    advance();
-    if (serving_ && done == what::read_table)
-        compare(db);
-    if (serving_ || !std::ranges::all_of(tasks_, [](const task &each) { return each.state == progress::done; }))
-        return;
     order_claims();
-    for (const auto &[each, shown] : tables_)
-        compare(each);
-    serving_ = true;  // last: what failed for lack of memory is done from the beginning
+    for (auto &[db, its] : tables_)
+        compare(its);
+    write_due();
+    serving_ = true;
     changed_.clear();
     log(EBRIDGED_LOG_INFO, "default VLANs of %zu ports are set", claims_.size());
 }
 
+// By the first table that knows it: one of them may have been lost.
+pvid_resolver::entry pvid_resolver::shown_for(port_id port) const
+{
+    for (const auto &[db, its] : tables_)
+        if (const auto found = its.entries.find(port); found != its.entries.end() && found->second.pvid > 0)
+            return found->second;
+    return {};
+}
+
 void pvid_resolver::order_claims()
 {
-    const shown_table &shown = tables_.begin()->second;
     for (auto &[port, claims] : claims_) {
-        const auto entry = shown.find(port);
-        const int32_t current = entry == shown.end() ? 0 : entry->second;
-        const auto rank = [current](const claim &each) {
-            return std::tuple(each.heard, each.heard == 0 && each.pvid == current, std::string_view(each.user),
-                              each.db);
+        const auto rank = [shown = shown_for(port)](const claim &each) {
+            const int place = each.heard != 0 ? 0 : each.pvid == shown.pvid ? 2 : each.pvid == shown.before ? 1 : 0;
+            return std::tuple(each.heard, place, std::string_view(each.user), each.db);
         };
         std::ranges::sort(claims, {}, rank);
     }
 }
 
-// Brings a database's table up to date.
-void pvid_resolver::compare(uint32_t db)
+void pvid_resolver::compare(table &its)
 {
-    for (const auto &[port, pvid] : tables_.at(db))
-        if (pvid != pvid_of(port))
-            due_.insert({db, port});
+    for (const auto &[port, shown] : its.entries)
+        if (shown.pvid != pvid_of(port))
+            its.due.insert(port);
     for (const auto &[port, claims] : claims_)
-        if (!tables_.at(db).contains(port))
-            due_.insert({db, port});
-    write_due();
+        if (!its.entries.contains(port))
+            its.due.insert(port);
 }
 
 // ---- changes --------------------------------------------------------------------------------------------------------
+
+// A change outweighs what a scan says that comes after it.
+bool pvid_resolver::is_news(const qz_mom_notification &msg, bool live)
+{
+    if (live && !serving_)
+        changed_.emplace(msg.db, msg.key);
+    return live || !changed_.contains({msg.db, msg.key});
+}
 
 void pvid_resolver::claim_heard(const qz_mom_notification &msg, bool live)
 {
     if (!is_written(msg.cmd) && !is_removed(msg.cmd))
         return;
     const auto *record = record_of(msg, NO_CLAIM);
-    if (!record || !record->index) {
-        log(EBRIDGED_LOG_ERROR, "database %u, %s: not a default VLAN, skipped", msg.db, msg.key);
+    if (!record || !record->index || user_of(*record->index).empty()) {
+        log(EBRIDGED_LOG_ERROR, "database %u, %s: not a user's default VLAN, skipped", msg.db, msg.key);
         return;
     }
+    if (!is_news(msg, live))
+        return;
     const auto port = static_cast<port_id>(record->index->port);
-    claim heard{msg.db, record->index->t_user ? record->index->t_user : "", record->pvid, live ? ++heard_ : 0};
+    const claim heard{msg.db, std::string(user_of(*record->index)), record->pvid, live ? ++heard_ : 0};
     const bool sets = is_written(msg.cmd) && heard.pvid >= 1 && heard.pvid <= LAST_VLAN;
     if (is_written(msg.cmd) && !sets)
         log(EBRIDGED_LOG_ERROR, "database %u, %s: %d is no VLAN, taken for none", msg.db, msg.key, heard.pvid);
-    if (!serving_ && live)
-        changed_.insert({msg.db, heard.user, port});
-    else if (!live && changed_.contains({msg.db, heard.user, port}))
-        return;
     if (sets)
         set(heard, port);
     else
@@ -249,56 +251,80 @@ int32_t pvid_resolver::pvid_of(port_id port) const
     return of == claims_.end() || of->second.empty() ? 0 : of->second.back().pvid;
 }
 
-void pvid_resolver::entry_read(const qz_mom_notification &msg)
+void pvid_resolver::entry_heard(const qz_mom_notification &msg, bool live)
 {
+    if (!is_written(msg.cmd) && !is_removed(msg.cmd))
+        return;
     const auto *record = record_of(msg, NO_ENTRY);
-    if (record && record->index)
-        tables_.at(msg.db)[static_cast<port_id>(record->index->port)] = record->new_pvid;
+    if (!record || !record->index || !user_of(*record->index).empty()) {
+        log(EBRIDGED_LOG_ERROR, "database %u, %s: not of the table of default VLANs, skipped", msg.db, msg.key);
+        return;
+    }
+    if (!is_news(msg, live))
+        return;
+    const auto port = static_cast<port_id>(record->index->port);
+    table &its = tables_.at(msg.db);
+    entry &shown = its.entries[port];
+    const bool is_ours = msg.cmd == QZ_MOM_CMD_SET && record->new_pvid > 0;
+    shown.heard = is_removed(msg.cmd) ? 0 : is_ours ? record->new_pvid : FOREIGN;
+    shown.before = record->old_pvid;
+    if (shown.under_way == 0)
+        settle(its, port);
+    if (!serving_)
+        return;
+    tidy(its, port);
+    if (!retry_pending_)
+        write_due();
 }
 
-// Mostly what was written here. Of several writes that follow each other closely the older ones are taken for another's,
-// too: then a table is read once too often.
-void pvid_resolver::entry_heard(const qz_mom_notification &msg)
+// What was heard is what the record says, as all that was sent has been answered.
+void pvid_resolver::settle(table &its, port_id port)
 {
-    const auto *record = record_of(msg, NO_ENTRY);
-    if (!record || !record->index)
-        return;
-    const shown_table &shown = tables_.at(msg.db);
-    const auto entry = shown.find(static_cast<port_id>(record->index->port));
-    const int32_t pvid = entry == shown.end() ? 0 : entry->second;
-    if (pvid != (is_written(msg.cmd) ? record->new_pvid : 0))
-        read_again(msg.db);
+    entry &shown = its.entries.at(port);
+    if (serving_ && shown.heard != pvid_of(port))
+        its.due.insert(port);  // first: it may lack memory
+    shown.pvid = shown.heard;
 }
 
-void pvid_resolver::read_again(uint32_t db)
+// No record, and none under way.
+void pvid_resolver::tidy(table &its, port_id port)
 {
-    task &reading = task_of(db, what::read_table);
-    if (reading.state != progress::done)
-        return;
-    reading.state = progress::waiting;
-    retry_later();
+    if (const auto found = its.entries.find(port); found->second.pvid == 0 && found->second.under_way == 0)
+        its.entries.erase(found);
 }
 
 // ---- writes ---------------------------------------------------------------------------------------------------------
 
 void pvid_resolver::put(port_id port)
 {
-    for (const auto &[db, shown] : tables_)
-        due_.insert({db, port});
+    for (auto &[db, its] : tables_)
+        its.due.insert(port);
     if (!retry_pending_)
         write_due();
 }
 
-// Writes what is due until the store takes no more.
 void pvid_resolver::write_due()
 {
-    for (auto next = due_.begin(); next != due_.end();) {
-        const auto [db, port] = *next;
-        if (!is_read(db)) {
-            ++next;
-            continue;
-        }
-        const int32_t code = write(db, port);
+    for (auto &[db, its] : tables_)
+        write_due(db, its);
+}
+
+// Where nobody makes a call again that lacks memory.
+void pvid_resolver::try_write_due()
+{
+    try {
+        write_due();
+    } catch (const std::bad_alloc &) {
+        retry_later();
+    }
+}
+
+// Writes what is due in a database until it takes no more.
+void pvid_resolver::write_due(uint32_t db, table &its)
+{
+    while (!its.due.empty()) {
+        const port_id port = *its.due.begin();
+        const int32_t code = write(db, its, port);
         if (passes(code))
             return retry_later();
         if (code == QZ_MOM_EFENCED)
@@ -306,30 +332,70 @@ void pvid_resolver::write_due()
         if (code != QZ_MOM_OK)
             log(EBRIDGED_LOG_ERROR, "database %u, port 0x%x: cannot be written: %s", db, static_cast<uint32_t>(port),
                 qz_mom_strerror(code));
-        next = due_.erase(next);
+        its.due.erase(its.due.begin());
     }
 }
 
-int32_t pvid_resolver::write(uint32_t db, port_id port)
+int32_t pvid_resolver::write(uint32_t db, table &its, port_id port)
 {
-    shown_table &shown = tables_.at(db);
-    int32_t &last = shown[port];  // made first: it may lack memory
     const int32_t pvid = pvid_of(port);
-    table_record entry(NO_ENTRY, port);
-    entry.record.new_pvid = pvid;
-    entry.record.old_pvid = last;
+    entry &shown = its.entries[port];
     int32_t code = QZ_MOM_OK;
-    if (pvid != last) {
-        code = pvid != 0 ? qz_mom_set(handle_, db, &entry.record.base, on_written, number_arg())
-                         : qz_mom_del(handle_, db, &entry.record.base, on_written, number_arg());
-        if (code != QZ_MOM_OK)
-            return code;
-        ++written_;
-        last = pvid;
-    }
-    if (pvid == 0)
-        shown.erase(port);
+    if (shown.pvid == FOREIGN)
+        code = send(db, its, port, 0);
+    if (code == QZ_MOM_OK && shown.pvid != pvid)
+        code = send(db, its, port, pvid);
+    tidy(its, port);
     return code;
+}
+
+int32_t pvid_resolver::send(uint32_t db, table &its, port_id port, int32_t pvid)
+{
+    entry &shown = its.entries.at(port);
+    table_record written(NO_ENTRY, port);
+    written.record.new_pvid = pvid;
+    written.record.old_pvid = shown.pvid;
+    its.sent.push_back(port);  // first: it may lack memory
+    const int32_t code = pvid != 0 ? qz_mom_set(handle_, db, &written.record.base, on_written, number_arg())
+                                   : qz_mom_del(handle_, db, &written.record.base, on_written, number_arg());
+    if (code != QZ_MOM_OK) {
+        its.sent.pop_back();
+        return code;
+    }
+    shown.pvid = pvid;
+    ++shown.under_way;
+    ++written_;
+    return code;
+}
+
+// Answers come in the order of the writes. What will never work is not tried again, unless it was somebody else's record
+// that stood in the way.
+void pvid_resolver::answered(const qz_mom_notification &msg)
+{
+    table &its = tables_.at(msg.db);
+    const port_id port = its.sent.front();
+    entry &shown = its.entries.at(port);
+    const bool in_the_way = msg.error == QZ_MOM_EFORM && shown.heard == FOREIGN;
+    if (shown.under_way == 1 && (msg.error == QZ_MOM_OK || passes(msg.error) || in_the_way))
+        settle(its, port);
+    its.sent.pop_front();
+    if (--shown.under_way == 0)
+        shown.pvid = shown.heard;
+    if (msg.error != QZ_MOM_OK && msg.error != QZ_MOM_EFENCED)
+        log(EBRIDGED_LOG_ERROR, "database %u, %s: write failed: %s", msg.db, msg.key, qz_mom_strerror(msg.error));
+    if (passes(msg.error))
+        retry_later();
+    tidy(its, port);
+    if (!retry_pending_ && msg.error != QZ_MOM_EFENCED)
+        try_write_due();
+}
+
+size_t pvid_resolver::waiting() const
+{
+    size_t ports = 0;
+    for (const auto &[db, its] : tables_)
+        ports += its.due.size();
+    return ports;
 }
 
 void pvid_resolver::retry_later()
@@ -338,7 +404,7 @@ void pvid_resolver::retry_later()
         return;
     retry_pending_ = qz_thread_call_after(qz_mom_handle_master(handle_), RETRY_USEC, on_retry, number_arg()) == 0;
     if (!retry_pending_)
-        log(EBRIDGED_LOG_ERROR, "no timer: default VLANs of %zu ports wait for the next change", due_.size());
+        log(EBRIDGED_LOG_ERROR, "no timer: default VLANs of %zu ports wait for the next change", waiting());
 }
 
 // ---- callbacks ------------------------------------------------------------------------------------------------------
@@ -368,8 +434,8 @@ int32_t pvid_resolver::on_table(qz_mom_handle *, const qz_mom_notification *msg,
     pvid_resolver *const self = resolvers::find(number);
     if (self && msg->cmd == QZ_MOM_CMD_SUBSCRIBED)
         self->finish(msg->db, what::follow_table, msg->error);
-    else if (self && (is_written(msg->cmd) || is_removed(msg->cmd)))
-        self->entry_heard(*msg);
+    else if (self)
+        self->entry_heard(*msg, true);
     return 0;
 }
 
@@ -379,18 +445,14 @@ int32_t pvid_resolver::on_table_scan(qz_mom_handle *, const qz_mom_notification 
     if (self && msg->end == QZ_MOM_END_SCAN)
         self->finish(msg->db, what::read_table, msg->error);
     else if (self)
-        self->entry_read(*msg);
+        self->entry_heard(*msg, false);
     return 0;
 }
 
 int32_t pvid_resolver::on_written(qz_mom_handle *, const qz_mom_notification *msg, void *number)
 {
-    pvid_resolver *const self = resolvers::find(number);
-    if (!self || msg->error == QZ_MOM_OK || msg->error == QZ_MOM_EFENCED)
-        return 0;
-    self->log(EBRIDGED_LOG_ERROR, "database %u, %s: write failed: %s", msg->db, msg->key, qz_mom_strerror(msg->error));
-    if (passes(msg->error))
-        self->read_again(msg->db);
+    if (pvid_resolver *const self = resolvers::find(number))
+        self->answered(*msg);
     return 0;
 }
 
@@ -402,7 +464,7 @@ void pvid_resolver::on_retry(void *number)
     self->retry_pending_ = false;
     self->advance();
     if (self->serving_)
-        self->write_due();
+        self->try_write_due();
 }
 
 }  // namespace ebridged

@@ -4,22 +4,24 @@
 // The table is written into each served database, where applications follow it, and into the data plane's, where they
 // scan it. A record says what the port's pvid was before, too: what that database's record said.
 //
-// Start. In each database the users' records are subscribed, then scanned, and the table is read. Nothing is written
-// before; then what differs. Records do not say in which order they were set: of those that were there before, the one
-// that the table shows counts as the last, the others by name.
+// Start. In each database the users' records and the table are subscribed, then scanned; a change that is heard meanwhile
+// outweighs what the scan delivers. Nothing is written before all is read; then what differs. Records do not say in which
+// order they were set: of those that were there before, the one that the table shows counts as the last, before it the one
+// that the table names as the pvid before, the others by name.
 //
-// Writes. What the store cannot take yet is remembered as "this port is due", and written as things stand then. Where a
-// table turns out to say something else than was written last, because a write failed or a server has come back without
-// its data, it is read again, and what differs is written.
+// Writes. What the store cannot take yet is remembered as "this port is due", and written as things stand then. Each
+// table is followed, too: with the answer to the last write of a port, all that came of it has been heard. What is heard
+// from then on is somebody else's, or a server's that has come back without its data. Whatever it is: a record that says
+// something else than it should is due.
 //
 // As in service.hpp callbacks can be broken off for lack of memory and carry a number instead of a pointer.
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <set>
 #include <string>
-#include <tuple>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -60,8 +62,18 @@ class pvid_resolver
         uint64_t heard = 0;  // 0: was there before; else in the order of hearing
     };
     using port_id = int32_t;
-    // The pvids that a database's table shows, by port.
-    using shown_table = std::unordered_map<port_id, int32_t>;
+    // A port in a database's table.
+    struct entry {
+        int32_t pvid = 0;        // that the record will say when all that was sent is applied; 0: no record
+        int32_t heard = 0;       // that it said last
+        int32_t before = 0;      // that it names as the one before
+        uint32_t under_way = 0;  // writes without an answer
+    };
+    struct table {
+        std::unordered_map<port_id, entry> entries;
+        std::set<port_id> due;
+        std::deque<port_id> sent;  // whose writes have no answer, in their order
+    };
 
     static int32_t on_claim(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
     static int32_t on_claim_scan(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
@@ -75,24 +87,29 @@ class pvid_resolver
     int32_t advance();
     bool may_begin(const task &which) const;
     int32_t begin(const task &which);
-    task &task_of(uint32_t db, what to_do);
     void finish(uint32_t db, what done, int32_t error);
-    void go_on(uint32_t db, what done);
-    bool is_read(uint32_t db);
+    void begin_serving();
+    entry shown_for(port_id port) const;
     void order_claims();
-    void compare(uint32_t db);
+    void compare(table &its);
     // changes
+    bool is_news(const qz_mom_notification &msg, bool live);
     void claim_heard(const qz_mom_notification &msg, bool live);
-    void entry_read(const qz_mom_notification &msg);
-    void entry_heard(const qz_mom_notification &msg);
-    void read_again(uint32_t db);
     void set(const claim &made, port_id port);
     void let_go(const claim &gone, port_id port);
     int32_t pvid_of(port_id port) const;
+    void entry_heard(const qz_mom_notification &msg, bool live);
+    void settle(table &its, port_id port);
+    static void tidy(table &its, port_id port);
     // writes
     void put(port_id port);
     void write_due();
-    int32_t write(uint32_t db, port_id port);
+    void try_write_due();
+    void write_due(uint32_t db, table &its);
+    int32_t write(uint32_t db, table &its, port_id port);
+    int32_t send(uint32_t db, table &its, port_id port, int32_t pvid);
+    void answered(const qz_mom_notification &msg);
+    size_t waiting() const;
     void retry_later();
 
     qz_mom_handle *const handle_;
@@ -100,11 +117,10 @@ class pvid_resolver
     const uintptr_t number_;  // for callbacks
     std::vector<task> tasks_;
     bool serving_ = false;
-    uint64_t heard_ = 0;                                            // changes of claims
-    std::unordered_map<port_id, std::vector<claim>> claims_;        // the last one counts
-    std::set<std::tuple<uint32_t, std::string, port_id>> changed_;  // until serving: what a scan says of them is older
-    std::map<uint32_t, shown_table> tables_;
-    std::set<std::pair<uint32_t, port_id>> due_;
+    uint64_t heard_ = 0;                                      // changes of claims
+    std::unordered_map<port_id, std::vector<claim>> claims_;  // the last one counts
+    std::map<uint32_t, table> tables_;
+    std::set<std::pair<uint32_t, std::string>> changed_;  // until serving: what has changed, by database and key text
     bool retry_pending_ = false;
     uint64_t written_ = 0;
 };

@@ -233,6 +233,29 @@ TEST_F(StoreContract, UpdateOfARecordIsHeardLikeAnyWrite)
     EXPECT_EQ(QZ_MOM_CMD_HMSET, hears.changes()[1].cmd);
 }
 
+TEST_F(StoreContract, AWriterThatFollowsHearsEachChangeBeforeItsAnswerAndAnswersInCallOrder)
+{
+    auto *writer = open();
+    listener hears;
+    follow(writer, any_session(), hears);
+    const std::vector<uint32_t> field{6};
+    for (int32_t n = 0; n < 200; ++n) {
+        const session_record record({.keyid = n % 7, .request_value = n});
+        ASSERT_EQ(0, qz_mom_hmset(writer, app_db, record.message(), field.data(), 1, listener::hear, &hears));
+    }
+    settle();
+    size_t changes = 0, answers = 0;
+    for (const heard &each : hears.all) {
+        if (each.cmd == QZ_MOM_CMD_HSET) {
+            ++changes;
+        } else if (each.cmd == QZ_MOM_CMD_NONE) {
+            EXPECT_EQ("u_bridge.evlan_session:app:32:" + std::to_string(answers % 7), each.key);
+            EXPECT_LE(++answers, changes);
+        }
+    }
+    EXPECT_EQ(200u, answers);
+}
+
 TEST_F(StoreContract, EveryWriteAnswersOnceWithCommandZeroAndItsKey)
 {
     auto *writer = open();

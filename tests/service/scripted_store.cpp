@@ -1,4 +1,5 @@
-// See scripted_store.hpp. Key texts here are "evlan:USER/32/KEYID", "eport:USER/32/KEYID" and "rule:USER/VLAN/PRIORITY".
+// See scripted_store.hpp. Key texts here are "evlan:USER/32/KEYID", "eport:USER/32/KEYID", "rule:USER/VLAN/PRIORITY",
+// "claim:USER/PORT" and "pvid:USER/PORT".
 #include "scripted_store.hpp"
 
 #include <cstdio>
@@ -100,6 +101,40 @@ struct rule_message {
     rule_message &operator=(const rule_message &) = delete;
 };
 
+// A record of a port, of either kind.
+template <typename Record>
+struct port_message {
+    UBridge__PortIndex index = U_BRIDGE__PORT_INDEX__INIT;
+    Record record;
+    std::string user;
+    std::string key;
+
+    port_message(const char *kind, const Record &init, const std::string &of, int32_t port)
+        : record(init), user(of), key(kind + user + '/' + std::to_string(port))
+    {
+        index.t_user = user.data();
+        index.port = port;
+        record.index = &index;
+    }
+    port_message(const port_message &) = delete;
+    port_message &operator=(const port_message &) = delete;
+};
+
+struct claim_message : port_message<UBridge__PortVid> {
+    explicit claim_message(const claim &of) : port_message("claim:", U_BRIDGE__PORT_VID__INIT, of.user, of.port)
+    {
+        record.pvid = of.pvid;
+    }
+};
+
+struct entry_message : port_message<UBridge__PvidTable> {
+    explicit entry_message(const pvid_entry &of) : port_message("pvid:", U_BRIDGE__PVID_TABLE__INIT, of.user, of.port)
+    {
+        record.old_pvid = of.old_pvid;
+        record.new_pvid = of.new_pvid;
+    }
+};
+
 ProtobufCMessage *copy(const ProtobufCMessage &message)
 {
     uint8_t packed[256];
@@ -111,6 +146,10 @@ table table_of(const ProtobufCMessageDescriptor &type)
 {
     if (&type == &u_bridge__ematch_entry__descriptor)
         return table::rules;
+    if (&type == &u_bridge__port_vid__descriptor)
+        return table::claims;
+    if (&type == &u_bridge__pvid_table__descriptor)
+        return table::pvids;
     const bool eport =
         &type == &u_bridge__eport_session__descriptor || &type == &u_bridge__eport_session_range__descriptor;
     return eport ? table::eport : table::evlan;
@@ -148,6 +187,31 @@ void run(qz_thread_call_func func, void *arg)
     }
 }
 
+// A timer that lacks memory is set again.
+void fire(qz_thread_call_func func, void *arg)
+{
+    store &here = the_store();
+    for (uint64_t nth = here.lacks_memory ? 1 : 0;; ++nth) {
+        const uint64_t failed = failed_allocations();
+        fail_allocations_from(nth);
+        func(arg);
+        fail_allocations_from(0);
+        if (failed_allocations() == failed)
+            return;
+        std::tie(func, arg) = here.timers.back();
+        here.timers.pop_back();
+    }
+}
+
+// A record that was written or removed.
+void tell_change(const listener &to, uint32_t db, const std::string &key, ProtobufCMessage *record, int32_t cmd)
+{
+    const bool in_fields = cmd == QZ_MOM_CMD_HSET || cmd == QZ_MOM_CMD_HMSET;
+    qz_mom_hash_value hash{0, record};
+    void *const value = in_fields ? static_cast<void *>(&hash) : record;
+    tell(to, {.db = db, .key = key.c_str(), .field = "", .cmd = cmd, .value = value, .end = 0, .error = 0});
+}
+
 void tell_outcome(const store_write &which, uint32_t db, const std::string &key, int32_t error)
 {
     tell(which.done, {.db = db,
@@ -165,10 +229,16 @@ int32_t code_of(const std::string &call)
     return found == the_store().codes.end() ? 0 : found->second;
 }
 
+int32_t code_of(const char *call, uint32_t db)
+{
+    const int32_t of_all = code_of(call);
+    return of_all != 0 ? of_all : code_of(call + (' ' + std::to_string(db)));
+}
+
 int32_t note_follow(const char *call, uint32_t db, const ProtobufCMessage *pattern, const listener &given)
 {
     const memory_for_the_test mine;
-    const int32_t code = code_of(call);
+    const int32_t code = code_of(call, db);
     if (code != 0)
         return code;
     const std::string name = std::strchr(pattern->descriptor->name, '.') + 1;
@@ -203,6 +273,14 @@ std::string text_of(const char *call, uint32_t db, const UBridge__EmatchEntry &w
            std::to_string(written.result);
 }
 
+std::string text_of(const char *call, uint32_t db, const UBridge__PvidTable &written)
+{
+    const std::string text = std::string(call) + ' ' + std::to_string(db) + ' ' + std::to_string(written.index->port);
+    if (std::strcmp(call, "del") == 0)
+        return text;
+    return text + ": " + std::to_string(written.old_pvid) + " -> " + std::to_string(written.new_pvid);
+}
+
 std::string text_of(const char *call, uint32_t db, const ProtobufCMessage *message)
 {
     switch (table_of(*message->descriptor)) {
@@ -210,15 +288,17 @@ std::string text_of(const char *call, uint32_t db, const ProtobufCMessage *messa
             return text_of(call, db, *reinterpret_cast<const UBridge__EvlanSession *>(message));
         case table::eport:
             return text_of(call, db, *reinterpret_cast<const UBridge__EportSession *>(message));
-        default:
+        case table::rules:
             return text_of(call, db, *reinterpret_cast<const UBridge__EmatchEntry *>(message));
+        default:
+            return text_of(call, db, *reinterpret_cast<const UBridge__PvidTable *>(message));
     }
 }
 
 int32_t note_write(const char *call, uint32_t db, const ProtobufCMessage *message, listener given)
 {
     const memory_for_the_test mine;
-    const int32_t code = code_of(call);
+    const int32_t code = code_of(call, db);
     if (code != 0)
         return code;
     if (the_store().writes.size() >= the_store().room)
@@ -249,7 +329,7 @@ std::vector<std::string> store::texts() const
 void store::run_timers()
 {
     for (const auto &[func, arg] : std::exchange(timers, {}))
-        func(arg);
+        fire(func, arg);
 }
 
 void store::run_posted()
@@ -325,6 +405,23 @@ void store::rule_removed(const listener &to, uint32_t db, const rule &which, int
               .value = &content.entry.base,
               .end = 0,
               .error = 0});
+}
+
+void store::claim_told(const listener &to, uint32_t db, const claim &which, int32_t cmd) const
+{
+    claim_message content(which);
+    tell_change(to, db, content.key, &content.record.base, cmd);
+}
+
+void store::entry_told(const listener &to, uint32_t db, const pvid_entry &which, int32_t cmd) const
+{
+    entry_message content(which);
+    tell_change(to, db, content.key, &content.record.base, cmd);
+}
+
+void store::write_done(const store_write &which, uint32_t db, int32_t error) const
+{
+    tell_outcome(which, db, which.text, error);
 }
 
 void store::write_done(const store_write &which, uint32_t db, const char *user, uint32_t keyid, int32_t error) const
@@ -410,8 +507,10 @@ int64_t qz_thread_now(const qz_thread_master *) { return 0; }
 int32_t qz_thread_call_after(qz_thread_master *, int64_t, qz_thread_call_func func, void *arg)
 {
     const memory_for_the_test mine;
-    the_store().timers.emplace_back(func, arg);
-    return 0;
+    const int32_t code = code_of("timer");
+    if (code == 0)
+        the_store().timers.emplace_back(func, arg);
+    return code;
 }
 
 int32_t qz_thread_call(qz_thread_master *, qz_thread_call_func func, void *arg)

@@ -14,7 +14,7 @@ namespace scripted
 {
 
 // Sessions here are of type 32, which exists as evlan and as eport. An eport's key is (1, KEYID).
-enum class table { evlan, eport, rules };
+enum class table { evlan, eport, rules, claims, pvids };
 
 // A match rule: those of the same outer VLAN have the same key.
 struct rule {
@@ -26,6 +26,21 @@ struct rule {
     std::string v6{};
 };
 
+// What a user sets for a port.
+struct claim {
+    std::string user;
+    int32_t port = 0;
+    int32_t pvid = 0;
+};
+
+// A record of the table of default VLANs.
+struct pvid_entry {
+    int32_t port = 0;
+    int32_t old_pvid = 0;
+    int32_t new_pvid = 0;
+    std::string user{};
+};
+
 // A callback that the service gave away, for records of a table.
 struct listener {
     qz_mom_msg_cb cb = nullptr;
@@ -33,8 +48,8 @@ struct listener {
     table of = table::evlan;
 };
 
-// A write: "hmupdate 4 a/32/7 0x20000001", "hmset 8 ...", "del 8 a/32/7", of a rule "hmupdate 4 USER/VLAN/PRIORITY = RESULT";
-// and who hears how it went.
+// A write: "hmupdate 4 a/32/7 0x20000001", "hmset 8 ...", "del 8 a/32/7", of a rule "hmupdate 4 USER/VLAN/PRIORITY = RESULT",
+// of a default VLAN "set 4 PORT: OLD -> NEW" and "del 4 PORT"; and who hears how it went.
 struct store_write {
     std::string text;
     listener done;
@@ -43,11 +58,11 @@ struct store_write {
 struct store {
     std::map<std::string, listener> follows;  // "subscribe_field 4 evlan_session", "scan 4 eport_session_range"
     std::vector<store_write> writes;          // accepted ones
-    std::map<std::string, int32_t> codes;     // what calls of this name return, 0 when it is not there
+    std::map<std::string, int32_t> codes;  // what calls of this name ("set", or "set 4") return, 0 when it is not there
     std::vector<std::pair<qz_thread_call_func, void *>> timers;
     std::vector<std::pair<qz_thread_call_func, void *>> posted;  // calls
     size_t room = SIZE_MAX;                                      // so many writes are noted, then they are refused
-    // Callbacks and posted calls run out of memory at their first allocation, then at their second and so on, and are made again until
+    // Callbacks, posted calls and timers run out of memory at their first allocation, then at their second and so on, and are made again until
     // they have all they need.
     bool lacks_memory = false;
 
@@ -67,7 +82,11 @@ struct store {
     void rule_written(const listener &to, uint32_t db, const rule &which,
                       const char *fields = "action_type,flag") const;
     void rule_removed(const listener &to, uint32_t db, const rule &which, int32_t cmd = QZ_MOM_CMD_DEL) const;
+    // A default VLAN that a user has set, or of the table, written or removed.
+    void claim_told(const listener &to, uint32_t db, const claim &which, int32_t cmd = QZ_MOM_CMD_HSET) const;
+    void entry_told(const listener &to, uint32_t db, const pvid_entry &which, int32_t cmd = QZ_MOM_CMD_SET) const;
     // The outcome of an accepted write.
+    void write_done(const store_write &which, uint32_t db, int32_t error = 0) const;
     void write_done(const store_write &which, uint32_t db, const char *user, uint32_t keyid, int32_t error) const;
     void write_done(const store_write &which, uint32_t db, const rule &of, int32_t error = 0) const;
 };

@@ -11,7 +11,9 @@
  *  2. Codes. 0 means taken over: it will be applied in order, or its failure reported to the call's callback (or, where
  *     the caller gave none, logged). Any other value means that nothing happened.
  *  3. Order. Writes of one handle to one record are applied, and heard by everyone, in call order. A write of several
- *     fields is seen whole or not at all. Every notification carries the whole record as of that change.
+ *     fields is seen whole or not at all. Every notification carries the whole record as of that change. Writes of one
+ *     handle to one database are answered in call order; a handle that follows what it writes hears a change before the
+ *     answer to it.
  *  4. Ownership. Records, field lists and names given to a call are read during the call only. Notifications, and all
  *     that they point to, live until the callback returns. Callback arguments stay the caller's.
  *  5. Threads. Every call may come from any thread. Set QZ_THREAD_CHECK=1 (qz_thread.h) to have the asynchronous ones
