@@ -2,7 +2,11 @@
 // the users of a process hear every change of it once.
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <array>
+
 #include "libddm.h"
+#include "rule_results.hpp"
 #include "world.hpp"
 
 using testing::ElementsAre;
@@ -27,16 +31,47 @@ int32_t note_change(uint32_t ifx, uint16_t new_pvid, uint16_t old_pvid, sw_vlan_
     return 0;
 }
 
+// Each notes that it has been told; the one that is to end the delivery says so.
+std::vector<int> told;
+int ends_it = -1;
+template <int User>
+int32_t note_told(uint32_t, uint16_t, uint16_t, sw_vlan_pvid_entry *)
+{
+    told.push_back(User);
+    return ends_it == User ? -6 : -1;
+}
+
+void have_ports(uint32_t first, uint32_t last)
+{
+    for (uint32_t n = first; n <= last; ++n) {
+        const libddm_port row{
+            .ifx = 100 + n, .gphyid = GLOBAL | n, .lphyid = LOCAL | n, .unit = 0, .port = static_cast<int32_t>(n)};
+        EXPECT_EQ(libddm_table_add(&row), 0);
+    }
+}
+
+// A record of the table, as somebody might write it.
+struct table_entry {
+    UBridge__PortIndex index = U_BRIDGE__PORT_INDEX__INIT;
+    UBridge__PvidTable record = U_BRIDGE__PVID_TABLE__INIT;
+    explicit table_entry(uint32_t port, int32_t pvid = 0, int32_t old = 0)
+    {
+        index.port = static_cast<decltype(index.port)>(PORT | port);
+        record.index = &index;
+        record.new_pvid = pvid;
+        record.old_pvid = old;
+    }
+    const ProtobufCMessage *message() const { return &record.base; }
+    table_entry(const table_entry &) = delete;
+    table_entry &operator=(const table_entry &) = delete;
+};
+
 class Pvids : public world
 {
   protected:
     Pvids()
     {
-        for (uint32_t n = 1; n <= 512; ++n) {
-            const libddm_port row{
-                .ifx = 100 + n, .gphyid = GLOBAL | n, .lphyid = LOCAL | n, .unit = 0, .port = static_cast<int32_t>(n)};
-            EXPECT_EQ(libddm_table_add(&row), 0);
-        }
+        have_ports(1, 512);
         changes.clear();
     }
     ~Pvids() override { libddm_table_clear(); }
@@ -189,14 +224,80 @@ TEST_F(Pvids, ATableRecordThatSomebodyRemovesComesBack)
     begin();
     serve();
     set("alpha", 1, 10);
-    UBridge__PortIndex index = U_BRIDGE__PORT_INDEX__INIT;
-    index.port = static_cast<decltype(index.port)>(PORT | 1);
-    UBridge__PvidTable entry = U_BRIDGE__PVID_TABLE__INIT;
-    entry.index = &index;
-    EXPECT_EQ(qz_mom_del(users, UDP_DB, &entry.base, nullptr, nullptr), 0);
+    EXPECT_EQ(qz_mom_del(users, UDP_DB, table_entry(1).message(), nullptr, nullptr), 0);
     settle();
-    advance(SECOND);
     EXPECT_THAT(table(UDP_DB), ElementsAre("1: 0 -> 10"));
+}
+
+TEST_F(Pvids, ATableRecordThatSomebodyChangesIsChangedBack)
+{
+    begin();
+    serve();
+    set("alpha", 1, 10);
+    EXPECT_EQ(qz_mom_set(users, APP_DB, table_entry(1, 77, 10).message(), nullptr, nullptr), 0);
+    EXPECT_EQ(qz_mom_set(users, APP_DB, table_entry(2, 78).message(), nullptr, nullptr), 0);
+    settle();
+    EXPECT_THAT(heard(), ElementsAre("1: 0 -> 10", "1: 10 -> 77", "2: 0 -> 78", "1: 77 -> 10", "2: 78 -> 0"));
+    EXPECT_THAT(table(APP_DB), ElementsAre("1: 77 -> 10"));
+    EXPECT_THAT(table(UDP_DB), ElementsAre("1: 0 -> 10"));
+}
+
+// Such a record is in the way of one that is written whole.
+TEST_F(Pvids, ATableRecordThatSomebodyWritesFieldByFieldIsReplaced)
+{
+    begin();
+    const uint32_t fields[] = {11, 12};
+    for (const uint32_t port : {1U, 2U})
+        EXPECT_EQ(qz_mom_hmset(users, APP_DB, table_entry(port, 77).message(), fields, 2, nullptr, nullptr), 0);
+    set("alpha", 1, 10);
+    serve();
+    EXPECT_THAT(table(APP_DB), ElementsAre("1: 0 -> 10"));
+    EXPECT_EQ(qz_mom_hmset(users, APP_DB, table_entry(3, 77).message(), fields, 2, nullptr, nullptr), 0);
+    set("alpha", 3, 30);
+    EXPECT_THAT(table(APP_DB), ElementsAre("1: 0 -> 10", "3: 0 -> 30"));
+    EXPECT_EQ(pvid(3), 30);
+    EXPECT_EQ(stat().waiting_pvids, 0U);
+}
+
+TEST_F(Pvids, AUserThatSaysSoEndsTheDeliveryToThoseAfterIt)
+{
+    for (int n = 0; n < 3; ++n) {
+        ebridge_args args = user(n, NAMES[n]);
+        args.pvid_change = std::array{note_told<0>, note_told<1>, note_told<2>}[static_cast<size_t>(n)];
+        init(args);
+    }
+    EXPECT_EQ(sw_ebridge_data_subscribe(NAMES[0]), 0);
+    settle();
+    serve();
+    std::vector<int> order;
+    for (const std::string &name : support::users_in_order())
+        order.push_back(static_cast<int>(std::find(NAMES, NAMES + 3, name) - NAMES));
+    for (size_t last = 0; last < order.size(); ++last) {
+        ends_it = order[last];
+        set("alpha", 1, 10 + static_cast<int32_t>(last));
+        EXPECT_EQ(std::exchange(told, {}), std::vector<int>(order.begin(), order.begin() + 1 + static_cast<int>(last)));
+    }
+    EXPECT_EQ(pvid(1), 12);
+}
+
+// Its changes cannot be told, as nobody knows its interface. All others are, and its own when it is back.
+TEST_F(Pvids, APortThatIsRemovedWhileItsPvidChanges)
+{
+    begin();
+    serve();
+    set("alpha", 1, 10);
+    libddm_table_clear();
+    have_ports(2, 512);
+    set("alpha", 1, 20);
+    set("beta", 2, 30);
+    EXPECT_THAT(heard(), ElementsAre("1: 0 -> 10", "2: 0 -> 30"));
+    EXPECT_THAT(table(UDP_DB), ElementsAre("1: 10 -> 20", "2: 0 -> 30"));
+    have_ports(1, 1);
+    set("beta", 1, 40);
+    set("beta", 1, 0);
+    set("alpha", 1, 0);
+    EXPECT_THAT(heard(), ElementsAre("1: 20 -> 40", "1: 40 -> 20", "1: 20 -> 0"));
+    EXPECT_EQ(pvid(1), 0);
 }
 
 TEST_F(Pvids, ADeadUsersPvidGoesWhenItsMarkFires)
