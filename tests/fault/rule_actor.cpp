@@ -16,27 +16,22 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
-#include <functional>
 #include <map>
 #include <random>
 #include <sstream>
 #include <string>
 
 #include "commands.hpp"
+#include "patient_calls.hpp"
 #include "sw_ebridge.h"
 
 namespace
 {
 
-constexpr int64_t RETRY_USEC = 5000;
-
 std::string name;
 qz_thread_master *master;
 qz_mom_handle *handle;
 std::map<int32_t, int32_t> rules;  // VLAN -> priority
-std::deque<std::function<int32_t()>> queue;
-bool retry_pending;
 
 void say(const char *what, int32_t vlan, int32_t priority = 0, int32_t result = 0)
 {
@@ -45,6 +40,8 @@ void say(const char *what, int32_t vlan, int32_t priority = 0, int32_t result = 
     if (write(STDOUT_FILENO, line, static_cast<size_t>(size)) != size)
         std::abort();
 }
+
+fault::patient_calls calls([](int32_t code) { say("error", code); });
 
 int32_t on_verdict(UBridge__EmatchEntry *entry)
 {
@@ -103,27 +100,6 @@ int32_t age(const std::string &user, int32_t seconds)
     return sw_ematch_aging_flag_set(user.c_str(), &delay, nullptr, nullptr);
 }
 
-// Does what it can.
-void work()
-{
-    while (!retry_pending && !queue.empty()) {
-        const int32_t code = queue.front()();
-        if (code == 0) {
-            queue.pop_front();
-            continue;
-        }
-        if (code != QZ_MOM_EDOWN && code != QZ_MOM_EFULL)
-            say("error", code);
-        const auto again = [](void *) {
-            retry_pending = false;
-            work();
-        };
-        retry_pending = true;
-        if (qz_thread_call_after(master, RETRY_USEC, again, nullptr) != 0)
-            std::abort();
-    }
-}
-
 void obey(const std::string &line)
 {
     std::istringstream words(line);
@@ -138,24 +114,24 @@ void obey(const std::string &line)
         for (int32_t vlan = b; vlan < b + c; ++vlan) {
             const auto priority = static_cast<int32_t>(random() >> 8 & 7);
             // A rule of another priority is another rule.
-            queue.emplace_back([=] { return rules.contains(vlan) && rules[vlan] != priority ? drop(vlan) : 0; });
-            queue.emplace_back([=] { return add(vlan, priority); });
+            calls.put([=] { return rules.contains(vlan) && rules[vlan] != priority ? drop(vlan) : 0; });
+            calls.put([=] { return add(vlan, priority); });
         }
     } else if (command == "drop") {
         for (int32_t vlan = a; vlan < a + b; ++vlan)
-            queue.emplace_back([=] { return drop(vlan); });
+            calls.put([=] { return drop(vlan); });
     } else if (command == "again") {
         for (const auto &[vlan, priority] : rules)
-            queue.emplace_back([its = vlan, of = priority] { return add(its, of); });
+            calls.put([its = vlan, of = priority] { return add(its, of); });
     } else if (command == "age") {
-        queue.emplace_back([=] { return age(user, a); });
+        calls.put([=] { return age(user, a); });
     } else if (command == "ask") {
-        queue.emplace_back([=] {
+        calls.put([=] {
             say("done", a);
             return 0;
         });
     }
-    work();
+    calls.work(master);
 }
 
 }  // namespace

@@ -103,36 +103,17 @@ class RuleFault : public FaultWorld
     // What the records say.
     results read_rules() const
     {
-        struct reading {
-            results found;
-            bool over = false;
-        } made;
-        qz_thread_master *const master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
-        qz_mom_handle *handle = nullptr;
-        if (qz_mom_client_open(redis_.url().c_str(), master, &handle) != 0)
-            throw std::runtime_error("the store cannot be opened");
+        results found;
         UBridge__EmatchIndex index = U_BRIDGE__EMATCH_INDEX__INIT;
         UBridge__EmatchEntry all = U_BRIDGE__EMATCH_ENTRY__INIT;
         all.index = &index;
-        const auto hear = [](qz_mom_handle *, const qz_mom_notification *msg, void *to) {
-            auto *into = static_cast<reading *>(to);
-            into->over = msg->end == QZ_MOM_END_SCAN;
-            if (msg->cmd == QZ_MOM_CMD_HMSET) {
-                const auto &entry = *reinterpret_cast<const UBridge__EmatchEntry *>(
-                    static_cast<const qz_mom_hash_value *>(msg->value)->record);
-                into->found[{entry.index->t_user, entry.index->evlan1, entry.index->match_priority}] =
-                    static_cast<int32_t>(entry.result);
-            }
-            return 0;
-        };
-        if (qz_mom_scan(handle, SW_EBRIDGE_APP_DB, &all.base, 0, hear, &made) != 0)
-            throw std::runtime_error("the rules cannot be read");
-        const bool over = wait_until([&] { return qz_thread_run_pending(master, 0) >= 0 && made.over; });
-        qz_mom_client_close(handle);
-        qz_thread_master_free(master);
-        if (!over)
-            throw std::runtime_error("the rules are not read");
-        return made.found;
+        read_records(SW_EBRIDGE_APP_DB, all.base, [&found](const qz_mom_notification &msg) {
+            const auto &entry = *reinterpret_cast<const UBridge__EmatchEntry *>(
+                static_cast<const qz_mom_hash_value *>(msg.value)->record);
+            found[{entry.index->t_user, entry.index->evlan1, entry.index->match_priority}] =
+                static_cast<int32_t>(entry.result);
+        });
+        return found;
     }
 
     // Of a rule that was added while nobody decided, or written again while the server was away, its user hears only

@@ -32,64 +32,41 @@ uint32_t seed_of_this_run()
     return wanted != nullptr ? static_cast<uint32_t>(std::strtoul(wanted, nullptr, 10)) : 1;
 }
 
-// A scan of one session table.
-struct table_reading {
-    table of;
-    session_ids found;
+// A scan under way.
+struct reading {
+    const std::function<void(const qz_mom_notification &)> &each;
     bool over = false;
     bool failed = false;
 
     static int32_t hear(qz_mom_handle *, const qz_mom_notification *msg, void *self)
     {
-        auto &reading = *static_cast<table_reading *>(self);
-        if (msg->error != 0)
-            reading.failed = reading.over = true;
-        else if (msg->end == QZ_MOM_END_SCAN)
-            reading.over = true;
-        else if (msg->cmd == QZ_MOM_CMD_HMSET)
-            reading.note(*static_cast<const qz_mom_hash_value *>(msg->value));
+        auto &its = *static_cast<reading *>(self);
+        its.failed = its.failed || msg->error != 0;
+        its.over = its.failed || msg->end == QZ_MOM_END_SCAN;
+        if (!its.over)
+            its.each(*msg);
         return 0;
-    }
-
-    void note(const qz_mom_hash_value &value)
-    {
-        if (of == table::evlan) {
-            const auto &record = *reinterpret_cast<const UBridge__EvlanSession *>(value.record);
-            note(record, record.index->keyid, 0);
-        } else {
-            const auto &record = *reinterpret_cast<const UBridge__EportSession *>(value.record);
-            note(record, record.index->keyid1, record.index->keyid2);
-        }
-    }
-
-    template <typename session>
-    void note(const session &record, int32_t keyid, int32_t keyid2)
-    {
-        const bridge_key key{of, static_cast<uint32_t>(record.index->type), static_cast<uint32_t>(keyid),
-                             static_cast<uint32_t>(keyid2)};
-        found[{record.index->t_user, key}] = record.reply == 0 ? 0 : static_cast<uint32_t>(record.reply_value);
     }
 };
 
-session_ids read_table(qz_mom_handle *handle, uint32_t db, table of)
+template <typename session>
+void note(const session &record, table of, int32_t keyid, int32_t keyid2, session_ids &found)
 {
-    UBridge__EvlanAppIndex evlan_index = U_BRIDGE__EVLAN_APP_INDEX__INIT;
-    UBridge__EvlanSession evlans = U_BRIDGE__EVLAN_SESSION__INIT;
-    evlans.index = &evlan_index;
-    UBridge__EportAppIndex eport_index = U_BRIDGE__EPORT_APP_INDEX__INIT;
-    UBridge__EportSession eports = U_BRIDGE__EPORT_SESSION__INIT;
-    eports.index = &eport_index;
-    const ProtobufCMessage *const any = of == table::evlan ? &evlans.base : &eports.base;
-    table_reading reading{.of = of, .found = {}};
-    if (qz_mom_scan(handle, db, any, 0, table_reading::hear, &reading) != 0)
-        throw std::runtime_error("the store cannot be read");
-    const bool came = wait_until([&] {
-        qz_thread_run_pending(qz_mom_handle_master(handle), 0);
-        return reading.over;
-    });
-    if (!came || reading.failed)
-        throw std::runtime_error("the store is not read to its end");
-    return reading.found;
+    const bridge_key key{of, static_cast<uint32_t>(record.index->type), static_cast<uint32_t>(keyid),
+                         static_cast<uint32_t>(keyid2)};
+    found[{record.index->t_user, key}] = record.reply == 0 ? 0 : static_cast<uint32_t>(record.reply_value);
+}
+
+void note(const qz_mom_notification &msg, table of, session_ids &found)
+{
+    const auto *record = static_cast<const qz_mom_hash_value *>(msg.value)->record;
+    if (of == table::evlan) {
+        const auto &evlan = *reinterpret_cast<const UBridge__EvlanSession *>(record);
+        note(evlan, of, evlan.index->keyid, 0, found);
+    } else {
+        const auto &eport = *reinterpret_cast<const UBridge__EportSession *>(record);
+        note(eport, of, eport.index->keyid1, eport.index->keyid2, found);
+    }
 }
 
 void add_line(const std::string &line, user_view &to, bool *idle)
@@ -220,19 +197,39 @@ void FaultWorld::wait_until_idle(const std::function<void()> &meanwhile)
     ASSERT_TRUE(idle) << "some requests are never answered";
 }
 
-store_view FaultWorld::read_store() const
+void FaultWorld::read_records(uint32_t db, const ProtobufCMessage &pattern,
+                              const std::function<void(const qz_mom_notification &)> &each) const
 {
-    qz_thread_master *master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
+    qz_thread_master *const master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
     qz_mom_handle *handle = nullptr;
     if (master == nullptr || qz_mom_client_open(redis_.url().c_str(), master, &handle) != 0)
         throw std::runtime_error("the store cannot be opened");
-    store_view seen;
-    for (const table of : {table::evlan, table::eport}) {
-        seen.sessions.merge(read_table(handle, SW_EBRIDGE_APP_DB, of));
-        seen.mirrors.merge(read_table(handle, SW_EBRIDGE_UDP_DB, of));
-    }
+    reading its{.each = each};
+    if (qz_mom_scan(handle, db, &pattern, 0, reading::hear, &its) != 0)
+        throw std::runtime_error("the store cannot be read");
+    const bool over = wait_until([&] { return qz_thread_run_pending(master, 0) >= 0 && its.over; });
     qz_mom_client_close(handle);
     qz_thread_master_free(master);
+    if (!over || its.failed)
+        throw std::runtime_error("the store is not read to its end");
+}
+
+store_view FaultWorld::read_store() const
+{
+    UBridge__EvlanAppIndex evlan_index = U_BRIDGE__EVLAN_APP_INDEX__INIT;
+    UBridge__EvlanSession evlans = U_BRIDGE__EVLAN_SESSION__INIT;
+    evlans.index = &evlan_index;
+    UBridge__EportAppIndex eport_index = U_BRIDGE__EPORT_APP_INDEX__INIT;
+    UBridge__EportSession eports = U_BRIDGE__EPORT_SESSION__INIT;
+    eports.index = &eport_index;
+    store_view seen;
+    for (const auto &[db, found] : {std::pair(SW_EBRIDGE_APP_DB, &seen.sessions), {SW_EBRIDGE_UDP_DB, &seen.mirrors}}) {
+        const auto note_to = [to = found](table of) {
+            return [=](const qz_mom_notification &msg) { note(msg, of, *to); };
+        };
+        read_records(db, evlans.base, note_to(table::evlan));
+        read_records(db, eports.base, note_to(table::eport));
+    }
     return seen;
 }
 

@@ -11,6 +11,7 @@
 
 #include "ledger.hpp"
 #include "process.hpp"
+#include "qz_mom.h"
 #include "redis_server.hpp"
 
 namespace fault
@@ -50,6 +51,10 @@ class FaultWorld : public testing::Test
     // Has every user make one more request, and compares everything with the store once it was heard. The faults are
     // over by then.
     void expect_the_ledger_to_be_clean(const excuses &excused = {});
+
+    // Scans the server itself, whatever the processes' way there; throws when it cannot be read.
+    void read_records(uint32_t db, const ProtobufCMessage &pattern,
+                      const std::function<void(const qz_mom_notification &)> &each) const;
 
     support::redis_server redis_;
 
