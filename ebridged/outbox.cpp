@@ -141,7 +141,11 @@ void service::on_retry(void *number)
         return;
     self->retry_pending_ = false;
     self->advance();
-    self->send_due();
+    try {
+        self->send_due();
+    } catch (const std::bad_alloc &) {
+        self->retry_later();  // nobody makes this call again
+    }
 }
 
 }  // namespace ebridged

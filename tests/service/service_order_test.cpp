@@ -212,6 +212,20 @@ TEST_P(ServiceOrder, WhatIsDueTwiceIsWrittenOnceAsThingsStandThen)
     EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000001", "hmset 8 a/32/1 0x20000001"));
 }
 
+// A timer that lacks memory is not called again by itself. The name is so long that a record of it takes some.
+TEST_P(ServiceOrder, WhatWaitsOutlivesATimerWithoutMemory)
+{
+    const std::string user = "a-user-with-a-name-of-31-letter";
+    serve();
+    store.codes = {{"hmupdate", QZ_MOM_EFULL}};
+    store.written(live(), 4, user.c_str(), 1);
+    store.codes.clear();
+    store.run_timers();
+    EXPECT_THAT(store.texts(),
+                ElementsAre("hmupdate 4 " + user + "/32/1 0x20000001", "hmset 8 " + user + "/32/1 0x20000001"));
+    EXPECT_THAT(store.timers, IsEmpty());
+}
+
 TEST_P(ServiceOrder, AnAnswerThatWaitsIsNotWrittenOnceItsSessionIsGone)
 {
     serve();
