@@ -36,10 +36,14 @@ const char *user_of(const UBridge__EmatchIndex &index) { return index.t_user ? i
 void *arbiter::number_arg() const { return arbiters::argument(number_); }
 
 arbiter::arbiter(qz_mom_handle *handle, const ebridged_options *options)
-    : handle_(handle), log(options), has_table_(!std::exchange(table_is_taken, true)), number_(arbiters::add(this))
+    : handle_(handle),
+      log(options),
+      has_table_(!std::exchange(table_is_taken, true)),
+      number_(arbiters::add(this)),
+      followed_(handle, log, *this)
 {
     for (const uint32_t db : databases_of(options))
-        tables_.push_back({db});
+        followed_.add(0, db, &all_rules().base);
 }
 
 arbiter::~arbiter()
@@ -47,10 +51,6 @@ arbiter::~arbiter()
     if (has_table_)
         table_is_taken = false;
     arbiters::remove(number_);
-    for (const table &each : tables_) {
-        if (each.state != progress::unfollowed)
-            qz_mom_unsubscribe(handle_, each.db, &all_rules().base, on_rule, number_arg());
-    }
     for (const sw_ematch_item *rule : rules_)
         sw_ematch_item_cache_destroy(0, rule);
 }
@@ -72,68 +72,12 @@ void arbiter::stat(ebridged_stat *out) const
 int32_t arbiter::start()
 {
     if (has_table_)
-        return advance();
+        return followed_.start();
     log(EBRIDGED_LOG_ERROR, "match rules are decided by another service of this process");
     return QZ_MOM_OK;
 }
 
-// Begins what may begin. A code that will not pass by itself is returned; else it is tried again.
-int32_t arbiter::advance()
-{
-    for (table &each : tables_) {
-        if (each.state != progress::unfollowed && each.state != progress::unread)
-            continue;
-        const int32_t code = begin(each);
-        if (code == QZ_MOM_OK) {
-            each.state = each.state == progress::unfollowed ? progress::following : progress::reading;
-        } else if (passes(code)) {
-            retry_later();
-        } else {
-            log(EBRIDGED_LOG_ERROR, "database %u: %s", each.db, qz_mom_strerror(code));
-            return code;
-        }
-    }
-    return QZ_MOM_OK;
-}
-
-int32_t arbiter::begin(const table &which)
-{
-    const ProtobufCMessage *const rules = &all_rules().base;
-    if (which.state == progress::unfollowed)
-        return qz_mom_subscribe(handle_, which.db, rules, 0, on_rule, number_arg());
-    return qz_mom_scan(handle_, which.db, rules, 0, on_scan, number_arg());
-}
-
-arbiter::table &arbiter::table_of(uint32_t db)
-{
-    return *std::ranges::find_if(tables_, [db](const table &each) { return each.db == db; });
-}
-
-void arbiter::finish(uint32_t db, progress under_way, int32_t error)
-{
-    table &its = table_of(db);
-    if (its.state != under_way)
-        return;
-    const bool follows = under_way == progress::following;
-    if (error != QZ_MOM_OK) {
-        log(EBRIDGED_LOG_ERROR, "database %u: %s", db, qz_mom_strerror(error));
-        its.state = follows ? progress::unfollowed : progress::unread;
-        return retry_later();
-    }
-    if (follows) {
-        its.state = progress::unread;
-        advance();
-    } else {
-        const bool last = std::ranges::all_of(
-            tables_, [db](const table &each) { return each.db == db || each.state == progress::read; });
-        if (last)
-            begin_deciding();
-        its.state = progress::read;  // last: what failed for lack of memory is done from the beginning
-        its.heard.clear();
-    }
-}
-
-void arbiter::begin_deciding()
+void arbiter::all_read()
 {
     for_each_key([this](sw_ematch_item *rule, size_t) { note(rule, false); });
     serving_ = true;
@@ -142,27 +86,18 @@ void arbiter::begin_deciding()
 
 // ---- changes --------------------------------------------------------------------------------------------------------
 
-void arbiter::rule_heard(const qz_mom_notification &msg, bool live)
+void arbiter::heard(int, const qz_mom_notification &msg, bool live)
 {
-    if (!is_written(msg.cmd) && !is_removed(msg.cmd))
-        return;
     const bool result_alone = is_written(msg.cmd) && std::strcmp(msg.field, RESULT_NAME) == 0;
     if (serving_ && result_alone)
         return;
     const auto *record = record_of(msg, all_rules());
-    if (!record || !record->index) {
+    if (!record || !record->index)
         log(EBRIDGED_LOG_ERROR, "database %u, %s: not a match rule, skipped", msg.db, msg.key);
-        return;
-    }
-    table &its = table_of(msg.db);
-    if (!live && its.heard.contains(msg.key))
-        return;
-    if (is_removed(msg.cmd))
+    else if (is_removed(msg.cmd))
         rule_removed(msg.db, *record);
     else
         rule_written(msg.db, *record, live && !result_alone);
-    if (live && its.state != progress::read)
-        its.heard.insert(msg.key);
 }
 
 void arbiter::rule_written(uint32_t db, const UBridge__EmatchEntry &record, bool publish)
@@ -412,26 +347,6 @@ void arbiter::retry_later()
 
 // ---- callbacks ------------------------------------------------------------------------------------------------------
 
-int32_t arbiter::on_rule(qz_mom_handle *, const qz_mom_notification *msg, void *number)
-{
-    arbiter *const self = arbiters::find(number);
-    if (self && msg->cmd == QZ_MOM_CMD_SUBSCRIBED)
-        self->finish(msg->db, progress::following, msg->error);
-    else if (self)
-        self->rule_heard(*msg, true);
-    return 0;
-}
-
-int32_t arbiter::on_scan(qz_mom_handle *, const qz_mom_notification *msg, void *number)
-{
-    arbiter *const self = arbiters::find(number);
-    if (self && msg->end == QZ_MOM_END_SCAN)
-        self->finish(msg->db, progress::reading, msg->error);
-    else if (self)
-        self->rule_heard(*msg, false);
-    return 0;
-}
-
 int32_t arbiter::on_written(qz_mom_handle *, const qz_mom_notification *msg, void *number)
 {
     arbiter *const self = arbiters::find(number);
@@ -464,9 +379,7 @@ void arbiter::on_retry(void *number)
     if (!self)
         return;
     self->retry_pending_ = false;
-    self->advance();
-    if (self->serving_)
-        self->schedule();
+    self->schedule();
 }
 
 }  // namespace ebridged

@@ -4,9 +4,8 @@
 // Table. A record is an item of the library's rule table, which is one for the process: the first arbiter has it, and
 // while it does nobody else writes there. The item's database is the one that its record was last heard from.
 //
-// Start. In each database the rules are subscribed, then scanned; a change that is heard meanwhile outweighs what the
-// scan delivers. No verdict is given before every table is read: then every key is calculated, and those are published
-// whose results are not what the records say.
+// Start. The rules of each database are followed. No verdict is given before all of them are read: then every key is
+// calculated, and those are published whose results are not what the records say.
 //
 // Changes. A changed rule's key is noted, once however often it changes, and calculated by a pass that comes when what
 // waits now has been heard. A change of the result alone changes nothing: results are written here, or by the hardware's
@@ -20,12 +19,12 @@
 // As in service.hpp callbacks can be broken off for lack of memory and carry a number instead of a pointer.
 #pragma once
 
-#include <string>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
 #include "ebridged.h"
+#include "followed_tables.hpp"
 #include "qz_mom.h"
 #include "rules.hpp"
 #include "service_log.hpp"
@@ -33,11 +32,11 @@
 namespace ebridged
 {
 
-class arbiter
+class arbiter : followed_tables::follower
 {
   public:
     arbiter(qz_mom_handle *handle, const ebridged_options *options);
-    ~arbiter();
+    ~arbiter() override;
     arbiter(const arbiter &) = delete;
     arbiter &operator=(const arbiter &) = delete;
 
@@ -46,31 +45,17 @@ class arbiter
     void stat(ebridged_stat *out) const;
 
   private:
-    enum class progress { unfollowed, following, unread, reading, read };
-    // The rules of a database.
-    struct table {
-        uint32_t db;
-        progress state = progress::unfollowed;
-        std::unordered_set<std::string> heard = {};  // until read: key texts of what has changed
-    };
     // Keys, each by one of its rules, and whether they are published whatever comes out.
     using noted_keys = std::unordered_map<sw_ematch_item *, bool, rival_hash, are_rivals>;
 
-    static int32_t on_rule(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
-    static int32_t on_scan(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
     static int32_t on_written(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
     static void on_pass(void *number);
     static void on_retry(void *number);
     void *number_arg() const;
 
-    // the start
-    int32_t advance();
-    int32_t begin(const table &which);
-    void finish(uint32_t db, progress under_way, int32_t error);
-    void begin_deciding();
-    table &table_of(uint32_t db);
+    void all_read() override;
     // changes
-    void rule_heard(const qz_mom_notification &msg, bool live);
+    void heard(int tag, const qz_mom_notification &msg, bool live) override;
     void rule_written(uint32_t db, const UBridge__EmatchEntry &record, bool publish);
     void rule_removed(uint32_t db, const UBridge__EmatchEntry &record);
     sw_ematch_item *find(const UBridge__EmatchEntry &record) const;
@@ -94,9 +79,8 @@ class arbiter
     qz_mom_handle *const handle_;
     const service_log log;
     const bool has_table_;
-    const uintptr_t number_;  // for callbacks
-    std::vector<table> tables_;
-    bool serving_ = false;        // every table is read
+    const uintptr_t number_;      // for callbacks
+    bool serving_ = false;        // every rule is read
     bool told_of_start_ = false;  // the first keys are decided
     std::unordered_multiset<sw_ematch_item *, rival_hash, are_rivals> rules_;
     size_t keys_ = 0;                                  // among these rules
@@ -109,6 +93,7 @@ class arbiter
     bool retry_pending_ = false;
     uint64_t calculations_ = 0;
     uint64_t results_ = 0;
+    followed_tables followed_;
 };
 
 }  // namespace ebridged

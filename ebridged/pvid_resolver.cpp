@@ -40,6 +40,18 @@ using table_record = port_record<UBridge__PvidTable>;
 constexpr UBridge__PortVid NO_CLAIM = U_BRIDGE__PORT_VID__INIT;
 constexpr UBridge__PvidTable NO_ENTRY = U_BRIDGE__PVID_TABLE__INIT;
 
+// Patterns. They live as long as the process.
+const ProtobufCMessage *all_claims()
+{
+    static const claim_record all(NO_CLAIM, 0);
+    return &all.record.base;
+}
+const ProtobufCMessage *all_entries()
+{
+    static const table_record all(NO_ENTRY, 0);
+    return &all.record.base;
+}
+
 std::string_view user_of(const UBridge__PortIndex &index) { return index.t_user ? index.t_user : ""; }
 
 }  // namespace
@@ -47,34 +59,18 @@ std::string_view user_of(const UBridge__PortIndex &index) { return index.t_user 
 void *pvid_resolver::number_arg() const { return resolvers::argument(number_); }
 
 pvid_resolver::pvid_resolver(qz_mom_handle *handle, const ebridged_options *options)
-    : handle_(handle), log(options), number_(resolvers::add(this))
+    : handle_(handle), log(options), number_(resolvers::add(this)), followed_(handle, log, *this)
 {
     for (const uint32_t db : databases_of(options)) {
-        tasks_.push_back({db, what::follow_claims});
-        tasks_.push_back({db, what::read_claims});
+        followed_.add(CLAIMS, db, all_claims());
         tables_[db];
     }
     tables_[MIRROR_DB];
-    for (const auto &[db, shown] : tables_) {
-        tasks_.push_back({db, what::follow_table});
-        tasks_.push_back({db, what::read_table});
-    }
+    for (const auto &[db, its] : tables_)
+        followed_.add(TABLE, db, all_entries());
 }
 
-pvid_resolver::~pvid_resolver()
-{
-    resolvers::remove(number_);
-    const claim_record claims(NO_CLAIM, 0);
-    const table_record entries(NO_ENTRY, 0);
-    for (const task &each : tasks_) {
-        if (each.state == progress::waiting)
-            continue;
-        if (each.to_do == what::follow_claims)
-            qz_mom_unsubscribe(handle_, each.db, &claims.record.base, on_claim, number_arg());
-        else if (each.to_do == what::follow_table)
-            qz_mom_unsubscribe(handle_, each.db, &entries.record.base, on_table, number_arg());
-    }
-}
+pvid_resolver::~pvid_resolver() { resolvers::remove(number_); }
 
 void pvid_resolver::stat(ebridged_stat *out) const
 {
@@ -85,80 +81,13 @@ void pvid_resolver::stat(ebridged_stat *out) const
 
 // ---- the start ------------------------------------------------------------------------------------------------------
 
-int32_t pvid_resolver::start() { return advance(); }
-
-// Begins what may begin. A code that will not pass by itself is returned; else it is tried again.
-int32_t pvid_resolver::advance()
-{
-    for (task &each : tasks_) {
-        if (each.state != progress::waiting || !may_begin(each))
-            continue;
-        const int32_t code = begin(each);
-        if (code == QZ_MOM_OK) {
-            each.state = progress::under_way;
-        } else if (passes(code)) {
-            retry_later();
-        } else {
-            log(EBRIDGED_LOG_ERROR, "database %u: %s", each.db, qz_mom_strerror(code));
-            return code;
-        }
-    }
-    return QZ_MOM_OK;
-}
-
-// What is followed is scanned.
-bool pvid_resolver::may_begin(const task &which) const
-{
-    if (which.to_do == what::follow_claims || which.to_do == what::follow_table)
-        return true;
-    const what before = which.to_do == what::read_claims ? what::follow_claims : what::follow_table;
-    return std::ranges::any_of(tasks_, [&](const task &other) {
-        return other.db == which.db && other.to_do == before && other.state == progress::done;
-    });
-}
-
-int32_t pvid_resolver::begin(const task &which)
-{
-    const claim_record claims(NO_CLAIM, 0);
-    const table_record entries(NO_ENTRY, 0);
-    switch (which.to_do) {
-        case what::follow_claims:
-            return qz_mom_subscribe(handle_, which.db, &claims.record.base, 0, on_claim, number_arg());
-        case what::read_claims:
-            return qz_mom_scan(handle_, which.db, &claims.record.base, 0, on_claim_scan, number_arg());
-        case what::follow_table:
-            return qz_mom_subscribe(handle_, which.db, &entries.record.base, 0, on_table, number_arg());
-        case what::read_table:
-            return qz_mom_scan(handle_, which.db, &entries.record.base, 0, on_table_scan, number_arg());
-    }
-    return QZ_MOM_EINVAL;
-}
-
-void pvid_resolver::finish(uint32_t db, what done, int32_t error)
-{
-    const auto is_it = [=](const task &each) { return each.db == db && each.to_do == done; };
-    task &its = *std::ranges::find_if(tasks_, is_it);
-    if (its.state != progress::under_way)
-        return;
-    if (error != QZ_MOM_OK) {
-        log(EBRIDGED_LOG_ERROR, "database %u: %s", db, qz_mom_strerror(error));
-        its.state = progress::waiting;
-        return retry_later();
-    }
-    if (std::ranges::all_of(tasks_, [&](const task &each) { return is_it(each) || each.state == progress::done; }))
-        begin_serving();
-    its.state = progress::done;  // last: what failed for lack of memory is done from the beginning
-    advance();
-}
-
-void pvid_resolver::begin_serving()
+void pvid_resolver::all_read()
 {
     order_claims();
     for (auto &[db, its] : tables_)
         compare(its);
     write_due();
-    serving_ = true;
-    changed_.clear();
+    serving_ = true;  // last: what failed for lack of memory is done from the beginning
     log(EBRIDGED_LOG_INFO, "default VLANs of %zu ports are set", claims_.size());
 }
 
@@ -194,25 +123,21 @@ void pvid_resolver::compare(table &its)
 
 // ---- changes --------------------------------------------------------------------------------------------------------
 
-// A change outweighs what a scan says that comes after it.
-bool pvid_resolver::is_news(const qz_mom_notification &msg, bool live)
+void pvid_resolver::heard(int which, const qz_mom_notification &msg, bool live)
 {
-    if (live && !serving_)
-        changed_.emplace(msg.db, msg.key);
-    return live || !changed_.contains({msg.db, msg.key});
+    if (which == CLAIMS)
+        claim_heard(msg, live);
+    else
+        entry_heard(msg);
 }
 
 void pvid_resolver::claim_heard(const qz_mom_notification &msg, bool live)
 {
-    if (!is_written(msg.cmd) && !is_removed(msg.cmd))
-        return;
     const auto *record = record_of(msg, NO_CLAIM);
     if (!record || !record->index || user_of(*record->index).empty()) {
         log(EBRIDGED_LOG_ERROR, "database %u, %s: not a user's default VLAN, skipped", msg.db, msg.key);
         return;
     }
-    if (!is_news(msg, live))
-        return;
     const auto port = static_cast<port_id>(record->index->port);
     const claim heard{msg.db, std::string(user_of(*record->index)), record->pvid, live ? ++heard_ : 0};
     const bool sets = is_written(msg.cmd) && heard.pvid >= 1 && heard.pvid <= LAST_VLAN;
@@ -251,17 +176,13 @@ int32_t pvid_resolver::pvid_of(port_id port) const
     return of == claims_.end() || of->second.empty() ? 0 : of->second.back().pvid;
 }
 
-void pvid_resolver::entry_heard(const qz_mom_notification &msg, bool live)
+void pvid_resolver::entry_heard(const qz_mom_notification &msg)
 {
-    if (!is_written(msg.cmd) && !is_removed(msg.cmd))
-        return;
     const auto *record = record_of(msg, NO_ENTRY);
     if (!record || !record->index || !user_of(*record->index).empty()) {
         log(EBRIDGED_LOG_ERROR, "database %u, %s: not of the table of default VLANs, skipped", msg.db, msg.key);
         return;
     }
-    if (!is_news(msg, live))
-        return;
     const auto port = static_cast<port_id>(record->index->port);
     table &its = tables_.at(msg.db);
     entry &shown = its.entries[port];
@@ -409,46 +330,6 @@ void pvid_resolver::retry_later()
 
 // ---- callbacks ------------------------------------------------------------------------------------------------------
 
-int32_t pvid_resolver::on_claim(qz_mom_handle *, const qz_mom_notification *msg, void *number)
-{
-    pvid_resolver *const self = resolvers::find(number);
-    if (self && msg->cmd == QZ_MOM_CMD_SUBSCRIBED)
-        self->finish(msg->db, what::follow_claims, msg->error);
-    else if (self)
-        self->claim_heard(*msg, true);
-    return 0;
-}
-
-int32_t pvid_resolver::on_claim_scan(qz_mom_handle *, const qz_mom_notification *msg, void *number)
-{
-    pvid_resolver *const self = resolvers::find(number);
-    if (self && msg->end == QZ_MOM_END_SCAN)
-        self->finish(msg->db, what::read_claims, msg->error);
-    else if (self)
-        self->claim_heard(*msg, false);
-    return 0;
-}
-
-int32_t pvid_resolver::on_table(qz_mom_handle *, const qz_mom_notification *msg, void *number)
-{
-    pvid_resolver *const self = resolvers::find(number);
-    if (self && msg->cmd == QZ_MOM_CMD_SUBSCRIBED)
-        self->finish(msg->db, what::follow_table, msg->error);
-    else if (self)
-        self->entry_heard(*msg, true);
-    return 0;
-}
-
-int32_t pvid_resolver::on_table_scan(qz_mom_handle *, const qz_mom_notification *msg, void *number)
-{
-    pvid_resolver *const self = resolvers::find(number);
-    if (self && msg->end == QZ_MOM_END_SCAN)
-        self->finish(msg->db, what::read_table, msg->error);
-    else if (self)
-        self->entry_heard(*msg, false);
-    return 0;
-}
-
 int32_t pvid_resolver::on_written(qz_mom_handle *, const qz_mom_notification *msg, void *number)
 {
     if (pvid_resolver *const self = resolvers::find(number))
@@ -462,9 +343,7 @@ void pvid_resolver::on_retry(void *number)
     if (!self)
         return;
     self->retry_pending_ = false;
-    self->advance();
-    if (self->serving_)
-        self->try_write_due();
+    self->try_write_due();
 }
 
 }  // namespace ebridged

@@ -4,8 +4,7 @@
 // The table is written into each served database, where applications follow it, and into the data plane's, where they
 // scan it. A record says what the port's pvid was before, too: what that database's record said.
 //
-// Start. In each database the users' records and the table are subscribed, then scanned; a change that is heard meanwhile
-// outweighs what the scan delivers. Nothing is written before all is read; then what differs. Records do not say in which
+// Start. The users' records and the tables are followed. Nothing is written before all is read; then what differs. Records do not say in which
 // order they were set: of those that were there before, the one that the table shows counts as the last, before it the one
 // that the table names as the pvid before, the others by name.
 //
@@ -23,10 +22,10 @@
 #include <set>
 #include <string>
 #include <unordered_map>
-#include <utility>
 #include <vector>
 
 #include "ebridged.h"
+#include "followed_tables.hpp"
 #include "qz_mom.h"
 #include "service_log.hpp"
 #include "u_bridge.pb-c.h"
@@ -34,26 +33,20 @@
 namespace ebridged
 {
 
-class pvid_resolver
+class pvid_resolver : followed_tables::follower
 {
   public:
     pvid_resolver(qz_mom_handle *handle, const ebridged_options *options);
-    ~pvid_resolver();
+    ~pvid_resolver() override;
     pvid_resolver(const pvid_resolver &) = delete;
     pvid_resolver &operator=(const pvid_resolver &) = delete;
 
-    int32_t start();
+    int32_t start() { return followed_.start(); }
     // Its part of it.
     void stat(ebridged_stat *out) const;
 
   private:
-    enum class what { follow_claims, read_claims, follow_table, read_table };
-    enum class progress { waiting, under_way, done };
-    struct task {
-        uint32_t db;
-        what to_do;
-        progress state = progress::waiting;
-    };
+    enum tag { CLAIMS, TABLE };
     // What one user set for a port.
     struct claim {
         uint32_t db = 0;
@@ -75,30 +68,22 @@ class pvid_resolver
         std::deque<port_id> sent;  // whose writes have no answer, in their order
     };
 
-    static int32_t on_claim(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
-    static int32_t on_claim_scan(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
-    static int32_t on_table(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
-    static int32_t on_table_scan(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
     static int32_t on_written(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
     static void on_retry(void *number);
     void *number_arg() const;
 
+    void heard(int which, const qz_mom_notification &msg, bool live) override;
     // the start
-    int32_t advance();
-    bool may_begin(const task &which) const;
-    int32_t begin(const task &which);
-    void finish(uint32_t db, what done, int32_t error);
-    void begin_serving();
+    void all_read() override;
     entry shown_for(port_id port) const;
     void order_claims();
     void compare(table &its);
     // changes
-    bool is_news(const qz_mom_notification &msg, bool live);
     void claim_heard(const qz_mom_notification &msg, bool live);
     void set(const claim &made, port_id port);
     void let_go(const claim &gone, port_id port);
     int32_t pvid_of(port_id port) const;
-    void entry_heard(const qz_mom_notification &msg, bool live);
+    void entry_heard(const qz_mom_notification &msg);
     void settle(table &its, port_id port);
     static void tidy(table &its, port_id port);
     // writes
@@ -115,14 +100,13 @@ class pvid_resolver
     qz_mom_handle *const handle_;
     const service_log log;
     const uintptr_t number_;  // for callbacks
-    std::vector<task> tasks_;
     bool serving_ = false;
     uint64_t heard_ = 0;                                      // changes of claims
     std::unordered_map<port_id, std::vector<claim>> claims_;  // the last one counts
     std::map<uint32_t, table> tables_;
-    std::set<std::pair<uint32_t, std::string>> changed_;  // until serving: what has changed, by database and key text
     bool retry_pending_ = false;
     uint64_t written_ = 0;
+    followed_tables followed_;
 };
 
 }  // namespace ebridged
