@@ -223,13 +223,12 @@ store_view FaultWorld::read_store() const
     UBridge__EportSession eports = U_BRIDGE__EPORT_SESSION__INIT;
     eports.index = &eport_index;
     store_view seen;
-    for (const auto &[db, found] : {std::pair(SW_EBRIDGE_APP_DB, &seen.sessions), {SW_EBRIDGE_UDP_DB, &seen.mirrors}}) {
-        const auto note_to = [to = found](table of) {
-            return [=](const qz_mom_notification &msg) { note(msg, of, *to); };
-        };
-        read_records(db, evlans.base, note_to(table::evlan));
-        read_records(db, eports.base, note_to(table::eport));
-    }
+    const auto read = [&](uint32_t db, session_ids *found) {
+        read_records(db, evlans.base, [=](const qz_mom_notification &msg) { note(msg, table::evlan, *found); });
+        read_records(db, eports.base, [=](const qz_mom_notification &msg) { note(msg, table::eport, *found); });
+    };
+    read(SW_EBRIDGE_APP_DB, &seen.sessions);
+    read(SW_EBRIDGE_UDP_DB, &seen.mirrors);
     return seen;
 }
 
