@@ -104,7 +104,7 @@ void pvid_resolver::order_claims()
 {
     for (auto &[port, claims] : claims_) {
         const auto rank = [shown = shown_for(port)](const claim &each) {
-            const int place = each.heard != 0 ? 0 : each.pvid == shown.pvid ? 2 : each.pvid == shown.before ? 1 : 0;
+            const int place = each.pvid == shown.pvid ? 2 : each.pvid == shown.before ? 1 : 0;  // of those not heard
             return std::tuple(each.heard, place, std::string_view(each.user), each.db);
         };
         std::ranges::sort(claims, {}, rank);

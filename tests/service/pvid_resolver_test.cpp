@@ -239,17 +239,27 @@ TEST_P(Resolver, TablesThatDifferAreMadeTheSame)
 TEST_P(Resolver, OfThoseThatWereThereTheTableSaysWhichWasLastAndWhichWasBefore)
 {
     follow();
-    for (const claim &each : {claim{"d", 1, 10}, claim{"a", 1, 20}, claim{"c", 1, 30}, claim{"b", 1, 40}})
+    for (const claim &each : {claim{"a", 1, 10}, claim{"b", 1, 20}, claim{"d", 1, 30}, claim{"c", 1, 40}})
         found(each);
     found({.port = 1, .old_pvid = 10, .new_pvid = 20});
     read();
     EXPECT_THAT(written(), IsEmpty());
-    let_go({"a", 1, 20});
-    let_go({"d", 1, 10});
-    let_go({"c", 1, 30});
-    let_go({"b", 1, 40});
+    let_go({"b", 1, 20});
+    let_go({"a", 1, 10});
+    let_go({"d", 1, 30});
+    let_go({"c", 1, 40});
     EXPECT_THAT(written(), ElementsAre("set 4 1: 20 -> 10", "set 4 1: 10 -> 30", "set 4 1: 30 -> 40", "del 4 1"));
     EXPECT_EQ(stat().pvid_ports, 0U);
+}
+
+TEST_P(Resolver, WhenTheOneThatTheTableShowsIsGoneTheOneBeforeItCounts)
+{
+    follow();
+    for (const claim &each : {claim{"a", 1, 10}, claim{"c", 1, 30}})
+        found(each);
+    found({.port = 1, .old_pvid = 10, .new_pvid = 20});
+    read();
+    EXPECT_THAT(written(), ElementsAre("set 4 1: 20 -> 10"));
 }
 
 // On another server, which has come back without its data.
