@@ -13,7 +13,7 @@ inline const qz_mom_timeval *aging_time(const qz_mom_timeval *given)
 }
 
 // Marks what matches the pattern. A failure is logged.
-[[gnu::noinline]] inline int32_t mark_records(const site &where, const sw_ebridge_list_item &user, uint32_t db,
+[[gnu::noinline]] inline int32_t mark_records(site where, const sw_ebridge_list_item &user, uint32_t db,
                                               const ProtobufCMessage &pattern, const qz_mom_timeval *aging_timer,
                                               qz_mom_msg_cb callback, void *args)
 {
@@ -26,7 +26,7 @@ inline const qz_mom_timeval *aging_time(const qz_mom_timeval *given)
 }
 
 // The same, not returning before the marks are set. `failed` names what was to be marked.
-[[gnu::noinline]] inline int32_t mark_records_sync(const site &where, const sw_ebridge_list_item &user, uint32_t db,
+[[gnu::noinline]] inline int32_t mark_records_sync(site where, const sw_ebridge_list_item &user, uint32_t db,
                                                    const ProtobufCMessage &pattern, const qz_mom_timeval *aging_timer,
                                                    const char *failed)
 {
@@ -38,7 +38,7 @@ inline const qz_mom_timeval *aging_time(const qz_mom_timeval *given)
 }
 
 // Deletes what matches the pattern and is still marked. A failure is logged.
-[[gnu::noinline]] inline int32_t delete_marked(const site &where, const sw_ebridge_list_item &user, uint32_t db,
+[[gnu::noinline]] inline int32_t delete_marked(site where, const sw_ebridge_list_item &user, uint32_t db,
                                                const ProtobufCMessage &pattern, qz_mom_msg_cb callback, void *args)
 {
     const int32_t rv = qz_mom_del_expire(user.mom_handle, db, &pattern, QZ_MOM_EXPIRE_PATTERN, callback, args);

@@ -26,9 +26,9 @@ inline constexpr uint32_t kAppDbFlag = 0x1000000;  // database 4
 inline constexpr uint32_t kUdpDbFlag = 0x2000000;  // any other, in practice 8
 
 // 0, or -2 with the reason logged and the arguments freed.
-int32_t check_connecting_args(const site &where, sw_ebridge_connecting_args *ca);
+int32_t check_connecting_args(site where, sw_ebridge_connecting_args *ca);
 // Logs the arguments and takes their flag into the process-wide word of connected databases.
-void note_connected(const site &where, uint32_t &current_db_flags, const sw_ebridge_connecting_args *ca);
+void note_connected(site where, uint32_t &current_db_flags, const sw_ebridge_connecting_args *ca);
 void free_connecting_args(sw_ebridge_connecting_args *ca);
 
 }  // namespace sw

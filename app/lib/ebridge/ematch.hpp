@@ -15,14 +15,14 @@ inline constexpr size_t kMacSize = 6;
 inline constexpr uint32_t kResultField[] = {30};
 
 // False with the reason logged.
-[[gnu::noinline]] inline bool has_index(const site &where, const UBridge__EmatchIndex *index)
+[[gnu::noinline]] inline bool has_index(site where, const UBridge__EmatchIndex *index)
 {
     if (index == nullptr)
         SW_LOG_AT(where, error, "Assert:Bad args EMATCH index.\n");
     return index != nullptr;
 }
 
-[[gnu::noinline]] inline bool has_key(const site &where, const UBridge__EmatchEntry *entry)
+[[gnu::noinline]] inline bool has_key(site where, const UBridge__EmatchEntry *entry)
 {
     if (entry == nullptr)
         SW_LOG_AT(where, error, "Assert:Bad args EMATCH.\n");

@@ -213,7 +213,7 @@ sw_ebridge_list_item instance_from(const ebridge_args &args)
     return user;
 }
 
-int32_t check_args(const sw::site &where, const ebridge_args *args)
+int32_t check_args(sw::site where, const ebridge_args *args)
 {
     if (args == nullptr) {
         SW_LOG_AT(where, error, "Assert:Bad args.");
@@ -230,7 +230,7 @@ int32_t check_args(const sw::site &where, const ebridge_args *args)
     return 0;
 }
 
-int32_t init_tables(const sw::site &where, uint32_t table, const char *user_name)
+int32_t init_tables(sw::site where, uint32_t table, const char *user_name)
 {
     if (const int32_t rv = sw_ebridge_map_db_init(table); rv != 0) {
         SW_LOG_AT(where, error, "Assert:sw_ebridge_map_db_init() failed.");
@@ -260,7 +260,7 @@ constinit uint32_t subscribing_flags_setted[8] = {};
 uint32_t db_flag(uint32_t db) { return db == SW_EBRIDGE_APP_DB ? sw::kAppDbFlag : sw::kUdpDbFlag; }
 
 // New arguments of a connection to `db`, or null with the reason logged.
-sw_ebridge_connecting_args *make_connecting_args(const sw::site &where, uint32_t db, const char *user_name)
+sw_ebridge_connecting_args *make_connecting_args(sw::site where, uint32_t db, const char *user_name)
 {
     auto *list = static_cast<sw::list_args *>(std::calloc(1, sizeof(sw::list_args)));
     if (list == nullptr) {
@@ -297,7 +297,7 @@ int32_t sw_ebridge_alloc_connecting_args(uint32_t db, const char *user_name, qz_
 
 // The data connection goes to database 8 when either data type is set; the reconnect handler only when both are. The
 // difference is deliberate.
-int32_t connect_data(const sw::site &where, const ebridge_args &args)
+int32_t connect_data(sw::site where, const ebridge_args &args)
 {
     if (args.evlan_data_type != 0 || args.eport_data_type != 0) {
         const int32_t rv = sw_ebridge_alloc_connecting_args(SW_EBRIDGE_UDP_DB, args.user_name, args.handle,
@@ -313,7 +313,7 @@ int32_t connect_data(const sw::site &where, const ebridge_args &args)
     return rv;
 }
 
-int32_t open_connections(const sw::site &where, const ebridge_args &args)
+int32_t open_connections(sw::site where, const ebridge_args &args)
 {
     if (args.mom_db != 0) {
         const int32_t rv = sw_ebridge_alloc_connecting_args(args.mom_db, args.user_name, args.handle,
@@ -367,7 +367,7 @@ SW_EXPORT int32_t sw_ebridge_init_inst(uint32_t table, const ebridge_args *args)
 namespace sw
 {
 
-int32_t check_connecting_args(const site &where, sw_ebridge_connecting_args *ca)
+int32_t check_connecting_args(site where, sw_ebridge_connecting_args *ca)
 {
     if (ca == nullptr) {
         SW_LOG_AT(where, error, "Assert:Bad global.");
@@ -383,7 +383,7 @@ int32_t check_connecting_args(const site &where, sw_ebridge_connecting_args *ca)
     return -2;
 }
 
-void note_connected(const site &where, uint32_t &current_db_flags, const sw_ebridge_connecting_args *ca)
+void note_connected(site where, uint32_t &current_db_flags, const sw_ebridge_connecting_args *ca)
 {
     SW_LOG_AT(
         where, info,
@@ -507,7 +507,7 @@ subscribing_args *sw_ebridge_alloc_subscribing_args(uint32_t bit, const sw::list
 
 // Subscribes every wanted table of the connected databases. A subscription that the store refuses frees its arguments,
 // and the others go on. 0, or -4 without memory.
-int32_t subscribe_tables(const sw::site &where, const sw::list_args &list, const uint32_t (&bitmap)[8])
+int32_t subscribe_tables(sw::site where, const sw::list_args &list, const uint32_t (&bitmap)[8])
 {
     for (const uint32_t place : subscription_order) {
         const followed_table &table = followed_tables[place];
@@ -525,7 +525,7 @@ int32_t subscribe_tables(const sw::site &where, const sw::list_args &list, const
 }
 
 // All databases are up: subscribes what the user has callbacks for.
-int32_t begin_subscribing(const sw::site &where, const sw::list_args &list)
+int32_t begin_subscribing(sw::site where, const sw::list_args &list)
 {
     const sw_ebridge_list_item *user = sw_ebridge_list_item_get(list.user_name);
     if (user == nullptr) {
@@ -543,7 +543,7 @@ int32_t begin_subscribing(const sw::site &where, const sw::list_args &list)
 }
 
 // Every subscription of the cycle is confirmed: scans the same tables.
-void scan_tables(const sw::site &where, const sw::list_args &list)
+void scan_tables(sw::site where, const sw::list_args &list)
 {
     for (const followed_table &table : followed_tables) {
         if (!has_bit(list.subscribing_flags, table.bit))
@@ -554,7 +554,7 @@ void scan_tables(const sw::site &where, const sw::list_args &list)
 }
 
 // 0, or -2 with the reason logged and the arguments freed.
-int32_t check_subscribed(const sw::site &where, const qz_mom_notification *msg, subscribing_args *sa)
+int32_t check_subscribed(sw::site where, const qz_mom_notification *msg, subscribing_args *sa)
 {
     if (msg == nullptr) {
         SW_LOG_AT(where, error, "Assert:MOM msg is NULL.\n");

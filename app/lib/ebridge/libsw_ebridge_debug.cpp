@@ -25,11 +25,23 @@ qz_zlog_category *g_sw_vlan_std_zlog_category = nullptr;
 namespace sw
 {
 
-void emit(qz_zlog_category *category, const site &where, int32_t zlog_level, const char *text)
+// By the level from which a class is admitted.
+static constexpr int32_t zlog_levels[] = {QZ_ZLOG_FATAL, QZ_ZLOG_ERROR, QZ_ZLOG_WARN, 0, QZ_ZLOG_INFO, QZ_ZLOG_DEBUG};
+
+static void emit_to(qz_zlog_category *category, site where, log_class cls, const char *text)
 {
+    const char *file = kSources[where.place >> kLineBits];
     if (category != nullptr)
-        qzdf_zlog(category, where.file, std::strlen(where.file), where.function, std::strlen(where.function),
-                  where.line, zlog_level, "%s", text);
+        qzdf_zlog(category, file, std::strlen(file), where.function, std::strlen(where.function),
+                  static_cast<long>(where.place & kLineMask), zlog_levels[cls], "%s", text);
+}
+
+void emit(site where, log_class cls, const char *text)
+{
+    if (file_admits(cls))
+        emit_to(g_sw_vlan_file_zlog_category, where, cls, text);
+    if (std_admits(cls))
+        emit_to(g_sw_vlan_std_zlog_category, where, cls, text);
 }
 
 }  // namespace sw
@@ -96,7 +108,7 @@ void open_categories()
 // False when logging was set up before. The test mixes one category's handle with the other's level, so with the
 // default levels (file 1, standard output 0) a second call reads the file and opens the categories again; kept
 // deliberately.
-bool set_up_logging(const sw::site &where, const char *user_name, const char *path)
+bool set_up_logging(sw::site where, const char *user_name, const char *path)
 {
     if (g_sw_vlan_file_zlog_category != nullptr && g_sw_vlan_std_zlog_level != 0)
         return false;

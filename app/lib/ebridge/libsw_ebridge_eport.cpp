@@ -309,7 +309,7 @@ SW_EXPORT int32_t sw_eport_index_map_delete_item(uint32_t inst, const sw_eport_i
 namespace
 {
 
-bool all_given(const sw::site &where, const void *in, const void *out)
+bool all_given(sw::site where, const void *in, const void *out)
 {
     if (in != nullptr && out != nullptr)
         return true;
@@ -319,7 +319,7 @@ bool all_given(const sw::site &where, const void *in, const void *out)
 
 // The eport of an interface: which of the two types it is, is the port table's to say. An interface that it does not
 // know gives the aggregate's id 0.
-int32_t eport_of_ifx(const sw::site &where, uint32_t ifx, uint32_t *eport_id)
+int32_t eport_of_ifx(sw::site where, uint32_t ifx, uint32_t *eport_id)
 {
     uint32_t phyid = 0;
     const int32_t rv = libddm_get_phyid_by_ifx(ifx, &phyid);
@@ -333,7 +333,7 @@ int32_t eport_of_ifx(const sw::site &where, uint32_t ifx, uint32_t *eport_id)
     return rv;
 }
 
-int32_t ifx_of_eport(const sw::site &where, uint32_t eport_id, UBridge__EportAppIndex &out)
+int32_t ifx_of_eport(sw::site where, uint32_t eport_id, UBridge__EportAppIndex &out)
 {
     const bool is_port = sw::type_of(eport_id) == kPort;
     const uint32_t phyid = phyid_of(is_port ? LIBDDM_KIND_GLOBAL : LIBDDM_KIND_AGGREGATE, eport_id);
@@ -525,7 +525,7 @@ void sw_eport_session_release_reply(reply answer)
 
 }  // namespace
 
-void sw::eport_kind::take_grant(const site &where, const sw_ebridge_list_item &user, const session &of)
+void sw::eport_kind::take_grant(site where, const sw_ebridge_list_item &user, const session &of)
 {
     sw_eport_db_insert_glb_item(0, of.index->t_user, static_cast<uint32_t>(of.reply_value));
     if (user.eport_reply == nullptr)
@@ -534,7 +534,7 @@ void sw::eport_kind::take_grant(const site &where, const sw_ebridge_list_item &u
     call_eport_reply(user, of);
 }
 
-void sw::eport_kind::tell_refusal(const site &where, const sw_ebridge_list_item &user, const session &of)
+void sw::eport_kind::tell_refusal(site where, const sw_ebridge_list_item &user, const session &of)
 {
     if (user.eport_reply == nullptr)
         return;
@@ -542,7 +542,7 @@ void sw::eport_kind::tell_refusal(const site &where, const sw_ebridge_list_item 
     call_eport_reply(user, of);
 }
 
-void sw::eport_kind::take_removal(const site &where, const sw_ebridge_list_item &user, const session &of)
+void sw::eport_kind::take_removal(site where, const sw_ebridge_list_item &user, const session &of)
 {
     if (user.eport_release_reply != nullptr) {
         UBridge__EportIndex index = index_of<eport_kind>(of);

@@ -78,8 +78,7 @@ SW_EXPORT void sw_evlan_db_delete_item(uint32_t inst, const char *user_name, uin
 
 // Makes sure that the databases and the user exist, and gives the record that a verification inserts. An underlay id
 // presets `fid`, which the insertion does not read: a record made by verification has fid 0. Kept so on purpose.
-static bool verification_record(const sw::site &where, uint32_t inst, const UBridge__EvlanIndex *index,
-                                sw_evlan_attr &record)
+static bool verification_record(sw::site where, uint32_t inst, const UBridge__EvlanIndex *index, sw_evlan_attr &record)
 {
     if (index == nullptr || index->t_user == nullptr) {
         SW_LOG_AT(where, error, "Assert:Bad EVLAN index.");
@@ -658,7 +657,7 @@ void sw_evlan_session_reply_del(reply answer)
 
 }  // namespace
 
-void sw::evlan_kind::take_grant(const site &where, const sw_ebridge_list_item &user, const session &of)
+void sw::evlan_kind::take_grant(site where, const sw_ebridge_list_item &user, const session &of)
 {
     const auto evlan_id = static_cast<uint32_t>(of.reply_value);
     sw_evlan_attr record;
@@ -677,7 +676,7 @@ void sw::evlan_kind::take_grant(const site &where, const sw_ebridge_list_item &u
     }
 }
 
-void sw::evlan_kind::tell_refusal(const site &where, const sw_ebridge_list_item &user, const session &of)
+void sw::evlan_kind::tell_refusal(site where, const sw_ebridge_list_item &user, const session &of)
 {
     if (user.vlan_reply != nullptr) {
         SW_LOG_AT(where, info, "successfully reply vlan_id: 0x%x, type: %d.", static_cast<uint32_t>(of.reply_value),
@@ -690,7 +689,7 @@ void sw::evlan_kind::tell_refusal(const site &where, const sw_ebridge_list_item 
     }
 }
 
-void sw::evlan_kind::take_removal(const site &where, const sw_ebridge_list_item &user, const session &of)
+void sw::evlan_kind::take_removal(site where, const sw_ebridge_list_item &user, const session &of)
 {
     if (user.evlan_release_reply == nullptr)
         return;

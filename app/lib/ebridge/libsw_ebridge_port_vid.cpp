@@ -178,7 +178,7 @@ void tell(const sw_ebridge_callback_args &pair, qz_mom_handle *ctx, const qz_mom
 }
 
 // The interface of a table record. False, with the reason logged, when it has none.
-bool read_ifx(const sw::site &where, const UBridge__PvidTable &record, uint32_t *ifx)
+bool read_ifx(sw::site where, const UBridge__PvidTable &record, uint32_t *ifx)
 {
     UBridge__EportIndex port = U_BRIDGE__EPORT_INDEX__INIT;
     port.eport_id = record.index->port;
@@ -192,7 +192,7 @@ bool read_ifx(const sw::site &where, const UBridge__PvidTable &record, uint32_t 
 }
 
 // Takes a written record into the cache. 0; -4 without memory.
-int32_t take_written(const sw::site &where, sw_vlan_pvid_entry &change, const UBridge__PvidTable &record)
+int32_t take_written(sw::site where, sw_vlan_pvid_entry &change, const UBridge__PvidTable &record)
 {
     change.new_pvid = static_cast<uint16_t>(record.new_pvid);
     change.old_pvid = static_cast<uint16_t>(record.old_pvid);
@@ -222,7 +222,7 @@ void take_removed(sw_vlan_pvid_entry &change)
 }
 
 // Applies the change of a table record, and tells it.
-int32_t take_change(const sw::site &where, qz_mom_handle *ctx, const qz_mom_notification *msg,
+int32_t take_change(sw::site where, qz_mom_handle *ctx, const qz_mom_notification *msg,
                     const sw_ebridge_callback_args &pair)
 {
     const auto *record = static_cast<const UBridge__PvidTable *>(msg->value);

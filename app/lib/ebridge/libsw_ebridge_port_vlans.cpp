@@ -22,7 +22,7 @@ using port_vlans = decltype(sw_eport_attr::attr.underlay);
 
 void set_bit(bitmap &of, int32_t vid) { of[vid / 32] |= 1u << (vid % 32); }
 
-bool is_vlan(const sw::site &where, int32_t vid)
+bool is_vlan(sw::site where, int32_t vid)
 {
     const bool good = vid >= 0 && vid < kVlans;
     if (!good)
@@ -84,7 +84,7 @@ struct port_pattern {
 bool prints_bitmaps() { return sw::std_admits(sw::debug); }
 
 // Writes the record of a port, or removes it when the port is in no VLAN.
-int32_t publish(const sw::site &where, sw_ebridge_list_item &user, uint32_t ifx, port_vlans &of)
+int32_t publish(sw::site where, sw_ebridge_list_item &user, uint32_t ifx, port_vlans &of)
 {
     const port_record port(user, ifx, of);
     const bool in_vlans = std::any_of(of.vbmp, of.vbmp + kWords, [](uint32_t word) { return word != 0; });
@@ -124,7 +124,7 @@ bool insert(const sw_ebridge_list_item &user, uint32_t ifx, const uint32_t *vbmp
     return sw_eport_db_insert_item(0, user.user_name, &made) != nullptr;
 }
 
-bool has_bitmaps(const sw::site &where, bool all)
+bool has_bitmaps(sw::site where, bool all)
 {
     if (!all)
         SW_LOG_AT(where, error, "Assert:Bad bitmap.");

@@ -335,7 +335,7 @@ void remember(const sw_ematch_item &item)
 
 // A walk over the users with the key that is decided.
 struct calculation {
-    const sw::site where;
+    sw::site where;
     qz_mom_handle *const mom_handle;
     sw_ematch_item key;
     sw_ematch_item *previous;  // found before, in this walk

@@ -70,7 +70,7 @@ struct entry_texts {
     const char *other;
 };
 
-void print_mac(const sw::site &where, const char *format, const PLibpub__Mac *mac)
+void print_mac(sw::site where, const char *format, const PLibpub__Mac *mac)
 {
     if (!sw::has_bytes(mac))
         return;
@@ -79,7 +79,7 @@ void print_mac(const sw::site &where, const char *format, const PLibpub__Mac *ma
     SW_LOG_UNCHECKED_AT(where, info, format, bytes);
 }
 
-void print_ip(const sw::site &where, const entry_texts &texts, const PLibpub__Ip *ip)
+void print_ip(sw::site where, const entry_texts &texts, const PLibpub__Ip *ip)
 {
     if (ip == nullptr)
         return;
@@ -93,7 +93,7 @@ void print_ip(const sw::site &where, const entry_texts &texts, const PLibpub__Ip
 
 // A record of either package.
 template <class Entry>
-int32_t print_entry(const sw::site &where, const entry_texts &texts, const Entry *entry)
+int32_t print_entry(sw::site where, const entry_texts &texts, const Entry *entry)
 {
     if (entry == nullptr || entry->index == nullptr) {
         SW_LOG_UNCHECKED_AT(where, error, texts.missing);

@@ -48,7 +48,7 @@ struct rule_pattern {
     rule_pattern &operator=(const rule_pattern &) = delete;
 };
 
-void log_index(const sw::site &where, const UBridge__EmatchIndex &index)
+void log_index(sw::site where, const UBridge__EmatchIndex &index)
 {
     SW_LOG_AT(where, debug, "index evlan1: 0x%x, evlan2: 0x%x, eport: 0x%x, ipv4: 0x%x, vnid: %d, label: %d.",
               static_cast<uint32_t>(index.evlan1), static_cast<uint32_t>(index.evlan2),
@@ -56,7 +56,7 @@ void log_index(const sw::site &where, const UBridge__EmatchIndex &index)
 }
 
 // Logs a rule that is to be written or removed, and looks its user up.
-const sw_ebridge_list_item *owner_of(const sw::site &where, const whole_rule &rule, const char *text)
+const sw_ebridge_list_item *owner_of(sw::site where, const whole_rule &rule, const char *text)
 {
     SW_LOG_UNCHECKED_AT(where, debug, text, sw_bridge_printf_udp_ematch(&rule.entry));
     log_index(where, rule.index);
@@ -114,7 +114,7 @@ SW_EXPORT int32_t sw_ematch_entry_del(const UBridge__EmatchEntry *entry)
 namespace
 {
 
-int32_t scan(const sw::site &where, sw_ebridge_list_item &user, uint32_t db, sw_ebridge_mom_func callback, void *args)
+int32_t scan(sw::site where, sw_ebridge_list_item &user, uint32_t db, sw_ebridge_mom_func callback, void *args)
 {
     user.scan_callback = callback;
     user.scan_args = args;
@@ -127,8 +127,7 @@ int32_t scan(const sw::site &where, sw_ebridge_list_item &user, uint32_t db, sw_
     return rv;
 }
 
-int32_t subscribe(const sw::site &where, sw_ebridge_list_item &user, uint32_t db, sw_ebridge_mom_func callback,
-                  void *args)
+int32_t subscribe(sw::site where, sw_ebridge_list_item &user, uint32_t db, sw_ebridge_mom_func callback, void *args)
 {
     user.subscribe_callback = callback;
     user.subscribe_args = args;

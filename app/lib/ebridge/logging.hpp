@@ -8,7 +8,8 @@
 
 #include <cstdint>
 #include <cstring>
-#include <initializer_list>
+#include <iterator>
+#include <string_view>
 
 #include "qz_zlog.h"
 #include "sw_ebridge.h"
@@ -16,66 +17,74 @@
 namespace sw
 {
 
-// A call site as log lines show it.
+// The sources that log by a site of their own, as log lines name them. One that is missing here does not compile.
+inline constexpr char kSources[][sizeof "app/lib/ebridge/libsw_ebridge_port_vlans.cpp"] = {
+    "app/lib/ebridge/libsw_ebridge.cpp",          "app/lib/ebridge/libsw_ebridge_congest.cpp",
+    "app/lib/ebridge/libsw_ebridge_debug.cpp",    "app/lib/ebridge/libsw_ebridge_ds.cpp",
+    "app/lib/ebridge/libsw_ebridge_eport.cpp",    "app/lib/ebridge/libsw_ebridge_evlan.cpp",
+    "app/lib/ebridge/libsw_ebridge_port_vid.cpp", "app/lib/ebridge/libsw_ebridge_port_vlans.cpp",
+    "app/lib/ebridge/libsw_ematch.cpp",           "app/lib/ebridge/libsw_ematch_print.cpp",
+    "app/lib/ebridge/libsw_ematch_session.cpp",
+};
+
+// A call site as log lines show it. Small, and known when it is compiled but for one address, because there are
+// hundreds: `place` is the source's number in kSources and, in its lower bits, the line.
 struct site {
-    const char *file;
     const char *function;
-    long line;
+    uint32_t place;
 };
 
-#define SW_HERE (::sw::site{__FILE__, __func__, __LINE__})
+inline constexpr uint32_t kLineBits = 11;  // 16 bits in all, which one instruction loads
+inline constexpr uint32_t kLineMask = (1u << kLineBits) - 1;
 
-// A message class: the level from which a category admits it, and the level it is written at.
-struct log_class {
-    uint32_t admitted_from;
-    int32_t zlog_level;
-};
+void site_is_unknown();  // never defined: what calls it is no constant
 
-inline constexpr log_class error{1, QZ_ZLOG_ERROR};
-inline constexpr log_class warning{2, QZ_ZLOG_WARN};
-inline constexpr log_class info{4, QZ_ZLOG_INFO};
-inline constexpr log_class debug{5, QZ_ZLOG_DEBUG};
-inline constexpr log_class fatal{0, QZ_ZLOG_FATAL};
+consteval uint32_t place_of(std::string_view source, uint32_t line)
+{
+    uint32_t number = 0;
+    while (number < std::size(kSources) && source != kSources[number])
+        ++number;
+    if (number == std::size(kSources) || line > kLineMask)
+        site_is_unknown();
+    return number << kLineBits | line;
+}
 
-inline bool file_admits(const log_class &cls) { return g_sw_vlan_file_zlog_level >= cls.admitted_from; }
-inline bool std_admits(const log_class &cls) { return g_sw_vlan_std_zlog_level >= cls.admitted_from; }
+#define SW_HERE (::sw::site{__func__, ::sw::place_of(__FILE__, __LINE__)})
+
+// A message class: its value is the level from which a category admits it.
+enum log_class : uint32_t { fatal = 0, error = 1, warning = 2, info = 4, debug = 5 };
+
+inline bool file_admits(log_class cls) { return g_sw_vlan_file_zlog_level >= cls; }
+inline bool std_admits(log_class cls) { return g_sw_vlan_std_zlog_level >= cls; }
 
 // Whether any category does. A call, not code at each of the many sites.
-[[gnu::noinline]] inline bool admits(const log_class &cls) { return file_admits(cls) || std_admits(cls); }
+[[gnu::noinline]] inline bool admits(log_class cls) { return file_admits(cls) || std_admits(cls); }
 
 inline constexpr size_t kMessageSize = 1024;
 
-// The two categories, with the level of each.
-struct category_state {
-    const uint32_t *level;
-    qz_zlog_category *const *category;
-};
-inline category_state file_category() { return {&g_sw_vlan_file_zlog_level, &g_sw_vlan_file_zlog_category}; }
-inline category_state std_category() { return {&g_sw_vlan_std_zlog_level, &g_sw_vlan_std_zlog_category}; }
-
-// Hands a formatted message to a category; a category that was never opened drops it.
-void emit(qz_zlog_category *category, const site &where, int32_t zlog_level, const char *text);
+// Hands a formatted message to each category that admits its class; one that was never opened drops it.
+void emit(site where, log_class cls, const char *text);
 
 // What goes through a variadic call in the same way has the same type here, so that one function serves many sites.
 constexpr uint32_t passed(uint32_t value) { return value; }
 constexpr uint32_t passed(int32_t value) { return static_cast<uint32_t>(value); }
+// Where a pointer is a word like any other (the target), only the number of arguments tells functions apart.
+#if UINTPTR_MAX == UINT32_MAX
+inline uint32_t passed(const void *value) { return reinterpret_cast<uintptr_t>(value); }
+#else
 inline const void *passed(const void *value) { return value; }
+#endif
 
 template <typename... Args>
-[[gnu::noinline]] void log_passed(const site &where, const log_class &cls, const char *format, Args... args)
+[[gnu::noinline]] void log_passed(site where, log_class cls, const char *format, Args... args)
 {
-    char text[kMessageSize];
-    for (const category_state &category : {file_category(), std_category()}) {
-        if (*category.level < cls.admitted_from)
-            continue;
-        std::memset(text, 0, sizeof text);
-        at_snprintf(text, sizeof text, format, args...);
-        emit(*category.category, where, cls.zlog_level, text);
-    }
+    char text[kMessageSize] = {};
+    at_snprintf(text, sizeof text, format, args...);
+    emit(where, cls, text);
 }
 
 template <typename... Args>
-inline void log(const site &where, const log_class &cls, const char *format, Args... args)
+inline void log(site where, log_class cls, const char *format, Args... args)
 {
     log_passed(where, cls, format, passed(args)...);
 }
@@ -108,8 +117,4 @@ inline const void *address(Result (*function)(Args...))
         SW_LOG_UNCHECKED_AT(where, cls, __VA_ARGS__); \
     } while (0)
 
-#define SW_LOG(cls, ...)                                   \
-    do {                                                   \
-        static constexpr ::sw::site sw_log_site = SW_HERE; \
-        SW_LOG_AT(sw_log_site, cls, __VA_ARGS__);          \
-    } while (0)
+#define SW_LOG(cls, ...) SW_LOG_AT(SW_HERE, cls, __VA_ARGS__)

@@ -21,7 +21,7 @@ void forget_requests(sw_ebridge_list_item &user)
 
 // Marks the sessions of a user, of one type or (0) of all.
 template <class Kind>
-int32_t mark_sessions(const site &where, sw_ebridge_list_item &user, uint32_t type, const qz_mom_timeval *aging_timer,
+int32_t mark_sessions(site where, sw_ebridge_list_item &user, uint32_t type, const qz_mom_timeval *aging_timer,
                       qz_mom_msg_cb callback, void *args)
 {
     const session_pattern<Kind> pattern(user, type);
@@ -29,7 +29,7 @@ int32_t mark_sessions(const site &where, sw_ebridge_list_item &user, uint32_t ty
 }
 
 // The same, not returning before the marks are set.
-[[gnu::noinline]] inline int32_t mark_sync(const site &where, const sw_ebridge_list_item &user, uint32_t db,
+[[gnu::noinline]] inline int32_t mark_sync(site where, const sw_ebridge_list_item &user, uint32_t db,
                                            const ProtobufCMessage &pattern, const qz_mom_timeval *aging_timer,
                                            const char *failed)
 {
@@ -39,15 +39,14 @@ int32_t mark_sessions(const site &where, sw_ebridge_list_item &user, uint32_t ty
 
 // The same for sessions.
 template <class Kind>
-int32_t mark_sessions_sync(const site &where, sw_ebridge_list_item &user, uint32_t type,
-                           const qz_mom_timeval *aging_timer)
+int32_t mark_sessions_sync(site where, sw_ebridge_list_item &user, uint32_t type, const qz_mom_timeval *aging_timer)
 {
     const session_pattern<Kind> pattern(user, type);
     return mark_sync(where, user, user.mod_db, pattern.session.base, aging_timer, Kind::aging_failed);
 }
 
 template <class Kind>
-int32_t begin_aging(const site &where, const char *user_name, const qz_mom_timeval *aging_timer, qz_mom_msg_cb callback,
+int32_t begin_aging(site where, const char *user_name, const qz_mom_timeval *aging_timer, qz_mom_msg_cb callback,
                     void *args)
 {
     sw_ebridge_list_item *user = find_user(where, user_name);
@@ -64,7 +63,7 @@ int32_t begin_aging(const site &where, const char *user_name, const qz_mom_timev
 }
 
 // Arms the timer that deletes what nobody asked for again.
-[[gnu::noinline]] inline int32_t begin_deletion(const site &where, const char *user_name)
+[[gnu::noinline]] inline int32_t begin_deletion(site where, const char *user_name)
 {
     if (find_user(where, user_name) == nullptr)
         return -2;
@@ -75,7 +74,7 @@ int32_t begin_aging(const site &where, const char *user_name, const qz_mom_timev
 // Deletes the user's sessions that were granted and not requested again; a refused deletion does not stop the others.
 // Another user's session of the same key is not touched: the name is the aging user's own.
 template <class Kind>
-int32_t clear_unrequested(const site &where, sw_ebridge_list_item *user)
+int32_t clear_unrequested(site where, sw_ebridge_list_item *user)
 {
     if (user == nullptr) {
         SW_LOG_AT(where, error, "Assert:Bad list");
@@ -95,7 +94,7 @@ int32_t clear_unrequested(const site &where, sw_ebridge_list_item *user)
     return 0;
 }
 
-inline int32_t hear_default(const site &where)
+inline int32_t hear_default(site where)
 {
     SW_LOG_AT(where, warning, "this is a default pexpire funcallback.");
     return 0;
@@ -117,7 +116,7 @@ struct attr_pattern {
 };
 
 template <class Kind>
-int32_t mark_attrs(const site &where, const char *user_name, const qz_mom_timeval *aging_timer, qz_mom_msg_cb callback,
+int32_t mark_attrs(site where, const char *user_name, const qz_mom_timeval *aging_timer, qz_mom_msg_cb callback,
                    void *args)
 {
     sw_ebridge_list_item *user = find_user(where, user_name);
@@ -132,7 +131,7 @@ int32_t mark_attrs(const site &where, const char *user_name, const qz_mom_timeva
 }
 
 template <class Kind>
-int32_t mark_attrs_sync(const site &where, const char *user_name, const qz_mom_timeval *aging_timer)
+int32_t mark_attrs_sync(site where, const char *user_name, const qz_mom_timeval *aging_timer)
 {
     sw_ebridge_list_item *user = find_user(where, user_name);
     if (user == nullptr)
@@ -142,7 +141,7 @@ int32_t mark_attrs_sync(const site &where, const char *user_name, const qz_mom_t
 }
 
 template <class Kind>
-int32_t delete_marked_attrs(const site &where, const char *user_name, qz_mom_msg_cb callback, void *args)
+int32_t delete_marked_attrs(site where, const char *user_name, qz_mom_msg_cb callback, void *args)
 {
     sw_ebridge_list_item *user = find_user(where, user_name);
     if (user == nullptr)

@@ -40,7 +40,7 @@ typename Kind::map_item *mark_requested(const typename Kind::app_index &app)
 
 // A key that comes back within the release delay keeps its id: the pending expiry is taken off.
 template <class Kind>
-void take_back(const site &where, const sw_ebridge_list_item &user, const typename Kind::session &session,
+void take_back(site where, const sw_ebridge_list_item &user, const typename Kind::session &session,
                const typename Kind::map_item &item)
 {
     const typename Kind::app_index &app = *session.index;
@@ -52,7 +52,7 @@ void take_back(const site &where, const sw_ebridge_list_item &user, const typena
         Kind::log_not_cleared(where, rv);
 }
 
-inline int32_t write_request(const site &where, const sw_ebridge_list_item &user, const ProtobufCMessage &session)
+inline int32_t write_request(site where, const sw_ebridge_list_item &user, const ProtobufCMessage &session)
 {
     static constexpr uint32_t request_fields[] = {6, 7, 8};  // request_value, priority, request
     const int32_t rv = qz_mom_hmset(user.mom_handle, user.mod_db, &session, request_fields, count_of(request_fields),
@@ -63,7 +63,7 @@ inline int32_t write_request(const site &where, const sw_ebridge_list_item &user
 }
 
 template <class Kind>
-int32_t request(const site &where, typename Kind::app_index *app, int32_t request_value, UBridge__ResPriority priority)
+int32_t request(site where, typename Kind::app_index *app, int32_t request_value, UBridge__ResPriority priority)
 {
     if (app == nullptr) {
         SW_LOG_AT(where, error, "Assert:Bad index.");
@@ -102,7 +102,7 @@ int32_t request(const site &where, typename Kind::app_index *app, int32_t reques
 // Withdraws an id that the user holds from the local database, and its attribute record from the store. A failure there
 // does not stop the release.
 template <class Kind>
-void withdraw(const site &where, const sw_ebridge_list_item &user, const typename Kind::app_index &app, uint32_t id)
+void withdraw(site where, const sw_ebridge_list_item &user, const typename Kind::app_index &app, uint32_t id)
 {
     Kind::delete_attr(app.t_user, id);
     typename Kind::index index = Kind::new_index(app.t_user, static_cast<int32_t>(id));
@@ -116,7 +116,7 @@ void withdraw(const site &where, const sw_ebridge_list_item &user, const typenam
 // Lets the session expire after the release delay. The copy of the key, `kept`, belongs to the pending expiry; t_user is
 // copied as the pointer. When the store refuses, the copy is not freed. The store's code, or nothing without memory.
 template <class Kind>
-std::optional<int32_t> release_later(const site &where, const sw_ebridge_list_item &user, typename Kind::app_index &app,
+std::optional<int32_t> release_later(site where, const sw_ebridge_list_item &user, typename Kind::app_index &app,
                                      const typename Kind::app_index &kept)
 {
     auto *copy = static_cast<typename Kind::app_index *>(std::malloc(sizeof kept));
@@ -134,7 +134,7 @@ std::optional<int32_t> release_later(const site &where, const sw_ebridge_list_it
 }
 
 template <class Kind>
-int32_t release_now(const site &where, const sw_ebridge_list_item &user, typename Kind::app_index &app)
+int32_t release_now(site where, const sw_ebridge_list_item &user, typename Kind::app_index &app)
 {
     const typename Kind::session session = session_of<Kind>(&app);
     const int32_t rv = qz_mom_del(user.mom_handle, user.mod_db, &session.base, nullptr, nullptr);
@@ -154,7 +154,7 @@ void end_request(const typename Kind::app_index &app)
 }
 
 template <class Kind>
-int32_t release(const site &where, typename Kind::app_index *given, uint32_t delayed)
+int32_t release(site where, typename Kind::app_index *given, uint32_t delayed)
 {
     if (given == nullptr) {
         SW_LOG_AT(where, error, Kind::no_index);
@@ -186,7 +186,7 @@ int32_t release(const site &where, typename Kind::app_index *given, uint32_t del
 }
 
 // 0, or -2 with the reason logged: what callbacks of expiries and subscriptions are refused for.
-[[gnu::noinline]] inline int32_t check_expiry(const site &where, const qz_mom_notification *msg, const void *args)
+[[gnu::noinline]] inline int32_t check_expiry(site where, const qz_mom_notification *msg, const void *args)
 {
     if (msg == nullptr) {
         SW_LOG_AT(where, error, "Assert:MOM msg is NULL.\n");
@@ -205,7 +205,7 @@ int32_t release(const site &where, typename Kind::app_index *given, uint32_t del
 
 // The delayed release is over once the store says that the expiry has ended: fired, or cleared by a new request.
 template <class Kind>
-int32_t hear_release_end(const site &where, const qz_mom_notification *msg, void *args)
+int32_t hear_release_end(site where, const qz_mom_notification *msg, void *args)
 {
     if (const int32_t rv = check_expiry(where, msg, args); rv != 0)
         return rv;
@@ -246,7 +246,7 @@ void fill_from_reply(typename Kind::map_item &item, const reply<Kind> &answer)
 // Takes a new id into an item in place: user, priority and argument stay as they were. The old id's reverse item goes,
 // unless another key has it.
 template <class Kind>
-void regrant(const site &where, typename Kind::map_item &item, const typename Kind::app_index &app, uint32_t id)
+void regrant(site where, typename Kind::map_item &item, const typename Kind::app_index &app, uint32_t id)
 {
     const uint32_t old_id = item.value[0];
     Kind::log_regrant(where, app, old_id, id);
@@ -263,7 +263,7 @@ void regrant(const site &where, typename Kind::map_item &item, const typename Ki
 // Turns a grant into the two index map items, once per reply: the first user in scope does it and ends the walk. The id
 // 0 of a key that was only requested differs from the grant, so a first grant is taken in place like a new one.
 template <class Kind>
-int32_t map_reply(const site &where, const sw_ebridge_list_item &user, const reply<Kind> &answer)
+int32_t map_reply(site where, const sw_ebridge_list_item &user, const reply<Kind> &answer)
 {
     const typename Kind::session &session = *answer.session;
     if (!Kind::in_scope(user, session))
@@ -303,7 +303,7 @@ void record_refusal(const typename Kind::session &session)
 // A refused request: users in scope keep an error entry; the requester, whatever its scope, withdraws the session and
 // hears -1.
 template <class Kind>
-int32_t roll_back(const site &where, const sw_ebridge_list_item &user, const typename Kind::session &session)
+int32_t roll_back(site where, const sw_ebridge_list_item &user, const typename Kind::session &session)
 {
     if (Kind::in_scope(user, session))
         record_refusal<Kind>(session);
@@ -324,7 +324,7 @@ struct reply_steps {
 };
 
 template <class Kind>
-void reply_add(const site &where, reply<Kind> answer, const reply_steps &steps)
+void reply_add(site where, reply<Kind> answer, const reply_steps &steps)
 {
     const typename Kind::session &session = *answer.session;
     const auto id = static_cast<uint32_t>(session.reply_value);
@@ -340,7 +340,7 @@ void reply_add(const site &where, reply<Kind> answer, const reply_steps &steps)
 
 // The users hear of the removal first, then the map items go.
 template <class Kind>
-void reply_remove(const site &where, reply<Kind> answer, sw_ebridge_list_item_visitor step)
+void reply_remove(site where, reply<Kind> answer, sw_ebridge_list_item_visitor step)
 {
     const typename Kind::app_index &app = *answer.session->index;
     typename Kind::index index = Kind::new_index(nullptr, 0);
@@ -362,7 +362,7 @@ void reply_remove(const site &where, reply<Kind> answer, sw_ebridge_list_item_vi
 }
 
 template <class Kind>
-bool is_whole(const site &where, const typename Kind::session *session)
+bool is_whole(site where, const typename Kind::session *session)
 {
     const char *missing = Kind::missing_part(session);
     if (missing != nullptr)
@@ -371,7 +371,7 @@ bool is_whole(const site &where, const typename Kind::session *session)
 }
 
 template <class Kind>
-int32_t apply_session(const site &where, reply<Kind> answer, int32_t add, void (*add_step)(reply<Kind>),
+int32_t apply_session(site where, reply<Kind> answer, int32_t add, void (*add_step)(reply<Kind>),
                       void (*remove_step)(reply<Kind>))
 {
     if (!is_whole<Kind>(where, answer.session))
@@ -400,7 +400,7 @@ struct session_change {
 
 // The session of a written record, with the reason logged when there is none.
 template <class Kind>
-typename Kind::session *written_session(const site &where, const qz_mom_notification &msg)
+typename Kind::session *written_session(site where, const qz_mom_notification &msg)
 {
     const auto *value = static_cast<const qz_mom_hash_value *>(msg.value);
     if (value == nullptr) {
@@ -416,7 +416,7 @@ typename Kind::session *written_session(const site &where, const qz_mom_notifica
 }
 
 template <class Kind>
-session_change<Kind> read_change(const site &where, const qz_mom_notification &msg)
+session_change<Kind> read_change(site where, const qz_mom_notification &msg)
 {
     using change = session_change<Kind>;
     switch (msg.cmd) {
@@ -438,8 +438,7 @@ session_change<Kind> read_change(const site &where, const qz_mom_notification &m
 }
 
 // 0, or -2 with the reason logged.
-[[gnu::noinline]] inline int32_t check_session_message(const site &where, const qz_mom_notification *msg,
-                                                       const void *args)
+[[gnu::noinline]] inline int32_t check_session_message(site where, const qz_mom_notification *msg, const void *args)
 {
     if (msg == nullptr) {
         SW_LOG_AT(where, error, "Assert:MOM, msg is NULL.");
@@ -466,7 +465,7 @@ const char *heard_text(const qz_mom_notification &msg)
 }
 
 template <class Kind>
-int32_t hear_session(const site &where, qz_mom_handle *ctx, const qz_mom_notification *msg, void *args)
+int32_t hear_session(site where, qz_mom_handle *ctx, const qz_mom_notification *msg, void *args)
 {
     if (const int32_t rv = check_session_message(where, msg, args); rv != 0)
         return rv;
@@ -540,7 +539,7 @@ struct session_pattern {
 
 // The slot's pair of a user for `cmd`, filled. Null with *rv set and the reason logged.
 template <class Kind>
-sw_ebridge_callback_args *pair_for(const site &where, sw_ebridge_list_item *user, int32_t mom_db, uint32_t cmd,
+sw_ebridge_callback_args *pair_for(site where, sw_ebridge_list_item *user, int32_t mom_db, uint32_t cmd,
                                    const sw_ebridge_callback_args &wanted, const char *no_memory, int32_t *rv)
 {
     void **slot = find_pair<Kind>(mom_db, cmd, user);
@@ -558,7 +557,7 @@ sw_ebridge_callback_args *pair_for(const site &where, sw_ebridge_list_item *user
 }
 
 template <class Kind>
-int32_t scan_sessions(const site &where, const char *user_name, int32_t mom_db, sw_ebridge_mom_func func, void *args)
+int32_t scan_sessions(site where, const char *user_name, int32_t mom_db, sw_ebridge_mom_func func, void *args)
 {
     sw_ebridge_list_item *user = find_user(where, user_name);
     if (user == nullptr)
@@ -578,8 +577,7 @@ int32_t scan_sessions(const site &where, const char *user_name, int32_t mom_db, 
 }
 
 template <class Kind>
-int32_t subscribe_sessions(const site &where, const char *user_name, int32_t mom_db, sw_ebridge_mom_func func,
-                           void *args)
+int32_t subscribe_sessions(site where, const char *user_name, int32_t mom_db, sw_ebridge_mom_func func, void *args)
 {
     sw_ebridge_list_item *user = find_user(where, user_name);
     if (user == nullptr)

@@ -46,7 +46,7 @@ inline constexpr char kTableMissing[] = "Assert:HASH[%d] init failed.";
 inline constexpr char kMapMissing[] = "Assert:HASH[%] init failed.";
 
 template <class Record>
-int32_t init_slots(const site &where, bool &created, const char *missing_text)
+int32_t init_slots(site where, bool &created, const char *missing_text)
 {
     const uint32_t missing = make_tables<Record>(created, cache<Record>::init);
     if (missing == SW_EBRIDGE_SLOTS)
@@ -71,7 +71,7 @@ typename Kind::attr *find_attr(uint32_t inst, const char *user_name, uint32_t id
 
 // Stores a new record over one of the same key. Null without memory.
 template <class Kind>
-typename Kind::attr *store_attr(const site &where, uint32_t inst, const typename Kind::attr &fresh)
+typename Kind::attr *store_attr(site where, uint32_t inst, const typename Kind::attr &fresh)
 {
     typename Kind::attr *stored = cache<typename Kind::attr>::create(inst, &fresh);
     if (stored == nullptr) {
@@ -85,7 +85,7 @@ typename Kind::attr *store_attr(const site &where, uint32_t inst, const typename
 
 // The existing or a new record. *created (may be null) is set to 1 when one is made.
 template <class Kind>
-typename Kind::attr *insert_attr(const site &where, uint32_t inst, const char *user_name, typename Kind::attr *given,
+typename Kind::attr *insert_attr(site where, uint32_t inst, const char *user_name, typename Kind::attr *given,
                                  uint8_t *created)
 {
     if (sw_ebridge_list_item_get_inst(inst, user_name) == nullptr) {
@@ -106,7 +106,7 @@ typename Kind::attr *insert_attr(const site &where, uint32_t inst, const char *u
 
 // Takes a record out and frees it. Null is an absent one.
 template <class Kind>
-void remove_attr(const site &where, uint32_t inst, typename Kind::attr *record)
+void remove_attr(site where, uint32_t inst, typename Kind::attr *record)
 {
     if (record == nullptr)
         return;
@@ -117,7 +117,7 @@ void remove_attr(const site &where, uint32_t inst, typename Kind::attr *record)
 
 // The two arguments of a copy or a comparison. False with the missing one logged.
 template <class Kind>
-bool both_given(const site &where, const typename Kind::attr *dst, const typename Kind::attr *src)
+bool both_given(site where, const typename Kind::attr *dst, const typename Kind::attr *src)
 {
     if (dst == nullptr) {
         SW_LOG_AT(where, error, Kind::no_dst);
@@ -141,7 +141,7 @@ void take_value(Value &into, const Value &from)
 // Walks the users of slot 0 in the registry's order and lets `take` add each one's record to the merged one. False when
 // no user holds the id.
 template <class Kind, void (*take)(typename Kind::attr &into, const typename Kind::attr &from)>
-bool merge_users(const site &where, typename Kind::attr &into)
+bool merge_users(site where, typename Kind::attr &into)
 {
     struct merge {
         site where;
@@ -228,7 +228,7 @@ bool describe(char (&text)[kMessageSize], const char *prefix, const sw_evlan_ind
 bool describe(char (&text)[kMessageSize], const char *prefix, const sw_eport_index_map &item);
 
 template <class Item>
-void log_change(const site &where, const char *prefix, const Item &item)
+void log_change(site where, const char *prefix, const Item &item)
 {
     char text[kMessageSize];
     if (admits(info) && describe(text, prefix, item))
@@ -237,14 +237,14 @@ void log_change(const site &where, const char *prefix, const Item &item)
 
 // The stored item of a key, or null.
 template <class Kind>
-typename Kind::map_item *get_map_item(const site &where, uint32_t inst, const typename Kind::map_item *key)
+typename Kind::map_item *get_map_item(site where, uint32_t inst, const typename Kind::map_item *key)
 {
     return Kind::good_map_arguments(where, inst, key) ? cache<typename Kind::map_item>::find(inst, key) : nullptr;
 }
 
 // Stores a copy of the item at the head of its user's list. Null without memory.
 template <class Kind>
-typename Kind::map_item *create_map_item(const site &where, uint32_t inst, const typename Kind::map_item &item)
+typename Kind::map_item *create_map_item(site where, uint32_t inst, const typename Kind::map_item &item)
 {
     using items = cache<typename Kind::map_item>;
     // An existing item is replaced in place, its link with it: it leaves its list first.
@@ -267,7 +267,7 @@ typename Kind::map_item *create_map_item(const site &where, uint32_t inst, const
 
 // Replaces what a reply brings of a stored item: values, owner, priority and the reply's database. Not ds_flag.
 template <class Kind>
-void replace_map_item(const site &where, typename Kind::map_item &stored, const typename Kind::map_item &item)
+void replace_map_item(site where, typename Kind::map_item &stored, const typename Kind::map_item &item)
 {
     std::memcpy(stored.value, item.value, sizeof stored.value);
     copy_name(stored.user_name, item.user_name);
@@ -278,7 +278,7 @@ void replace_map_item(const site &where, typename Kind::map_item &stored, const 
 
 // 0, also when absent.
 template <class Kind>
-int32_t delete_map_item(const site &where, uint32_t inst, const typename Kind::map_item *key)
+int32_t delete_map_item(site where, uint32_t inst, const typename Kind::map_item *key)
 {
     typename Kind::map_item *stored = cache<typename Kind::map_item>::find(inst, key);
     if (stored == nullptr)
@@ -313,8 +313,7 @@ uint32_t bridge_id_of(const Item &item)
 
 // Prints an item that passes the filter and counts it; `end` follows its line.
 template <class Kind>
-int32_t dump_map_item(const site &where, const typename Kind::map_item *item, sw_ebridge_dump_args *filter,
-                      const char *end)
+int32_t dump_map_item(site where, const typename Kind::map_item *item, sw_ebridge_dump_args *filter, const char *end)
 {
     if (item == nullptr) {
         SW_LOG_AT(where, error, Kind::no_dump_item);

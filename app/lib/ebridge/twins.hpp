@@ -27,7 +27,7 @@ inline uint32_t type_of(uint32_t id) { return id >> 24; }
 
 // The user of an attribute structure. Null with the reason logged.
 template <class Attr>
-sw_ebridge_list_item *user_of(const site &where, const Attr *attr)
+sw_ebridge_list_item *user_of(site where, const Attr *attr)
 {
     if (attr == nullptr) {
         SW_LOG_AT(where, error, "Assert:Bad arg: NULL.");
@@ -131,7 +131,7 @@ struct evlan_kind {
         return sw_evlan_type_underlay(static_cast<uint32_t>(app.type)) != 0;
     }
     // A wanted id has to be of the key's type.
-    static bool accepts_value(const site &where, uint32_t type, uint32_t value)
+    static bool accepts_value(site where, uint32_t type, uint32_t value)
     {
         if (type_of(value) == type)
             return true;
@@ -162,18 +162,18 @@ struct evlan_kind {
     }
     // What a user in scope does with a grant: a record of its own in the local database, and the callback of the id's
     // kind: VLANs by their number.
-    static void take_grant(const site &where, const sw_ebridge_list_item &user, const session &of);
+    static void take_grant(site where, const sw_ebridge_list_item &user, const session &of);
     // The requester hears of a refusal through every reply callback that it has.
-    static void tell_refusal(const site &where, const sw_ebridge_list_item &user, const session &of);
+    static void tell_refusal(site where, const sw_ebridge_list_item &user, const session &of);
     // The local record was withdrawn by the release; only the callback is left.
-    static void take_removal(const site &where, const sw_ebridge_list_item &user, const session &of);
+    static void take_removal(site where, const sw_ebridge_list_item &user, const session &of);
     static const char *missing_part(const session *of)
     {
         const bool whole = of != nullptr && of->index != nullptr && of->index->t_user != nullptr;
         return whole ? nullptr : "Assert:evlan session is NULL.";
     }
     // The index map refuses bad slots and null items aloud.
-    static bool good_map_arguments(const site &where, uint32_t inst, const map_item *item)
+    static bool good_map_arguments(site where, uint32_t inst, const map_item *item)
     {
         if (inst >= SW_EBRIDGE_SLOTS) {
             SW_LOG_AT(where, error, "Assert:Bad inst %d.", inst);
@@ -216,43 +216,43 @@ struct evlan_kind {
     static constexpr char aged[] = "delete aged evlan: user=%s";
     static constexpr char not_held[] = "Assert:User[%s].EVLAN[0x%x] not exsit.";
 
-    static void log_inserted(const site &where, const attr &record)
+    static void log_inserted(site where, const attr &record)
     {
         SW_LOG_AT(where, info, "Insert user[%s].evlan[0x%x]!", record.user_name, record.evlan_id);
     }
-    static void log_not_inserted(const site &where, uint32_t, const char *user_name, uint32_t id)
+    static void log_not_inserted(site where, uint32_t, const char *user_name, uint32_t id)
     {
         SW_LOG_AT(where, error, "Assert:Insert user[%s].evlan[0x%x] failed!", user_name, id);
     }
-    static void log_not_mapped(const site &where, const map_item &item)
+    static void log_not_mapped(site where, const map_item &item)
     {
         SW_LOG_AT(where, error,
                   "Assert:EVLAN Index map failed, user is %s, type is %d, keyid1 is 0x%x, keyid2 is 0x%x.",
                   item.user_name, item.kind, item.key[1], item.key[2]);
     }
-    static void log_request(const site &where, const app_index &app, uint32_t value)
+    static void log_request(site where, const app_index &app, uint32_t value)
     {
         SW_LOG_AT(where, info, "user: %s, type: 0x%x, key(vid or ifx or vni) id: %d, evlan_id: 0x%x.", app.t_user,
                   static_cast<uint32_t>(app.type), app.keyid, value);
     }
-    static void log_clear_expire(const site &where, const app_index &app, uint32_t id)
+    static void log_clear_expire(site where, const app_index &app, uint32_t id)
     {
         SW_LOG_AT(where, info, "clear expire, user: %s, type: 0x%x, keyid: %d, evlan_id: 0x%x.", app.t_user,
                   static_cast<uint32_t>(app.type), app.keyid, id);
     }
     // Not looked at: the write that follows clears the mark as well.
-    static void log_not_cleared(const site &, int32_t) {}
-    static void log_release(const site &where, const app_index &app)
+    static void log_not_cleared(site, int32_t) {}
+    static void log_release(site where, const app_index &app)
     {
         SW_LOG_AT(where, info, "user: %s, type: 0x%x, key(vid or ifx or vni) id: %d.", app.t_user,
                   static_cast<uint32_t>(app.type), app.keyid);
     }
-    static void log_no_memory(const site &where, const app_index &app)
+    static void log_no_memory(site where, const app_index &app)
     {
         SW_LOG_AT(where, error, "Assert:Malloc for user[%s].type[%d].keyid[0x%x] failed.", app.t_user,
                   static_cast<uint32_t>(app.type), static_cast<uint32_t>(app.keyid));
     }
-    static void log_not_expired(const site &where, const sw_ebridge_list_item &user, const app_index &app, int32_t rv)
+    static void log_not_expired(site where, const sw_ebridge_list_item &user, const app_index &app, int32_t rv)
     {
         SW_LOG_AT(
             where, error,
@@ -260,52 +260,52 @@ struct evlan_kind {
             app.t_user, static_cast<uint32_t>(app.type), app.keyid, static_cast<void *>(user.mom_handle), user.mod_db,
             rv);
     }
-    static void log_not_deleted(const site &where, int32_t rv)
+    static void log_not_deleted(site where, int32_t rv)
     {
         SW_LOG_AT(where, error, "Assert:qz_mom_del failed, rv: %d.", rv);
     }
-    static void log_released(const site &, const app_index &, int32_t) {}
-    static void log_delay_over(const site &where, const app_index &app)
+    static void log_released(site, const app_index &, int32_t) {}
+    static void log_delay_over(site where, const app_index &app)
     {
         SW_LOG_AT(where, info, "pexpire_end, user: %s, type: 0x%x, keyid: %d.", app.t_user,
                   static_cast<uint32_t>(app.type), app.keyid);
     }
-    static void log_scan_end(const site &where, sw_ebridge_mom_func func)
+    static void log_scan_end(site where, sw_ebridge_mom_func func)
     {
         SW_LOG_AT(where, info, "scan end callback %p.", address(func));
     }
-    static void log_reply(const site &where, const session &of)
+    static void log_reply(site where, const session &of)
     {
         SW_LOG_AT(where, info, "app_index-user: %s, type: %d, keyid: %d, evlan_index-evlan_id: 0x%x(priority: %d).",
                   of.index->t_user, of.index->type, of.index->keyid, static_cast<uint32_t>(of.reply_value),
                   static_cast<int>(of.priority));
     }
-    static void log_regrant(const site &where, const app_index &app, uint32_t old_id, uint32_t new_id)
+    static void log_regrant(site where, const app_index &app, uint32_t old_id, uint32_t new_id)
     {
         SW_LOG_AT(where, info,
                   "updating old app2udp data, type: 0x%x, keyid: %d(old_evlan_id: 0x%x, new_evlan_id: 0x%x).",
                   static_cast<uint32_t>(app.type), app.keyid, old_id, new_id);
     }
-    static void log_no_more(const site &where, const app_index &app)
+    static void log_no_more(site where, const app_index &app)
     {
         SW_LOG_AT(where, warning, "no more evlan id available, user: %s, app_index->type: 0x%x, keyid: %d.", app.t_user,
                   static_cast<uint32_t>(app.type), app.keyid);
     }
-    static void log_granted(const site &where, const app_index &app, uint32_t id)
+    static void log_granted(site where, const app_index &app, uint32_t id)
     {
         SW_LOG_AT(where, info, "user: %s, keyid: %d, reply value: 0x%x.", app.t_user, app.keyid, id);
     }
-    static void log_refused(const site &where, const app_index &app)
+    static void log_refused(site where, const app_index &app)
     {
         SW_LOG_AT(where, error, "User[%s].evlan[type:0x%x, keyid: %x] reply failed result.", app.t_user,
                   static_cast<uint32_t>(app.type), static_cast<uint32_t>(app.keyid));
     }
-    static void log_removal(const site &where, const app_index &app, uint32_t id, int32_t rv)
+    static void log_removal(site where, const app_index &app, uint32_t id, int32_t rv)
     {
         SW_LOG_AT(where, info, "release db app_user: %s, type: %d, keyid: %d, evlan_id: 0x%x, rv: %d.", app.t_user,
                   app.type, app.keyid, id, rv);
     }
-    static void log_unmapped(const site &where, const app_index &app, uint32_t id)
+    static void log_unmapped(site where, const app_index &app, uint32_t id)
     {
         SW_LOG_AT(where, info, "release db app_user: %s, type: %d, keyid: %d, evlan_id: 0x%x.", app.t_user, app.type,
                   app.keyid, id);
@@ -405,7 +405,7 @@ struct eport_kind {
 
     // A wanted id is asked for as it stands: for an interface the port table says whether its id is a PORT's or an AP's,
     // whatever type the key names.
-    static bool accepts_value(const site &, uint32_t, uint32_t) { return true; }
+    static bool accepts_value(site, uint32_t, uint32_t) { return true; }
     // No type is released at once by itself, so each may come back.
     static bool may_come_back(const app_index &) { return true; }
     static bool is_delayed(const app_index &, uint32_t delayed) { return delayed != 0; }
@@ -421,16 +421,16 @@ struct eport_kind {
     static bool hears_removal(const sw_ebridge_list_item &user, const session &of) { return in_scope(user, of); }
     // Records are shared: there is one under the requester's name, whoever hears of the grant, and it goes with the
     // session. There is one callback, for all types.
-    static void take_grant(const site &where, const sw_ebridge_list_item &user, const session &of);
-    static void tell_refusal(const site &where, const sw_ebridge_list_item &user, const session &of);
-    static void take_removal(const site &where, const sw_ebridge_list_item &user, const session &of);
+    static void take_grant(site where, const sw_ebridge_list_item &user, const session &of);
+    static void tell_refusal(site where, const sw_ebridge_list_item &user, const session &of);
+    static void take_removal(site where, const sw_ebridge_list_item &user, const session &of);
     static const char *missing_part(const session *of)
     {
         if (of == nullptr)
             return "Assert:EPORT session is NULL.";
         return of->index != nullptr && of->index->t_user != nullptr ? nullptr : "Assert:EPORT session index is NULL.";
     }
-    static bool good_map_arguments(const site &, uint32_t inst, const map_item *item)
+    static bool good_map_arguments(site, uint32_t inst, const map_item *item)
     {
         return inst < SW_EBRIDGE_SLOTS && item != nullptr;
     }
@@ -466,35 +466,35 @@ struct eport_kind {
     // The evlan text has capitals; neither follows the other.
     static constexpr char not_held[] = "Assert:user[%s].eport[0x%x] not exsit.";
 
-    static void log_inserted(const site &, const attr &) {}
-    static void log_not_inserted(const site &where, uint32_t inst, const char *user_name, uint32_t id)
+    static void log_inserted(site, const attr &) {}
+    static void log_not_inserted(site where, uint32_t inst, const char *user_name, uint32_t id)
     {
         SW_LOG_AT(where, error, "Assert:Insert inst[%d].user[%s].eport[0x%x] failed.", inst, user_name, id);
     }
-    static void log_not_mapped(const site &where, const map_item &item)
+    static void log_not_mapped(site where, const map_item &item)
     {
         SW_LOG_AT(where, error, "Assert:EPort Index map failed, user is %s, type is %d", item.user_name, item.kind);
     }
-    static void log_request(const site &where, const app_index &app, uint32_t value)
+    static void log_request(site where, const app_index &app, uint32_t value)
     {
         SW_LOG_AT(where, info, "type: 0x%x, user: %s, keyid1: %d, keyid2: %d, eport_id: 0x%x.",
                   static_cast<uint32_t>(app.type), app.t_user, app.keyid1, app.keyid2, value);
     }
-    static void log_clear_expire(const site &where, const app_index &app, uint32_t id)
+    static void log_clear_expire(site where, const app_index &app, uint32_t id)
     {
         SW_LOG_AT(where, info, "clear expire, user: %s, type: 0x%x, keyid1: %d, keyid2: %d, eport_id: 0x%x.",
                   app.t_user, static_cast<uint32_t>(app.type), app.keyid1, app.keyid2, id);
     }
-    static void log_not_cleared(const site &where, int32_t rv)
+    static void log_not_cleared(site where, int32_t rv)
     {
         SW_LOG_AT(where, error, "Assert:qz_mom_clear_expire failed, rv: %d.", rv);
     }
-    static void log_release(const site &, const app_index &) {}
+    static void log_release(site, const app_index &) {}
     // A failure has one line, at the end, whatever failed.
-    static void log_no_memory(const site &, const app_index &) {}
-    static void log_not_expired(const site &, const sw_ebridge_list_item &, const app_index &, int32_t) {}
-    static void log_not_deleted(const site &, int32_t) {}
-    static void log_released(const site &where, const app_index &app, int32_t rv)
+    static void log_no_memory(site, const app_index &) {}
+    static void log_not_expired(site, const sw_ebridge_list_item &, const app_index &, int32_t) {}
+    static void log_not_deleted(site, int32_t) {}
+    static void log_released(site where, const app_index &app, int32_t rv)
     {
         if (rv != 0)
             SW_LOG_AT(where, error, "User[%s] release eport[type:0x%x, keyid1:%d, keyid2:%d] failed, error is %d.",
@@ -503,44 +503,44 @@ struct eport_kind {
             SW_LOG_AT(where, info, "User[%s] release eport[type:0x%x, keyid1:%d, keyid2:%d].", app.t_user,
                       static_cast<uint32_t>(app.type), app.keyid1, app.keyid2);
     }
-    static void log_delay_over(const site &where, const app_index &app)
+    static void log_delay_over(site where, const app_index &app)
     {
         SW_LOG_AT(where, info, "pexpire_end, user: %s, type: 0x%x, keyid1: %d, keyid2: %d.", app.t_user,
                   static_cast<uint32_t>(app.type), app.keyid1, app.keyid2);
     }
-    static void log_scan_end(const site &, sw_ebridge_mom_func) {}
-    static void log_reply(const site &where, const session &of)
+    static void log_scan_end(site, sw_ebridge_mom_func) {}
+    static void log_reply(site where, const session &of)
     {
         SW_LOG_AT(where, info,
                   "app_index-user: %s, type: %d, keyid1: %d, keyid2: %d, eport_index-eport_id: 0x%x(priority: %d)\n",
                   of.index->t_user, of.index->type, of.index->keyid1, of.index->keyid2,
                   static_cast<uint32_t>(of.reply_value), static_cast<int>(of.priority));
     }
-    static void log_regrant(const site &where, const app_index &app, uint32_t old_id, uint32_t new_id)
+    static void log_regrant(site where, const app_index &app, uint32_t old_id, uint32_t new_id)
     {
         SW_LOG_AT(
             where, info,
             "updating old app2udp data, type: 0x%x, keyid1: %d, keyid2: %d(old_eport_id: 0x%x, new_eport_id: 0x%x).",
             static_cast<uint32_t>(app.type), app.keyid1, app.keyid2, old_id, new_id);
     }
-    static void log_no_more(const site &where, const app_index &app)
+    static void log_no_more(site where, const app_index &app)
     {
         SW_LOG_AT(where, warning,
                   "no more eport id available, user: %s, app_index->type: 0x%x, keyid1: %d, keyid2: %d.", app.t_user,
                   static_cast<uint32_t>(app.type), app.keyid1, app.keyid2);
     }
-    static void log_granted(const site &where, const app_index &app, uint32_t id)
+    static void log_granted(site where, const app_index &app, uint32_t id)
     {
         SW_LOG_AT(where, info, "user: %s, keyid1: %d, keyid2: %d, reply value: 0x%x.", app.t_user, app.keyid1,
                   app.keyid2, id);
     }
-    static void log_refused(const site &, const app_index &) {}
-    static void log_removal(const site &where, const app_index &app, uint32_t id, int32_t rv)
+    static void log_refused(site, const app_index &) {}
+    static void log_removal(site where, const app_index &app, uint32_t id, int32_t rv)
     {
         SW_LOG_AT(where, info, "release db app_user: %s, type: %d, keyid1: %d, keyid2: %d, eport_id: 0x%x, rv: %d.",
                   app.t_user, app.type, app.keyid1, app.keyid2, id, rv);
     }
-    static void log_unmapped(const site &where, const app_index &app, uint32_t id)
+    static void log_unmapped(site where, const app_index &app, uint32_t id)
     {
         SW_LOG_AT(where, info, "release db app_user: %s, type: %d, keyid1: %d, keyid2: %d, eport_id: 0x%x\n",
                   app.t_user, app.type, app.keyid1, app.keyid2, id);

@@ -7,7 +7,7 @@ namespace sw
 {
 
 // The user of that name in slot 0; its absence is logged for the caller.
-[[gnu::noinline]] inline sw_ebridge_list_item *find_user(const site &where, const char *user_name)
+[[gnu::noinline]] inline sw_ebridge_list_item *find_user(site where, const char *user_name)
 {
     sw_ebridge_list_item *user = sw_ebridge_list_item_get(user_name);
     if (user == nullptr)

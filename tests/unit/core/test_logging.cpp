@@ -19,6 +19,8 @@ class Logging : public CoreTest
 
 // ---- the logging step
 
+constexpr sw::site kSomewhere = {"a_function", sw::place_of("app/lib/ebridge/libsw_ematch_session.cpp", 2047)};
+
 struct message_class {
     const char *name;
     void (*say)();
@@ -63,9 +65,9 @@ TEST_P(LoggingLevels, IsWrittenAtItsZlogLevel)
 INSTANTIATE_TEST_SUITE_P(
     Classes, LoggingLevels,
     testing::Values(message_class{"Error", [] { sw_ebridge_list_item_get_inst(6, "user"); }, 1, kError},
-                    message_class{"Warning", [] { SW_LOG(warning, "a refusal"); }, 2, kWarning},
-                    message_class{"Info", [] { SW_LOG(info, "progress"); }, 4, kInfo},
-                    message_class{"Debug", [] { SW_LOG(debug, "a trace"); }, 5, kDebug},
+                    message_class{"Warning", [] { SW_LOG_AT(kSomewhere, warning, "a refusal"); }, 2, kWarning},
+                    message_class{"Info", [] { SW_LOG_AT(kSomewhere, info, "progress"); }, 4, kInfo},
+                    message_class{"Debug", [] { SW_LOG_AT(kSomewhere, debug, "a trace"); }, 5, kDebug},
                     message_class{"Fatal", [] { sw_ebridge_mom_reconnect_cb(recording::handle(), 4, 1, nullptr); }, 0,
                                   kFatal}),
     parameter_name<message_class>);
@@ -104,8 +106,19 @@ TEST_F(Logging, MessageIsCutAt1023Characters)
 TEST_F(Logging, UncheckedMessagesCopyUnknownConversions)
 {
     const uint8_t mac[6] = {0, 1, 2, 3, 4, 5};
-    SW_LOG_UNCHECKED_AT(SW_HERE, error, "HASH[%] %m", mac);
+    SW_LOG_UNCHECKED_AT(kSomewhere, error, "HASH[%] %m", mac);
     EXPECT_THAT(errors(), ElementsAre("HASH[%] 00:01:02:03:04:05"));
+}
+
+TEST_F(Logging, ALineNamesSourceFunctionAndLineOfItsSite)
+{
+    SW_LOG_AT(kSomewhere, error, "here");
+    ASSERT_EQ(2u, recording::log().size());
+    for (const auto &line : recording::log()) {
+        EXPECT_EQ("app/lib/ebridge/libsw_ematch_session.cpp", line.file);
+        EXPECT_EQ("a_function", line.function);
+        EXPECT_EQ(2047, line.line);
+    }
 }
 
 TEST_F(Logging, MissingCategoryDropsItsMessages)
