@@ -1053,6 +1053,37 @@ sw_ematch_item *sw_ematch_calc_final_values(qz_mom_handle *mom_handle, const UBr
 /* Writes current_result to the item's record, if there is one. 0, -2 null, or the store's code. */
 int32_t sw_ematch_result_reply(qz_mom_handle *mom_handle, sw_ematch_item *item);
 
+/* ---- chip drivers ----------------------------------------------------------------------------------------------------- *
+ * A chip driver reports here which hardware object (its "chip key") it made behind an evlan or eport. Per chip unit, which is
+ * a slot, the pairs are kept in the index maps, in the name "sdavlan.unit<unit>"; the users of the slot hear of each object,
+ * whether there is memory for the pair or not, and what their callbacks return is not looked at. -2 for a unit of 6 or more,
+ * and for null, which only the chip key of a destruction may be. */
+
+/* An object was made: keeps the pair, over an earlier one of the same id or chip key, and tells the users. 0, -2. A chip key
+ * that the id had before keeps leading to it until it is paired anew. */
+int32_t sda_evlan_create_callback(uint32_t unit, UBridge__EvlanIndex *evlan_index, SBridge__EvlanSdkIndex *sdk_index);
+int32_t sda_eport_create_callback(uint32_t unit, UBridge__EportIndex *eport_index, UBridge__EportSdkIndex *sdk_index);
+/* An object is gone: drops the pair and tells the users its chip key as it was kept, all 0 when there was none. `sdk_index`
+ * is not looked at. 0, -2. */
+int32_t sda_evlan_destroy_callback(uint32_t unit, UBridge__EvlanIndex *evlan_index, SBridge__EvlanSdkIndex *sdk_index);
+int32_t sda_eport_destroy_callback(uint32_t unit, UBridge__EportIndex *eport_index, UBridge__EportSdkIndex *sdk_index);
+/* Between an evlan and its chip key; `t_user` of `out` is left alone. To the chip: `type` takes the evlan's own type, `vsi`
+ * and `vid` those of the pair. From the chip: type, vsi and vid all count, the type as the driver reported it. 0; -1 without
+ * such a pair, and then out is 0; -2. */
+int32_t sda_evlan_udp2sdk(uint32_t unit, UBridge__EvlanIndex *in, SBridge__EvlanSdkIndex *out);
+int32_t sda_evlan_sdk2udp(uint32_t unit, SBridge__EvlanSdkIndex *in, UBridge__EvlanIndex *out);
+/* The same for eports as the card numbers them. A LOCAL_PORT is found in the port table: `unit` and `port`, with type 17. An
+ * AP is computed: `tid` is its number and `port` that and 256. Others: `type` and `vport` of the pair. 0; -1 without a pair;
+ * -2; or the port table's result, and then `unit` is the argument's and `port` the low byte of the id. */
+int32_t sda_eport_sdp2sdk(uint32_t unit, UBridge__EportIndex *in, UBridge__EportSdkIndex *out);
+/* By the type: 16 asks the port table for the chip key's own `unit` and `port`; 32 gives tid << 24 | 32, which no other call
+ * takes; others: the pair of the `vport`. 0, also without a pair, with eport_id 0; -2; or the port table's result. */
+int32_t sda_eport_sdk2sdp(uint32_t unit, UBridge__EportSdkIndex *in, UBridge__EportIndex *out);
+/* Tell the users of the unit that a port (its local physical id) entered (op 1) or left a VLAN, or that a VLAN's filtering
+ * database changed. 0, -2. */
+int32_t sda_vlan_ports_notify(uint32_t unit, uint32_t vid, uint32_t lphyid, uint32_t op);
+int32_t sda_vlan_fid_notify(uint32_t unit, uint32_t vid, uint32_t old_fid, uint32_t new_fid);
+
 /* ---- diagnosis -------------------------------------------------------------------------------------------------- */
 
 /* Counters of the request protocol, since start or the last reset. */

@@ -24,3 +24,15 @@ int32_t libddm_get_gphyid_by_lphyid(uint32_t lphyid, uint32_t *gphyid)
     (void)lphyid, (void)gphyid;
     return LIBDDM_ENOENT;
 }
+
+int32_t libddm_get_unit_port_by_lphyid(uint32_t lphyid, int32_t *unit, int32_t *port)
+{
+    (void)lphyid, (void)unit, (void)port;
+    return LIBDDM_ENOENT;
+}
+
+int32_t libddm_get_lphyid_by_unit_port(int32_t unit, int32_t port, uint32_t *lphyid)
+{
+    (void)unit, (void)port, (void)lphyid;
+    return LIBDDM_ENOENT;
+}

@@ -812,27 +812,32 @@ int32_t libcgstctrl_gen_topic_reg(qz_mom_handle *handle, uint32_t db, const char
 namespace
 {
 
+// 0 and the row that matches; what the test chose, or ENOENT, and null.
+struct found_port {
+    int32_t result;
+    const libddm_port *row;
+};
+
 template <typename Matches>
-const libddm_port *find_port(const char *function, Matches matches)
+found_port find_port(const char *function, Matches matches)
 {
     const own_allocations own;
     call made;
     made.function = function;
-    if (recording::record(made) != 0)
-        return nullptr;
+    if (const int32_t result = recording::record(made); result != 0)
+        return {result, nullptr};
     for (const auto &port : recording::the().ports)
         if (matches(port))
-            return &port;
-    return nullptr;
+            return {0, &port};
+    return {LIBDDM_ENOENT, nullptr};
 }
 
 template <typename Value>
-int32_t give(const libddm_port *port, Value libddm_port::*member, Value *out)
+int32_t give(const found_port &found, Value libddm_port::*member, Value *out)
 {
-    if (!port)
-        return LIBDDM_ENOENT;
-    *out = port->*member;
-    return 0;
+    if (found.row != nullptr)
+        *out = found.row->*member;
+    return found.result;
 }
 
 }  // namespace
@@ -841,7 +846,7 @@ extern "C" {
 
 int32_t libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t *phyid)
 {
-    const auto *port = find_port(__func__, [=](const libddm_port &p) { return p.ifx == ifx; });
+    const auto port = find_port(__func__, [=](const libddm_port &p) { return p.ifx == ifx; });
     return give(port, &libddm_port::gphyid, phyid);
 }
 
@@ -853,26 +858,26 @@ int32_t libddm_get_ifx_by_phyid(uint32_t phyid, uint32_t *ifx)
 
 int32_t libddm_get_lphyid_by_gphyid(uint32_t gphyid, uint32_t *lphyid)
 {
-    const auto *port = find_port(__func__, [=](const libddm_port &p) { return p.gphyid == gphyid; });
+    const auto port = find_port(__func__, [=](const libddm_port &p) { return p.gphyid == gphyid; });
     return give(port, &libddm_port::lphyid, lphyid);
 }
 
 int32_t libddm_get_gphyid_by_lphyid(uint32_t lphyid, uint32_t *gphyid)
 {
-    const auto *port = find_port(__func__, [=](const libddm_port &p) { return p.lphyid == lphyid; });
+    const auto port = find_port(__func__, [=](const libddm_port &p) { return p.lphyid == lphyid; });
     return give(port, &libddm_port::gphyid, gphyid);
 }
 
 int32_t libddm_get_unit_port_by_lphyid(uint32_t lphyid, int32_t *unit, int32_t *port)
 {
-    const auto *found = find_port(__func__, [=](const libddm_port &p) { return p.lphyid == lphyid; });
+    const auto found = find_port(__func__, [=](const libddm_port &p) { return p.lphyid == lphyid; });
     give(found, &libddm_port::unit, unit);
     return give(found, &libddm_port::port, port);
 }
 
 int32_t libddm_get_lphyid_by_unit_port(int32_t unit, int32_t port, uint32_t *lphyid)
 {
-    const auto *found = find_port(__func__, [=](const libddm_port &p) { return p.unit == unit && p.port == port; });
+    const auto found = find_port(__func__, [=](const libddm_port &p) { return p.unit == unit && p.port == port; });
     return give(found, &libddm_port::lphyid, lphyid);
 }
 

@@ -23,8 +23,8 @@ inline constexpr char kSources[][sizeof "app/lib/ebridge/libsw_ebridge_port_vlan
     "app/lib/ebridge/libsw_ebridge_debug.cpp",    "app/lib/ebridge/libsw_ebridge_ds.cpp",
     "app/lib/ebridge/libsw_ebridge_eport.cpp",    "app/lib/ebridge/libsw_ebridge_evlan.cpp",
     "app/lib/ebridge/libsw_ebridge_port_vid.cpp", "app/lib/ebridge/libsw_ebridge_port_vlans.cpp",
-    "app/lib/ebridge/libsw_ematch.cpp",           "app/lib/ebridge/libsw_ematch_print.cpp",
-    "app/lib/ebridge/libsw_ematch_session.cpp",
+    "app/lib/ebridge/libsw_ebridge_sda.cpp",      "app/lib/ebridge/libsw_ematch.cpp",
+    "app/lib/ebridge/libsw_ematch_print.cpp",     "app/lib/ebridge/libsw_ematch_session.cpp",
 };
 
 // A call site as log lines show it. Small, and known when it is compiled but for one address, because there are
