@@ -569,6 +569,8 @@ extern struct qz_zlog_category *g_sw_vlan_std_zlog_category;
 int32_t sw_vlan_debug_init(const char *user_name, const char *path);
 /* The same for the user of `args` with "/etc/libvlan_<user>_dbg", and registers the debug-shell commands. 0. */
 int32_t lib_vlan_debug_init(const ebridge_args *args);
+/* Prints both levels, sets them, and logs a line at each level that is open now. 0. */
+int32_t sw_switch_vlan_logging_set(int32_t file_level, int32_t std_level);
 /* Sends descriptors 0, 1 and 2 into /data/collect/<name>.log; only if that folder is made by this call. 0 or negative.
  */
 int32_t sw_bridge_logging_redirect2collectfile(const char *name);
@@ -796,6 +798,10 @@ int32_t sw_eport_udp2sdp(const UBridge__EportIndex *udp, UBridge__EportIndex *sd
 int32_t sw_eport_sdp2udp(const UBridge__EportIndex *sdp, UBridge__EportIndex *udp);
 int32_t sw_eport_db_ut_dump_op(sw_eport_index_map *item, void *dump_args, int32_t position);
 int32_t sw_eport_res_db_ut_dump(uint32_t type, uint32_t id);
+/* db_type 0 prints all, 1 the local database, 2 the index map; the other two name the type: PORT or AP. */
+int32_t sw_eport_db_ut_dump(int32_t db_type, int32_t eport_type, uint32_t eport_id);
+int32_t sw_port_db_ut_dump(int32_t db_type, uint32_t eport_id);
+int32_t sw_ap_db_ut_dump(int32_t db_type, uint32_t eport_id);
 
 /* ---- eport: request, release, reply ----------------------------------------------------------------------------- */
 
@@ -1123,6 +1129,13 @@ int32_t sw_ebridge_age_timer_create(const char *user_name);
 /* The timer's function: its argument is a copy of the user's name, which it frees. Deletes what was not requested again.
  * 0, -2. */
 int32_t sw_ebridge_age_exec(qz_thread_event *event);
+/* Prints the codes of evlan and eport types. 0. */
+int32_t sw_ebridge_dump_type(void);
+/* Translate, and print what came of it. The translation's result. */
+int32_t sw_evlan_app2udp_test(int32_t type, int32_t keyid);
+int32_t sw_evlan_udp2app_test(uint32_t evlan_id);
+int32_t sw_eport_app2udp_test(int32_t type, int32_t keyid1, int32_t keyid2);
+int32_t sw_eport_udp2app_test(uint32_t eport_id);
 /* Sets the two release delays in seconds, 0 or more: a store refuses an expiry in the past, and with it the release. 0. */
 int32_t sw_ebridge_delay_time_set(int32_t evlan_seconds, int32_t eport_seconds);
 

@@ -1,4 +1,5 @@
-// Logging set-up, the collect file, and the commands that each process offers to the debug shell.
+// Logging set-up, the collect file, the commands that each process offers to the debug shell, and those of their handlers
+// that no area of the library has for itself.
 #include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
@@ -10,8 +11,9 @@
 #include <utility>
 
 #include "export.hpp"
+#include "libsw_ebridge_ds.hpp"
 #include "logging.hpp"
-#include "ssat.h"
+#include "print.hpp"
 
 SW_EXPORT uint32_t g_sw_vlan_file_zlog_level;
 SW_EXPORT uint32_t g_sw_vlan_std_zlog_level;
@@ -149,12 +151,36 @@ struct shell_command {
     ssat_handler handler;
 };
 
+int32_t reset_statistics()
+{
+    sw_ebridge_reset_stat();
+    return 0;
+}
+
 constexpr shell_command shell_commands[] = {
     {"dump_list", "dump ebridge list info", shell_handler<sw_ebridge_list_item_ut_dump>},
+    {"dump_type", "dump ebridge list info", shell_handler<sw_ebridge_dump_type>},  // text of dump_list, kept so
     {"dump_evlan", "dump evlan info(0 dump all), db_type=%d, evlan_type=0x%x, evlan_id=0x%x",
      shell_handler<sw_evlan_db_ut_dump>},
+    {"dump_eport", "dump eport info(0 dump all), db_type=%d, eport_type=0x%x, eport_id=0x%x",
+     shell_handler<sw_eport_db_ut_dump>},
+    {"dump_ematch", "dump ematch info(0 dump all), ematch_type=0x%x", shell_handler<sw_ematch_db_ut_dump>},
+    {"evlan_app2udp", "evlan_app2udp, type=0x%x, keyid=%d", shell_handler<sw_evlan_app2udp_test>},
+    {"evlan_udp2app", "evlan_udp2app, evlan_id=0x%x", shell_handler<sw_evlan_udp2app_test>},
+    {"eport_app2udp", "eport_app2udp, type=0x%x, keyid1=%d, keyid2=%d", shell_handler<sw_eport_app2udp_test>},
+    {"eport_udp2app", "eport_udp2app, eport_id=0x%x", shell_handler<sw_eport_udp2app_test>},
     {"dump_vlan", "dump vlan info(0 dump all), db_type=%d, vlan_id=%d", shell_handler<sw_vlan_db_ut_dump>},
+    {"dump_port", "dump port(ap) info(0 dump all), db_type=%d, eport_id=0x%x", shell_handler<sw_port_db_ut_dump>},
+    {"dump_ap", "dump ap info(0 dump all), db_type=%d, eport_id=0x%x", shell_handler<sw_ap_db_ut_dump>},
+    {"dump_pvid", "dump port_vid info(0 dump all), ifx=%d", shell_handler<sw_vlan_pvid_ut_dump>},
+    {"dump_pvid_stats", "pvid_stats", shell_handler<sw_vlan_pvid_stats_print>},
+    {"clear_stat", "clear the diagnosis statistics", shell_handler<reset_statistics>},
+    {"dump_stat", "get the diagnosis statistics", shell_handler<sw::dump_statistics>},
+    {"dump_eport_err_msg", "print the last five eport_error_msg", shell_handler<sw::dump_eport_errors>},
+    {"dump_evlan_err_msg", "print the last five evlan_error_msg", shell_handler<sw::dump_evlan_errors>},
     {"delay", "set evlan/eport delay time, evlan_second=%d, eport_second=%d", shell_handler<sw_ebridge_delay_time_set>},
+    {"debug", "set vlan debug level(1:err,2:warn,4:info,7:all), file_level=%d, std_level=%d",
+     shell_handler<sw_switch_vlan_logging_set>},
 };
 
 // The shell is an aid: without it the library works on.
@@ -186,6 +212,99 @@ SW_EXPORT int32_t lib_vlan_debug_init(const ebridge_args *args)
     std::snprintf(path, sizeof path, "/etc/libvlan_%s_dbg", args->user_name);
     if (set_up_logging(SW_HERE, args->user_name, path))
         register_shell_commands();
+    return 0;
+}
+
+// ---- what only operators call -------------------------------------------------------------------------------------
+
+// The types that came later are not listed; kept so.
+SW_EXPORT int32_t sw_ebridge_dump_type(void)
+{
+    sw::print(
+        "evlan-vlan:     0x%x\n"
+        "evlan-vxlan:    0x%x\n"
+        "evlan-vpls:     0x%x\n"
+        "evlan-trill:    0x%x\n"
+        "evlan-l2gre:    0x%x\n\n",
+        U_BRIDGE__EVLAN_TYPE__VLAN, U_BRIDGE__EVLAN_TYPE__VXLAN, U_BRIDGE__EVLAN_TYPE__VPLS,
+        U_BRIDGE__EVLAN_TYPE__TRILL, U_BRIDGE__EVLAN_TYPE__L2GRE);
+    sw::print(
+        "eport-port:     0x%x\n"
+        "eport-localport:0x%x\n"
+        "eport-ap:       0x%x\n"
+        "eport-vxlan-ac: 0x%x\n"
+        "eport-vxlan-pw: 0x%x\n"
+        "eport-vpls-ac:  0x%x\n"
+        "eport-vpls-pw:  0x%x\n"
+        "eport-trill-ac: 0x%x\n"
+        "eport-trill-pw: 0x%x\n"
+        "eport-l2gre-ac: 0x%x\n"
+        "eport-l2gre-pw: 0x%x\n",
+        U_BRIDGE__EPORT_TYPE__PORT, U_BRIDGE__EPORT_TYPE__LOCAL_PORT, U_BRIDGE__EPORT_TYPE__AP,
+        U_BRIDGE__EPORT_TYPE__VXLAN_AC, U_BRIDGE__EPORT_TYPE__VXLAN_PW, U_BRIDGE__EPORT_TYPE__VPLS_AC,
+        U_BRIDGE__EPORT_TYPE__VPLS_PW, U_BRIDGE__EPORT_TYPE__TRILL_AC, U_BRIDGE__EPORT_TYPE__TRILL_PW,
+        U_BRIDGE__EPORT_TYPE__L2GRE_AC, U_BRIDGE__EPORT_TYPE__L2GRE_PW);
+    return 0;
+}
+
+SW_EXPORT int32_t sw_evlan_app2udp_test(int32_t type, int32_t keyid)
+{
+    UBridge__EvlanAppIndex app = U_BRIDGE__EVLAN_APP_INDEX__INIT;
+    UBridge__EvlanIndex evlan = U_BRIDGE__EVLAN_INDEX__INIT;
+    app.type = type;
+    app.keyid = keyid;
+    const int32_t rv = sw_evlan_app2udp(&app, &evlan);
+    sw::print("type: 0x%x, keyid: %d => evlan_id: 0x%x, rv: %d\n", static_cast<uint32_t>(type), keyid,
+              static_cast<uint32_t>(evlan.evlan_id), rv);
+    return rv;
+}
+
+SW_EXPORT int32_t sw_evlan_udp2app_test(uint32_t evlan_id)
+{
+    UBridge__EvlanAppIndex app = U_BRIDGE__EVLAN_APP_INDEX__INIT;
+    UBridge__EvlanIndex evlan = U_BRIDGE__EVLAN_INDEX__INIT;
+    evlan.evlan_id = static_cast<int32_t>(evlan_id);
+    const int32_t rv = sw_evlan_udp2app(&evlan, &app);
+    sw::print("evlan_id: 0x%x => type: 0x%x, keyid: %d, rv: %d\n", evlan_id, static_cast<uint32_t>(app.type), app.keyid,
+              rv);
+    return rv;
+}
+
+SW_EXPORT int32_t sw_eport_app2udp_test(int32_t type, int32_t keyid1, int32_t keyid2)
+{
+    UBridge__EportAppIndex app = U_BRIDGE__EPORT_APP_INDEX__INIT;
+    UBridge__EportIndex eport = U_BRIDGE__EPORT_INDEX__INIT;
+    app.type = type;
+    app.keyid1 = keyid1;
+    app.keyid2 = keyid2;
+    const int32_t rv = sw_eport_app2udp(&app, &eport);
+    sw::print("type: 0x%x, keyid1: %d, keyid2: %d => eport_id: 0x%x, rv: %d\n", static_cast<uint32_t>(type), keyid1,
+              keyid2, static_cast<uint32_t>(eport.eport_id), rv);
+    return rv;
+}
+
+SW_EXPORT int32_t sw_eport_udp2app_test(uint32_t eport_id)
+{
+    UBridge__EportAppIndex app = U_BRIDGE__EPORT_APP_INDEX__INIT;
+    UBridge__EportIndex eport = U_BRIDGE__EPORT_INDEX__INIT;
+    eport.eport_id = static_cast<int32_t>(eport_id);
+    const int32_t rv = sw_eport_udp2app(&eport, &app);
+    sw::print("eport_id: 0x%x => type: 0x%x, keyid1: %d, keyid2: %d, rv: %d\n", eport_id,
+              static_cast<uint32_t>(app.type), app.keyid1, app.keyid2, rv);
+    return rv;
+}
+
+// The lines bear the header's name, not this file's: the levels are those of all who log through it.
+SW_EXPORT int32_t sw_switch_vlan_logging_set(int32_t file_level, int32_t std_level)
+{
+    static constexpr sw::site header = {__func__, sw::place_of("sw_bridge/ebridge/sw_ebridge.h", 1)};
+    sw::print("setting vlan file_level: %d, std_level: %d\r\n", file_level, std_level);
+    g_sw_vlan_file_zlog_level = static_cast<uint32_t>(file_level);
+    g_sw_vlan_std_zlog_level = static_cast<uint32_t>(std_level);
+    SW_LOG_AT(header, debug, "DEBUG level is opened\r\n");
+    SW_LOG_AT(header, info, "INFO level is opened\r\n");
+    SW_LOG_AT(header, warning, "WARN level is opened\r\n");
+    SW_LOG_AT(header, error, "ERROR level is opened\r\n");
     return 0;
 }
 

@@ -2,6 +2,7 @@
 // table, request and release, the allocator's replies, scan and subscribe, attributes, aging. What evlans do alike is in
 // the twin_*.hpp templates, the differences in twins.hpp. Neighbours: libsw_ebridge (users, connections),
 // libsw_ebridge_ds (counters, delays, the age timer).
+#include <arpa/inet.h>
 #include <cstdio>
 
 #include "export.hpp"
@@ -444,6 +445,101 @@ SW_EXPORT int32_t sw_eport_res_db_ut_dump(uint32_t type, uint32_t id)
     filter.id = id;
     sw::dump_map_slots<kind, sw_eport_db_ut_dump_op>(filter);
     return 0;
+}
+
+// ---- dumps of the local database ----------------------------------------------------------------------------------
+
+namespace
+{
+
+void print_underlay(const sw_eport_attr &record)
+{
+    const auto &underlay = record.attr.underlay;
+    sw::print("PVID:%d, VT_KEY:0x%x.\n", underlay.pvid, underlay.vt_key);
+    const struct {
+        const char *label;
+        const uint32_t (&words)[128];
+    } rows[] = {
+        {"vlan: ", underlay.vbmp},
+        {"untag vlan: ", underlay.ubmp},
+        {"multicast vlan: ", underlay.mcbmp},
+    };
+    for (const auto &row : rows) {
+        sw::print("%s", row.label);
+        sw::print_bitmap(row.words, sw::count_of(row.words));
+    }
+}
+
+void print_overlay(const sw_eport_attr &record)
+{
+    const auto &overlay = record.attr.overlay;
+    char dip[INET_ADDRSTRLEN];
+    char sip[INET6_ADDRSTRLEN];
+    inet_ntop(AF_INET, &overlay.dip, dip, sizeof dip);
+    inet_ntop(overlay.sip.is_ipv6 != 0 ? AF_INET6 : AF_INET, overlay.sip.address, sip, sizeof sip);
+    // One word with two meanings, which the mode tells apart.
+    const char *peer = overlay.peer_mode != 0 ? "peer_eport_id" : "evlan_id";
+    sw::print(
+        "ClassID:%x, match_vid:%d, match_inner_vid:%d, match_port:0x%x, nhop:%d, mpath_flag:%d, encap:%d, dip:%s, sip:%s, eport_mode:%d, %s:0x%x, ",
+        overlay.class_id, overlay.match_vid, overlay.match_inner_vid, overlay.match_port, overlay.nhop,
+        overlay.mpath_flag, overlay.encap, dip, sip, overlay.peer_mode, peer, overlay.evlan_id);
+    sw::print(
+        "split_horizon:%d, mtu:%d, egr_vlan_action:%d, ovid:%d, is_tagged:%s, ing_flex_cnt_id: %u, egr_flex_cnt_id: %u.\n",
+        overlay.split_horizon, overlay.mtu, overlay.egr_vlan_action, overlay.ovid,
+        overlay.is_tagged != 0 ? "true" : "false", overlay.ing_flex_cnt_id, overlay.egr_flex_cnt_id);
+}
+
+int32_t dump_record(sw_eport_attr *record, void *dump_args, int32_t)
+{
+    auto *filter = static_cast<sw_ebridge_dump_args *>(dump_args);
+    if (!sw::passes(*filter, record->eport_id))
+        return 0;
+    sw::print("%s, 0x%x, vlan_filter:%d, ", record->user_name, record->eport_id, record->vlan_filter);
+    if (sw_eport_id_underlay(record->eport_id) != 0)
+        print_underlay(*record);
+    else
+        print_overlay(*record);
+    sw::print("%s", sw::kRule81);
+    ++filter->count;
+    return 0;
+}
+
+// By slot and not by user: a grant's record is the requester's, who may be of another process.
+void dump_records(uint32_t type, uint32_t id)
+{
+    sw::print("\n========== <eport attr db, input eport_type: 0x%x, eport_id: 0x%x> =============\n", type, id);
+    for (uint32_t inst = 0; inst < SW_EBRIDGE_SLOTS; ++inst) {
+        if (!sw::family<sw_eport_attr>::exists(inst))
+            continue;
+        sw_ebridge_dump_args filter = {};
+        filter.type = type;
+        filter.id = id;
+        sw_eport_hash_traverse(inst, dump_record, &filter);
+        sw::print("total eport attr db of instance(%d) is %d.\n", inst, filter.count);
+    }
+}
+
+}  // namespace
+
+// db_type: 0 every kind, 1 the local database, 2 the index map.
+SW_EXPORT int32_t sw_eport_db_ut_dump(int32_t db_type, int32_t eport_type, uint32_t eport_id)
+{
+    const auto type = static_cast<uint32_t>(eport_type);
+    if (db_type == 0 || db_type == 1)
+        dump_records(type, eport_id);
+    if (db_type == 0 || db_type == 2)
+        sw_eport_res_db_ut_dump(type, eport_id);
+    return 0;
+}
+
+SW_EXPORT int32_t sw_port_db_ut_dump(int32_t db_type, uint32_t eport_id)
+{
+    return sw_eport_db_ut_dump(db_type, static_cast<int32_t>(kPort), eport_id);
+}
+
+SW_EXPORT int32_t sw_ap_db_ut_dump(int32_t db_type, uint32_t eport_id)
+{
+    return sw_eport_db_ut_dump(db_type, static_cast<int32_t>(kAp), eport_id);
 }
 
 // ---- request and release ------------------------------------------------------------------------------------------

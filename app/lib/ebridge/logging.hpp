@@ -19,12 +19,19 @@ namespace sw
 
 // The sources that log by a site of their own, as log lines name them. One that is missing here does not compile.
 inline constexpr char kSources[][sizeof "app/lib/ebridge/libsw_ebridge_port_vlans.cpp"] = {
-    "app/lib/ebridge/libsw_ebridge.cpp",          "app/lib/ebridge/libsw_ebridge_congest.cpp",
-    "app/lib/ebridge/libsw_ebridge_debug.cpp",    "app/lib/ebridge/libsw_ebridge_ds.cpp",
-    "app/lib/ebridge/libsw_ebridge_eport.cpp",    "app/lib/ebridge/libsw_ebridge_evlan.cpp",
-    "app/lib/ebridge/libsw_ebridge_port_vid.cpp", "app/lib/ebridge/libsw_ebridge_port_vlans.cpp",
-    "app/lib/ebridge/libsw_ebridge_sda.cpp",      "app/lib/ebridge/libsw_ematch.cpp",
-    "app/lib/ebridge/libsw_ematch_print.cpp",     "app/lib/ebridge/libsw_ematch_session.cpp",
+    "app/lib/ebridge/libsw_ebridge.cpp",
+    "app/lib/ebridge/libsw_ebridge_congest.cpp",
+    "app/lib/ebridge/libsw_ebridge_debug.cpp",
+    "app/lib/ebridge/libsw_ebridge_ds.cpp",
+    "app/lib/ebridge/libsw_ebridge_eport.cpp",
+    "app/lib/ebridge/libsw_ebridge_evlan.cpp",
+    "app/lib/ebridge/libsw_ebridge_port_vid.cpp",
+    "app/lib/ebridge/libsw_ebridge_port_vlans.cpp",
+    "app/lib/ebridge/libsw_ebridge_sda.cpp",
+    "app/lib/ebridge/libsw_ematch.cpp",
+    "app/lib/ebridge/libsw_ematch_print.cpp",
+    "app/lib/ebridge/libsw_ematch_session.cpp",
+    "sw_bridge/ebridge/sw_ebridge.h",
 };
 
 // A call site as log lines show it. Small, and known when it is compiled but for one address, because there are

@@ -25,9 +25,25 @@ struct command {
 
 constexpr command kCommands[] = {
     {"dump_list", "dump ebridge list info"},
+    {"dump_type", "dump ebridge list info"},
     {"dump_evlan", "dump evlan info(0 dump all), db_type=%d, evlan_type=0x%x, evlan_id=0x%x"},
+    {"dump_eport", "dump eport info(0 dump all), db_type=%d, eport_type=0x%x, eport_id=0x%x"},
+    {"dump_ematch", "dump ematch info(0 dump all), ematch_type=0x%x"},
+    {"evlan_app2udp", "evlan_app2udp, type=0x%x, keyid=%d"},
+    {"evlan_udp2app", "evlan_udp2app, evlan_id=0x%x"},
+    {"eport_app2udp", "eport_app2udp, type=0x%x, keyid1=%d, keyid2=%d"},
+    {"eport_udp2app", "eport_udp2app, eport_id=0x%x"},
     {"dump_vlan", "dump vlan info(0 dump all), db_type=%d, vlan_id=%d"},
+    {"dump_port", "dump port(ap) info(0 dump all), db_type=%d, eport_id=0x%x"},
+    {"dump_ap", "dump ap info(0 dump all), db_type=%d, eport_id=0x%x"},
+    {"dump_pvid", "dump port_vid info(0 dump all), ifx=%d"},
+    {"dump_pvid_stats", "pvid_stats"},
+    {"clear_stat", "clear the diagnosis statistics"},
+    {"dump_stat", "get the diagnosis statistics"},
+    {"dump_eport_err_msg", "print the last five eport_error_msg"},
+    {"dump_evlan_err_msg", "print the last five evlan_error_msg"},
     {"delay", "set evlan/eport delay time, evlan_second=%d, eport_second=%d"},
+    {"debug", "set vlan debug level(1:err,2:warn,4:info,7:all), file_level=%d, std_level=%d"},
 };
 
 TEST(DebugShell, CommandsAreRegisteredInOrder)
