@@ -261,3 +261,23 @@ TEST(ExampleProgram, RequestsPrintsAndReleases)
     EXPECT_EQ(seen.status, 0) << seen.err;
     EXPECT_EQ(seen.out, "VNI 5010 has evlan 0x20000001\nreleased\n");
 }
+
+TEST(ExampleProgram, ChipDriverReportsObjectsOfBothUnits)
+{
+    const outcome seen = run({CHIP_DRIVER_PROGRAM});
+    EXPECT_EQ(seen.status, 0);
+    EXPECT_EQ(seen.err, "");
+    EXPECT_EQ(seen.out,
+              "unit 0: evlan 0x20000005 is vsi 1\n"
+              "unit 0: eport 0x30000007 is vport 100\n"
+              "unit 1: evlan 0x20000005 is vsi 5\n"
+              "unit 1: eport 0x30000007 is vport 500\n"
+              "unit 0: an event of vport 100 means eport 0x30000007\n"
+              "unit 1: an event of vport 500 means eport 0x30000007\n"
+              "unit 1: an event of vport 100 means nothing\n"
+              "unit 0: eport 0x30000007 was vport 100\n"
+              "unit 0: evlan 0x20000005 was vsi 1\n"
+              "unit 1: eport 0x30000007 was vport 500\n"
+              "unit 1: evlan 0x20000005 was vsi 5\n"
+              "unit 0: an event of vport 100 means nothing\n");
+}
