@@ -24,14 +24,13 @@ int keep_output_clean()
     return result;
 }
 
-bool write_all(int fd, std::string text)
+bool write_all(int fd, std::string_view text)
 {
-    text += '\n';
-    for (size_t done = 0; done < text.size();) {
-        const ssize_t wrote = write(fd, text.data() + done, text.size() - done);
+    while (!text.empty()) {
+        const ssize_t wrote = write(fd, text.data(), text.size());
         if (wrote < 0)
             return false;
-        done += static_cast<size_t>(wrote);
+        text.remove_prefix(static_cast<size_t>(wrote));
     }
     return true;
 }

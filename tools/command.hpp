@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace CLI
@@ -33,7 +34,7 @@ int complain(const std::string &line, int status);
 // goes to standard error. Returns the descriptor for the object, or -1.
 int keep_output_clean();
 
-// The text and a line's end. False when it cannot be written.
-bool write_all(int fd, std::string text);
+// False when it cannot be written.
+bool write_all(int fd, std::string_view text);
 
 }  // namespace ebridge_tool

@@ -15,7 +15,8 @@ constexpr const char *FOOTER =
     "Examples:\n"
     "  ebridge run leaf.json                             see ebridge run --help\n"
     "  ebridge shell --list                              see ebridge shell --help\n"
-    "  ebridge show ematch --store redis://127.0.0.1     see ebridge show ematch --help";
+    "  ebridge show ematch --store redis://127.0.0.1     see ebridge show ematch --help\n"
+    "  ebridge show vlan --store redis://127.0.0.1       see ebridge show vlan --help";
 
 // "ebridge run": the words as far as they are understood, for whom the help is to be asked.
 std::string understood(const CLI::App &app)

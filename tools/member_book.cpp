@@ -12,22 +12,6 @@ namespace ebridge_tool
 
 using config_text::printable;
 
-std::string ranges_of(const vlan_set &set)
-{
-    constexpr uint32_t VLANS = 4096;
-    std::string text;
-    for (uint32_t first = 0; first < VLANS; ++first) {
-        if (!contains(set, first))
-            continue;
-        uint32_t last = first;
-        while (last + 1 < VLANS && contains(set, last + 1))
-            ++last;
-        text += (text.empty() ? "" : ",") + std::to_string(first) + (last > first ? '-' + std::to_string(last) : "");
-        first = last;
-    }
-    return text;
-}
-
 bool vlan_port::is_seen() const
 {
     const bool same_vlans =
@@ -45,7 +29,7 @@ member_book::member_book(const switch_config &config, const request_book &reques
     note_wanted();
     for (const vlan_port &port : ports_)
         if (port.pvid != 0 && std::ranges::count_if(port.members, [this](size_t i) { return entry(i).untagged; }) > 1)
-            result->notes.push_back(printable(port.name) + ": untagged in several VLANs, " + ranges_of(port.untagged) +
+            result->notes.push_back(printable(port.name) + ": untagged in several VLANs, " + port.untagged.text() +
                                     ": the lowest is its default VLAN");
 }
 
@@ -77,10 +61,10 @@ void member_book::note_wanted()
             const vlan_member &member = entry(i);
             if (member.dropped)
                 continue;
-            add(&port.vlans, member.vlan);
+            port.vlans.add(member.vlan);
             if (!member.untagged)
                 continue;
-            add(&port.untagged, member.vlan);
+            port.untagged.add(member.vlan);
             const auto vlan = static_cast<int32_t>(member.vlan);
             port.pvid = port.pvid == 0 ? vlan : std::min(port.pvid, vlan);
         }

@@ -2,8 +2,6 @@
 // and what the observer reads.
 #pragma once
 
-#include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -12,21 +10,10 @@
 
 #include "config.hpp"
 #include "requests.hpp"
+#include "vlan_set.hpp"
 
 namespace ebridge_tool
 {
-
-// VLANs 0 to 4095, as the library's bitmaps have them: v is bit v % 32 of word v / 32.
-using vlan_set = std::array<uint32_t, 128>;
-
-inline bool contains(const vlan_set &set, uint32_t vlan) { return (set[vlan / 32] >> vlan % 32 & 1U) != 0; }
-inline void add(vlan_set *set, uint32_t vlan) { (*set)[vlan / 32] |= 1U << vlan % 32; }
-inline bool any(const vlan_set &set)
-{
-    return std::ranges::any_of(set, [](uint32_t word) { return word != 0; });
-}
-// "2-5,7".
-std::string ranges_of(const vlan_set &set);
 
 // Facts are plain values: processes hand them to each other as they are.
 struct member_facts {
@@ -63,7 +50,7 @@ struct vlan_port {
     member_facts asked{};
     member_sight seen{};
 
-    bool is_wanted() const { return any(vlans); }
+    bool is_wanted() const { return !vlans.empty(); }
     bool is_published() const { return asked.code == 0 && asked.pvid_code == 0; }
     // Nothing more is to be heard of its default VLAN.
     bool is_settled() const { return pvid == 0 || !is_published() || asked.pvid == pvid; }

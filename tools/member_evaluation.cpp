@@ -49,24 +49,23 @@ std::string surplus(const vlan_port &port, const vlan_member &member, const memb
 {
     if (&members.entry(port.members[0]) != &member)
         return "";
-    vlan_set more{};
-    for (size_t i = 0; i < more.size(); ++i)
-        more[i] = port.seen.vlans[i] & ~port.vlans[i];
+    vlan_set more = port.seen.vlans;
+    more -= port.vlans;
     for (size_t i : port.members)
         if (members.entry(i).dropped)
-            more[members.entry(i).vlan / 32] &= ~(1U << members.entry(i).vlan % 32);
-    return any(more) ? "the observer reads VLANs that nobody asked for: " + ranges_of(more) : "";
+            more -= vlan_set(members.entry(i).vlan);
+    return more.empty() ? "" : "the observer reads VLANs that nobody asked for: " + more.text();
 }
 
 std::string difference(const member_book &members, const vlan_port &port, const vlan_member &member)
 {
     if (!port.seen.found)
         return "the observer does not find the VLANs of " + port.name;
-    if (!contains(port.seen.vlans, member.vlan))
+    if (!port.seen.vlans.has(member.vlan))
         return "the observer does not find the VLAN on the port";
-    if (contains(port.seen.untagged, member.vlan) != member.untagged)
+    if (port.seen.untagged.has(member.vlan) != member.untagged)
         return member.untagged ? "the observer reads that it is tagged" : "the observer reads that it is untagged";
-    if (!contains(port.seen.multicast, member.vlan))
+    if (!port.seen.multicast.has(member.vlan))
         return "the observer does not find the multicast mark";
     const std::string pvid = gives_pvid(port, member) ? pvid_difference(port) : "";
     return pvid.empty() ? surplus(port, member, members) : pvid;
@@ -74,7 +73,7 @@ std::string difference(const member_book &members, const vlan_port &port, const 
 
 std::string left_over(const vlan_port &port, const vlan_member &member)
 {
-    if (contains(port.seen.vlans, member.vlan))
+    if (port.seen.vlans.has(member.vlan))
         return "the VLAN is still on the port";
     if (member.untagged && port.seen.claimed == static_cast<int32_t>(member.vlan))
         return "it is still asked for as default VLAN";

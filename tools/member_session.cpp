@@ -15,20 +15,20 @@ namespace
 
 constexpr int32_t PUBLISH = 1;  // send_flag of the library's call
 
-const vlan_set *set_of(const UBridge__Bitmap *encoded, vlan_set *out)
+bool read_set(const UBridge__Bitmap *encoded, vlan_set *out)
 {
-    if (!encoded || encoded->start % 32 != 0 || encoded->start / 32 + encoded->n_value > out->size())
-        return nullptr;
-    *out = {};
-    std::copy_n(encoded->value, encoded->n_value, out->begin() + encoded->start / 32);
-    return out;
+    std::string ignored;
+    const auto read =
+        encoded ? vlan_set::read(encoded->start, {encoded->value, encoded->n_value}, &ignored) : std::nullopt;
+    *out = read.value_or(vlan_set());
+    return read.has_value();
 }
 
 // False: the record is not as the library writes it.
 bool read_vlans(const UBridge__PortVlans &record, member_sight *out)
 {
-    return set_of(record.vbmp, &out->vlans) && set_of(record.ubmp, &out->untagged) &&
-           set_of(record.mcbmp, &out->multicast);
+    return read_set(record.vbmp, &out->vlans) && read_set(record.ubmp, &out->untagged) &&
+           read_set(record.mcbmp, &out->multicast);
 }
 
 }  // namespace
@@ -43,8 +43,8 @@ void session::publish_members(const run_options &options)
             continue;
         const auto eport = static_cast<int32_t>(port.eport);
         const auto add = [&] {
-            return sw_vlan_port_range_vids_add_with_flag(requester(), eport, port.vlans.data(), port.untagged.data(),
-                                                         port.vlans.data(), PUBLISH);
+            return sw_vlan_port_range_vids_add_with_flag(requester(), eport, port.vlans.words(), port.untagged.words(),
+                                                         port.vlans.words(), PUBLISH);
         };
         const auto set_pvid = [&] { return sw_vlan_pvid_set(requester(), port.eport, port.pvid); };
         const int32_t code = patiently(add, options.patience_usec);

@@ -1,9 +1,11 @@
-// The port table that a configuration is brought up on. See ports.hpp.
+// The port table of this process. See ports.hpp.
 #include "ports.hpp"
 
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -226,6 +228,63 @@ uint32_t port_id(uint32_t phyid)
     constexpr uint32_t GLOBAL_PORT = 7;
     const uint32_t type = phyid >> 24 == GLOBAL_PORT ? U_BRIDGE__EPORT_TYPE__PORT : U_BRIDGE__EPORT_TYPE__AP;
     return type << 24 | (phyid & 0xffffff);
+}
+
+namespace
+{
+
+// The interface index of the port that a number stands for, if the port table has it.
+std::optional<uint32_t> ifx_of(uint32_t number)
+{
+    uint32_t phyid = 0, ifx = 0;
+    if (libddm_get_phyid_by_ifx(number, &phyid) == 0)
+        return number;
+    for (const uint32_t kind : {LIBDDM_KIND_GLOBAL, LIBDDM_KIND_AGGREGATE}) {
+        phyid = kind << 24 | (number & 0xffffff);
+        if (port_id(phyid) == number && libddm_get_ifx_by_phyid(phyid, &ifx) == 0)
+            return ifx;
+    }
+    return std::nullopt;
+}
+
+std::optional<uint32_t> number_of(std::string_view text)
+{
+    const bool hexadecimal = text.starts_with("0x");
+    const char *begin = text.data() + (hexadecimal ? 2 : 0), *end = text.data() + text.size();
+    uint32_t number = 0;
+    const auto read = std::from_chars(begin, end, number, hexadecimal ? 16 : 10);
+    return read.ec == std::errc() && read.ptr == end ? std::optional(number) : std::nullopt;
+}
+
+}  // namespace
+
+bool read_port_table(const std::string &path, std::string *error) { return load_file(path, error); }
+
+uint32_t known_port(uint32_t number)
+{
+    uint32_t phyid = 0;
+    const std::optional<uint32_t> ifx = ifx_of(number);
+    return ifx && libddm_get_phyid_by_ifx(*ifx, &phyid) == 0 ? port_id(phyid) : number;
+}
+
+std::string port_name(uint32_t number)
+{
+    const char *name = nullptr;
+    if (const std::optional<uint32_t> ifx = ifx_of(number); ifx && libddm_get_name_by_ifx(*ifx, &name) == 0)
+        return printable(name);
+    if (number >> 24 == 0)
+        return std::to_string(number);
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%08x", number);
+    return text;
+}
+
+std::optional<uint32_t> find_port(const std::string &text)
+{
+    uint32_t ifx = 0;
+    const bool has_name = libddm_get_ifx_by_name(text.c_str(), &ifx) == 0;
+    const std::optional<uint32_t> number = has_name ? ifx : number_of(text);
+    return number ? std::optional(known_port(*number)) : std::nullopt;
 }
 
 bool read_config(const std::string &path, const std::string &ports_path, switch_config *out, std::string *error)

@@ -1,7 +1,8 @@
-// Reading a configuration file, with the port table that belongs to it.
+// The port table of this process: filled from a configuration or a list of ports, and what it says of ports.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "config.hpp"
@@ -17,5 +18,17 @@ bool read_config(const std::string &path, const std::string &ports_path, switch_
 // The eport id of a port or LAG, told by the port table alone: what the library's translation has to make of its interface
 // index.
 uint32_t port_id(uint32_t phyid);
+
+// Fills the port table of this process from a file of either form (libddm.h). False, with one line in *error, when it makes
+// no sense.
+bool read_port_table(const std::string &path, std::string *error);
+
+// The number that a record names a port by is its eport id (port_id) or its interface index. Both become the eport id where
+// the port table has the port; any other number stays what it is.
+uint32_t known_port(uint32_t number);
+// What the port is called: by its name, or by its number: ids in hexadecimal.
+std::string port_name(uint32_t number);
+// The port of that name, or with that number, decimal or hexadecimal (0x...).
+std::optional<uint32_t> find_port(const std::string &text);
 
 }  // namespace ebridge_tool

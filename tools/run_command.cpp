@@ -169,7 +169,7 @@ int run_it(const arguments &given)
         std::fprintf(stderr, "%s\n", problem.c_str());
     for (const std::string &note : result.notes)
         std::fprintf(stderr, "%s\n", note.c_str());
-    if (given.json && !write_all(json_output, to_json(config, result)))
+    if (given.json && !write_all(json_output, to_json(config, result) + '\n'))
         return complain("the result cannot be written", SOMETHING_DIFFERS);
     if (!given.json)
         print_table(stdout, config, result);

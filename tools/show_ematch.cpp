@@ -13,7 +13,7 @@
 
 #include "order_search.hpp"
 #include "rules.hpp"
-#include "store_link.hpp"
+#include "table_scan.hpp"
 #include "u_bridge.pb-c.h"
 
 namespace ebridge_tool
@@ -21,66 +21,26 @@ namespace ebridge_tool
 
 // ---- reading --------------------------------------------------------------------------------------------------------
 
-namespace
-{
-
-struct reading {
-    store_link link{};
-    std::vector<match_rule> *rules;
-    size_t ended = 0;  // scans
-    int32_t code = 0;  // the first failure of one
-};
-
-// The record that a notification delivers, or null.
-const UBridge__EmatchEntry *record_of(const qz_mom_notification &msg)
-{
-    const void *record = nullptr;
-    if (msg.cmd == QZ_MOM_CMD_SET)
-        record = msg.value;
-    else if (msg.cmd == QZ_MOM_CMD_HSET || msg.cmd == QZ_MOM_CMD_HMSET)
-        record = static_cast<const qz_mom_hash_value *>(msg.value)->record;
-    return static_cast<const UBridge__EmatchEntry *>(record);
-}
-
-int32_t on_rule(qz_mom_handle *, const qz_mom_notification *msg, void *self)
-{
-    auto *to = static_cast<reading *>(self);
-    if (msg->end == QZ_MOM_END_SCAN) {
-        ++to->ended;
-        to->code = to->code != 0 ? to->code : msg->error;
-    } else if (const UBridge__EmatchEntry *entry = record_of(*msg)) {
-        match_rule rule{entry->index->t_user, ebridged::item_of(*entry), ebridged::names_its_record(*entry->index)};
-        rule.item.mom_db = msg->db;
-        to->rules->push_back(std::move(rule));
-    }
-    to->link.happened();
-    return 0;
-}
-
-}  // namespace
-
 int32_t read_match_rules(const ematch_query &query, std::vector<match_rule> *out, std::string *error)
 {
-    reading now{.rules = out};
-    if (const int32_t code = now.link.open(query.store, query.databases, error); code != 0)
+    store_link link;
+    if (const int32_t code = link.open(query.store, query.databases, error); code != 0)
         return code;
     UBridge__EmatchEntry pattern = ebridged::all_rules();
     UBridge__EmatchIndex index = *pattern.index;
     index.match_type = query.type.value_or(0);  // 0 is any
     pattern.index = &index;
-    for (const uint32_t db : query.databases) {
-        const auto scan = [&] { return qz_mom_scan(now.link.handle(), db, &pattern.base, 0, on_rule, &now); };
-        const int32_t code = now.link.patiently(scan, query.patience_usec);
-        now.code = now.code != 0 ? now.code : code;
-    }
-    const auto all_read = [&] { return now.code != 0 || now.ended == query.databases.size(); };
-    if (!now.link.wait_until(all_read, query.patience_usec))
-        now.code = QZ_MOM_EDOWN;
-    if (now.code != 0)
-        *error = std::string("the match rules cannot be read: ") + qz_mom_strerror(now.code);
-    if (query.type)
-        std::erase_if(*out, [&](const match_rule &rule) { return rule.item.match_type != *query.type; });
-    return now.code;
+    const auto take = [&](uint32_t db, const ProtobufCMessage &record) {
+        const auto &entry = reinterpret_cast<const UBridge__EmatchEntry &>(record);
+        match_rule rule{entry.index->t_user, ebridged::item_of(entry), ebridged::names_its_record(*entry.index)};
+        rule.item.mom_db = db;
+        if (!query.type || rule.item.match_type == *query.type)
+            out->push_back(std::move(rule));
+    };
+    const int32_t code = read_table(&link, query.databases, pattern.base, query.patience_usec, take);
+    if (code != 0)
+        *error = std::string("the match rules cannot be read: ") + qz_mom_strerror(code);
+    return code;
 }
 
 // ---- what came of them ----------------------------------------------------------------------------------------------

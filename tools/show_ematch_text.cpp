@@ -5,8 +5,10 @@
 #include <string_view>
 
 #include "config_file.hpp"
+#include "json_text.hpp"
 #include "rule_words.hpp"
 #include "show_ematch.hpp"
+#include "text_columns.hpp"
 
 namespace ebridge_tool
 {
@@ -63,48 +65,18 @@ std::string key_text(const sw_ematch_item &item)
     return words(match_type_name(item.match_type) + flags, key_fields(item));
 }
 
-// The columns of a rule, before its action, which ends the line.
-struct columns {
-    enum { USER, DB, PRIORITY, STATE, COUNT };
-    using row = std::array<std::string, COUNT>;
-
-    std::array<size_t, COUNT> width{};
-    bool with_db = false;
-
-    void fit(const row &cells)
-    {
-        for (size_t i = 0; i < COUNT; ++i)
-            width[i] = std::max(width[i], cells[i].size());
-    }
-    std::string line(const row &cells, const std::string &action) const
-    {
-        std::string text;
-        for (size_t i = 0; i < COUNT; ++i) {
-            if (i == DB && !with_db)
-                continue;
-            const std::string gap(width[i] - cells[i].size(), ' ');
-            const bool is_number = i == DB || i == PRIORITY;
-            text += "  " + (is_number ? gap + cells[i] : cells[i] + gap);
-        }
-        return text + "  " + action + '\n';
-    }
-};
-
-const columns::row HEAD = {"USER", "DB", "PRIORITY", "RESULT"};
-
-columns::row row_of(const judged_rule &of)
+// The cells of a rule's line.
+text_columns::cells row_of(const judged_rule &of)
 {
-    return {printable(of.rule.user), std::to_string(of.rule.item.mom_db), std::to_string(of.rule.item.match_priority),
-            state_text(of)};
+    const sw_ematch_item &item = of.rule.item;
+    return {"  " + printable(of.rule.user), std::to_string(item.mom_db), std::to_string(item.match_priority),
+            state_text(of), words(action_name(item.action_type), action_fields(item))};
 }
-
-std::string counted(size_t number, const char *what) { return std::to_string(number) + ' ' + what; }
 
 std::string summary(const std::vector<judged_key> &keys)
 {
     const tally all = count(keys);
-    std::string text = counted(keys.size(), keys.size() == 1 ? "key, " : "keys, ");
-    text += counted(all.rules, all.rules == 1 ? "rule" : "rules");
+    std::string text = counted(keys.size(), "key") + ", " + counted(all.rules, "rule");
     const char *before = ": ";
     for (size_t i = 0; i < all.in_state.size(); ++i) {
         if (all.in_state[i] == 0)
@@ -119,18 +91,15 @@ std::string summary(const std::vector<judged_key> &keys)
 
 std::string ematch_table(const std::vector<judged_key> &keys, bool with_db)
 {
-    columns layout{.with_db = with_db};
-    layout.fit(HEAD);
+    text_columns columns({{"  USER"}, {"DB", true, with_db}, {"PRIORITY", true}, {"RESULT"}, {"ACTION"}});
     for (const judged_key &key : keys)
         for (const judged_rule &rule : key.rules)
-            layout.fit(row_of(rule));
-    std::string text = keys.empty() ? "" : "KEY\n" + layout.line(HEAD, "ACTION");
+            columns.fit(row_of(rule));
+    std::string text = keys.empty() ? "" : "KEY\n" + columns.head();
     for (const judged_key &key : keys) {
         text += key_text(key.rules.front().rule.item) + '\n';
-        for (const judged_rule &of : key.rules) {
-            const sw_ematch_item &item = of.rule.item;
-            text += layout.line(row_of(of), words(action_name(item.action_type), action_fields(item)));
-        }
+        for (const judged_rule &rule : key.rules)
+            text += columns.line(row_of(rule));
         if (key.explained == explanation::differs)
             text += DIFFERS;
     }
@@ -180,9 +149,6 @@ json rule_object(const judged_rule &of)
     return object;
 }
 
-// Names may be of any bytes: those that are not UTF-8 are replaced.
-std::string dump(const json &value) { return value.dump(-1, ' ', false, json::error_handler_t::replace); }
-
 }  // namespace
 
 // Key by key, so that what is held beside the text is one key's.
@@ -194,13 +160,13 @@ std::string ematch_json(const std::vector<judged_key> &keys)
                     {"verdicts", NAME_OF_EXPLANATION[static_cast<size_t>(key.explained)]}};
         for (const judged_rule &of : key.rules)
             object["rules"].push_back(rule_object(of));
-        text += (&key == &keys.front() ? "" : ",") + dump(object);
+        text += (&key == &keys.front() ? "" : ",") + json_text(object);
     }
     const tally all = count(keys);
     json totals{{"keys", keys.size()}, {"rules", all.rules}};
     for (size_t i = 0; i < all.in_state.size(); ++i)
         totals[member_name(NAME_OF_STATE[i])] = all.in_state[i];
-    return text + R"(],"totals":)" + dump(totals) + '}';
+    return text + R"(],"totals":)" + json_text(totals) + '}';
 }
 
 }  // namespace ebridge_tool

@@ -16,6 +16,7 @@
 #include "rule_words.hpp"
 #include "rules.hpp"
 #include "show_ematch.hpp"
+#include "show_program.hpp"
 #include "store_link.hpp"
 #include "verdicts.hpp"
 
@@ -219,32 +220,7 @@ std::vector<match_rule> read(const ematch_query &query)
     return rules;
 }
 
-outcome show_ematch(std::vector<std::string> arguments)
-{
-    arguments.insert(arguments.begin(), {EBRIDGE_PROGRAM, "show", "ematch"});
-    return run(std::move(arguments));
-}
-
-void expect_one_line(const outcome &seen, int status, const std::string &what)
-{
-    EXPECT_EQ(seen.status, status);
-    EXPECT_THAT(seen.out, IsEmpty());
-    EXPECT_THAT(seen.err, StartsWith("ebridge: "));
-    EXPECT_THAT(seen.err, HasSubstr(what));
-    EXPECT_EQ(std::count(seen.err.begin(), seen.err.end(), '\n'), 1) << seen.err;
-}
-
-// Of each database, all keys with all that they hold; but for the state that every client moves on with the clock.
-std::string all_content(const support::redis_server &redis)
-{
-    std::string all;
-    for (const int db : {4, 5, 8})
-        all += redis.commands(db,
-                              "EVAL \"local keys, all = redis.call('KEYS', '*'), '' table.sort(keys) "
-                              "for _, key in ipairs(keys) do if key ~= 'mom:state' then all = all .. key .. ' ' .. "
-                              "redis.sha1hex(redis.call('DUMP', key)) .. ';' end end return all\" 0");
-    return all;
-}
+outcome show_ematch(std::vector<std::string> arguments) { return show("ematch", std::move(arguments)); }
 
 }  // namespace
 
