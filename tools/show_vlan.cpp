@@ -133,7 +133,10 @@ bool says_the_same(const port_share &a, const port_share &b)
     return a.pvid == b.pvid && a.vlans == b.vlans && a.untagged == b.untagged;
 }
 
-bool is_about(const port_share &share, uint32_t vlan) { return share.pvid == vlan || share.vlans.has(vlan); }
+bool is_about(const port_share &share, uint32_t vlan)
+{
+    return share.vlans.has(vlan) || (vlan != 0 && share.pvid == vlan);
+}
 
 // Of a user whom the store knows under two numbers of one port the pvid goes to what is there already.
 void add_pvid(const pvid_record &set, std::vector<port_share> *shares)

@@ -61,7 +61,7 @@ class with_ports
                              "PORTCHANNEL": {"PortChannel1": {}}})"};
 };
 
-// "NAME[/db] pvid: users sets=pvid untagged tagged" of each share.
+// "NAME PVID: USERS sets PVID untagged VLANS tagged VLANS" of each share.
 std::vector<std::string> texts(const std::vector<port_view> &ports)
 {
     std::vector<std::string> found;
@@ -280,6 +280,7 @@ TEST(ShowVlan, OnlyWhatIsAskedForIsShown)
     EXPECT_THAT(texts(ports_of(all, {.vlan = 1})), ElementsAre("0x10000002 1: l2 sets 1 untagged 1 tagged -"));
     EXPECT_THAT(texts(ports_of(all, {.vlan = 20})), ElementsAre("0x10000003 20: sets 0 untagged - tagged -"));
     EXPECT_THAT(texts(ports_of(all, {.vlan = 6})), IsEmpty());
+    EXPECT_THAT(texts(ports_of(all, {.vlan = 0})), IsEmpty());  // which is what no default VLAN is, too
     // What counts without this user's doing is not what it has published.
     vlan_records one_users;
     one_users.set = {{4, PORT + 2, "l2", 5}};
