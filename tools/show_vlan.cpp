@@ -2,7 +2,6 @@
 #include "show_vlan.hpp"
 
 #include <algorithm>
-#include <iterator>
 #include <map>
 #include <tuple>
 #include <utility>
@@ -108,7 +107,11 @@ int32_t read_vlans(const vlan_query &query, vlan_records *out, std::string *erro
         take_pvid(record.pvid, {db, port, record.index->t_user}, &out->set, fault);
     };
     const auto counting = [&](const UBridge__PvidTable &record, uint32_t db, uint32_t port, std::string *fault) {
-        take_pvid(record.new_pvid, {db, port}, &out->counting, fault);
+        const auto is_its = [=](const pvid_record &of) { return of.db == db && of.port == port; };
+        if (std::ranges::any_of(out->counting, is_its))
+            *fault = "default VLAN: " + std::to_string(record.new_pvid) + " stands there under another number of it";
+        else
+            take_pvid(record.new_pvid, {db, port}, &out->counting, fault);
     };
     code = reader.read(UBridge__PortVlans U_BRIDGE__PORT_VLANS__INIT, query.user, vlans);
     if (code == 0)
@@ -125,8 +128,6 @@ int32_t read_vlans(const vlan_query &query, vlan_records *out, std::string *erro
 
 namespace
 {
-
-using place = std::pair<uint32_t, uint32_t>;  // port, database
 
 bool says_the_same(const port_share &a, const port_share &b)
 {
@@ -179,7 +180,7 @@ void join(std::vector<port_share> *shares)
 
 std::vector<port_view> ports_of(vlan_records records, const vlan_query &query)
 {
-    std::map<place, port_view> ports;
+    std::map<std::pair<uint32_t, uint32_t>, port_view> ports;  // by number and database
     const auto port_of = [&ports](const auto &record) -> port_view & {
         port_view &port = ports[{record.port, record.db}];
         port.port = record.port;

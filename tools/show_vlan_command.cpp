@@ -92,7 +92,8 @@ void add_show_vlan(CLI::App *show, std::vector<command> *commands)
         ->type_name("WHAT")
         ->check(CLI::IsMember({"vlan", "port"}))
         ->capture_default_str();
-    vlan->add_option("--user", given->query.user, "only what this user has published")->type_name("NAME");
+    vlan->add_option("--user", given->query.user, "only what this user has published, and what counts there")
+        ->type_name("NAME");
     vlan->add_option("--port", given->port, "only this port: its name, interface index or eport id")->type_name("PORT");
     vlan->add_option("--vlan", given->query.vlan, "only what is about this VLAN, 0 to 4095")
         ->type_name("N")

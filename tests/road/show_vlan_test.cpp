@@ -464,7 +464,7 @@ TEST(ShowVlan, ReadsWhatUsersOfTheLibraryHavePublished)
 TEST(ShowVlan, RecordsThatMakeNoSenseAreNamedAndTheOthersRead)
 {
     publisher of("mem:vlans", {"good"});
-    std::vector<uint32_t> word[3] = {{6}, {2}, {6}}, many[3] = {std::vector<uint32_t>(129, 1), {0}, {0}};
+    std::vector<uint32_t> word[3] = {{6}, {3}, {6}}, many[3] = {std::vector<uint32_t>(129, 1), {0}, {0}};
     const uint32_t zero[3] = {0, 0, 0}, crooked[3] = {33, 4064, 1}, beyond[3] = {0, 4096, 0};
     of.write("a\nb", 1, word, crooked);
     of.write("b", 2, many, zero);
@@ -487,6 +487,23 @@ TEST(ShowVlan, RecordsThatMakeNoSenseAreNamedAndTheOthersRead)
                 ElementsAre("4 0: d sets 0 untagged 1 tagged 2", "5 0: good sets 0 untagged 9 tagged -"));
     EXPECT_THAT(read({.store = "mem:vlans", .user = "b"}).faults.size(), 2U);  // and what counts
     EXPECT_THAT(read({.store = "mem:vlans", .port = 3}).faults.size(), 1U);
+}
+
+// Of two users one has given the port's id and one its index.
+TEST(ShowVlan, TwoDefaultVlansThatCountOnOnePortAreSaidToBeTwo)
+{
+    const with_ports ports;
+    publisher of("mem:vlans", {});
+    of.decide(PORT + 1, 10);
+    of.decide(1'000'000, 10);
+    of.decide(PORT + 2, 10);
+    of.wait();
+    const vlan_query query{.store = "mem:vlans"};
+    const vlan_records records = read(query);
+    EXPECT_THAT(records.faults, ElementsAre("database 4, port Ethernet0: default VLAN: 10 stands there under another "
+                                            "number of it"));
+    EXPECT_THAT(texts(ports_of(records, query)),
+                ElementsAre("Ethernet0 10: sets 0 untagged - tagged -", "Ethernet1 10: sets 0 untagged - tagged -"));
 }
 
 // Every other VLAN of 512 ports, untagged on every other port: nothing that could be a range.
