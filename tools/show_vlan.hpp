@@ -69,7 +69,7 @@ std::vector<port_view> ports_of(vlan_records records, const vlan_query &query);
 
 // For people, with a line's end; on request with databases.
 std::string vlans_by_port(const std::vector<port_view> &ports, bool with_db);
-// `only`: nothing of other VLANs than this.
+// `only`: the VLAN of the query that the ports were asked for with, if any.
 std::string ports_by_vlan(const std::vector<port_view> &ports, bool with_db, std::optional<uint32_t> only);
 // As "bridge -compressvlans -json vlan show" of iproute2 tells it, an object for each share:
 // [{"ifname": NAME, "vlans": [{"vlan": 2, "vlanEnd": 5, "flags": ["PVID", "Egress Untagged"]}], "users": [NAME], "db": n,

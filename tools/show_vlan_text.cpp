@@ -173,10 +173,8 @@ std::string ports_by_vlan(const std::vector<port_view> &ports, bool with_db, std
             shown |= share.vlans;
         }
     }
-    if (only) {
-        cut_out(*only, &cuts);
+    if (only)
         shown &= vlan_set(*only);
-    }
     std::vector<text_columns::cells> rows;
     shown.for_each_run(cuts, [&](uint32_t first, uint32_t last) {
         vlan_rows of;

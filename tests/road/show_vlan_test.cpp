@@ -297,11 +297,13 @@ TEST(ShowVlan, AUserWhoKnowsAPortByTwoNumbersIsOneUserOfOnePort)
     records.vlans = {{4, 0x10000001, "l2", carried, {}},
                      {4, 0x10000001, "l2", carried, {}},
                      {4, 0x10000002, "l2", carried, {}},
-                     {4, 0x10000002, "l2", one(9), {}}};
+                     {4, 0x10000002, "l2", vlans({{5, 5}, {9, 9}}), {}}};
     records.set = {{4, 0x10000002, "l2", 9}};
     EXPECT_THAT(texts(ports_of(records, {})), ElementsAre("Ethernet0 0: l2 sets 0 untagged - tagged 2-5",
                                                           "Ethernet1 0: l2 sets 9 untagged - tagged 2-5",
-                                                          "Ethernet1 0: l2 sets 0 untagged - tagged 9"));
+                                                          "Ethernet1 0: l2 sets 0 untagged - tagged 5,9"));
+    EXPECT_THAT(ports_by_vlan(ports_of(records, {}), false, {}),
+                HasSubstr("\n5     l2    tagged             Ethernet0,Ethernet1\n"));
 }
 
 TEST(ShowVlan, DatabasesStandApart)
