@@ -207,9 +207,14 @@ std::string tables_of_members(const switch_config &config)
     return nlohmann::json{{"PORT", ports}, {"PORTCHANNEL", lags}}.dump();
 }
 
+bool are_ports_told_by_members(const switch_config &config)
+{
+    return !config.ports && config.vlan_members && !config.vlan_members->empty();
+}
+
 bool load_ports(const std::string &name, std::string_view text, const switch_config &config, std::string *error)
 {
-    if (!config.ports && config.vlan_members && !config.vlan_members->empty()) {
+    if (are_ports_told_by_members(config)) {
         if (load_text(name, tables_of_members(config), error))
             return true;
         // Its line is one of the text that was made here.
@@ -258,7 +263,19 @@ std::optional<uint32_t> number_of(std::string_view text)
 
 }  // namespace
 
-bool read_port_table(const std::string &path, std::string *error) { return load_file(path, error); }
+// The port table asks for less of a file than a configuration that is to be brought up has to keep.
+bool read_port_table(const std::string &path, std::string *error)
+{
+    std::string text;
+    if (const int code = config_text::read_file(path, &text); code != 0) {
+        *error = printable(path) + ": " + std::strerror(code);
+        return false;
+    }
+    switch_config config;
+    if (parse_config(path, text, &config, error) && are_ports_told_by_members(config))
+        return load_ports(path, text, config, error);
+    return load_text(path, text, error);
+}
 
 uint32_t known_port(uint32_t number)
 {

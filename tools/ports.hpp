@@ -19,8 +19,8 @@ bool read_config(const std::string &path, const std::string &ports_path, switch_
 // index.
 uint32_t port_id(uint32_t phyid);
 
-// Fills the port table of this process from a file of either form (libddm.h). False, with one line in *error, when it makes
-// no sense.
+// Fills the port table of this process from a list of ports or a configuration, with the numbers that read_config() gives
+// them. False, with one line in *error, when it makes no sense.
 bool read_port_table(const std::string &path, std::string *error);
 
 // The number that a record names a port by is its eport id (port_id) or its interface index. Both become the eport id where

@@ -21,6 +21,7 @@ using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 namespace
 {
@@ -258,6 +259,26 @@ TEST(ShownPorts, AreFoundByNameIndexAndId)
     EXPECT_EQ(find_port("77"), 77U);
     for (const char *text : {"", "0x", "Ethernet9", "-1", "1 ", "4294967296", "0x100000000", "12a"})
         EXPECT_EQ(find_port(text), std::nullopt) << text;
+}
+
+// A configuration may tell its ports by the members of its VLANs alone, and need not be one that can be brought up.
+TEST(ShownPorts, HaveTheNamesThatAnyConfigurationGivesThem)
+{
+    const temporary_file members(R"({"VLAN": {"Vlan10": {"vlanid": "10"}}, "PORTCHANNEL": {"PortChannel1": {}},
+                                     "VLAN_MEMBER": {"Vlan10|Ethernet4": {"tagging_mode": "tagged"},
+                                                     "Vlan10|PortChannel1": {"tagging_mode": "tagged"}}})");
+    const temporary_file unusable(R"({"VLAN": {"Vlan5000": {}}, "PORT": {"Ethernet4": {"lanes": "1"}}})");
+    const temporary_file list("# name lanes\nEthernet4 1\n"), none("{}");
+    std::string error;
+    for (const temporary_file *file : {&members, &unusable, &list}) {
+        EXPECT_TRUE(read_port_table(file->path(), &error)) << error;
+        EXPECT_EQ(port_name(0x10000005), "Ethernet4");
+    }
+    EXPECT_TRUE(read_port_table(members.path(), &error)) << error;
+    EXPECT_EQ(port_name(0x20000002), "PortChannel1");
+    EXPECT_FALSE(read_port_table(none.path(), &error));
+    EXPECT_THAT(error, StartsWith(none.path() + ":1: no ports"));
+    libddm_table_clear();
 }
 
 // ---- who says what --------------------------------------------------------------------------------------------------
@@ -607,6 +628,27 @@ TEST(ShowVlanProgram, ShowsWhichDefaultVlanARunningServiceLetsCount)
               "VLAN  USER   AS    PORTS\n"
               "10    first  pvid  0x10000001\n"
               "0 VLANs on 1 port, 1 user\n");
+    service.signal(SIGTERM);
+    EXPECT_EQ(service.finish().status, 0);
+}
+
+TEST(ShowVlanProgram, ShowsWhatARunMakesOfAConfiguration)
+{
+    const temporary_file config(R"({"VLAN": {"Vlan10": {"vlanid": "10"}, "Vlan11": {"vlanid": "11"}},
+                                    "PORT": {"Ethernet0": {"lanes": "1"}, "Ethernet1": {"lanes": "2"}},
+                                    "VLAN_MEMBER": {"Vlan10|Ethernet0": {"tagging_mode": "untagged"},
+                                                    "Vlan10|Ethernet1": {"tagging_mode": "tagged"},
+                                                    "Vlan11|Ethernet1": {"tagging_mode": "tagged"}}})");
+    const support::redis_server redis;
+    child service({EBRIDGED_PROGRAM, "--store", redis.url()});
+    ASSERT_TRUE(service.wait_for_error_text("serving"));
+    const outcome brought_up = run({EBRIDGE_PROGRAM, "run", config.path(), "--store", redis.url()});
+    ASSERT_EQ(brought_up.status, 0) << brought_up.out << brought_up.err;
+    EXPECT_EQ(show_vlan({"--store", redis.url(), "--ports", config.path(), "--by", "port"}).out,
+              "PORT       PVID  USER         SETS  UNTAGGED  TAGGED\n"
+              "Ethernet0    10  ebridge_run    10  10        -\n"
+              "Ethernet1     -  ebridge_run     -  -         10-11\n"
+              "2 VLANs on 2 ports, 1 user\n");
     service.signal(SIGTERM);
     EXPECT_EQ(service.finish().status, 0);
 }
