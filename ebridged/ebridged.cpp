@@ -24,8 +24,10 @@ int32_t ebridged_start(qz_mom_handle *handle, const ebridged_options *options, e
         code = made->rules.start();
     if (code == QZ_MOM_OK)
         code = made->pvids.start();
-    if (code == QZ_MOM_OK)
-        *service = made.release();
+    if (code != QZ_MOM_OK)
+        return code;
+    made->pvids.serve();
+    *service = made.release();
     return code;
 }
 

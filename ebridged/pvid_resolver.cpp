@@ -84,6 +84,22 @@ void pvid_resolver::stat(ebridged_stat *out) const
 void pvid_resolver::all_read()
 {
     order_claims();
+    if (has_turn_)
+        begin_serving();
+    else
+        log(EBRIDGED_LOG_INFO, "default VLANs of %zu ports are read", claims_.size());
+    read_ = true;
+}
+
+void pvid_resolver::serve()
+{
+    has_turn_ = true;
+    if (read_ && !serving_)
+        begin_serving();
+}
+
+void pvid_resolver::begin_serving()
+{
     for (auto &[db, its] : tables_)
         compare(its);
     write_due();
@@ -191,10 +207,8 @@ void pvid_resolver::entry_heard(const qz_mom_notification &msg)
     shown.before = record->old_pvid;
     if (shown.under_way == 0)
         settle(its, port);
-    if (!serving_)
-        return;
     tidy(its, port);
-    if (!retry_pending_)
+    if (serving_ && !retry_pending_)
         write_due();
 }
 

@@ -4,9 +4,10 @@
 // The table is written into each served database, where applications follow it, and into the data plane's, where they
 // scan it. A record says what the port's pvid was before, too: what that database's record said.
 //
-// Start. The users' records and the tables are followed. Nothing is written before all is read; then what differs. Records do not say in which
-// order they were set: of those that were there before, the one that the table shows counts as the last, before it the one
-// that the table names as the pvid before, the others by name.
+// Start. The users' records and the tables are followed, as soon as there is a store: who stands by hears in which order
+// pvids are set. Nothing is written before all is read and it is this one's turn; then what differs. Records do not say in
+// which order they were set: of those that were there before, the one that the table shows counts as the last, before it
+// the one that the table names as the pvid before, the others by name.
 //
 // Writes. What the store cannot take yet is remembered as "this port is due", and written as things stand then. Each
 // table is followed, too: with the answer to the last write of a port, all that came of it has been heard. What is heard
@@ -41,7 +42,10 @@ class pvid_resolver : followed_tables::follower
     pvid_resolver(const pvid_resolver &) = delete;
     pvid_resolver &operator=(const pvid_resolver &) = delete;
 
+    // Follows what there is.
     int32_t start() { return followed_.start(); }
+    // From here on it writes. Again after it was broken off for lack of memory.
+    void serve();
     // Its part of it.
     void stat(ebridged_stat *out) const;
 
@@ -77,6 +81,7 @@ class pvid_resolver : followed_tables::follower
     void all_read() override;
     entry shown_for(port_id port) const;
     void order_claims();
+    void begin_serving();
     void compare(table &its);
     // changes
     void claim_heard(const qz_mom_notification &msg, bool live);
@@ -100,7 +105,9 @@ class pvid_resolver : followed_tables::follower
     qz_mom_handle *const handle_;
     const service_log log;
     const uintptr_t number_;  // for callbacks
-    bool serving_ = false;
+    bool read_ = false;
+    bool has_turn_ = false;
+    bool serving_ = false;                                    // all is read, and it has its turn
     uint64_t heard_ = 0;                                      // changes of claims
     std::unordered_map<port_id, std::vector<claim>> claims_;  // the last one counts
     std::map<uint32_t, table> tables_;

@@ -2,6 +2,7 @@
 #include "standby.hpp"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 namespace ebridged
@@ -72,9 +73,23 @@ int32_t standby::open()
     int32_t code = qz_mom_client_open(url_.c_str(), master_, &handle_);
     for (size_t i = 0; code == QZ_MOM_OK && i < written_.size(); ++i)
         code = qz_mom_client_connect(handle_, written_[i], on_connected, this);
-    if (code == QZ_MOM_OK)
-        ask();
+    if (code != QZ_MOM_OK)
+        return code;
+    try {
+        follow();
+    } catch (const std::bad_alloc &) {
+        // when it serves, then
+    }
+    ask();
     return code;
+}
+
+// While it stands by it hears in which order pvids are set: nobody could tell it later.
+void standby::follow()
+{
+    const ebridged_options options = with_databases(options_, served_);
+    resolver_ = std::make_unique<pvid_resolver>(handle_, &options);
+    resolver_->start();
 }
 
 int32_t standby::on_connected(qz_mom_handle *handle, void *args)
@@ -113,14 +128,16 @@ int32_t standby::on_lock(qz_mom_handle *handle, uint32_t, int32_t held, void *ar
 void standby::serve()
 {
     const ebridged_options options = with_databases(options_, served_);
-    end_service();
+    arbiter_.reset();
+    service_.reset();
     service_ = std::make_unique<service>(handle_, &options);
     arbiter_ = std::make_unique<arbiter>(handle_, &options);
-    resolver_ = std::make_unique<pvid_resolver>(handle_, &options);
+    if (resolver_ == nullptr)
+        follow();
     enter(state::serving);
     service_->start();
     arbiter_->start();
-    resolver_->start();
+    resolver_->serve();
 }
 
 void standby::end_service()

@@ -51,6 +51,7 @@ class standby
 
     int32_t open();
     void enter(state now);
+    void follow();
     void ask();
     void serve();
     void end_service();

@@ -259,6 +259,34 @@ TEST_F(PvidFault, ResolversThatAreKilledWhileUsersSetPvids)
     expect_that_the_last_one_wins();
 }
 
+// One after the other, between the end of one resolver and the turn of the next, which has heard them.
+TEST_F(PvidFault, TheOrderOfPvidsThatAreSetWhileAResolverIsGoneIsKeptByTheOneThatStandsBy)
+{
+    process *serving = &start_resolver();
+    process *next = &start_resolver();
+    start_users();
+    churn_all(50);
+    expect_no_faults();
+    for (int life = 0; life < 3; ++life) {
+        ASSERT_TRUE(wait_until([&] { return next->count("ports are read") > 0; })) << next->words();
+        serving->kill();
+        std::vector<std::string> order(std::begin(NAMES), std::end(NAMES));
+        pvids last;
+        while (!order.empty()) {
+            const auto at = order.begin() + draw(0, static_cast<uint32_t>(order.size()) - 1);
+            const int32_t first = static_cast<int32_t>(draw(1, 4000));
+            its(*at).say("set " + std::to_string(first));
+            wait_for(*at);
+            order.erase(at);
+            for (int32_t port = 1; port <= PORTS; ++port)
+                last[port] = first + port;
+        }
+        expect_no_faults(&last);
+        serving = next;
+        next = &start_resolver();
+    }
+}
+
 TEST_F(PvidFault, PvidsThatChangeWhileNoResolverRuns)
 {
     process *serving = &start_resolver();
