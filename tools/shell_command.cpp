@@ -16,8 +16,8 @@ namespace
 
 constexpr const char *SHELL_FOOTER =
     "Processes that use the extended bridge serve a debug shell each, on a socket in $EBRIDGE_SHELL_DIR, which unless\n"
-    "set is /run/ebridge-shell (root), $XDG_RUNTIME_DIR/ebridge-shell or /tmp/ebridge-shell-UID. The owner of a process\n"
-    "and its group can ask it. Without MODULE, lines are read: with editing, history and completion on a terminal, and\n"
+    "set is /run/ebridge-shell (root), $XDG_RUNTIME_DIR/ebridge-shell or /tmp/ebridge-shell-UID, or in a folder below\n"
+    "it. The owner of a process and its group can ask it. Without MODULE, lines are read: with editing, history and completion on a terminal, and\n"
     "from a file or a pipe as they are.\n"
     "\n"
     "A command's help names its arguments: db_type=%d is a decimal number, evlan_id=0x%x a hexadecimal one. Those that\n"

@@ -1,7 +1,6 @@
 // See shell_link.hpp.
 #include "shell_link.hpp"
 
-#include <dirent.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -11,6 +10,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <utility>
 
@@ -56,13 +56,17 @@ std::optional<shell_process> named(const std::string &file, const std::string &d
 
 bool list_sockets(const std::string &directory, std::vector<shell_process> *out, std::string *error)
 {
-    const std::unique_ptr<DIR, int (*)(DIR *)> folder(opendir(directory.c_str()), closedir);
-    if (!folder)
-        return errno == ENOENT || fail(error, directory + ": " + std::strerror(errno));
-    while (const dirent *entry = readdir(folder.get()))
-        if (std::optional<shell_process> found = named(entry->d_name, directory))
+    std::error_code failure;
+    std::filesystem::directory_iterator entry(directory, failure);
+    if (failure)
+        return failure == std::errc::no_such_file_or_directory || fail(error, directory + ": " + failure.message());
+    for (; entry != std::filesystem::directory_iterator(); entry.increment(failure)) {
+        std::string ignored;
+        if (entry->is_directory(failure) && !entry->is_symlink(failure))
+            list_sockets(entry->path(), out, &ignored);
+        else if (std::optional<shell_process> found = named(entry->path().filename(), directory))
             out->push_back(std::move(*found));
-    std::ranges::sort(*out, {}, &shell_process::pid);
+    }
     return true;
 }
 
@@ -76,6 +80,7 @@ bool find_shells(std::vector<shell_process> *out, std::string *error)
     std::vector<shell_process> all;
     if (!list_sockets(directory, &all, error))
         return false;
+    std::ranges::sort(all, {}, &shell_process::pid);
     std::vector<std::unique_ptr<shell_link>> links;
     for (shell_process &each : all) {
         auto link = std::make_unique<shell_link>();

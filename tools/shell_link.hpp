@@ -30,9 +30,9 @@ struct shell_process {
     std::string name() const { return program + " (" + std::to_string(pid) + ')'; }
 };
 
-// Looks into the folder of the shells, and asks each process for its commands. Sockets that nobody serves any more are
+// Looks into the folder of the shells and those below it, and asks each process for its commands. Sockets that nobody serves any more are
 // passed over; all of them together have 2 s to answer. False, with a line in *error, when the folder cannot be read; one
-// that is not there is empty.
+// that is not there is empty, and so is one below it that is not this user's to read.
 bool find_shells(std::vector<shell_process> *out, std::string *error);
 
 class shell_link
