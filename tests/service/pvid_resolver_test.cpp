@@ -12,6 +12,7 @@
 
 #include "allocation_failure.hpp"
 #include "ebridged.h"
+#include "pvid_resolver.hpp"
 #include "scripted_store.hpp"
 
 using namespace scripted;
@@ -375,6 +376,36 @@ TEST_P(Resolver, AStartThatCanNeverWorkIsRefused)
     EXPECT_EQ(start(), QZ_MOM_EDB);
     EXPECT_EQ(service, nullptr);
     EXPECT_THAT(log, Contains(HasSubstr("database 8: ")));
+}
+
+// Until it is its turn it follows, what another one writes included.
+TEST_P(Resolver, WhoStandsByWritesNothingAndKnowsTheOrder)
+{
+    const std::vector<uint32_t> databases{4};
+    const ebridged_options options{
+        .databases = databases.data(), .database_count = 1, .log = add_log, .log_args = &log};
+    ebridged::pvid_resolver resolver(store.handle(), &options);
+    ASSERT_EQ(resolver.start(), 0);
+    store.confirm(claims(), 4);
+    for (const uint32_t db : tables())
+        store.confirm(table(db), db);
+    found({"b", 1, 20});
+    found({"c", 1, 30});
+    found({.port = 1, .new_pvid = 20});
+    read();
+    EXPECT_THAT(log, Contains("default VLANs of 1 ports are read"));
+    set({"d", 1, 40});
+    set({"a", 1, 10});
+    for (const uint32_t db : tables())
+        store.entry_told(table(db), db, {.port = 1, .old_pvid = 20, .new_pvid = 40});
+    store.entry_told(table(), 4, {.port = 2, .new_pvid = 50});
+    store.entry_told(table(), 4, {.port = 2, .new_pvid = 50}, QZ_MOM_CMD_DEL);
+    EXPECT_THAT(store.writes, IsEmpty());
+    resolver.serve();
+    EXPECT_THAT(written(), ElementsAre("set 4 1: 40 -> 10"));
+    for (const claim &each : {claim{"a", 1, 10}, claim{"d", 1, 40}, claim{"b", 1, 20}})
+        let_go(each);
+    EXPECT_THAT(written(), ElementsAre("set 4 1: 10 -> 40", "set 4 1: 40 -> 20", "set 4 1: 20 -> 30"));
 }
 
 // ---- changes --------------------------------------------------------------------------------------------------------
