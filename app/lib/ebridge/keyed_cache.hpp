@@ -114,6 +114,10 @@ class probe_window
 // the buckets. False without memory; the table is then as it was.
 bool keyed_cache_make_room(keyed_cache &cache);
 
+// Stores the pointer of a record whose key has that many bytes and that hash, unless an equal key is stored. True when it
+// was stored. Compiled once for all lengths: keys are compared only where a fragment matches, which for a new key is rare.
+bool keyed_cache_insert(keyed_cache &cache, void *record, size_t length, uint32_t hash);
+
 // Frees the arrays and leaves an empty table. The records are the caller's.
 void keyed_cache_clear(keyed_cache &cache);
 
@@ -184,50 +188,9 @@ struct keyed_table {
         return bucket == NO_BUCKET ? nullptr : cache.keys[bucket];
     }
 
-    // Stores the pointer unless an equal key is stored. True when it was stored.
-    [[gnu::noinline]] static bool insert(keyed_cache &cache, void *record)
+    static bool insert(keyed_cache &cache, void *record)
     {
-        if (cache.occupied >= cache.upper_bound && !keyed_cache_make_room(cache))
-            return false;
-        const uint32_t hash = Hash(record);
-        const uint32_t bucket = find_place(cache, record, hash);
-        if (bucket == NO_BUCKET)
-            return false;
-        cache.occupied += cache.control[bucket] == CONTROL_EMPTY;
-        cache.keys[bucket] = record;
-        cache.hashes[bucket] = hash;
-        set_control(cache, bucket, fragment_of(hash));
-        set_state(cache.flags, bucket, BUCKET_LIVE);
-        ++cache.size;
-        return true;
-    }
-
-    // Where a record of that key goes: the first deleted bucket on the probe's way, else the empty one at its end.
-    // NO_BUCKET when the key is stored.
-    static uint32_t find_place(const keyed_cache &cache, const void *key, uint32_t hash)
-    {
-        const uint32_t mask = cache.bucket_count - 1;
-        const probe_window window(cache.control + (hash & mask));
-        for (uint64_t match = window.matches(fragment_of(hash)); match != 0; match &= match - 1)
-            if (holds(cache, (hash + probe_window::offset_of(match)) & mask, key))
-                return NO_BUCKET;
-        const uint64_t usable = window.not_live();
-        const uint32_t first_usable = usable == 0 ? NO_BUCKET : (hash + probe_window::offset_of(usable)) & mask;
-        return window.empty() != 0 ? first_usable : find_place_behind_window(cache, key, hash, first_usable);
-    }
-
-    static uint32_t find_place_behind_window(const keyed_cache &cache, const void *key, uint32_t hash, uint32_t usable)
-    {
-        const uint32_t mask = cache.bucket_count - 1;
-        uint32_t bucket = (hash + probe_window::NEXT_OFFSET) & mask;
-        for (uint32_t step = probe_window::STEPS + 1; cache.control[bucket] != CONTROL_EMPTY; ++step) {
-            if (cache.control[bucket] == fragment_of(hash) && holds(cache, bucket, key))
-                return NO_BUCKET;
-            if (usable == NO_BUCKET && cache.control[bucket] == CONTROL_DELETED)
-                usable = bucket;
-            bucket = (bucket + step) & mask;
-        }
-        return usable == NO_BUCKET ? bucket : usable;
+        return keyed_cache_insert(cache, record, Length, Hash(record));
     }
 
     // Takes the record of that key out and returns it, or null.

@@ -143,6 +143,47 @@ bool keyed_cache_make_room(keyed_cache &cache)
     return true;
 }
 
+// Where a record of that key goes: the first deleted bucket on the probe's way, else the empty one at its end. NO_BUCKET
+// when the key is stored.
+static uint32_t find_place(const keyed_cache &cache, const void *key, size_t length, uint32_t hash)
+{
+    const auto holds = [&](uint32_t bucket) { return std::memcmp(cache.keys[bucket], key, length) == 0; };
+    const uint32_t mask = cache.bucket_count - 1;
+    const probe_window window(cache.control + (hash & mask));
+    for (uint64_t match = window.matches(fragment_of(hash)); match != 0; match &= match - 1)
+        if (holds((hash + probe_window::offset_of(match)) & mask))
+            return NO_BUCKET;
+    const uint64_t not_live = window.not_live();
+    uint32_t usable = not_live == 0 ? NO_BUCKET : (hash + probe_window::offset_of(not_live)) & mask;
+    if (window.empty() != 0)
+        return usable;
+    uint32_t bucket = (hash + probe_window::NEXT_OFFSET) & mask;
+    for (uint32_t step = probe_window::STEPS + 1; cache.control[bucket] != CONTROL_EMPTY; ++step) {
+        if (cache.control[bucket] == fragment_of(hash) && holds(bucket))
+            return NO_BUCKET;
+        if (usable == NO_BUCKET && cache.control[bucket] == CONTROL_DELETED)
+            usable = bucket;
+        bucket = (bucket + step) & mask;
+    }
+    return usable == NO_BUCKET ? bucket : usable;
+}
+
+bool keyed_cache_insert(keyed_cache &cache, void *record, size_t length, uint32_t hash)
+{
+    if (cache.occupied >= cache.upper_bound && !keyed_cache_make_room(cache))
+        return false;
+    const uint32_t bucket = find_place(cache, record, length, hash);
+    if (bucket == NO_BUCKET)
+        return false;
+    cache.occupied += cache.control[bucket] == CONTROL_EMPTY;
+    cache.keys[bucket] = record;
+    cache.hashes[bucket] = hash;
+    set_control(cache, bucket, fragment_of(hash));
+    set_state(cache.flags, bucket, BUCKET_LIVE);
+    ++cache.size;
+    return true;
+}
+
 void keyed_cache_clear(keyed_cache &cache)
 {
     std::free(cache.flags);

@@ -1,5 +1,5 @@
-// The logging step, used at every message site: one message, formatted once for each of the two categories that admits
-// its class, file before standard output. The level is tested before any argument is evaluated.
+// The logging step, used at every message site: one message, formatted once, for each of the two categories that admits its
+// class, file before standard output. The level is tested before any argument is evaluated.
 //
 //   SW_LOG(error, "Assert:Bad inst[%d].", inst);       at this site, printf-checked
 //   SW_LOG_AT(where, info, "...", ...);                 on behalf of the exported function whose site is `where`
