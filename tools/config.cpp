@@ -285,6 +285,8 @@ bool interpreter::vlan_membership(const config_table &table, const config_entry 
     const auto [first, fresh] = member_keys_.emplace(std::pair(number, port), entry.key);
     if (!fresh)
         return fail(table, entry, "is the same member as " + first->second);
+    if (!is_port_ && !out_->ports)
+        ports_.insert(port);  // as if the table PORT had it
     out_->vlan_members->push_back({{entry.key, entry.line}, number, port, untagged});
     return true;
 }

@@ -44,20 +44,31 @@ std::string pvid_difference(const vlan_port &port)
     return port.seen.pvid == port.pvid ? "" : "the observer reads the default VLAN " + std::to_string(port.seen.pvid);
 }
 
-// VLANs that nobody asked for are told of once, with the port's first entry.
-std::string surplus(const vlan_port &port, const vlan_member &member, const member_book &members)
+// What is wrong with the port and with none of its entries. Of entries that were dropped each tells for itself.
+std::string oddity(const member_book &members, const vlan_port &port)
 {
-    if (&members.entry(port.members[0]) != &member)
-        return "";
-    vlan_set more = port.seen.vlans;
-    more -= port.vlans;
+    vlan_set known = port.vlans;
     for (size_t i : port.members)
-        if (members.entry(i).dropped)
-            more -= vlan_set(members.entry(i).vlan);
-    return more.empty() ? "" : "the observer reads VLANs that nobody asked for: " + more.text();
+        known.add(members.entry(i).vlan);
+    vlan_set more = port.seen.vlans;
+    more -= known;
+    if (!more.empty())
+        return "the observer reads VLANs that nobody asked for: " + more.text();
+    vlan_set marks = port.seen.untagged;
+    marks |= port.seen.multicast;
+    marks -= port.seen.vlans;
+    if (!marks.empty())
+        return "the observer reads marks of VLANs that the port does not carry: " + marks.text();
+    if (port.pvid != 0 || port.is_seen())
+        return "";
+    if (port.seen.claimed != 0)
+        return "the observer reads that the default VLAN " + std::to_string(port.seen.claimed) + " is asked for";
+    return port.seen.pvid != 0 && !port.seen.contested
+               ? "the observer reads the default VLAN " + std::to_string(port.seen.pvid)
+               : "";
 }
 
-std::string difference(const member_book &members, const vlan_port &port, const vlan_member &member)
+std::string difference(const vlan_port &port, const vlan_member &member)
 {
     if (!port.seen.found)
         return "the observer does not find the VLANs of " + port.name;
@@ -67,8 +78,7 @@ std::string difference(const member_book &members, const vlan_port &port, const 
         return member.untagged ? "the observer reads that it is tagged" : "the observer reads that it is untagged";
     if (!port.seen.multicast.has(member.vlan))
         return "the observer does not find the multicast mark";
-    const std::string pvid = gives_pvid(port, member) ? pvid_difference(port) : "";
-    return pvid.empty() ? surplus(port, member, members) : pvid;
+    return gives_pvid(port, member) ? pvid_difference(port) : "";
 }
 
 std::string left_over(const vlan_port &port, const vlan_member &member)
@@ -77,45 +87,66 @@ std::string left_over(const vlan_port &port, const vlan_member &member)
         return "the VLAN is still on the port";
     if (member.untagged && port.seen.claimed == static_cast<int32_t>(member.vlan))
         return "it is still asked for as default VLAN";
+    if (member.untagged && port.pvid == 0 && port.seen.pvid == static_cast<int32_t>(member.vlan) &&
+        !port.seen.contested)
+        return "it is still the default VLAN";
     return "";
 }
 
 std::string name_of(const vlan_member &member) { return printable(std::string(TABLE) + '|' + member.key + ": "); }
 
+struct judged_member {
+    const vlan_member *member;
+    bool refused;
+    std::string what;  // is wrong; "" nothing
+};
+
+std::vector<judged_member> judge(const member_book &members, const vlan_port &port)
+{
+    std::vector<judged_member> all;
+    for (size_t i : port.members) {
+        const vlan_member &member = members.entry(i);
+        const std::string refused = member.dropped ? "" : refusal(port, member);
+        if (!refused.empty())
+            all.push_back({&member, true, refused});
+        else
+            all.push_back({&member, false, member.dropped ? left_over(port, member) : difference(port, member)});
+    }
+    if (std::ranges::any_of(all, [](const judged_member &of) { return !of.what.empty(); }))
+        return all;
+    const auto kept = std::ranges::find_if(all, [](const judged_member &of) { return !of.member->dropped; });
+    (kept == all.end() ? all.front() : *kept).what = oddity(members, port);
+    return all;
+}
+
 template <typename Visit>
 void for_each_member(const member_book &members, const Visit &visit)
 {
     for (size_t i = 0; i < members.size(); ++i)
-        for (size_t member : members.at(i).members)
-            visit(members.at(i), members.entry(member));
+        for (const judged_member &of : judge(members, members.at(i)))
+            visit(of);
 }
 
 }  // namespace
 
 void evaluate(const member_book &members, run_result *result)
 {
-    for_each_member(members, [&](const vlan_port &port, const vlan_member &member) {
-        const std::string refused = refusal(port, member);
-        const std::string what = refused.empty() ? difference(members, port, member) : refused;
-        const verdict_kind made = verdict_of(refused.empty(), what);
+    for_each_member(members, [result](const judged_member &of) {
+        const verdict_kind made = verdict_of(!of.refused, of.what);
         if (made != verdict_kind::verified)
-            result->problems.push_back(name_of(member) + text_of(made) + printable(what));
+            result->problems.push_back(name_of(*of.member) + text_of(made) + printable(of.what));
         count(made, &result->tables[place_of_members(result->tables)]);
     });
 }
 
 void evaluate_restart(const member_book &members, run_result *result)
 {
-    for_each_member(members, [&](const vlan_port &port, const vlan_member &member) {
-        const std::string refused = member.dropped ? "" : refusal(port, member);
-        std::string what = refused;
-        if (what.empty())
-            what = member.dropped ? left_over(port, member) : difference(members, port, member);
-        if (!what.empty())
-            result->problems.push_back(name_of(member) + (member.dropped ? "dropped: " : "kept: ") +
-                                       (member.dropped ? "" : text_of(verdict_of(refused.empty(), what))) +
-                                       printable(what));
-        count(kept_verdict_of(member.dropped, what), &result->restarted[place_of_members(result->restarted)]);
+    for_each_member(members, [result](const judged_member &of) {
+        const bool dropped = of.member->dropped;
+        if (!of.what.empty())
+            result->problems.push_back(name_of(*of.member) + (dropped ? "dropped: " : "kept: ") +
+                                       (dropped ? "" : text_of(verdict_of(!of.refused, of.what))) + printable(of.what));
+        count(kept_verdict_of(dropped, of.what), &result->restarted[place_of_members(result->restarted)]);
     });
 }
 

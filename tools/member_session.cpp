@@ -1,7 +1,8 @@
 // The VLANs of ports of a session of "ebridge run": publishing them, hearing default VLANs, reading what is there. See
 // session.hpp.
 //
-// Each port's VLANs are published at once, however many they are. What its default VLAN is then is decided by the service,
+// Each port's VLANs are published at once, however many they are: they are added to the library's tables first, since the
+// call that does both does not tell whether the store was only away for a moment. What its default VLAN is then is decided by the service,
 // from what all users ask for; the library tells it.
 #include <algorithm>
 
@@ -13,7 +14,7 @@ namespace ebridge_tool
 namespace
 {
 
-constexpr int32_t PUBLISH = 1;  // send_flag of the library's call
+constexpr int32_t KEEP_LOCAL = 0;  // send_flag of the library's call
 
 bool read_set(const UBridge__Bitmap *encoded, vlan_set *out)
 {
@@ -42,13 +43,14 @@ void session::publish_members(const run_options &options)
         if (port.user != users_.requester || !port.is_wanted())
             continue;
         const auto eport = static_cast<int32_t>(port.eport);
-        const auto add = [&] {
-            return sw_vlan_port_range_vids_add_with_flag(requester(), eport, port.vlans.words(), port.untagged.words(),
-                                                         port.vlans.words(), PUBLISH);
-        };
+        const auto publish = [&] { return sw_vlan_port_range_vids_set(requester(), eport); };
         const auto set_pvid = [&] { return sw_vlan_pvid_set(requester(), port.eport, port.pvid); };
-        const int32_t code = patiently(add, options.patience_usec);
-        const int32_t pvid_code = port.pvid == 0 ? 0 : patiently(set_pvid, options.patience_usec);
+        int32_t code = sw_vlan_port_range_vids_add_with_flag(requester(), eport, port.vlans.words(),
+                                                             port.untagged.words(), port.vlans.words(), KEEP_LOCAL);
+        if (code == 0)
+            code = patiently(publish, options.patience_usec);
+        // None is wanted: one of an earlier life goes.
+        const int32_t pvid_code = patiently(set_pvid, options.patience_usec);
         members_->set(i, {.code = code, .pvid_code = pvid_code, .pvid = port.asked.pvid});
     }
 }

@@ -156,6 +156,8 @@ TEST(Config, MembersTellThePortsWhereNothingElseDoes)
     const char *const members = R"("VLAN": {"Vlan7": {}}, "VLAN_MEMBER": {"Vlan7|a": {"tagging_mode": "tagged"},
         "Vlan7|PortChannel3": {"tagging_mode": "tagged"}})";
     EXPECT_EQ(read("{" + std::string(members) + "}").vlan_members->size(), 2U);
+    const char *const rule = R"(, "ACL_RULE": {"t|r": {"PRIORITY": "1", "IN_PORTS": "a,PortChannel3"}}})";
+    EXPECT_EQ(read("{" + std::string(members) + rule).acl_rules->size(), 1U);
     EXPECT_EQ(error_of("{" + std::string(members) + R"(, "PORTCHANNEL": {}})"),
               "file:2: VLAN_MEMBER|Vlan7|PortChannel3: \"PortChannel3\" is no port");
 }

@@ -266,6 +266,28 @@ TEST_F(MemberBook, VlansThatNobodyAskedForAreNamedOnce)
                                         "for: 5-7"));
 }
 
+TEST_F(MemberBook, MarksOfOtherVlansAreNamed)
+{
+    open(TWO_PORTS);
+    settle();
+    see(0, [](member_sight *seen) { seen->untagged.add(77); });
+    EXPECT_THAT(problems(), ElementsAre("VLAN_MEMBER|Vlan12|one: differs: the observer reads marks of VLANs that the "
+                                        "port does not carry: 77"));
+}
+
+TEST_F(MemberBook, ADefaultVlanThatNobodyAskedForIsNamed)
+{
+    open(TWO_PORTS);
+    settle();
+    see(1, [](member_sight *seen) { seen->claimed = seen->pvid = 10; });
+    EXPECT_THAT(problems(), ElementsAre("VLAN_MEMBER|Vlan10|two: differs: the observer reads that the default VLAN 10 "
+                                        "is asked for"));
+    see(1, [](member_sight *seen) { seen->claimed = 0; });
+    EXPECT_THAT(problems(), ElementsAre("VLAN_MEMBER|Vlan10|two: differs: the observer reads the default VLAN 10"));
+    see(1, [](member_sight *seen) { seen->contested = true; });
+    EXPECT_THAT(problems(), IsEmpty());
+}
+
 TEST_F(MemberBook, AnotherUsersDefaultVlanIsNoMistakeWhereNoneIsWanted)
 {
     open(TWO_PORTS);
@@ -319,6 +341,20 @@ TEST_F(MemberBook, WhatWasDroppedAndIsThereIsNamed)
     EXPECT_THAT(
         problems_after({"VLAN_MEMBER|Vlan11|one"}, [this] { see(0, [](member_sight *seen) { seen->claimed = 11; }); }),
         ElementsAre("VLAN_MEMBER|Vlan11|one: dropped: it is still asked for as default VLAN"));
+}
+
+TEST_F(MemberBook, WhatNobodyAskedForIsNamedAlsoWhereEntriesWereDropped)
+{
+    open(TWO_PORTS);
+    const auto five = [](member_sight *seen) { seen->vlans.add(5); };
+    EXPECT_THAT(
+        problems_after({"VLAN_MEMBER|Vlan12|one"}, [&] { see(0, five); }),
+        ElementsAre("VLAN_MEMBER|Vlan11|one: kept: differs: the observer reads VLANs that nobody asked for: 5"));
+    EXPECT_THAT(problems_after({"VLAN_MEMBER|Vlan10|two"}, [&] { see(1, five); }),
+                ElementsAre("VLAN_MEMBER|Vlan10|two: dropped: the observer reads VLANs that nobody asked for: 5"));
+    EXPECT_THAT(
+        problems_after({"VLAN_MEMBER|Vlan11|one"}, [&] { see(0, [](member_sight *seen) { seen->pvid = 11; }); }),
+        ElementsAre("VLAN_MEMBER|Vlan11|one: dropped: it is still the default VLAN"));
 }
 
 TEST_F(MemberBook, WhatIsKeptHasToReadEqual)

@@ -99,6 +99,18 @@ TEST_F(RestartRun, ARestartWithNothingDroppedChangesNothing)
     EXPECT_EQ(store(), before);
 }
 
+TEST_F(RestartRun, ADefaultVlanOfAnEarlierRunGoesWithItsTag)
+{
+    const auto config = [](const char *mode) {
+        return std::string(R"({"VLAN": {"Vlan7": {}}, "VLAN_MEMBER": {"Vlan7|a": {"tagging_mode": ")") + mode + "\"}}}";
+    };
+    const temporary_file untagged(config("untagged")), tagged(config("tagged"));
+    ASSERT_EQ(ebridge({untagged.path()}).status, 0);
+    const outcome seen = ebridge({tagged.path()});
+    EXPECT_EQ(seen.status, 0) << seen.err;
+    EXPECT_THAT(redis.commands(4, "KEYS u_bridge.port_vid*"), HasSubstr("*0\r\n"));
+}
+
 TEST_F(RestartRun, MembersThatAreDroppedLeaveTheirPortsAlone)
 {
     const temporary_file file(R"({"VLAN": {"Vlan7": {}, "Vlan8": {}}, "VLAN_MEMBER": {

@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -99,6 +100,33 @@ TEST(SpreadRun, AnyNumberOfRequestersIsVerifiedAndIsGivenTheSameIds)
     EXPECT_EQ(stored(redis, 8, "ebridge_run_4:32:5101", 10), id) << "the 96th of four users' entries";
     EXPECT_EQ(stored(redis, 8, "ebridge_run_32:32:5101", 10), id) << "the 96th of 64 users' entries";
     EXPECT_EQ(stored(redis, 8, "ebridge_run_2:32:5101", 10), "");
+}
+
+TEST(SpreadRun, ConnectionsThatAreCutMeanwhileCostNothing)
+{
+    std::string text = R"({"VLAN": {"Vlan10": {}}, "VLAN_MEMBER": {)";
+    for (int port = 0; port < 1000; ++port)
+        text += (port == 0 ? "" : ", ") + ("\"Vlan10|Ethernet" + std::to_string(port)) + R"(": {"tagging_mode": ")" +
+                (port % 2 == 0 ? "untagged" : "tagged") + "\"}";
+    const temporary_file config(text + "}}");
+    const support::redis_server redis;
+    child service({EBRIDGED_PROGRAM, "--store", redis.url()});
+    ASSERT_TRUE(service.wait_for_error_text("serving"));
+    std::atomic<bool> over = false;
+    std::thread cutter([&] {
+        while (!over) {
+            redis.commands(0, "CLIENT KILL TYPE normal SKIPME yes");
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    });
+    for (int turn = 0; turn < 3; ++turn) {
+        const outcome seen = run(command(redis, {"--users", "2", "--json", config.path()}));
+        EXPECT_EQ(seen.status, 0) << seen.err;
+        EXPECT_THAT(seen.out,
+                    HasSubstr(R"("VLAN_MEMBER":{"requested":1000,"granted":1000,"refused":0,"verified":1000})"));
+    }
+    over = true;
+    cutter.join();
 }
 
 TEST(SpreadRun, PrintsTheTableAndTheObserversDump)
