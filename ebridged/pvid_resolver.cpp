@@ -83,12 +83,13 @@ void pvid_resolver::stat(ebridged_stat *out) const
 
 void pvid_resolver::all_read()
 {
-    order_claims();
+    if (!read_)
+        order_claims();
+    read_ = true;
     if (has_turn_)
-        begin_serving();
+        serve();
     else
         log(EBRIDGED_LOG_INFO, "default VLANs of %zu ports are read", claims_.size());
-    read_ = true;
 }
 
 void pvid_resolver::serve()
@@ -107,13 +108,21 @@ void pvid_resolver::begin_serving()
     log(EBRIDGED_LOG_INFO, "default VLANs of %zu ports are set", claims_.size());
 }
 
-// By the first table that knows it: one of them may have been lost.
+// By the first table that knows it: one of them may have been lost. Of tables that differ one is older: before a table that
+// another one names as the pvid before counts the one that names it.
 pvid_resolver::entry pvid_resolver::shown_for(port_id port) const
 {
+    std::vector<entry> all;
     for (const auto &[db, its] : tables_)
         if (const auto found = its.entries.find(port); found != its.entries.end() && found->second.pvid > 0)
-            return found->second;
-    return {};
+            all.push_back(found->second);
+    const auto age = [&all](const entry &each) {
+        const auto comes_after = [&each](const entry &other) { return each.before == other.pvid; };
+        const auto comes_before = [&each](const entry &other) { return other.before == each.pvid; };
+        return std::ranges::any_of(all, comes_before) - std::ranges::any_of(all, comes_after);
+    };
+    const auto last = std::ranges::min_element(all, {}, age);
+    return last == all.end() ? entry{} : *last;
 }
 
 void pvid_resolver::order_claims()

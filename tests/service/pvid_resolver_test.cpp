@@ -237,6 +237,50 @@ TEST_P(Resolver, TablesThatDifferAreMadeTheSame)
     EXPECT_THAT(written(MIRROR), ElementsAre("set 8 1: 10 -> 20"));
 }
 
+// As one server's data may be older than another's: the later record is the one that names the other's pvid as its own before.
+TEST_P(Resolver, OfTablesThatDifferTheLaterOneDecides)
+{
+    const std::map<uint32_t, pvid_entry> first{{4, {.port = 1, .old_pvid = 0, .new_pvid = 10}},
+                                               {5, {.port = 1, .old_pvid = 10, .new_pvid = 20}},
+                                               {8, {.port = 1, .old_pvid = 20, .new_pvid = 30}}};
+    std::vector<uint32_t> order{4, 5, 8};
+    do {
+        follow({4, 5});
+        for (const claim &each : {claim{"a", 1, 10}, claim{"b", 1, 20}, claim{"c", 1, 30}, claim{"d", 1, 40}})
+            found(each);
+        auto of = first.begin();
+        for (const uint32_t db : order)
+            store.entry_told(table_scan(db), db, (of++)->second);
+        read();
+        for (const uint32_t db : {order[0], order[1]})
+            EXPECT_THAT(written(db), ElementsAre(testing::EndsWith(" -> 30")));
+        EXPECT_THAT(written(order[2]), IsEmpty());
+        let_go({"c", 1, 30});
+        EXPECT_THAT(written(), ElementsAre("set 4 1: 30 -> 20"));
+        ebridged_stop(std::exchange(service, nullptr));
+        store.follows.clear();
+        applied.clear();
+    } while (std::ranges::next_permutation(order).found);
+}
+
+// Nothing tells which is the later one. Or each names the other.
+TEST_P(Resolver, OfTablesThatDifferAndDoNotFollowEachOtherTheFirstOneDecides)
+{
+    for (const int32_t before : {7, 20}) {
+        follow();
+        found({"a", 1, 10});
+        found({"b", 1, 20});
+        store.entry_told(table_scan(4), 4, {.port = 1, .old_pvid = before, .new_pvid = 10});
+        store.entry_told(table_scan(MIRROR), MIRROR, {.port = 1, .old_pvid = before == 7 ? 8 : 10, .new_pvid = 20});
+        read();
+        EXPECT_THAT(written(4), IsEmpty());
+        EXPECT_THAT(written(MIRROR), ElementsAre("set 8 1: 20 -> 10"));
+        ebridged_stop(std::exchange(service, nullptr));
+        store.follows.clear();
+        applied.clear();
+    }
+}
+
 TEST_P(Resolver, OfThoseThatWereThereTheTableSaysWhichWasLastAndWhichWasBefore)
 {
     follow();
