@@ -106,6 +106,7 @@ int32_t record(call made)
 {
     const own_allocations own;
     the().sequence.push_back("call " + made.function);
+    made.printed_before = the().printed.size();
     const int32_t result = take_result(made.function);
     if (result == 0 && made.args)
         objects().accepted_args.push_back(made.args);

@@ -25,13 +25,14 @@ struct call {
     uint32_t flags = 0;
     uint32_t count = 0;  // length of the lists as the library gave it
     int32_t mode = 0;
-    qz_mom_timeval delay{};    // expiry
-    int32_t seconds = 0;       // timer
-    std::string name;          // timer, module or command name
-    std::string text;          // help text
-    void *callback = nullptr;  // of lists the first
-    void *args = nullptr;      // of congestion control the module name as it was handed over
-    void *extra = nullptr;     // timer object, state block, congestion topic
+    size_t printed_before = 0;  // characters that went through ssat_vprint before it
+    qz_mom_timeval delay{};     // expiry
+    int32_t seconds = 0;        // timer
+    std::string name;           // timer, module or command name
+    std::string text;           // help text
+    void *callback = nullptr;   // of lists the first
+    void *args = nullptr;       // of congestion control the module name as it was handed over
+    void *extra = nullptr;      // timer object, state block, congestion topic
 };
 
 struct log_line {

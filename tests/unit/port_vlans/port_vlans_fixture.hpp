@@ -16,6 +16,7 @@ using namespace bridge_test;
 inline constexpr uint32_t own_db = 6;
 
 inline constexpr int32_t port_3 = 0x10000003, port_4 = 0x10000004;
+inline constexpr int32_t routed_subinterface = static_cast<int32_t>(0x90000005);
 inline constexpr int32_t tagged = U_BRIDGE__TAG_TYPE__TAGGED, untagged = U_BRIDGE__TAG_TYPE__UNTAGGED;
 inline constexpr int32_t publish = 1, multicast = 2;  // send_flag
 

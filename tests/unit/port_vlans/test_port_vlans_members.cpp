@@ -262,6 +262,24 @@ TEST_F(PortVlansAdd, OfNothingToAnUnknownPortMakesTheRecord)
     EXPECT_THAT(trace(), ElementsAre(removed, "qz_mom_del 6 " + record_of({})));
 }
 
+// Only the walk of all ports passes over them.
+TEST_F(PortVlansAdd, AndDeletionOnRoutedSubinterfacesArePublishedToo)
+{
+    add_user();
+    const int32_t ifx = routed_subinterface;
+    EXPECT_EQ(add_range({vlans({1, 2}), {}, {}}, publish, ifx), 0);
+    EXPECT_EQ(only_call().record, record_of({vlans({1, 2}), {}, {}}, ifx));
+    recording::reset();
+    EXPECT_EQ(sw_vlan_port_range_vids_del_with_flag("app", ifx, bitmap(vlans({1})), publish), 0);
+    EXPECT_EQ(only_call().record, record_of({vlans({2}), {}, {}}, ifx));
+    recording::reset();
+    EXPECT_EQ(sw_vlan_port_add_with_flag("app", 3, ifx, tagged, publish), 0);
+    EXPECT_EQ(only_call().record, record_of({vlans({2, 3}), {}, {}}, ifx));
+    recording::reset();
+    EXPECT_EQ(sw_vlan_port_del_with_flag("app", 2, ifx, publish), 0);
+    EXPECT_EQ(only_call().record, record_of({vlans({3}), {}, {}}, ifx));
+}
+
 // Bit 1 counts where one VLAN is added: here the caller's bitmap says it.
 TEST_F(PortVlansAdd, OfManyTakesTheMulticastMarkFromTheBitmap)
 {

@@ -133,6 +133,16 @@ TEST_F(PortVlansSet, NamesUsersOf31Characters)
     EXPECT_EQ(only_call().record, record_of({vlans({1}), {}, {}}, port_3, name_of_31));
 }
 
+// Only the walk of all ports passes over them.
+TEST_F(PortVlansSet, PublishesRoutedSubinterfacesToo)
+{
+    add_user();
+    const port_sets sets{vlans({1}), vlans({1}), {}};
+    hold(sets, routed_subinterface);
+    EXPECT_EQ(sw_vlan_port_range_vids_set("app", routed_subinterface), 0);
+    expect_call(only_call(), "qz_mom_set", own_db, record_of(sets, routed_subinterface));
+}
+
 // ---- what is printed
 
 TEST_F(PortVlansSet, PrintsTheBitmapsWhereStandardOutputTakesDebugMessages)
@@ -159,6 +169,43 @@ TEST_F(PortVlansSet, PrintsNothingElsewhere)
     }
     EXPECT_EQ(take_printed(), "");
     EXPECT_EQ(recording::calls().size(), 6u);
+}
+
+TEST_F(PortVlansSet, PrintsBeforeItWrites)
+{
+    add_user();
+    g_sw_vlan_std_zlog_level = 5;
+    for (const vlan_set &members : {vlans({1}), vlan_set()}) {
+        hold({members, vlans({1}), {}}, members.any() ? port_3 : port_4);
+        EXPECT_EQ(sw_vlan_port_range_vids_set("app", members.any() ? port_3 : port_4), 0);
+        const size_t before = only_call().printed_before;
+        EXPECT_EQ(before, take_printed().size());
+        EXPECT_GT(before, 0u);
+    }
+}
+
+TEST_F(PortVlansSetAll, PrintsEachPortBeforeItWritesIt)
+{
+    add_user();
+    g_sw_vlan_std_zlog_level = 5;
+    hold({vlans({1}), {}, {}}, port_3);
+    hold({vlans({2}), {}, {}}, port_4);
+    EXPECT_EQ(sw_vlan_port_range_vids_set_all("app"), 0);
+    const auto &calls = recording::calls();
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_GT(calls[0].printed_before, 0u);
+    EXPECT_GT(calls[1].printed_before, calls[0].printed_before);
+    EXPECT_EQ(calls[1].printed_before, take_printed().size());
+}
+
+TEST_F(PortVlansSetAll, PrintsNothingOfRoutedSubinterfaces)
+{
+    add_user();
+    hold({vlans({1}), vlans({1}), vlans({1})}, routed_subinterface);
+    g_sw_vlan_std_zlog_level = 5;
+    EXPECT_EQ(sw_vlan_port_range_vids_set_all("app"), 0);
+    EXPECT_THAT(take_printed(), testing::Not(testing::HasSubstr("bmp")));
+    EXPECT_THAT(recording::calls(), IsEmpty());
 }
 
 TEST_F(PortVlansSetAll, PrintsTheBitmapsWithTheirPort)
