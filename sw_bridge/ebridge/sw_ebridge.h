@@ -554,6 +554,9 @@ int32_t sw_ebridge_mom_connected_for_congestion_callback(qz_mom_handle *handle, 
 /* Registers the user as producer of evlan sessions, eport sessions and port pvids. 0; -2; -4 no memory; or the
  * congestion library's code. */
 int32_t sw_ebridge_congestion_init(const char *user_name);
+/* Registers `module` as producer of port VLANs on a database of `handle`, for programs that publish them in bulk; the
+ * library itself does not call it. 0; -3 when the congestion library refuses. */
+int32_t sw_ebridge_port_vlans_congest(qz_mom_handle *handle, uint32_t db, const char *module);
 
 /* ---- logging ---------------------------------------------------------------------------------------------------- */
 

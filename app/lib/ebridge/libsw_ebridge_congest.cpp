@@ -1,4 +1,5 @@
-// Congestion: registers each user as a producer of its record topics once its congestion connection is up.
+// Congestion: registers each user as a producer of its record topics once its congestion connection is up; who publishes
+// the VLANs of ports registers for them by a call of its own.
 #include <cstdio>
 #include <cstdlib>
 
@@ -26,6 +27,10 @@ constexpr libcgstctrl_topic topics[] = {
     {.descriptor = &u_bridge__eport_session__descriptor, .params = {}},
     {.descriptor = &u_bridge__port_vid__descriptor, .params = {}},
 };
+constexpr libcgstctrl_topic port_vlans_topic = {.descriptor = &u_bridge__port_vlans__descriptor, .params = {}};
+
+// The marks that producers of port VLANs have heard, of all modules together.
+constinit libcgstctrl_state port_vlans_state{};
 
 // The kept name of a user's module, made on first use. Null without memory.
 const char *module_name_of(const char *user_name)
@@ -80,5 +85,15 @@ SW_EXPORT int32_t sw_ebridge_congestion_init(const char *user_name)
     }
     for (const libcgstctrl_topic &topic : topics)
         libcgstctrl_gen_topic_reg(user->mom_handle, user->mod_db, module, &topic, 0);
+    return 0;
+}
+
+SW_EXPORT int32_t sw_ebridge_port_vlans_congest(qz_mom_handle *handle, uint32_t db, const char *module)
+{
+    if (const int32_t rv = libcgstctrl_gen_init(handle, db, module, &port_vlans_state); rv != 0) {
+        SW_LOG(error, "Assert:MOM ctrl failed, error is %d.", rv);
+        return -3;
+    }
+    libcgstctrl_gen_topic_reg(handle, db, module, &port_vlans_topic, 0);
     return 0;
 }

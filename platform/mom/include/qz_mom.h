@@ -161,6 +161,10 @@ int32_t qz_mom_client_set_reconnect_cb(qz_mom_handle *handle, uint32_t db, qz_mo
 
 /* Writes the whole record in one piece and clears its mark. Subscribers hear command 1. */
 int32_t qz_mom_set(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, qz_mom_msg_cb cb, void *args);
+/* As qz_mom_set, without an answer, but ahead of all that waits for the server: for the few notices that tell of just
+ * that. In call order among themselves only, so a record is written either always this way or never. Taken over also
+ * while the server is away and when 65,536 other calls wait; EFULL when another 1,024 notices do. */
+int32_t qz_mom_set_ahead(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record);
 /* Writes the named fields (numbers of the record's descriptor, not the key's, `count` >= 1; a number given twice counts
  * once) of a hash record, creates it when absent, leaves its other fields alone and clears its mark. Writing the set
  * member of a oneof clears the other members. Subscribers hear command 4 (one field) or 6. */
@@ -239,6 +243,15 @@ int32_t qz_mom_set_queue_limits(qz_mom_handle *handle, uint32_t low, uint32_t hi
 int32_t qz_mom_set_queue_cb(qz_mom_handle *handle, qz_mom_queue_cb cb, void *args);
 /* Notifications that wait for this handle. */
 uint32_t qz_mom_queue_depth(qz_mom_handle *handle);
+/* Watches the writes of this handle to records of one type in one database that were taken over and that the server has
+ * not answered yet: `cb` hears, on the master's thread, when they reach `high` and when they have fallen to `low` (low <
+ * high, else EINVAL), in turns, beginning with high. Counted are writes made since the first such call. A call with the
+ * same database, type, callback and argument changes the marks only; others are independent. It ends with the handle.
+ * The embedded store applies a write within the call: nothing waits there. EINVAL, EDB, ENOMEM. */
+int32_t qz_mom_watch_writes(qz_mom_handle *handle, uint32_t db, const ProtobufCMessageDescriptor *type, uint32_t low,
+                            uint32_t high, qz_mom_queue_cb cb, void *args);
+/* Such writes at this moment; 0 when nobody watches them. From any thread. */
+uint32_t qz_mom_writes_waiting(qz_mom_handle *handle, uint32_t db, const ProtobufCMessageDescriptor *type);
 
 /* ---- key texts --------------------------------------------------------------------------------------------------- *
  * "u_bridge.evlan_session:app:32:7": package and record name, then the key fields in their order. Bytes of a name other

@@ -129,6 +129,24 @@ int32_t mark(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record,
     });
 }
 
+// With the mutex.
+void watch_writes(client &who, uint32_t db, const ProtobufCMessageDescriptor &type, const backlog::watch &wanted)
+{
+    auto in = who.backlog_of(db, type);
+    if (in == nullptr)
+        in = who.backlogs.emplace_back(std::make_shared<backlog>(backlog{db, &type, &who}));
+    const auto known = std::ranges::find_if(in->watches, [&](const backlog::watch &each) {
+        return each.cb == wanted.cb && each.args == wanted.args;
+    });
+    if (known == in->watches.end()) {
+        in->watches.push_back(wanted);
+    } else {
+        known->low = wanted.low;
+        known->high = wanted.high;
+    }
+    in->update_marks();
+}
+
 bool is_lock_name(const char *name)
 {
     constexpr size_t longest = 64;
@@ -224,6 +242,13 @@ int32_t qz_mom_set(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *r
 {
     return with_records(handle, db, record, meaning::exact, __func__, [&](client &from, store &in, const target &at) {
         return in.write_whole(from, at, encode_whole(*record), receiver{cb, args});
+    });
+}
+
+int32_t qz_mom_set_ahead(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record)
+{
+    return with_records(handle, db, record, meaning::exact, __func__, [&](client &from, store &in, const target &at) {
+        return in.write_ahead(from, at, encode_whole(*record));
     });
 }
 
@@ -381,6 +406,28 @@ uint32_t qz_mom_queue_depth(qz_mom_handle *handle)
     client &who = client_of(handle);
     const std::scoped_lock lock(who.kept_in->office().mutex);
     return who.box.depth();
+}
+
+int32_t qz_mom_watch_writes(qz_mom_handle *handle, uint32_t db, const ProtobufCMessageDescriptor *type, uint32_t low,
+                            uint32_t high, qz_mom_queue_cb cb, void *args)
+{
+    return with_database(handle, db, nullptr, [&](client &who, store &in) -> int32_t {
+        if (type == nullptr || cb == nullptr || low >= high)
+            return QZ_MOM_EINVAL;
+        const std::scoped_lock lock(in.office().mutex);
+        watch_writes(who, db, *type, {low, high, cb, args});
+        return QZ_MOM_OK;
+    });
+}
+
+uint32_t qz_mom_writes_waiting(qz_mom_handle *handle, uint32_t db, const ProtobufCMessageDescriptor *type)
+{
+    if (handle == nullptr || type == nullptr)
+        return 0;
+    const client &who = client_of(handle);
+    const std::scoped_lock lock(who.kept_in->office().mutex);
+    const auto found = who.backlog_of(db, *type);
+    return found != nullptr ? found->depth : 0;
 }
 
 // ---- key texts ------------------------------------------------------------------------------------------------------

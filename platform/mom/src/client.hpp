@@ -5,7 +5,9 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "backlog.hpp"
 #include "delivery.hpp"
 #include "qz_mom.h"
 
@@ -31,6 +33,11 @@ struct client : qz_mom_handle, std::enable_shared_from_this<client> {
     uint32_t owed = 0;                           // answers to writes that are under way
     std::map<uint32_t, reconnection> reconnect;  // by database
     std::map<uint32_t, wanted_lock> locks;       // by database
+    std::vector<std::shared_ptr<backlog>> backlogs;
+    bool marks_crossed = false;  // of a backlog; its watches are to be looked through
+
+    // Null: nobody watches such writes.
+    std::shared_ptr<backlog> backlog_of(uint32_t db, const ProtobufCMessageDescriptor &type) const noexcept;
 };
 
 }  // namespace mom

@@ -107,6 +107,7 @@ class pump : public post_target, public std::enable_shared_from_this<pump>
 
     std::optional<next_call> next(post_office &office, deliveries &used);
     std::optional<next_call> next_mark(const post_office &office) const;
+    static std::optional<next_call> next_mark_of_writes(const std::shared_ptr<client> &who);
     static std::shared_ptr<client> keep(const post_office &office, const client *who);
     static void make(next_call &call_now);
 
@@ -182,15 +183,35 @@ std::shared_ptr<client> pump::keep(const post_office &office, const client *who)
     return nullptr;
 }
 
+std::optional<pump::next_call> pump::next_mark_of_writes(const std::shared_ptr<client> &who)
+{
+    for (const auto &each : who->backlogs) {
+        for (backlog::watch &watch : each->watches) {
+            if (watch.above == watch.told_above)
+                continue;
+            watch.told_above = watch.above;
+            return next_call{who, {}, watch.cb, watch.args, watch.above, each->depth};
+        }
+    }
+    who->marks_crossed = false;
+    return std::nullopt;
+}
+
 std::optional<pump::next_call> pump::next_mark(const post_office &office) const
 {
     for (const auto &who : office.clients_) {
         mailbox &box = who->box;
-        if (who->master != master_ || box.above == box.told_above)
+        if (who->master != master_)
             continue;
-        box.told_above = box.above;
-        if (box.queue_cb != nullptr)
-            return next_call{who, {}, box.queue_cb, box.queue_args, box.above, box.depth()};
+        if (box.above != box.told_above) {
+            box.told_above = box.above;
+            if (box.queue_cb != nullptr)
+                return next_call{who, {}, box.queue_cb, box.queue_args, box.above, box.depth()};
+        }
+        if (who->marks_crossed) {
+            if (auto mark = next_mark_of_writes(who))
+                return mark;
+        }
     }
     return std::nullopt;
 }
@@ -279,6 +300,8 @@ void post_office::attach(std::shared_ptr<client> who)
 void post_office::detach(const client &who) noexcept
 {
     const qz_thread_master *master = who.master;
+    for (const auto &each : who.backlogs)
+        each->watches.clear();
     std::erase_if(clients_, [&](const auto &each) { return each.get() == &who; });
     const bool served =
         std::any_of(clients_.begin(), clients_.end(), [&](const auto &each) { return each->master == master; });

@@ -268,8 +268,19 @@ redis_line::redis_line(uint32_t db, std::string client_name, link_set &links, po
 
 // ---- calls ----------------------------------------------------------------------------------------------------------
 
+int32_t redis_line::put_ahead(redis_operation &&operation)
+{
+    const auto at = std::ranges::find_if(queue_, [](const redis_operation &each) { return !each.ahead; });
+    if (at - queue_.begin() >= static_cast<ptrdiff_t>(MAX_AHEAD))
+        return QZ_MOM_EFULL;
+    queue_.insert(at, std::move(operation));
+    return QZ_MOM_OK;
+}
+
 int32_t redis_line::put(redis_operation &&operation)
 {
+    if (operation.ahead)
+        return put_ahead(std::move(operation));
     if (state_ != state::up && was_up_)
         return QZ_MOM_EDOWN;
     if (!queue_.empty() && takes_in(operation, queue_.back())) {

@@ -50,7 +50,9 @@ struct redis_operation {
     packed_texts row;                                   // of a write; none: only asks for the position
     redis_words words;                                  // of a fetch: the command; else arguments of the server's side
     bool at_once = false;                               // `finish` does not wait for the log
+    bool ahead = false;                                 // of what waits; a notice
     std::function<void(const redis_outcome &)> finish;  // may be empty
+    counted_write counted;                              // of a write that somebody counts
     // Of a mark: who hears of its end; and how far it has come, as marks are set piece by piece.
     std::weak_ptr<client> owner;
     change_ptr end;
@@ -68,6 +70,7 @@ class redis_line
 {
   public:
     static constexpr size_t MAX_QUEUED = 65536;
+    static constexpr size_t MAX_AHEAD = 1024;
     static constexpr size_t MAX_WRITES = 128;  // of one call
 
     redis_line(uint32_t db, std::string client_name, link_set &links, post_office &office,
@@ -76,6 +79,8 @@ class redis_line
     // ---- with the mutex, from any thread
     // EDOWN, EFULL; or taken over.
     int32_t put(redis_operation &&operation);
+    // Counts what was put last, and not ahead, until it is answered.
+    void count_newest(std::shared_ptr<backlog> in) noexcept { queue_.back().counted = counted_write(std::move(in)); }
     int32_t connect(client &from, const connection &answer);
     int32_t follow(std::vector<subscription> &&added);
     int32_t unfollow(client &from, const target &of, const receiver &to);
@@ -160,6 +165,7 @@ class redis_line
         size_t next_slot = 0;  // of the replica, when what is gone is looked for
     };
 
+    int32_t put_ahead(redis_operation &&operation);
     template <typename News>
     void post(client &to, News what);
 

@@ -276,6 +276,8 @@ int32_t redis_store::put_write(client &from, const target &at, packed_texts &&ro
     }
     redis_line &asked = line(at.db);
     const int32_t code = asked.put(std::move(write));
+    if (code == QZ_MOM_OK)
+        asked.count_newest(from.backlog_of(at.db, at.keys.type()));
     if (code == QZ_MOM_OK && to.cb != nullptr)
         ++from.owed;
     return taken_over(from, asked, code);
@@ -284,6 +286,14 @@ int32_t redis_store::put_write(client &from, const target &at, packed_texts &&ro
 int32_t redis_store::write_whole(client &from, const target &at, content &&body, const receiver &to)
 {
     return put_write(from, at, {"s", at.keys.text(), body.bytes}, to);
+}
+
+int32_t redis_store::write_ahead(client &from, const target &at, content &&body)
+{
+    redis_operation notice;
+    notice.row = {"s", at.keys.text(), body.bytes};
+    notice.ahead = true;
+    return put(from, at.db, std::move(notice));
 }
 
 int32_t redis_store::write_fields(client &from, const target &at, const field_write &fields, const receiver &to)

@@ -213,5 +213,42 @@ TEST_F(Congestion, FailedProducerHasNoTopics)
     EXPECT_EQ(1u, recording::calls().size());
 }
 
+TEST_F(Congestion, ProducerOfPortVlansRegistersTheirTopicAlone)
+{
+    EXPECT_EQ(0, sw_ebridge_port_vlans_congest(recording::handle(), 5, "lags"));
+    const auto producers = recording::calls_of("libcgstctrl_gen_init");
+    ASSERT_EQ(1u, producers.size());
+    EXPECT_EQ(recording::handle(), producers[0].handle);
+    EXPECT_EQ(5u, producers[0].db);
+    EXPECT_EQ("lags", producers[0].name);
+    ASSERT_NE(nullptr, producers[0].extra);
+    EXPECT_EQ(0u, static_cast<const libcgstctrl_state *>(producers[0].extra)->congested);
+    const auto topics = recording::calls_of("libcgstctrl_gen_topic_reg");
+    ASSERT_EQ(1u, topics.size());
+    EXPECT_EQ(recording::handle(), topics[0].handle);
+    EXPECT_EQ(5u, topics[0].db);
+    EXPECT_EQ("lags", topics[0].name);
+    EXPECT_EQ("u_bridge.port_vlans", topics[0].record);
+    EXPECT_EQ(0u, topics[0].flags);
+    EXPECT_THAT(topics[0].fields, ElementsAre(0u, 0u, 0u, 0u));
+    EXPECT_EQ("libcgstctrl_gen_init", recording::calls().front().function);
+    EXPECT_THAT(recording::logged(), IsEmpty());
+}
+
+TEST_F(Congestion, ProducerOfPortVlansThatIsRefusedHasNoTopic)
+{
+    recording::set_result("libcgstctrl_gen_init", -19);
+    EXPECT_EQ(-3, sw_ebridge_port_vlans_congest(recording::handle(), 5, "lags"));
+    expect_line("Assert:MOM ctrl failed, error is -19.", kError, kFile, "sw_ebridge_port_vlans_congest");
+    EXPECT_EQ(1u, recording::calls().size());
+}
+
+TEST_F(Congestion, TopicOfPortVlansThatIsRefusedIsNoFailure)
+{
+    recording::set_result("libcgstctrl_gen_topic_reg", LIBCGSTCTRL_ENOENT);
+    EXPECT_EQ(0, sw_ebridge_port_vlans_congest(recording::handle(), 5, "lags"));
+    EXPECT_THAT(recording::logged(), IsEmpty());
+}
+
 }  // namespace
 }  // namespace core_test
