@@ -2,6 +2,7 @@
 #include "libcgstctrl.h"
 
 #include <algorithm>
+#include <chrono>
 #include <list>
 #include <mutex>
 #include <new>
@@ -9,8 +10,13 @@
 #include <string_view>
 #include <vector>
 
+#include "u_bridge.pb-c.h"
+
 namespace
 {
+
+// Four topics that are congested at once still find room in front of the server.
+constexpr uint32_t DEFAULT_HIGH = 16384;
 
 struct producer {
     qz_mom_handle *handle;
@@ -18,18 +24,28 @@ struct producer {
     std::string module;
     libcgstctrl_state *state;  // lent by the caller, or null
     bool congested;            // its handle's queue is between the marks
+    uint32_t congested_topics = 0;
+    libcgstctrl_cb cb = nullptr;
+    void *args = nullptr;
+
+    bool any_congested() const { return congested || congested_topics > 0; }
 };
 
 struct registered_topic {
-    const producer *owner;
+    producer *owner;
     libcgstctrl_topic topic;
+    std::string name;        // of its notices
+    bool congested = false;  // as it was told
+
+    uint32_t high() const { return topic.params[0] != 0 ? topic.params[0] : DEFAULT_HIGH; }
+    uint32_t low() const { return topic.params[1] != 0 ? topic.params[1] : high() / 4; }
 };
 
 // Handles with masters of their own call from different threads.
 struct registry {
     std::mutex lock;
-    std::list<producer> producers;         // they keep their addresses
-    std::vector<registered_topic> topics;  // in the order of their registration
+    std::list<producer> producers;       // they keep their addresses
+    std::list<registered_topic> topics;  // they, too; in the order of their registration
 };
 
 // Never destroyed: what is registered lives as long as the process.
@@ -51,7 +67,7 @@ int32_t guarded(Function function)
 
 bool empty(const char *text) { return !text || *text == '\0'; }
 
-// The caller holds the lock in the functions from here to hear_mark().
+// The caller holds the lock in the functions from here to count().
 
 producer *find_producer(const qz_mom_handle *handle, uint32_t db, std::string_view module)
 {
@@ -76,7 +92,25 @@ void take_state(producer &to, libcgstctrl_state *state)
     if (!state)
         return;
     to.state = state;
-    state->congested = to.congested ? 1 : 0;
+    state->congested = to.any_congested() ? 1 : 0;
+}
+
+registered_topic *find_topic(const producer *owner, const ProtobufCMessageDescriptor *descriptor)
+{
+    auto &topics = all().topics;
+    const auto found = std::find_if(topics.begin(), topics.end(), [&](const registered_topic &each) {
+        return each.owner == owner && each.topic.descriptor == descriptor;
+    });
+    return found == topics.end() ? nullptr : &*found;
+}
+
+// Brings the producer's state block up to date after a mark.
+void count(const producer &of, bool above)
+{
+    if (!of.state)
+        return;
+    of.state->congested = of.any_congested() ? 1 : 0;
+    ++(above ? of.state->highs : of.state->lows);
 }
 
 // A mark that tells nothing new does not count: when the watch begins between the marks, a low one comes first.
@@ -85,10 +119,7 @@ void count_mark(producer &of, bool above)
     if (of.congested == above)
         return;
     of.congested = above;
-    if (!of.state)
-        return;
-    of.state->congested = above ? 1 : 0;
-    ++(above ? of.state->highs : of.state->lows);
+    count(of, above);
 }
 
 void hear_mark(qz_mom_handle *handle, int32_t above, uint32_t, void *)
@@ -99,13 +130,67 @@ void hear_mark(qz_mom_handle *handle, int32_t above, uint32_t, void *)
             count_mark(each, above != 0);
 }
 
+void set_congested(registered_topic &which, bool above)
+{
+    if (which.congested != above)
+        which.owner->congested_topics += above ? 1 : -1;
+    which.congested = above;
+}
+
+uint64_t now_in_milliseconds()
+{
+    using namespace std::chrono;
+    return static_cast<uint64_t>(duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count());
+}
+
+// One that finds no memory is not made up for: it tells of a moment.
+void write_notice(registered_topic &from, bool above)
+{
+    UBridge__CongestNotify notice = U_BRIDGE__CONGEST_NOTIFY__INIT;
+    notice.notice_from = from.name.data();
+    notice.timestamp = above ? now_in_milliseconds() : 0;
+    qz_mom_set_ahead(from.owner->handle, from.owner->db, &notice.base);
+}
+
+// Topics and producers are never removed; the callback is made without the lock, so that it may call.
+void hear_topic_mark(qz_mom_handle *handle, int32_t above, uint32_t, void *args)
+{
+    auto &which = *static_cast<registered_topic *>(args);
+    libcgstctrl_cb cb = nullptr;
+    void *cb_args = nullptr;
+    {
+        const std::lock_guard lock(all().lock);
+        set_congested(which, above != 0);
+        count(*which.owner, above != 0);
+        cb = which.owner->cb;
+        cb_args = which.owner->args;
+    }
+    write_notice(which, above != 0);
+    if (cb)
+        cb(handle, which.owner->db, which.topic.descriptor, above, cb_args);
+}
+
+int32_t code_of(int32_t store_code)
+{
+    if (store_code == QZ_MOM_OK)
+        return 0;
+    return store_code == QZ_MOM_ENOMEM ? LIBCGSTCTRL_ENOMEM : LIBCGSTCTRL_EINVAL;
+}
+
 // Watches again with every call: a handle may have been closed and another one opened at its address.
 int32_t watch(qz_mom_handle *handle)
 {
-    const int32_t code = qz_mom_set_queue_cb(handle, hear_mark, nullptr);
-    if (code == 0)
-        return 0;
-    return code == QZ_MOM_ENOMEM ? LIBCGSTCTRL_ENOMEM : LIBCGSTCTRL_EINVAL;
+    return code_of(qz_mom_set_queue_cb(handle, hear_mark, nullptr));
+}
+
+// What a handle that was closed has left behind is over.
+int32_t watch(registered_topic &which)
+{
+    const producer &owner = *which.owner;
+    if (qz_mom_writes_waiting(owner.handle, owner.db, which.topic.descriptor) == 0)
+        set_congested(which, false);
+    return code_of(qz_mom_watch_writes(owner.handle, owner.db, which.topic.descriptor, which.low(), which.high(),
+                                       hear_topic_mark, &which));
 }
 
 int32_t register_producer(qz_mom_handle *handle, uint32_t db, const char *module, libcgstctrl_state *state)
@@ -119,22 +204,36 @@ int32_t register_producer(qz_mom_handle *handle, uint32_t db, const char *module
 int32_t register_topic(const qz_mom_handle *handle, uint32_t db, const char *module, const libcgstctrl_topic &topic)
 {
     const std::lock_guard lock(all().lock);
-    const producer *const owner = find_producer(handle, db, module);
+    producer *const owner = find_producer(handle, db, module);
     if (!owner)
         return LIBCGSTCTRL_ENOENT;
-    auto &topics = all().topics;
-    const bool known = std::any_of(topics.begin(), topics.end(), [&](const registered_topic &each) {
-        return each.owner == owner && each.topic.descriptor == topic.descriptor;
-    });
-    if (!known)
-        topics.push_back({owner, topic});
+    if (auto *const known = find_topic(owner, topic.descriptor))
+        return watch(*known);
+    std::list<registered_topic> added;
+    const char *const type = topic.descriptor->name;
+    added.push_back({owner, topic, owner->module + ':' + (type ? type : "")});
+    const registered_topic &made = added.front();
+    if (made.low() >= made.high())
+        return LIBCGSTCTRL_EINVAL;
+    if (const int32_t code = watch(added.front()))
+        return code;
+    all().topics.splice(all().topics.end(), added);
     return 0;
 }
 
-std::vector<registered_topic> list_topics()
+struct listed_topic {
+    const producer *owner;
+    libcgstctrl_topic topic;
+};
+
+std::vector<listed_topic> list_topics()
 {
     const std::lock_guard lock(all().lock);
-    return all().topics;
+    std::vector<listed_topic> listed;
+    listed.reserve(all().topics.size());
+    for (const registered_topic &each : all().topics)
+        listed.push_back({each.owner, each.topic});
+    return listed;
 }
 
 }  // namespace
@@ -156,6 +255,32 @@ int32_t libcgstctrl_gen_topic_reg(qz_mom_handle *handle, uint32_t db, const char
     if (!handle || empty(module) || !topic || !topic->descriptor || flags != 0)
         return LIBCGSTCTRL_EINVAL;
     return guarded([&] { return register_topic(handle, db, module, *topic); });
+}
+
+int32_t libcgstctrl_set_cb(qz_mom_handle *handle, uint32_t db, const char *module, libcgstctrl_cb cb, void *args)
+{
+    if (!handle || empty(module))
+        return LIBCGSTCTRL_EINVAL;
+    const std::lock_guard lock(all().lock);
+    producer *const owner = find_producer(handle, db, module);
+    if (!owner)
+        return LIBCGSTCTRL_ENOENT;
+    owner->cb = cb;
+    owner->args = args;
+    return 0;
+}
+
+int32_t libcgstctrl_congested(qz_mom_handle *handle, uint32_t db, const char *module,
+                              const ProtobufCMessageDescriptor *descriptor)
+{
+    if (!handle || empty(module) || !descriptor)
+        return LIBCGSTCTRL_EINVAL;
+    const std::lock_guard lock(all().lock);
+    const producer *const owner = find_producer(handle, db, module);
+    const registered_topic *const which = owner ? find_topic(owner, descriptor) : nullptr;
+    if (!which)
+        return LIBCGSTCTRL_ENOENT;
+    return which->congested || qz_mom_writes_waiting(handle, db, descriptor) >= which->high() ? 1 : 0;
 }
 
 int32_t libcgstctrl_for_each(libcgstctrl_visitor visitor, void *args)
