@@ -178,10 +178,7 @@ int32_t code_of(int32_t store_code)
 }
 
 // Watches again with every call: a handle may have been closed and another one opened at its address.
-int32_t watch(qz_mom_handle *handle)
-{
-    return code_of(qz_mom_set_queue_cb(handle, hear_mark, nullptr));
-}
+int32_t watch(qz_mom_handle *handle) { return code_of(qz_mom_set_queue_cb(handle, hear_mark, nullptr)); }
 
 // What a handle that was closed has left behind is over.
 int32_t watch(registered_topic &which)

@@ -135,9 +135,8 @@ void watch_writes(client &who, uint32_t db, const ProtobufCMessageDescriptor &ty
     auto in = who.backlog_of(db, type);
     if (in == nullptr)
         in = who.backlogs.emplace_back(std::make_shared<backlog>(backlog{db, &type, &who}));
-    const auto known = std::ranges::find_if(in->watches, [&](const backlog::watch &each) {
-        return each.cb == wanted.cb && each.args == wanted.args;
-    });
+    const auto known = std::ranges::find_if(
+        in->watches, [&](const backlog::watch &each) { return each.cb == wanted.cb && each.args == wanted.args; });
     if (known == in->watches.end()) {
         in->watches.push_back(wanted);
     } else {
