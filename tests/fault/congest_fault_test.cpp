@@ -2,53 +2,21 @@
 // stays bounded, what was taken over arrives, and the marks are told once each, to the producer and to another process.
 #include <signal.h>
 
-#include <atomic>
-#include <chrono>
 #include <sstream>
-#include <thread>
 
 #include "fault_fixture.hpp"
 #include "libcgstctrl.h"
 #include "process.hpp"
+#include "starving.hpp"
 
 namespace contract
 {
 namespace
 {
 
-using namespace std::chrono_literals;
-
 constexpr uint32_t HIGH = 2000, LOW = 500;
 constexpr uint32_t MOST_WAITING = 65536 + 4 * 128;  // calls that wait, and writes of the calls that are under way
 const std::string FROM = "libvlan_app:u_bridge.evlan_session";
-
-// A server that runs for one part of the time in ten, as on a switch whose processor is busy with something else.
-class starving
-{
-  public:
-    explicit starving(const support::redis_server &server) : thread_([this, &server] { starve(server); }) {}
-    ~starving()
-    {
-        over_ = true;
-        thread_.join();
-    }
-    starving(const starving &) = delete;
-    starving &operator=(const starving &) = delete;
-
-  private:
-    void starve(const support::redis_server &server) const
-    {
-        while (!over_) {
-            server.signal(SIGSTOP);
-            std::this_thread::sleep_for(9ms);
-            server.signal(SIGCONT);
-            std::this_thread::sleep_for(1ms);
-        }
-    }
-
-    std::atomic<bool> over_{false};
-    std::thread thread_;
-};
 
 class CongestFault : public FaultTest
 {
@@ -215,7 +183,7 @@ TEST_F(CongestFault, AServerThatIsGivenUpLeavesItsProducersCongestedUntilItIsBac
 TEST_F(CongestFault, AProducerThatListensIsNeverRefusedByASlowServer)
 {
     {
-        const starving slow(store_server());
+        const support::starving slow(store_server());
         write_considerately(20'000);
         run_until_drained();
     }
