@@ -12,7 +12,7 @@ namespace bench
 namespace
 {
 
-constexpr double LEFT = 70, RIGHT = 840, TOP = 50, BOTTOM = 360;
+constexpr double LEFT = 70, RIGHT = 730, TOP = 50, BOTTOM = 360;
 
 // From numbers of the axes to the paper.
 struct scale {
@@ -96,7 +96,7 @@ void write_plot(const std::string &file, const std::string &title, const std::ve
     draw_axes(to, by);
     for (const level &each : levels) {
         line(to, LEFT, by.y(each.depth), RIGHT, by.y(each.depth), "stroke=\"#888\" stroke-dasharray=\"6 4\"");
-        text(to, RIGHT - 4, by.y(each.depth) - 4, each.name, "end");
+        text(to, RIGHT + 8, by.y(each.depth) + 4, each.name, "start");
     }
     double at = LEFT;
     for (const curve &each : curves) {

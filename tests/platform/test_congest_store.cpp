@@ -1,4 +1,5 @@
-// Congestion control with the real store client: a queue that fills up and drains moves the producer's state.
+// Congestion control with the real store client: a queue that fills up and drains moves the producer's state. And what the
+// store client itself promises of watched writes and of notices that go ahead, as far as it takes no server.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -76,4 +77,60 @@ TEST(CongestWithStore, StateFollowsAQueueThatFillsAndDrains)
         EXPECT_EQ(round, state.highs);
         EXPECT_EQ(round, state.lows);
     }
+}
+
+namespace
+{
+
+void hear_nothing(qz_mom_handle *, int32_t, uint32_t, void *) { ADD_FAILURE(); }
+
+int32_t count_notice(qz_mom_handle *, const qz_mom_notification *msg, void *args)
+{
+    *static_cast<int *>(args) += msg->cmd == QZ_MOM_CMD_SET;
+    return 0;
+}
+
+}  // namespace
+
+TEST(CongestWithStore, OnTheEmbeddedStoreNoWriteWaits)
+{
+    const master_ptr master(qz_thread_master_create(QZ_THREAD_CLOCK_DRIVEN));
+    const handle_ptr handle = open(master);
+    const auto *type = &u_bridge__evlan_session__descriptor;
+    ASSERT_EQ(0, qz_mom_watch_writes(handle.get(), db, type, 1, 2, hear_nothing, nullptr));
+    for (int32_t number = 1; number <= 10; ++number) {
+        write_record(handle, number);
+        EXPECT_EQ(0U, qz_mom_writes_waiting(handle.get(), db, type));
+    }
+    qz_thread_run_pending(master.get(), 0);
+}
+
+TEST(CongestWithStore, WatchThatMakesNoSenseIsRefused)
+{
+    const master_ptr master(qz_thread_master_create(QZ_THREAD_CLOCK_DRIVEN));
+    const handle_ptr handle = open(master);
+    const auto *type = &u_bridge__evlan_session__descriptor;
+    EXPECT_EQ(QZ_MOM_EINVAL, qz_mom_watch_writes(nullptr, db, type, 1, 2, hear_nothing, nullptr));
+    EXPECT_EQ(QZ_MOM_EINVAL, qz_mom_watch_writes(handle.get(), db, nullptr, 1, 2, hear_nothing, nullptr));
+    EXPECT_EQ(QZ_MOM_EINVAL, qz_mom_watch_writes(handle.get(), db, type, 2, 2, hear_nothing, nullptr));
+    EXPECT_EQ(QZ_MOM_EINVAL, qz_mom_watch_writes(handle.get(), db, type, 1, 2, nullptr, nullptr));
+    EXPECT_EQ(QZ_MOM_EDB, qz_mom_watch_writes(handle.get(), 1000, type, 1, 2, hear_nothing, nullptr));
+    EXPECT_EQ(0U, qz_mom_writes_waiting(nullptr, db, type));
+    EXPECT_EQ(0U, qz_mom_writes_waiting(handle.get(), db, nullptr));
+    EXPECT_EQ(0U, qz_mom_writes_waiting(handle.get(), 1000, type));
+}
+
+TEST(CongestWithStore, NoticeIsARecordLikeOthers)
+{
+    const master_ptr master(qz_thread_master_create(QZ_THREAD_CLOCK_DRIVEN));
+    const handle_ptr handle = open(master);
+    const UBridge__CongestNotify any = U_BRIDGE__CONGEST_NOTIFY__INIT;
+    int heard = 0;
+    ASSERT_EQ(0, qz_mom_subscribe(handle.get(), db, &any.base, 0, count_notice, &heard));
+    EXPECT_EQ(0, qz_mom_set_ahead(handle.get(), db, &any.base));
+    qz_thread_run_pending(master.get(), 0);
+    EXPECT_EQ(1, heard);
+    EXPECT_EQ(QZ_MOM_EINVAL, qz_mom_set_ahead(nullptr, db, &any.base));
+    EXPECT_EQ(QZ_MOM_EINVAL, qz_mom_set_ahead(handle.get(), db, nullptr));
+    EXPECT_EQ(QZ_MOM_EDB, qz_mom_set_ahead(handle.get(), 1000, &any.base));
 }
