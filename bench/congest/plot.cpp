@@ -59,13 +59,15 @@ void line(std::ostream &to, double x1, double y1, double x2, double y2, const ch
 void draw_axes(std::ostream &to, const scale &by)
 {
     constexpr const char *GRID = "stroke=\"#ddd\"";
-    for (double at = 0; at <= by.seconds; at += step_of(by.seconds)) {
+    for (int i = 0; i * step_of(by.seconds) <= by.seconds; ++i) {
+        const double at = i * step_of(by.seconds);
         char label[32];
         std::snprintf(label, sizeof label, "%g s", at);
         line(to, by.x(at), TOP, by.x(at), BOTTOM, GRID);
         text(to, by.x(at), BOTTOM + 18, label, "middle");
     }
-    for (double at = 0; at <= by.depth; at += step_of(by.depth)) {
+    for (int i = 0; i * step_of(by.depth) <= by.depth; ++i) {
+        const double at = i * step_of(by.depth);
         line(to, LEFT, by.y(at), RIGHT, by.y(at), GRID);
         text(to, LEFT - 8, by.y(at) + 4, std::to_string(static_cast<int>(at)), "end");
     }
