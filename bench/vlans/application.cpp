@@ -1,6 +1,7 @@
 // See application.hpp.
 #include "application.hpp"
 
+#include <functional>
 #include <stdexcept>
 #include <vector>
 
@@ -37,6 +38,28 @@ void apply(int port, const port_bitmaps &of)
     if (sw_vlan_port_range_vids_add_with_flag(USER, eport_of(port), of.vlans.data(), of.untagged.data(),
                                               of.vlans.data(), KEEP_LOCAL) != 0)
         fail("VLANs were refused");
+}
+
+void remove_from(int port, const port_bitmaps &these)
+{
+    if (sw_vlan_port_range_vids_del_with_flag(USER, eport_of(port), these.vlans.data(), KEEP_LOCAL) != 0)
+        fail("VLANs were not taken off");
+}
+
+void publish(int port)
+{
+    if (sw_vlan_port_range_vids_set(USER, eport_of(port)) != 0)
+        fail("VLANs were not published");
+}
+
+// Microseconds.
+double cost_of(const std::function<void()> &call)
+{
+    constexpr int CALLS = 200'000;
+    const auto start = clock::now();
+    for (int n = 0; n < CALLS; ++n)
+        call();
+    return 1e6 * seconds_since(start) / CALLS;
 }
 
 // Publishes all ports, as fast as the store takes them.
@@ -103,7 +126,7 @@ void be_the_application(const channel &parent, const std::string &url)
     loop.call([&] { qz_mom_client_close(handle); });
 }
 
-add_cost cost_of_adding()
+call_costs costs_of_calls()
 {
     qz_thread_master *const master = qz_thread_master_create(QZ_THREAD_CLOCK_DRIVEN);
     qz_mom_handle *handle = nullptr;
@@ -113,16 +136,12 @@ add_cost cost_of_adding()
     const port_bitmaps all = bitmaps_of(0);
     port_bitmaps one;
     set_bit(one.vlans, 1);
-    apply(0, all);
-    const auto cost = [](const port_bitmaps &of) {
-        constexpr int CALLS = 200'000;
-        const auto start = clock::now();
-        for (int call = 0; call < CALLS; ++call)
-            apply(0, of);
-        return 1e6 * seconds_since(start) / CALLS;
-    };
-    const add_cost made{cost(one), cost(all)};
-    return made;
+    const call_cost add{cost_of([&] { apply(0, one); }), cost_of([&] { apply(0, all); })};
+    const call_cost remove{cost_of([&] { remove_from(0, one); }), cost_of([&] { remove_from(0, all); })};
+    apply(1, one);
+    apply(2, all);
+    const call_cost publication{cost_of([&] { publish(1); }), cost_of([&] { publish(2); })};
+    return {add, remove, publication};
 }
 
 }  // namespace bench

@@ -12,11 +12,16 @@ namespace bench
 // again, publishes, and says how many seconds its calls took and then that the store has taken all.
 void be_the_application(const channel &parent, const std::string &url);
 
-// Microseconds of a call that adds one VLAN to a port's table, and of one that adds 4094; nothing is published.
-struct add_cost {
+// Microseconds of a call that concerns one VLAN of a port, and of one that concerns 4094.
+struct call_cost {
     double one;
     double all;
 };
-add_cost cost_of_adding();
+struct call_costs {
+    call_cost add;      // to the port's table; nothing is published
+    call_cost remove;   // from it, likewise
+    call_cost publish;  // into an embedded store: a bitmap of one word, and of 128
+};
+call_costs costs_of_calls();
 
 }  // namespace bench

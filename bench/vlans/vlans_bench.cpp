@@ -29,8 +29,9 @@ constexpr const char *HELP =
     "Measures 512 ports with 4094 VLANs each on a private redis-server: applied to the library's tables, published, heard by\n"
     "a second process, compared there. Beside it, in the same run: about the same bytes sent by plain pipelined hiredis, which is\n"
     "the floor; and one record for each VLAN of each port, by plain pipelined hiredis too, with nobody listening, which is\n"
-    "what it costs not to put a port's VLANs together. Of three runs the one in the middle. Prints a table, which is also\n"
-    "written to vlans.json beside the program. Exit status 1 when a VLAN is not as it should be.\n";
+    "what it costs not to put a port's VLANs together. Of three runs the one in the middle. Then calls for one VLAN of a port\n"
+    "and for 4094. Prints tables, which are also written to vlans.json beside the program. Exit status 1 when a VLAN is not as\n"
+    "it should be.\n";
 
 struct figures {
     double applied = 0;  // seconds, each of its own
@@ -172,6 +173,12 @@ json show_beside(const char *what, const figures &of, const figures &ours)
             {"server_bytes", of.server_bytes}};
 }
 
+json show_call(const char *what, const call_cost &of)
+{
+    std::printf("%-52s  %9.3f  %7.3f  %10.2f\n", what, of.one, of.all, of.all / of.one);
+    return {{"one_us", of.one}, {"all_us", of.all}, {"ratio", of.all / of.one}};
+}
+
 }  // namespace
 
 int main(int argc, char **argv)
@@ -190,10 +197,11 @@ int main(int argc, char **argv)
                          show_beside("plain hiredis, the same bytes", median_of(run_floor), ours),
                          show_beside("plain hiredis, a record for each VLAN of each port",
                                      median_of(run_record_for_each_member), ours)};
-        const add_cost cost = cost_of_adding();
-        std::printf("\nadding one VLAN to a port's table %.3f us, adding 4094 %.3f us: %.2f times\n", cost.one,
-                    cost.all, cost.all / cost.one);
-        all["adding"] = {{"one_us", cost.one}, {"all_us", cost.all}, {"ratio", cost.all / cost.one}};
+        const call_costs costs = costs_of_calls();
+        std::printf("\n%-52s  %9s  %7s  %10s\n", "MICROSECONDS OF A CALL", "ONE VLAN", "4094", "RATIO");
+        all["adding"] = show_call("VLANs added to a port's table", costs.add);
+        all["deleting"] = show_call("VLANs deleted from it", costs.remove);
+        all["publishing"] = show_call("published into an embedded store (1, 128 words)", costs.publish);
         const auto file = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "vlans.json";
         std::ofstream(file) << all.dump(2) << '\n';
         std::printf("written to %s\n", file.c_str());
