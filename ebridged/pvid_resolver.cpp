@@ -247,10 +247,14 @@ void pvid_resolver::put(port_id port)
         write_due();
 }
 
+// The one that is scanned first: who follows another and scans it is then told of nothing older than it has heard, unless
+// the two are on their way for long.
 void pvid_resolver::write_due()
 {
+    write_due(MIRROR_DB, tables_.at(MIRROR_DB));
     for (auto &[db, its] : tables_)
-        write_due(db, its);
+        if (db != MIRROR_DB)
+            write_due(db, its);
 }
 
 // Where nobody makes a call again that lacks memory.
