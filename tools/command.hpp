@@ -26,6 +26,7 @@ struct command {
 void add_run(CLI::App *ebridge, std::vector<command> *commands);
 void add_shell(CLI::App *ebridge, std::vector<command> *commands);
 void add_show(CLI::App *ebridge, std::vector<command> *commands);
+void add_watch(CLI::App *ebridge, std::vector<command> *commands);
 
 // One line on standard error. Returns the status.
 int complain(const std::string &line, int status);

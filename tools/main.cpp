@@ -16,7 +16,9 @@ constexpr const char *FOOTER =
     "  ebridge run leaf.json                             see ebridge run --help\n"
     "  ebridge shell --list                              see ebridge shell --help\n"
     "  ebridge show ematch --store redis://127.0.0.1     see ebridge show ematch --help\n"
-    "  ebridge show vlan --store redis://127.0.0.1       see ebridge show vlan --help";
+    "  ebridge show vlan --store redis://127.0.0.1       see ebridge show vlan --help\n"
+    "  ebridge show sessions --store redis://127.0.0.1   see ebridge show sessions --help\n"
+    "  ebridge watch --store redis://127.0.0.1           see ebridge watch --help";
 
 // "ebridge run": the words as far as they are understood, for whom the help is to be asked.
 std::string understood(const CLI::App &app)
@@ -31,7 +33,7 @@ int ebridge(int argc, char **argv)
     app.require_subcommand(1);
     app.footer(FOOTER);
     std::vector<command> commands;
-    for (const auto add : {add_run, add_shell, add_show})
+    for (const auto add : {add_run, add_shell, add_show, add_watch})
         add(&app, &commands);
     try {
         app.parse(argc, argv);

@@ -21,14 +21,14 @@ std::string is_shared_store(const std::string &url)
     return url.starts_with("mem:") ? url + " lives within one process, no other can read it" : "";
 }
 
+}  // namespace
+
 int status_of(int32_t code)
 {
     if (code == QZ_MOM_EDB)
         return BAD_INPUT;
     return code == QZ_MOM_ENOMEM ? SOMETHING_DIFFERS : NO_STORE;
 }
-
-}  // namespace
 
 void add_store_options(CLI::App *view, const store_options &of)
 {
@@ -64,8 +64,10 @@ void add_show(CLI::App *ebridge, std::vector<command> *commands)
     show->footer(
         "Examples:\n"
         "  ebridge show ematch --store redis://127.0.0.1    see ebridge show ematch --help\n"
-        "  ebridge show vlan --store redis://127.0.0.1      see ebridge show vlan --help");
-    for (const auto add : {add_show_ematch, add_show_vlan})
+        "  ebridge show vlan --store redis://127.0.0.1      see ebridge show vlan --help\n"
+        "  ebridge show sessions --store redis://127.0.0.1  see ebridge show sessions --help\n"
+        "  ebridge show holder 0x10000065 --store redis://127.0.0.1");
+    for (const auto add : {add_show_ematch, add_show_vlan, add_show_records})
         add(show, commands);
 }
 

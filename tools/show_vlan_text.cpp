@@ -35,16 +35,6 @@ vlan_set tagged(const port_share &share)
     return vlans;
 }
 
-std::string aligned(text_columns columns, const std::vector<text_columns::cells> &rows)
-{
-    for (const text_columns::cells &row : rows)
-        columns.fit(row);
-    std::string text = rows.empty() ? "" : columns.head();
-    for (const text_columns::cells &row : rows)
-        text += columns.line(row);
-    return text;
-}
-
 std::string summary(const std::vector<port_view> &ports)
 {
     vlan_set vlans;

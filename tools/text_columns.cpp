@@ -32,6 +32,16 @@ std::string text_columns::line(const cells &row) const
     return text + row.back() + '\n';
 }
 
+std::string aligned(text_columns columns, const std::vector<text_columns::cells> &rows)
+{
+    for (const text_columns::cells &row : rows)
+        columns.fit(row);
+    std::string text = rows.empty() ? "" : columns.head();
+    for (const text_columns::cells &row : rows)
+        text += columns.line(row);
+    return text;
+}
+
 std::string counted(size_t number, const char *what)
 {
     return std::to_string(number) + ' ' + what + (number == 1 ? "" : "s");

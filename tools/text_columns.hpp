@@ -31,6 +31,9 @@ class text_columns
     std::vector<size_t> width_{};
 };
 
+// The rows below their heads; "" where there are none.
+std::string aligned(text_columns columns, const std::vector<text_columns::cells> &rows);
+
 // "1 port", "2 ports".
 std::string counted(size_t number, const char *what);
 

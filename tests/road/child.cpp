@@ -46,7 +46,8 @@ child::~child()
         signal(SIGKILL);
         finish();
     }
-    close(out_);
+    if (out_ >= 0)
+        close(out_);
     close(err_);
 }
 
@@ -72,6 +73,8 @@ bool child::read_some()
     bool open = false;
     for (const pollfd &end : waiting) {
         std::array<char, 65536> block;
+        if (end.fd < 0)
+            continue;
         const bool ready = (end.revents & (POLLIN | POLLHUP)) != 0;
         const ssize_t got = ready ? read(end.fd, block.data(), block.size()) : 0;
         if (got > 0)
@@ -81,12 +84,18 @@ bool child::read_some()
     return open;
 }
 
-bool child::wait_for_error_text(const std::string &text)
+bool child::wait_for(const std::string &text, const std::string *in)
 {
-    while (seen_.err.find(text) == std::string::npos)
+    while (in->find(text) == std::string::npos)
         if (!read_some())
             return false;
     return true;
+}
+
+void child::leave_output()
+{
+    close(out_);
+    out_ = -1;
 }
 
 outcome child::finish()

@@ -25,7 +25,11 @@ class child
     child &operator=(const child &) = delete;
 
     // Reads standard error until it has this text; false when the child ends before.
-    bool wait_for_error_text(const std::string &text);
+    bool wait_for_error_text(const std::string &text) { return wait_for(text, &seen_.err); }
+    // The same of its standard output.
+    bool wait_for_text(const std::string &text) { return wait_for(text, &seen_.out); }
+    // Nobody reads its standard output any more.
+    void leave_output();
     pid_t pid() const { return pid_; }
     // The process of that name (as ps shows it) that the program has started; -1 when there is none.
     pid_t own_child(const std::string &name) const;
@@ -34,6 +38,7 @@ class child
     outcome finish();
 
   private:
+    bool wait_for(const std::string &text, const std::string *in);
     bool read_some();
 
     pid_t pid_;
