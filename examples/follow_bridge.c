@@ -1,7 +1,7 @@
 /* Follows everything that is published over a store: a program to look into while others work.
  *
- * It registers as the user "follow_bridge", hears of the ids that others are granted and of default VLANs, and serves a
- * debug shell, until it is ended by SIGINT or SIGTERM:
+ * It registers as the user "follow_bridge", hears of the ids that others are granted, and serves a debug shell, until it
+ * is ended by SIGINT or SIGTERM:
  *   follow_bridge redis+unix:///run/redis/redis-server.sock &
  *   ebridge shell libvlan_follow_bridge dump_list
  *
@@ -40,13 +40,6 @@ static int32_t on_eport(UBridge__EportAppIndex *app, UBridge__EportIndex *eport)
     return 0;
 }
 
-static int32_t on_pvid(uint32_t ifx, uint16_t new_pvid, uint16_t old_pvid, sw_vlan_pvid_entry *change)
-{
-    (void)change;
-    printf("default VLAN of interface %" PRIu32 ": %u, was %u\n", ifx, new_pvid, old_pvid);
-    return 0;
-}
-
 static void on_signal(int number)
 {
     (void)number;
@@ -74,7 +67,6 @@ static int register_user(qz_mom_handle *handle)
     args.vlan_reply = on_vlan;
     args.evlan_reply = on_evlan;
     args.eport_reply = on_eport;
-    args.pvid_change = on_pvid;
     args.auto_subscribe = 1;
     args.auto_scan = 1;
     return sw_ebridge_init(&args);
