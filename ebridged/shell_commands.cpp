@@ -65,9 +65,21 @@ shell_commands::shell_commands(qz_thread_master *master, const standby *turns)
     ssat_module *module = nullptr;
     if (ssat_lib_init("ebridged", &module) == 0)
         ssat_reg_mod_cmd(module, "stat", 0, "whether it serves, and what it has and has done", print_stat);
-    errno = 0;
-    if (ssat_serve(master, &server_) != 0)
-        failure_ = errno != 0 ? errno : ENOMEM;
+    switch (ssat_serve(master, &server_)) {
+        case 0:
+            break;
+        case SSAT_EIO:
+            failure_ = errno;
+            break;
+        case SSAT_ENOMEM:
+            failure_ = ENOMEM;
+            break;
+        case SSAT_EEXIST:
+            failure_ = EEXIST;
+            break;
+        default:
+            failure_ = ENAMETOOLONG;
+    }
 }
 
 shell_commands::~shell_commands()

@@ -26,11 +26,8 @@ class editor : public line_reader
     {
         if (editor_ != nullptr)
             el_end(editor_);
-        if (history_ == nullptr)
-            return;
-        if (!file_.empty())
-            history(history_, &event_, H_SAVE, file_.c_str());
-        history_end(history_);
+        if (history_ != nullptr)
+            history_end(history_);
     }
     editor(const editor &) = delete;
     editor &operator=(const editor &) = delete;
@@ -66,13 +63,20 @@ class editor : public line_reader
         }
         std::string line(text, static_cast<size_t>(size));
         if (line.find_first_not_of(" \t\n") != std::string::npos)
-            history(history_, &event_, H_ENTER, text);
+            keep(text);
         while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
             line.pop_back();
         return line;
     }
 
   private:
+    // In the file at once: a signal may end the program.
+    void keep(const char *line)
+    {
+        history(history_, &event_, H_ENTER, line);
+        if (!file_.empty())
+            history(history_, &event_, H_SAVE, file_.c_str());
+    }
     static editor *of(EditLine *line)
     {
         void *self = nullptr;

@@ -1,6 +1,7 @@
 // See output_pump.hpp.
 #include "output_pump.hpp"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -46,6 +47,11 @@ void output_pump::write_all()
         bool failed = false;
         for (size_t done = 0; done < taken.size() && !failed;) {
             const ssize_t wrote = write(fd_, taken.data() + done, taken.size() - done);
+            if (wrote < 0 && errno == EAGAIN) {
+                pollfd room{fd_, POLLOUT, 0};  // somebody has made it one that does not block
+                poll(&room, 1, -1);
+                continue;
+            }
             failed = wrote < 0 && errno != EINTR;
             unread_ = failed && errno == EPIPE;
             done += wrote > 0 ? static_cast<size_t>(wrote) : 0;

@@ -229,7 +229,7 @@ std::string history_file()
     return home && *home == '/' ? std::string(home) + "/.ebridge_history" : "";
 }
 
-int run_line(const shell_query &query, const std::string &line, bool *over)
+int run_line(const shell_query &query, const std::string &line, std::vector<shell_process> *processes, bool *over)
 {
     std::vector<std::string> words;
     if (!split_words(line, &words))
@@ -243,13 +243,13 @@ int run_line(const shell_query &query, const std::string &line, bool *over)
     if (words[0] == "help" || words[0] == "?")
         return std::fputs(LINE_HELP, stdout) < 0 || std::fflush(stdout) != 0 ? SOMETHING_DIFFERS : DONE;
     // Processes come and go.
-    std::vector<shell_process> processes;
     std::string error;
-    if (!find_processes(query, &processes, &error))
+    processes->clear();
+    if (!find_processes(query, processes, &error))
         return complain(error, NO_STORE);
     if (words[0] == "list")
-        return list_of(processes, words.size() > 1 ? words[1] : "", false);
-    return run_words(processes, words);
+        return list_of(*processes, words.size() > 1 ? words[1] : "", false);
+    return run_words(*processes, words);
 }
 
 }  // namespace
@@ -289,7 +289,7 @@ int run_shell(const shell_query &query)
         const std::optional<std::string> line = lines->next();
         if (!line)
             break;
-        const int made = run_line(query, *line, &over);
+        const int made = run_line(query, *line, &processes, &over);
         status = status == DONE ? made : status;
     }
     return isatty(STDIN_FILENO) == 1 ? DONE : status;

@@ -15,7 +15,7 @@ namespace
 {
 
 constexpr const char *SHELL_FOOTER =
-    "Processes that use the extended bridge serve a debug shell each, on a socket in $EBRIDGE_SHELL_DIR, which unless\n"
+    "A process that serves a debug shell (ebridged does) has a socket of its own in $EBRIDGE_SHELL_DIR, which unless\n"
     "set is /run/ebridge-shell (root), $XDG_RUNTIME_DIR/ebridge-shell or /tmp/ebridge-shell-UID, or in a folder below\n"
     "it. The owner of a process and its group can ask it. Without MODULE, lines are read: with editing, history and completion on a terminal, and\n"
     "from a file or a pipe as they are.\n"

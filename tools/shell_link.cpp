@@ -49,7 +49,7 @@ std::optional<shell_process> named(const std::string &file, const std::string &d
 {
     const size_t dot = file.rfind('.');
     const auto pid = dot == std::string::npos ? std::nullopt : number<int>(std::string_view(file).substr(dot + 1));
-    if (!pid || *pid <= 0)
+    if (!pid || *pid <= 0 || file.starts_with('.'))  // one that begins with a dot is not ready
         return std::nullopt;
     return shell_process{.program = file.substr(0, dot), .pid = *pid, .path = directory + '/' + file};
 }

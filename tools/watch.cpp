@@ -128,7 +128,10 @@ int32_t watch::on_found(qz_mom_handle *, const qz_mom_notification *msg, void *s
 
 int32_t watch::on_connection(qz_mom_handle *, uint32_t db, int32_t type, void *self)
 {
-    static_cast<watch *>(self)->tell(type == QZ_MOM_RECONNECT_ERROR ? gap::lost : gap::back, db);
+    const gap what = type == QZ_MOM_RECONNECT_ERROR  ? gap::lost
+                     : type == QZ_MOM_RECONNECT_DONE ? gap::back
+                                                     : gap::missed;
+    static_cast<watch *>(self)->tell(what, db);
     return 0;
 }
 
@@ -142,7 +145,9 @@ bool watch::is_wanted(const ProtobufCMessage *record) const
 {
     if (!query_.type)
         return true;
-    const bridge_table *table = record ? table_of(*record) : nullptr;
+    if (!record)
+        return true;  // nobody knows of which type it is
+    const bridge_table *table = table_of(*record);
     return table && is_of(*query_.type, *table, *record);
 }
 

@@ -18,7 +18,7 @@ namespace
 {
 
 constexpr const char *NAME_OF_CHANGE[] = {"-", "is", "set", "fields", "removed", "expired"};
-constexpr const char *NAME_OF_GAP[] = {"lost", "back", "behind", "caught up"};
+constexpr const char *NAME_OF_GAP[] = {"lost", "back", "missed", "behind", "caught up"};
 
 const char *name_of(change what) { return NAME_OF_CHANGE[static_cast<size_t>(what)]; }
 
@@ -114,6 +114,7 @@ std::string gap_line(gap what, uint32_t db, const timespec &heard)
     const std::pair<std::string, const char *> texts[] = {
         {connection, " lost; changes may be told together"},
         {connection, " is back"},
+        {"changes of database " + std::to_string(db) + " have left its log unheard", "; changes may be told together"},
         {"the output is not read fast enough", "; changes may be told together"},
         {"the output is read again", ""}};
     const auto &[subject, told] = texts[static_cast<size_t>(what)];
@@ -171,7 +172,7 @@ std::string change_object(const qz_mom_notification &msg, change what, const tim
 std::string gap_object(gap what, uint32_t db, const timespec &heard)
 {
     json object{{"time", world_time(heard)}, {"gap", NAME_OF_GAP[static_cast<size_t>(what)]}};
-    if (what == gap::lost || what == gap::back)
+    if (what == gap::lost || what == gap::back || what == gap::missed)
         object["db"] = db;
     return json_text(object) + '\n';
 }

@@ -25,7 +25,7 @@ change change_of(const qz_mom_notification &msg, bool is_scan);
 const ProtobufCMessage *record_of(const qz_mom_notification &msg);
 
 // Where changes may be told together, or late.
-enum class gap : uint8_t { lost, back, behind, caught_up };
+enum class gap : uint8_t { lost, back, missed, behind, caught_up };
 
 // With a line's end. The time is the one at which it was heard.
 std::string change_line(const qz_mom_notification &msg, change what, const timespec &heard);

@@ -93,9 +93,13 @@ class PvidFault : public FaultWorld
             } else if (what == "heard") {
                 int32_t &last = made.heard[port];
                 if (pvid == last)
-                    made.wrong.push_back(name + " has heard twice: " + line);
+                    made.wrong.push_back(std::string(name).append(" has heard twice: ").append(line));
                 if (old != last && hears == hearing::everything)
-                    made.wrong.push_back(name + " knows " + std::to_string(last) + " and has heard: " + line);
+                    made.wrong.push_back(std::string(name)
+                                             .append(" knows ")
+                                             .append(std::to_string(last))
+                                             .append(" and has heard: ")
+                                             .append(line));
                 last = pvid;
             } else if (what == "has" || what == "cached") {
                 if (std::exchange(is_over, false))
@@ -107,7 +111,7 @@ class PvidFault : public FaultWorld
                 if (pvid != 0)
                     made.wrong.push_back(name + " cannot read its pvids");
             } else if (what == "error") {
-                made.wrong.push_back(name + ": a call failed: " + line);
+                made.wrong.push_back(std::string(name).append(": a call failed: ").append(line));
             }
         }
         std::erase_if(made.heard, [](const auto &each) { return each.second == 0; });

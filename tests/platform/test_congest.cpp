@@ -142,8 +142,9 @@ uint32_t qz_mom_writes_waiting(qz_mom_handle *, uint32_t, const ProtobufCMessage
 
 int32_t qz_mom_set_ahead(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record)
 {
-    const auto &written = *reinterpret_cast<const UBridge__CongestNotify *>(record);
-    notices.push_back({handle, db, written.notice_from, written.timestamp != 0});
+    // By way of void: on some targets its fields want more alignment than a message's head.
+    const auto *written = static_cast<const UBridge__CongestNotify *>(static_cast<const void *>(record));
+    notices.push_back({handle, db, written->notice_from, written->timestamp != 0});
     return 0;
 }
 

@@ -220,20 +220,26 @@ TEST_F(ShellServer, ASocketThatIsLeftOverIsReplaced)
     EXPECT_EQ(GREETING, client(path()).read_until("\n"));
 }
 
-TEST_F(ShellServer, SocketsOfProcessesThatWereKilledGo)
+TEST_F(ShellServer, SocketsOfProcessesThatWereKilledGoAndNoOthers)
 {
     start();
-    const int dead = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
     const std::string left = directory() + "/other.1";
-    left.copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(0, bind(dead, reinterpret_cast<const sockaddr *>(&address), sizeof address));
-    close(dead);
+    // Another program's, or of one that is about to be ready.
+    const std::string others[] = {directory() + "/other", directory() + "/.other.1", directory() + "/other.x"};
+    for (const std::string &path : {left, others[0], others[1], others[2]}) {
+        const int dead = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        ASSERT_EQ(0, bind(dead, reinterpret_cast<const sockaddr *>(&address), sizeof address));
+        close(dead);
+    }
     std::filesystem::create_directory(directory() + "/no socket");
     stop();
     start();
     EXPECT_FALSE(std::filesystem::exists(left));
+    for (const std::string &path : others)
+        EXPECT_TRUE(std::filesystem::exists(path)) << path;
     EXPECT_TRUE(std::filesystem::exists(directory() + "/no socket"));
 }
 

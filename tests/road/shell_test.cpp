@@ -257,6 +257,19 @@ TEST_F(Shell, ListsModulesWithCommandsAndTheirHelp)
     EXPECT_EQ(json[0]["arguments"], nlohmann::json::parse(R"(["result=%d", "other=0x%x"])"));
 }
 
+TEST_F(Shell, FindsSocketsInFoldersBelow)
+{
+    const std::string below = directory() + "/below";
+    std::filesystem::create_directory(below);
+    std::filesystem::permissions(below, std::filesystem::perms::owner_all);
+    setenv("EBRIDGE_SHELL_DIR", below.c_str(), 1);
+    child service({EBRIDGED_PROGRAM, "--store", "mem:test"});
+    ASSERT_TRUE(service.wait_for_error_text("serving"));
+    setenv("EBRIDGE_SHELL_DIR", directory().c_str(), 1);
+    EXPECT_EQ(shell({"ebridged", "stat"}).status, 0);
+    EXPECT_EQ(shell({"some module", "say"}).status, 0);
+}
+
 TEST_F(Shell, OneOfSeveralProcessesIsChosenByItsNumber)
 {
     child one({EBRIDGED_PROGRAM, "--store", "mem:test"}), other({EBRIDGED_PROGRAM, "--store", "mem:test"});

@@ -25,7 +25,6 @@ using testing::AllOf;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
 
@@ -294,6 +293,10 @@ TEST_F(WatchLines, GapsAreLinesOfTheirOwn)
     EXPECT_EQ(gap_line(gap::back, 8, HEARD), "2026-03-01 10:20:30.123  -- connection to database 8 is back\n");
     EXPECT_THAT(gap_line(gap::behind, 0, HEARD), EndsWith("-- the output is not read fast enough; changes may be told "
                                                           "together\n"));
+    EXPECT_THAT(gap_line(gap::missed, 4, HEARD), EndsWith("-- changes of database 4 have left its log unheard; changes "
+                                                          "may be told together\n"));
+    EXPECT_THAT(gap_object(gap::missed, 4, HEARD), EndsWith(R"("gap":"missed","db":4})"
+                                                            "\n"));
     EXPECT_EQ(gap_object(gap::lost, 8, HEARD), R"({"time":"2026-03-01T10:20:30.123456Z","gap":"lost","db":8})"
                                                "\n");
     EXPECT_EQ(gap_object(gap::behind, 0, HEARD), R"({"time":"2026-03-01T10:20:30.123456Z","gap":"behind"})"
@@ -436,8 +439,11 @@ TEST(PatientOutput, WaitsForItsReader)
         out.leave(1);
     });
     std::string got;
-    for (char block[4096]; const ssize_t some = read(out.ends[0], block, sizeof block);)
-        got.append(block, static_cast<size_t>(some));
+    char block[4096];
+    for (ssize_t some = 1; some > 0;) {
+        some = read(out.ends[0], block, sizeof block);
+        got.append(block, static_cast<size_t>(std::max<ssize_t>(some, 0)));
+    }
     writing.join();
     EXPECT_EQ(got, much);
     EXPECT_FALSE(to.has_failed());
@@ -555,6 +561,27 @@ TEST(WatchProgram, TellsWhatAServerThatComesBackEmptyHasLost)
     EXPECT_THAT(lines[0], EndsWith(R"("gap":"lost","db":4})"));
     EXPECT_THAT(lines[1], EndsWith(R"("gap":"back","db":4})"));
     EXPECT_THAT(lines[2], HasSubstr(R"("change":"removed")"));
+}
+
+// Stopped for so long that the server gives up on it, and on what it has not heard.
+TEST(WatchProgram, SaysThatChangesHaveLeftTheLogBeforeTheyWereHeard)
+{
+    const support::redis_server redis(
+        "client-output-buffer-limit normal 256kb 0 0\nclient-output-buffer-limit pubsub 256kb 0 0\n");
+    record_writer of(redis.url());
+    child watching({EBRIDGE_PROGRAM, "watch", "--store", redis.url(), "--db", "4", "--table", "evlan_session"});
+    ASSERT_TRUE(watching.wait_for_error_text("watching"));
+    watching.signal(SIGSTOP);
+    for (int round = 0; round < 200; ++round) {
+        for (int key = 1; key <= 100; ++key)
+            of.write(4, evlan_session("app", VXLAN, key, static_cast<uint32_t>(round)).message(), {6});
+        of.wait();
+    }
+    redis.commands(4, "XTRIM mom:log MAXLEN 1");
+    watching.signal(SIGCONT);
+    EXPECT_TRUE(watching.wait_for_text("changes of database 4 have left its log unheard"));
+    watching.signal(SIGINT);
+    EXPECT_EQ(watching.finish().status, 0);
 }
 
 TEST(WatchProgram, EndsQuietlyWhenNobodyReadsAnyMore)

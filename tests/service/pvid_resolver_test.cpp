@@ -202,7 +202,7 @@ TEST_P(Resolver, NothingIsWrittenBeforeEverythingIsRead)
     store.end_scan(table_scan(MIRROR), MIRROR);
     EXPECT_THAT(store.writes, IsEmpty());
     store.end_scan(table_scan(5), 5);
-    for (const uint32_t db : {4, 5, 8})
+    for (const uint32_t db : {4U, 5U, 8U})
         EXPECT_THAT(written(db), ElementsAre("set " + std::to_string(db) + " 1: 0 -> 10"));
 }
 

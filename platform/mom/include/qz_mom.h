@@ -120,10 +120,11 @@ typedef struct qz_mom_notification {
 typedef int32_t (*qz_mom_msg_cb)(qz_mom_handle *handle, const qz_mom_notification *msg, void *args);
 /* The database that was asked for is connected; called once per connect call. */
 typedef int32_t (*qz_mom_connected_cb)(qz_mom_handle *handle, void *args);
-/* type 1: connection error; type 2: connected again. */
+/* type 1: connection error; type 2: connected again; type 3: changes have left the server's log before they were heard here:
+ * what is followed is compared anew, and told as after a lost connection. */
 typedef int32_t (*qz_mom_reconnect_cb)(qz_mom_handle *handle, uint32_t db, int32_t type, void *args);
 
-enum { QZ_MOM_RECONNECT_ERROR = 1, QZ_MOM_RECONNECT_DONE = 2 };
+enum { QZ_MOM_RECONNECT_ERROR = 1, QZ_MOM_RECONNECT_DONE = 2, QZ_MOM_RECONNECT_MISSED = 3 };
 
 /* ---- handles ---------------------------------------------------------------------------------------------------- */
 

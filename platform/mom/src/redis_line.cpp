@@ -835,6 +835,11 @@ void redis_line::take_fetched(const redisReply &reply)
     if (const uint64_t lost = feed_.take_fetched(reply)) {
         log_failure("changes have left the log before they were read; the followed tables are read anew");
         restart_at(lost);
+        try {
+            report(QZ_MOM_RECONNECT_MISSED);
+        } catch (const std::bad_alloc &) {
+            log_failure("no memory to tell of it");
+        }
     }
 }
 

@@ -172,8 +172,10 @@ void connection::send(std::string_view text)
             continue;
         const auto began = clock::now();
         pollfd room{fd_, POLLOUT, 0};
-        gone_ = errno != EAGAIN || patience_ <= 0ms || poll(&room, 1, static_cast<int>(patience_.count())) <= 0;
-        patience_ -= std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - began);
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(patience_);
+        const int ready = errno != EAGAIN || left <= 0ms ? 0 : poll(&room, 1, static_cast<int>(left.count()));
+        gone_ = ready == 0 || (ready < 0 && errno != EINTR);
+        patience_ -= clock::now() - began;
     }
 }
 

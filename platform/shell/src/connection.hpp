@@ -40,7 +40,7 @@ class connection
     std::string received_{};
     std::string pending_{};  // output that was not sent yet
     clock::time_point flushed_{};
-    std::chrono::milliseconds patience_{};  // that the present answer may still wait for the client
+    clock::duration patience_{};  // that the present answer may still wait for the client
 };
 
 }  // namespace shell

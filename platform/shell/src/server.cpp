@@ -52,7 +52,13 @@ void drop(ssat_server *server, uintptr_t number)
 void take(ssat_server *server, int fd)
 {
     const uintptr_t number = ++last_number;
-    auto client = std::make_unique<shell::connection>(fd);
+    std::unique_ptr<shell::connection> client;
+    try {
+        client = std::make_unique<shell::connection>(fd);
+    } catch (const std::bad_alloc &) {
+        close(fd);
+        throw;
+    }
     if (server->clients.size() >= MOST_CLIENTS)
         return client->refuse("there are too many clients");
     server->clients.emplace(number, std::move(client));
@@ -66,18 +72,43 @@ ssat_server *server_now()
     return serving;
 }
 
-void on_connection(void *argument)
+void on_connection(void *argument);
+
+// The server that the number is of; null when it is none any more.
+ssat_server *server_of(void *number)
 {
     ssat_server *const server = server_now();
-    if (!server || server->number != reinterpret_cast<uintptr_t>(argument))
+    return server && server->number == reinterpret_cast<uintptr_t>(number) ? server : nullptr;
+}
+
+void on_pause_over(void *number)
+{
+    if (const ssat_server *const server = server_of(number))
+        qz_thread_watch(server->master, server->listener, on_connection, number);
+}
+
+// Without a descriptor for it the client goes on waiting, and would be told of again and again.
+void pause(const ssat_server *server, void *number)
+{
+    constexpr int64_t PAUSE_USEC = 1'000'000;
+    if (qz_thread_call_after(server->master, PAUSE_USEC, on_pause_over, number) == 0)
+        qz_thread_unwatch(server->master, server->listener);
+}
+
+void on_connection(void *argument)
+{
+    ssat_server *const server = server_of(argument);
+    if (!server)
         return;
     const int fd = accept4(server->listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd < 0 && (errno == EMFILE || errno == ENFILE))
+        return pause(server, argument);
     if (fd < 0)
         return;
     try {
         take(server, fd);
     } catch (const std::bad_alloc &) {
-        close(fd);
+        return;  // the client is told by the end of its connection
     }
 }
 
@@ -140,13 +171,21 @@ bool is_left_over(const std::string &path)
     return refused;
 }
 
+// "PROGRAM.PID", and not one that is not ready.
+bool is_shell(const std::string &name)
+{
+    const size_t dot = name.rfind('.');
+    return dot != std::string::npos && dot > 0 && dot + 1 < name.size() && name[0] != '.' &&
+           name.find_first_not_of("0123456789", dot + 1) == std::string::npos;
+}
+
 // Processes that were killed leave their sockets behind.
 void sweep(const std::string &directory)
 {
     std::error_code ignored;
     std::filesystem::directory_iterator entry(directory, ignored);
     for (; entry != std::filesystem::directory_iterator(); entry.increment(ignored))
-        if (entry->is_socket(ignored) && is_left_over(entry->path()))
+        if (is_shell(entry->path().filename()) && entry->is_socket(ignored) && is_left_over(entry->path()))
             unlink(entry->path().c_str());
 }
 
@@ -163,8 +202,12 @@ int32_t listen_at(const std::string &path, int *out)
         return io_failure(fd);
     unlink(path.c_str());
     if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
-        chmod(path.c_str(), OWNER_AND_GROUP) != 0 || listen(fd, WAITING) != 0)
+        chmod(path.c_str(), OWNER_AND_GROUP) != 0 || listen(fd, WAITING) != 0) {
+        const int why = errno;
+        unlink(path.c_str());
+        errno = why;
         return io_failure(fd);
+    }
     *out = fd;
     return 0;
 }
@@ -172,12 +215,21 @@ int32_t listen_at(const std::string &path, int *out)
 int32_t start(ssat_server *server)
 {
     const std::string directory = shell::directory();
-    server->path = directory + '/' + program_name() + '.' + std::to_string(getpid());
+    const std::string name = program_name() + '.' + std::to_string(getpid());
+    server->path = directory + '/' + name;
     if (!shell::make_directory(directory))
         return SSAT_EIO;
     sweep(directory);
-    if (const int32_t code = listen_at(server->path, &server->listener); code != 0)
+    // Under its name only when somebody listens: one that nobody listens at counts as left over.
+    const std::string unready = directory + "/." + name;
+    if (const int32_t code = listen_at(unready, &server->listener); code != 0)
         return code;
+    if (rename(unready.c_str(), server->path.c_str()) != 0) {
+        const int why = errno;
+        unlink(unready.c_str());
+        errno = why;
+        return io_failure(server->listener);
+    }
     server->number = ++last_number;
     if (qz_thread_watch(server->master, server->listener, on_connection, as_argument(server->number)) == 0)
         return 0;

@@ -187,7 +187,10 @@ int32_t ssat_vprint(const char *format, va_list args)
         return std::vprintf(format, args);
     if (to->gone)
         return SSAT_ENOENT;
-    return guarded([&] { return print_to(*to, format, args); });
+    const int32_t printed = guarded([&] { return print_to(*to, format, args); });
+    // Rather no more than with a hole in it.
+    to->gone |= printed == SSAT_ENOMEM;
+    return printed;
 }
 
 int32_t ssat_for_each(ssat_visitor visitor, void *args)
