@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
@@ -36,9 +37,10 @@ __attribute__((format(printf, 1, 2))) int32_t print(const char *format, ...)
 }
 
 qz_thread_master *the_master = nullptr;
-bool on_masters_thread = false;
-int32_t prints_refused = 0;
-bool flooded = false;
+// Of handlers, for the test's thread.
+std::atomic<bool> on_masters_thread = false;
+std::atomic<int32_t> prints_refused = 0;
+std::atomic<bool> flooded = false;
 
 int32_t say_arguments(int32_t argc, const int32_t *argv)
 {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <cstdlib>
 #include <filesystem>
@@ -129,7 +130,7 @@ __attribute__((format(printf, 1, 2))) int32_t print(const char *format, ...)
     return printed;
 }
 
-int handled = 0;
+std::atomic<int> handled = 0;  // on the loop's thread
 
 int32_t say_arguments(int32_t argc, const int32_t *argv)
 {
