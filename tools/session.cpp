@@ -57,6 +57,7 @@ session::session(run_books *books, const cast &users, session_listener listener)
 
 session::~session()
 {
+    ssat_serve_stop(shell_);
     ebridged_stop(service_);
     the_session = nullptr;
 }
@@ -71,6 +72,7 @@ bool session::open(const run_options &options, std::string *error)
         if (const int32_t code = ebridged_start(link_.handle(), nullptr, &service_); code != 0)
             return fail(error, "the allocator cannot be started", code);
     }
+    ssat_serve(link_.master(), &shell_);
     return start_users(error) && follow(options, error) && (!users_.observer || read_back(error));
 }
 

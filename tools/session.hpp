@@ -10,6 +10,7 @@
 
 #include "ebridged.h"
 #include "run_books.hpp"
+#include "ssat.h"
 #include "store_link.hpp"
 #include "sw_ebridge.h"
 
@@ -202,6 +203,7 @@ class session
     int32_t marks_error_ = 0;  // why one of them could not be set
     store_link link_{};
     ebridged_service *service_ = nullptr;
+    ssat_server *shell_ = nullptr;  // null where none can be served: nobody has to look into a run
 };
 
 // Prints the library's users and tables of this process on standard output; they outlive the session. False when that
