@@ -101,13 +101,8 @@ bool session::scan_members(std::string *error)
 // The default VLANs that there are, for the library: what it subscribes tells of changes alone.
 bool session::scan_pvids(std::string *error)
 {
-    const auto note = [](qz_mom_handle *, const qz_mom_notification *msg, void *self) {
-        static_cast<session *>(self)->ended_ += msg->end == QZ_MOM_END_SCAN;
-        static_cast<session *>(self)->happened();
-        return int32_t{0};
-    };
     ended_ = 0;
-    const auto scan = [&] { return sw_vlan_pvid_table_scan(requester(), note, this); };
+    const auto scan = [&] { return sw_vlan_pvid_table_scan(requester(), on_scanned, this); };
     if (const int32_t code = patiently(scan, SCAN_PATIENCE_USEC); code != 0) {
         *error = std::string("the default VLANs cannot be scanned: ") + qz_mom_strerror(code);
         return false;

@@ -47,6 +47,14 @@ struct session_of {
     session_of(const session_of &) = delete;
     session_of &operator=(const session_of &) = delete;
     const ProtobufCMessage &message() const { return record.base; }
+    // As who has got this for an answer.
+    session_of &answered(int32_t id, int32_t db = 0)
+    {
+        record.reply = 1;
+        record.reply_value = id;
+        record.mom_db = db;
+        return *this;
+    }
 
     Index index;
     Session record;
@@ -61,14 +69,6 @@ struct evlan_session : session_of<UBridge__EvlanAppIndex, UBridge__EvlanSession>
         record.request_value = static_cast<int32_t>(wanted);
         record.request = 1;
     }
-    // As who has got this for an answer.
-    evlan_session &answered(int32_t id, int32_t db = 0)
-    {
-        record.reply = 1;
-        record.reply_value = id;
-        record.mom_db = db;
-        return *this;
-    }
 };
 
 struct eport_session : session_of<UBridge__EportAppIndex, UBridge__EportSession> {
@@ -80,13 +80,6 @@ struct eport_session : session_of<UBridge__EportAppIndex, UBridge__EportSession>
         index.keyid2 = key2;
         record.request_value = static_cast<int32_t>(wanted);
         record.request = 1;
-    }
-    eport_session &answered(int32_t id, int32_t db = 0)
-    {
-        record.reply = 1;
-        record.reply_value = id;
-        record.mom_db = db;
-        return *this;
     }
 };
 
