@@ -1,11 +1,9 @@
 // See output_pump.hpp.
 #include "output_pump.hpp"
 
-#include <poll.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <utility>
+
+#include "patient_output.hpp"
 
 namespace ebridge_tool
 {
@@ -37,6 +35,8 @@ bool output_pump::finish()
 
 void output_pump::write_all()
 {
+    constexpr int NOBODY = -1;  // has enough
+    patient_output to(fd_, NOBODY);
     std::unique_lock guard(lock_);
     while (!failed_) {
         changed_.wait(guard, [this] { return over_ || !kept_.empty(); });
@@ -44,20 +44,10 @@ void output_pump::write_all()
             return;
         const std::string taken = std::exchange(kept_, {});
         guard.unlock();
-        bool failed = false;
-        for (size_t done = 0; done < taken.size() && !failed;) {
-            const ssize_t wrote = write(fd_, taken.data() + done, taken.size() - done);
-            if (wrote < 0 && errno == EAGAIN) {
-                pollfd room{fd_, POLLOUT, 0};  // somebody has made it one that does not block
-                poll(&room, 1, -1);
-                continue;
-            }
-            failed = wrote < 0 && errno != EINTR;
-            unread_ = failed && errno == EPIPE;
-            done += wrote > 0 ? static_cast<size_t>(wrote) : 0;
-        }
+        const bool failed = !to.write(taken);
         guard.lock();
         failed_ = failed;
+        unread_ = failed && !to.has_failed();
     }
     kept_.clear();
 }
