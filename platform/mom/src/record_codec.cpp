@@ -157,6 +157,13 @@ uint32_t take_field(std::string_view &bytes, std::string_view &field)
     return static_cast<uint32_t>(tag >> 3);
 }
 
+// Takes the fields below that number off the bytes, and appends them.
+void append_below(std::string &to, std::string_view &bytes, uint32_t number)
+{
+    for (std::string_view rest = bytes, field; !rest.empty() && take_field(rest, field) < number; bytes = rest)
+        to.append(field);
+}
+
 // Adds, empty, the other members of each oneof of which one member is set here.
 void clear_other_cases(const ProtobufCMessageDescriptor &type, std::vector<encoded_field> &fields)
 {
@@ -286,6 +293,31 @@ content merge(const content *base, const std::vector<encoded_field> &fields)
     }
     for (; next != fields.end(); ++next)
         made.bytes.append(next->bytes);
+    return made;
+}
+
+std::shared_ptr<const content> merge(const content *base, std::shared_ptr<const content> written,
+                                     std::span<const uint32_t> numbers)
+{
+    const auto stays = [numbers](uint32_t number) { return !std::ranges::binary_search(numbers, number); };
+    std::string_view rest = base != nullptr ? base->bytes : std::string_view();
+    std::string_view field;
+    bool any_stays = false;
+    while (!any_stays && !rest.empty())
+        any_stays = stays(take_field(rest, field));
+    if (!any_stays)
+        return written;
+    auto made = std::make_shared<content>(content{form::hash, {}});
+    made->bytes.reserve(base->bytes.size() + written->bytes.size());
+    std::string_view added = written->bytes;
+    for (rest = base->bytes; !rest.empty();) {
+        const uint32_t number = take_field(rest, field);
+        if (stays(number)) {
+            append_below(made->bytes, added, number);
+            made->bytes.append(field);
+        }
+    }
+    made->bytes.append(added);
     return made;
 }
 

@@ -3,6 +3,7 @@
 #define MOM_RECORD_CODEC_HPP
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -44,6 +45,10 @@ content encode_whole(const ProtobufCMessage &record);
 std::vector<encoded_field> encode_fields(const ProtobufCMessage &record, std::span<const uint32_t> numbers);
 // `base` with the given fields written over it; null for a record that does not exist yet.
 content merge(const content *base, const std::vector<encoded_field> &fields);
+// The same for fields that stand together: `written` holds those of these numbers, which ascend, that are not at their
+// default. As a rule nothing else is known of the record, and it is what comes back.
+std::shared_ptr<const content> merge(const content *base, std::shared_ptr<const content> written,
+                                     std::span<const uint32_t> numbers);
 
 // The record of that key; null when the key or the content is not of that type. The key always comes from the key
 // text, whatever the content says. Throws std::bad_alloc.

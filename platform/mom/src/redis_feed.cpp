@@ -157,7 +157,7 @@ uint64_t redis_feed::take_fetched(const redisReply &reply)
             go_to(position - 1);
             lost = position - 1;
         }
-        entries_.emplace_back(position, text_of(*array), is_word(kind, "sent"));
+        entries_.emplace_back(position, text_of(*array), text_of(*kind).starts_with('s'));
         position_ = position;
     }
     if (reply.elements == 0 && known_ > position_) {

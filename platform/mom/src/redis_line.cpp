@@ -320,21 +320,56 @@ void redis_line::want_lock(client &from, wanted_lock &&wanted)
     fire_at_ = {};
 }
 
+// What needs the table to be known. Where nobody has asked for it yet its first page comes in the same call: the server
+// tells whole records from there on until the last page, and parts of them before.
+int32_t redis_line::put_for_table(const ProtobufCMessageDescriptor &type, redis_operation &&asked)
+{
+    const std::string name = type.name;
+    followed &in = followed_[name];
+    in.type = &type;
+    ++in.awaited;
+    int32_t code = QZ_MOM_ENOMEM;
+    try {
+        const bool begins = !in.loaded && in.loading == 0;
+        redis_operation put_now = begins ? page_from(name, last_load_ + 1, "0") : redis_operation();
+        put_now.finish = [this, name, page = std::move(put_now.finish),
+                          answer = std::move(asked.finish)](const redis_outcome &outcome) {
+            if (page)
+                page(outcome);
+            answer(outcome);
+            answered_for_table(name);
+        };
+        code = put(std::move(put_now));
+        if (code == QZ_MOM_OK && begins)
+            in.loading = ++last_load_;
+    } catch (const std::bad_alloc &) {
+        code = QZ_MOM_ENOMEM;
+    }
+    if (code != QZ_MOM_OK) {
+        --in.awaited;
+        drop_unused(name);
+    }
+    return code;
+}
+
+void redis_line::answered_for_table(const std::string &name)
+{
+    const auto in = followed_.find(name);
+    in->second.begun = true;
+    --in->second.awaited;
+    drop_unused(name);
+}
+
 int32_t redis_line::follow(std::vector<subscription> &&added)
 {
     redis_operation asked;
+    const auto &type = added.front().pattern.type();
     const auto shared = std::make_shared<std::vector<subscription>>(std::move(added));
     asked.finish = [this, who = shared->front().owner->weak_from_this(), shared](const redis_outcome &) {
-        if (!office_.attached(who))
-            return;
-        const std::string name = shared->front().pattern.type().name;
-        followed &in = followed_[name];
-        in.type = &shared->front().pattern.type();
-        if (!in.loaded && in.loading == 0)
-            load(name);
-        activate(*shared);
+        if (office_.attached(who))
+            activate(*shared);
     };
-    return put(std::move(asked));
+    return put_for_table(type, std::move(asked));
 }
 
 void redis_line::activate(std::vector<subscription> added)
@@ -366,16 +401,13 @@ int32_t redis_line::scan(client &from, const target &of, const receiver &to)
 {
     redis_operation asked;
     asked.finish = [this, wanted = waiting_scan{from.weak_from_this(), of, to}](const redis_outcome &) {
-        const std::string name = wanted.of.keys.type().name;
-        followed &in = followed_[name];
-        in.type = &wanted.of.keys.type();
+        followed &in = followed_.find(wanted.of.keys.type().name)->second;
         if (in.loaded && in.loading == 0)
-            return start_scan(in, wanted);
-        if (in.loading == 0)
-            load(name);
-        in.scans.push_back(wanted);
+            start_scan(in, wanted);
+        else
+            in.scans.push_back(wanted);
     };
-    return put(std::move(asked));
+    return put_for_table(of.keys.type(), std::move(asked));
 }
 
 void redis_line::start_scan(followed &in, const waiting_scan &scan)
@@ -401,7 +433,7 @@ bool redis_line::is_used(const std::string &name, followed &in)
 {
     std::erase_if(in.running, [](const auto &each) { return each.expired(); });
     std::erase_if(in.scans, [this](const auto &each) { return office_.attached(each.from) == nullptr; });
-    return !in.scans.empty() || !in.running.empty() || subscriptions_.any(db_, name);
+    return in.awaited != 0 || !in.scans.empty() || !in.running.empty() || subscriptions_.any(db_, name);
 }
 
 void redis_line::drop_unused(const std::string &name)
@@ -586,7 +618,7 @@ void redis_line::greet(const redis_address &to)
     feed_.greet(to);
     if (to.master_only)
         commands_.send({"ROLE"}), ++greetings_;
-    commands_.send({"FUNCTION", "LOAD", "REPLACE", REDIS_LIBRARY});
+    commands_.send({"FUNCTION", "LOAD", REDIS_LIBRARY});
     commands_.send({"FCALL", REDIS_FUNCTION, "0", "hello", std::to_string(db_), client_name_, "0", "0", life_,
                     std::to_string(std::max(answered_, feed_.position()))});
     greetings_ += 2;
@@ -594,7 +626,8 @@ void redis_line::greet(const redis_address &to)
 
 void redis_line::take_greeting(const redisReply &reply)
 {
-    if (reply.type == REDIS_REPLY_ERROR) {
+    // That the server has the function already is as good.
+    if (reply.type == REDIS_REPLY_ERROR && text_of(reply).find("already exists") == std::string_view::npos) {
         if (failures_ == 0)
             log_failure(("database " + std::to_string(db_) + ": " + std::string(text_of(reply))).c_str());
         return lose("the greeting was refused");
@@ -819,6 +852,11 @@ void redis_line::answered(call &made, const redisReply &reply)
 
 // ---- the log --------------------------------------------------------------------------------------------------------
 
+bool redis_line::needs_log() const
+{
+    return !marks_.empty() || std::ranges::any_of(followed_, [](const auto &each) { return each.second.begun; });
+}
+
 void redis_line::fetch_missed(steady::time_point now)
 {
     feed_.follow(needs_log(), now);
@@ -875,10 +913,12 @@ bool redis_line::tell_next(log_entry &entry)
     if (command == "c")
         return true;
     const std::string_view written = command == "s" ? std::string_view() : rows.text();
-    int32_t cmd = static_cast<int32_t>(number_of(command));
-    if (entry.as_sent)
-        cmd = command == "s" ? QZ_MOM_CMD_SET : written.find(',') == written.npos ? QZ_MOM_CMD_HSET : QZ_MOM_CMD_HMSET;
-    return tell(cmd, key, written, entry);
+    if (!entry.as_sent)
+        return tell({static_cast<int32_t>(number_of(command)), !command.ends_with('w'), key, written}, entry);
+    if (command == "s")
+        return tell({QZ_MOM_CMD_SET, false, key, written}, entry);
+    const bool one = written.find(',') == written.npos;
+    return tell({one ? QZ_MOM_CMD_HSET : QZ_MOM_CMD_HMSET, true, key, written}, entry);
 }
 
 void redis_line::note_written(followed &in, std::string_view written) const
@@ -890,35 +930,39 @@ void redis_line::note_written(followed &in, std::string_view written) const
     in.names = std::make_shared<std::string>(names_of(*in.type, in.numbers));
 }
 
-bool redis_line::tell(int32_t cmd, std::string_view key, std::string_view written, log_entry &entry)
+bool redis_line::tell(const told_row &row, log_entry &entry)
 {
-    const bool whole_sent = entry.as_sent && cmd == QZ_MOM_CMD_SET;
-    const auto at = followed_.find(record_name(key));
+    const bool whole_sent = entry.as_sent && row.cmd == QZ_MOM_CMD_SET;
+    const auto at = followed_.find(record_name(row.key));
     if (at == followed_.end()) {
         whole_sent ? entry.rows.skip(1) : entry.rows.skip_body();
         return true;
     }
     followed &in = at->second;
-    const auto body = whole_sent ? std::make_shared<const content>(content{form::whole, std::string(entry.rows.text())})
-                                 : entry.rows.body();
+    auto body = whole_sent ? std::make_shared<const content>(content{form::whole, std::string(entry.rows.text())})
+                           : entry.rows.body();
     if (body == nullptr) {
-        log_foreign(std::string(key).c_str());
+        log_foreign(std::string(row.key).c_str());
         return true;
     }
-    note_written(in, written);
+    note_written(in, row.written);
+    auto *known = in.records.find(row.key);
+    if (row.is_part && !row.written.empty()) {
+        if (in.loading != 0 && (known == nullptr || known->seen != in.loading))
+            return true;  // a page is still to show it
+        body = merge(known != nullptr ? known->body.get() : nullptr, std::move(body), entry.rows.named());
+    }
     if (entry.told == nullptr)
         entry.told = std::make_shared<change_block>(entry.bytes.size());
-    newest_told what(*entry.told, {db_, cmd, 0, key, written.empty() ? nullptr : in.names, body});
+    newest_told what(*entry.told, {db_, row.cmd, 0, row.key, row.written.empty() ? nullptr : in.names, body});
     deliveries out;
     subscriptions_.address(what.made, in.numbers, office_, out);
     if (!has_room(out))
         return false;
-    if (cmd == QZ_MOM_CMD_DEL || cmd == QZ_MOM_CMD_EXPIRED) {
-        if (auto *known = in.records.find(key))
-            in.records.erase(*known);
-    } else {
-        in.records.put(key, body).seen = in.loading;
-    }
+    if (row.cmd != QZ_MOM_CMD_DEL && row.cmd != QZ_MOM_CMD_EXPIRED)
+        in.records.put(row.key, body).seen = in.loading;
+    else if (known != nullptr)
+        in.records.erase(*known);
     office_.send(out);
     what.keep();
     return true;
@@ -1015,26 +1059,28 @@ redis_line::record_page::record_page(const std::string &of, uint64_t number, boo
 
 void redis_line::load(const std::string &name)
 {
-    next_page(name, last_load_ + 1, "0");
+    queue_.push_back(page_from(name, last_load_ + 1, "0"));
     followed_[name].loading = ++last_load_;
 }
 
-// A cursor means nothing to another server.
+// A cursor means nothing to another server. What was written meanwhile may have been told in parts, and passed over.
 void redis_line::load_again()
 {
-    for (const auto &[name, in] : followed_) {
-        if (in.loading != 0)
-            load(name);
+    for (auto &[name, in] : followed_) {
+        if (in.loading == 0)
+            continue;
+        in.again = true;
+        load(name);
     }
 }
 
-void redis_line::next_page(const std::string &name, uint64_t number, const std::string &cursor)
+redis_operation redis_line::page_from(const std::string &name, uint64_t number, const std::string &cursor)
 {
     redis_operation asked;
     asked.what = redis_operation::kind::page;
     asked.words = {cursor, glob_of(name)};
     asked.finish = [this, name, number](const redis_outcome &page) { take_page(name, number, page); };
-    queue_.push_back(std::move(asked));
+    return asked;
 }
 
 void redis_line::take_page(const std::string &name, uint64_t number, const redis_outcome &page)
@@ -1046,9 +1092,13 @@ void redis_line::take_page(const std::string &name, uint64_t number, const redis
         load(name);
         return lose("a page of records was refused");
     }
+    if (page.text == "lapsed") {
+        at->second.again = true;
+        return load(name);
+    }
     auto taken = std::make_unique<record_page>(name, number, page.text == "0", page.more, *at->second.type);
     if (!taken->is_last)
-        next_page(name, number, page.text);
+        queue_.push_back(page_from(name, number, page.text));
     page_ = std::move(taken);
 }
 

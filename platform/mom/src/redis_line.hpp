@@ -137,6 +137,8 @@ class redis_line
     struct followed {
         const ProtobufCMessageDescriptor *type = nullptr;
         replica records;
+        int awaited = 0;     // calls to follow or scan it that are not answered yet
+        bool begun = false;  // one was answered
         bool loaded = false;
         uint64_t loading = 0;           // number of the load under way; 0: none
         std::string written;            // by the newest write, as text: most writes name the same fields
@@ -166,6 +168,8 @@ class redis_line
     };
 
     int32_t put_ahead(redis_operation &&operation);
+    int32_t put_for_table(const ProtobufCMessageDescriptor &type, redis_operation &&asked);
+    void answered_for_table(const std::string &name);
     template <typename News>
     void post(client &to, News what);
 
@@ -185,13 +189,19 @@ class redis_line
     bool mark_goes_on(const call &made, const redis_outcome &outcome);
     void conclude(redis_operation &part, redis_outcome &&outcome);
 
-    bool needs_log() const { return !followed_.empty() || !marks_.empty(); }
+    bool needs_log() const;
     void fetch_missed(steady::time_point now);
     void take_fetched(const redisReply &reply);
     void tell_all();
     void pass_over_log();
     bool tell_next(log_entry &entry);
-    bool tell(int32_t cmd, std::string_view key, std::string_view written, log_entry &entry);
+    struct told_row {
+        int32_t cmd;
+        bool is_part;  // of the record: the fields that were written
+        std::string_view key;
+        std::string_view written;  // numbers of fields
+    };
+    bool tell(const told_row &row, log_entry &entry);
     void note_written(followed &in, std::string_view written) const;
     bool may_tell(uint64_t position) const;
     void restart_at(uint64_t position);
@@ -201,7 +211,7 @@ class redis_line
     void load(const std::string &name);
     void load_again();
     bool is_loading() const;
-    void next_page(const std::string &name, uint64_t number, const std::string &cursor);
+    redis_operation page_from(const std::string &name, uint64_t number, const std::string &cursor);
     void take_page(const std::string &name, uint64_t number, const redis_outcome &page);
     bool take_rows();
     bool take_row(followed &in);

@@ -4,13 +4,9 @@
 -- Keys of a database, beside the records themselves (a hash of field number to bytes for records written by field, a
 -- string for records written whole):
 --   mom:log        a stream; one entry holds the changes of one call, its id is POSITION-0
---   mom:state      hash, so that a call reads and writes all that it needs of it at once:
---                    position   of the newest entry
---                    marks      "1": there may be marks; "": there are none
---                    clock      seconds; the time is told by whoever fires marks
---                    done:ID    number of the last call that this client has had carried out, the clock at that time,
---                               and unless these are all empty, what this call and the three before it were answered,
---                               newest first, a '|' before each
+--   mom:state      hash:
+--                    position   of an entry of the log: what is said here is as it was then, or newer
+--                    done:ID    of a client: see below
 --                    cursor     of a walk over these fields, a step whenever a client comes, which forgets clients that
 --                               have had no call for ten minutes
 --   mom:epoch      drawn when the log begins; another one means that the data was lost
@@ -24,37 +20,58 @@
 -- Each entry of the log is also pushed to the channel mom:log:DATABASE: its position, the first letter of its field, and
 -- the array.
 --
--- An entry of the log has one field. "rows": an array of rows of texts, a change each: command, key, numbers of the
--- written fields, count, then `count` times field and bytes ("" for a whole record); the end of an expiry call is the
--- command "end", its key the call. "sent": the array of writes that a client sent, as it came, which says the same
--- where every write was done, wrote all that the record holds now, and took off no last mark. That is nearly always so,
--- and packing rows costs more than writing the records.
+-- An entry of the log has one field: a letter that says what the array is, and what was done when this was added: the
+-- client, the number of its last call that was carried out, the clock at that time (seconds), and unless these are all
+-- empty, what this call and the three before it were answered, newest first, a '|' before each. All but the client is
+-- what mom:state holds for it.
+-- "r": an array of rows of texts, a change each: command, key, numbers of the written fields, count, then `count` times
+-- field and bytes ("" for a whole record); the end of an expiry call is the command "end", its key the call. Of a write
+-- by field these are the fields that were written, and with "w" behind the command all that the record holds then; else
+-- all that it held.
+-- "s": the array of writes that a client sent, as it came, which says the same where every write was done and took off
+-- no last mark. That is nearly always so, and packing rows costs more than writing the records. What else a record holds
+-- is known to who follows its table. Who only begins to follow does not know it yet: while anybody reads a table for that,
+-- page by page, writes by field are told whole.
 --
 -- This is a library of one function, so that none of it is made anew at a call. Its arguments: what is to be done, the
 -- database, the client, the number of the call (0: reads, that may be made again), that of the oldest one that the client
--- has under way, and what follows. Every answer begins with a position: once the log has been read up to there it is known what came before the answer.
+-- has under way, and what follows. Every answer begins with a position: once the log has been read up to there it is known
+-- what came before the answer.
+--
+-- What is needed at every call is kept in Lua, too. The server forgets it when it ends; it is read again then, from
+-- mom:state and from the entries of the log since. All calls but writes look whether it still is what the log ends with:
+-- a server that was another one's replica meanwhile, or that was emptied, has another log.
 
 local LOG_ENTRIES = 4096
+local TRIM_INTERVAL = 64 -- entries
+local NOTE_INTERVAL = 256 -- entries; so many at most are read when this has been forgotten
 local LIVES = 64
 local LOCK_MILLISECONDS = 1500
 local RECORD_BATCH = 500 -- as many fit a call of unpack
 local CLIENT_SECONDS = 600
 local CLIENTS_A_STEP = 200
+local LOADER_SECONDS = 30
 local SCAN_PAGE = 1000
 local PIECE_PAGES, PIECE_RECORDS = 10, 2000 -- at most, of what is walked over and of what is found; some ms
 local UNFINISHED = 2 ^ 40 -- marks that an expiry call seems to have beside its own until all of them are set
 
 local call, pcall, unpack, tonumber -- as elsewhere; they are not there yet while this is loaded
 
+local known = {} -- by database, of what is there:
+--   position   of the newest entry, as a number and, in `at`, as text
+--   field      the newest entry's
+--   marks      there may be marks
+--   clock      seconds; the time is told by whoever fires marks
+--   is_new     there has never been an entry
+--   loaders    who is reading a table, and which, until when he has to ask for the next page (clock)
+--   clients    number and answers of the last call of each, the clock at that time, and whether mom:state lacks it
+
 -- Of the call that is being carried out:
 local ARGV -- its arguments
 local client, number, oldest, database
+local state -- what is known of the database
+local mine -- what is known of the client
 local log -- rows that its entry of the log is to have
-local any_marks
-local position -- before the call
-local done -- of the client's earlier calls
-local clock
-local state -- fields of mom:state that are to be written, and their values
 local sent -- a call with writes: the texts that the client sent
 local fence_name, fence_token, fence_holds -- the fence that was looked at last
 local as_sent -- the log can tell of it by what was sent
@@ -83,6 +100,8 @@ end
 -- fence: it stands before a write that is to be done only by the holder of that lock.
 local words_of = {s = 3, d = 2, c = 2, l = 3, f = 3}
 
+local function command_of(numbers) return string.find(numbers, ',', 1, true) and '6' or '4' end
+
 local function tell_sent(at)
     local kind, key = sent[at], sent[at + 1]
     if kind == 's' then
@@ -90,7 +109,7 @@ local function tell_sent(at)
     elseif kind == 'h' or kind == 'H' or kind == 'u' then
         local numbers = sent[at + 2]
         local body = {unpack(sent, at + 4, at + 3 + 2 * tonumber(sent[at + 3]))}
-        tell(string.find(numbers, ',', 1, true) and '6' or '4', key, numbers, body)
+        tell(command_of(numbers), key, numbers, body)
     end
 end
 
@@ -142,7 +161,7 @@ end
 -- Whether the record has a mark is looked at by clear_marks(), for all of them together: commands for each would cost
 -- more than its write.
 local function clear_mark(key)
-    if any_marks and not clearing[key] then
+    if state.marks and not clearing[key] then
         clearing[key] = true
         clearing[#clearing + 1] = key
     end
@@ -176,37 +195,27 @@ end
 -- Each write gets where it begins and returns where the next one does, and a letter for the client when it was not done.
 local write = {}
 
--- How many fields the record has after the write, or 0 where it may not be created; or what the server said against it.
-local function set_fields(key, at, behind, creates)
-    if creates then
-        local added = pcall('HSET', key, unpack(sent, at, behind - 1))
-        return type(added) == 'table' and added or call('HLEN', key)
-    end
-    local before = pcall('HLEN', key)
-    if type(before) == 'table' or before == 0 then
-        return before
-    end
-    local added = pcall('HSET', key, unpack(sent, at, behind - 1))
-    return type(added) == 'table' and added or before + added
+local function refusal(at, fault)
+    tell_otherwise(at)
+    return string.find(fault, 'WRONGTYPE', 1, true) and 'f' or 'm'
 end
 
 local function write_fields(at, creates)
-    local key, count = sent[at + 1], tonumber(sent[at + 3])
-    local behind = at + 4 + 2 * count
-    local total = set_fields(key, at + 4, behind, creates)
-    if type(total) == 'table' then
-        tell_otherwise(at)
-        return behind, string.find(total.err, 'WRONGTYPE', 1, true) and 'f' or 'm'
-    end
-    if total == 0 then
+    local key = sent[at + 1]
+    local behind = at + 4 + 2 * tonumber(sent[at + 3])
+    local before = creates or pcall('HLEN', key)
+    if before == 0 then
         tell_otherwise(at)
         return behind
     end
+    local done = type(before) == 'table' and before or pcall('HSET', key, unpack(sent, at + 4, behind - 1))
+    if type(done) == 'table' then
+        return behind, refusal(at, done.err)
+    end
     changed = true
-    if total ~= count then
-        local numbers = sent[at + 2]
+    if next(state.loaders) then
         tell_otherwise(at)
-        tell(string.find(numbers, ',', 1, true) and '6' or '4', key, numbers, call('HGETALL', key))
+        tell(command_of(sent[at + 2]) .. 'w', key, sent[at + 2], call('HGETALL', key))
     elseif not as_sent then
         tell_sent(at)
     end
@@ -230,8 +239,7 @@ function write.s(at)
     local key = sent[at + 1]
     local before = pcall('SET', key, sent[at + 2], 'GET') -- refuses what is no string
     if type(before) == 'table' then
-        tell_otherwise(at)
-        return at + 3, string.find(before.err, 'WRONGTYPE', 1, true) and 'f' or 'm'
+        return at + 3, refusal(at, before.err)
     end
     changed = true
     if not as_sent then
@@ -349,27 +357,12 @@ local function new_epoch()
     return epoch
 end
 
-local function note(field, value)
-    state[#state + 1], state[#state + 2] = field, value
-end
-
 local function set_clock()
-    local seconds = call('TIME')[1]
-    if seconds ~= clock then
-        note('clock', seconds)
-    end
-    return tonumber(seconds)
-end
-
-local function note_marks(any)
-    if any ~= any_marks then
-        note('marks', any and '1' or '')
-    end
-    any_marks = any
+    state.clock = call('TIME')[1]
 end
 
 local function fire()
-    if not any_marks then
+    if not state.marks then
         return 0
     end
     local due = call('ZRANGEBYSCORE', 'mom:marks', '-inf', string.format('%.0f', now()), 'LIMIT', 0, RECORD_BATCH)
@@ -383,7 +376,7 @@ end
 local function set_marks(keys, id, deadline)
     local earlier = {}
     each_batch(keys, function(batch)
-        if any_marks then
+        if state.marks then
             count_marks(batch, earlier)
         end
         local marks, calls = {}, {}
@@ -414,7 +407,7 @@ function verbs.mark()
     if #found > 0 then
         set_marks(found, id, deadline)
         call('HINCRBY', 'mom:left', id, #found)
-        note_marks(true)
+        state.marks = true
     end
     if next_cursor ~= '0' then
         return 'm' .. next_cursor .. ' ' .. deadline
@@ -428,7 +421,7 @@ function verbs.mark()
 end
 
 function verbs.sweep()
-    if any_marks then
+    if state.marks then
         local marked = {}
         local pattern = pattern_of_pieces()
         for _, key in ipairs(call('ZRANGE', 'mom:marks', 0, -1)) do
@@ -457,6 +450,14 @@ local function keep_lock(name, token)
     return holder and '=' or kept
 end
 
+local function forget_loaders()
+    for loader, patience in pairs(state.loaders) do
+        if patience < tonumber(state.clock) then
+            state.loaders[loader] = nil
+        end
+    end
+end
+
 -- ARGV 6...: locks that are wanted, each a name and the token that its holder has. Answers the epoch, so that who asks
 -- now and then learns that the data was lost behind an open connection, and what became of each lock.
 function verbs.fire()
@@ -465,8 +466,9 @@ function verbs.fire()
         call('DEL', 'mom:marks')
         marks = 0
     end
-    note_marks(marks > 0)
+    state.marks = marks > 0
     set_clock()
+    forget_loaders()
     local fired = fire()
     local answers = {call('GET', 'mom:epoch') or ''}
     for at = 6, #ARGV, 2 do
@@ -479,8 +481,14 @@ end
 function verbs.left() return call('HEXISTS', 'mom:left', ARGV[6]) == 1 and 'k' or 'gone' end
 
 -- ARGV 6: cursor. 7: glob. Answers the next cursor and the records found: key, and an array of field and bytes in turns.
+-- "lapsed" instead of a cursor: this has taken too long, and is to begin anew.
 function verbs.page()
+    local loader = client .. ' ' .. ARGV[7]
+    if ARGV[6] ~= '0' and not state.loaders[loader] then
+        return 'lapsed'
+    end
     local page = call('SCAN', ARGV[6], 'MATCH', ARGV[7], 'COUNT', SCAN_PAGE)
+    state.loaders[loader] = page[1] ~= '0' and tonumber(state.clock) + LOADER_SECONDS or nil
     local keys, rows, at = page[2], {}, 0
     for i = 1, #keys do
         local key = keys[i]
@@ -496,15 +504,22 @@ function verbs.page()
     return page[1], cmsgpack.pack(rows)
 end
 
+local function is_long_ago(clock) return tonumber(clock) + CLIENT_SECONDS < tonumber(state.clock) end
+
 local function forget_clients()
-    local seconds = set_clock()
+    set_clock()
     local step = call('HSCAN', 'mom:state', call('HGET', 'mom:state', 'cursor') or '0', 'COUNT', CLIENTS_A_STEP)
-    note('cursor', step[1])
+    call('HSET', 'mom:state', 'cursor', step[1])
     local fields = step[2]
     for i = 1, #fields, 2 do
-        local at = string.match(fields[i], '^done:') and string.match(fields[i + 1], '^%d+ (%d+)')
-        if at and tonumber(at) + CLIENT_SECONDS < seconds then
+        local clock = string.match(fields[i], '^done:') and string.match(fields[i + 1], '^%d+ (%d+)')
+        if clock and is_long_ago(clock) then
             call('HDEL', 'mom:state', fields[i])
+        end
+    end
+    for id, each in pairs(state.clients) do
+        if is_long_ago(each.clock) then
+            state.clients[id] = nil
         end
     end
 end
@@ -527,7 +542,7 @@ local function lives_until(newest)
         lives[#lives + 1] = {name = name, start = tonumber(start)}
     end
     if #lives == 0 or lives[#lives].name ~= newest then
-        lives[#lives + 1] = {name = newest, start = position}
+        lives[#lives + 1] = {name = newest, start = state.position}
         local texts = {}
         for i = math.max(1, #lives - LIVES + 1), #lives do
             texts[#texts + 1] = lives[i].name .. ' ' .. string.format('%.0f', lives[i].start)
@@ -539,7 +554,7 @@ end
 
 -- Whether the log still has all that was heard of it, up to `at`, in that life.
 local function leads_on(lives, life, at)
-    local last = position
+    local last = state.position
     for i = #lives, 1, -1 do
         if lives[i].name == life then
             return at <= last
@@ -560,77 +575,163 @@ function verbs.hello()
     return leads_on(lives, ARGV[6], tonumber(ARGV[7])) and 'on' or 'anew', epoch .. ' ' .. life
 end
 
--- ---- the call ------------------------------------------------------------------------------------------------------
+-- ---- what is known ---------------------------------------------------------------------------------------------------
 
-local function add_entry(at, kind, rows)
-    return pcall('XADD', 'mom:log', 'MAXLEN', '~', LOG_ENTRIES, at .. '-0', kind, rows)
+-- Number, clock and answers of a client, as text and from it.
+local function text_of(each) return each.number .. ' ' .. each.clock .. each.answers end
+
+local function client_of(text)
+    local last, clock, answers = string.match(text, '^(%d+) (%d+)(.*)')
+    return {number = tonumber(last or 0), clock = clock or '0', answers = answers or ''}
 end
 
--- The records are written by now: where somebody has broken the log a new one is begun, so that all are heard of.
-local function add_to_log()
-    position = position + 1
-    local at = string.format('%.0f', position)
-    local kind, rows = 'sent', ARGV[6]
-    if #log > 0 then
-        kind, rows = 'rows', cmsgpack.pack(log)
+-- Of a client that has not been heard of since this is kept here.
+local function known_client(id)
+    local each = client_of(call('HGET', 'mom:state', 'done:' .. id) or '')
+    state.clients[id] = each
+    return each
+end
+
+-- Calls since mom:state was written are told by the log.
+local function read_calls_since(position)
+    for _, entry in ipairs(call('XRANGE', 'mom:log', '(' .. position .. '-0', '+')) do
+        local id, text = string.match(entry[2][1], '^.(%S+) (.*)')
+        if id then
+            local each, before = client_of(text), state.clients[id] or known_client(id)
+            if each.number > before.number then
+                each.is_unnoted = true
+                state.clients[id] = each
+            end
+        end
     end
-    if type(add_entry(at, kind, rows)) == 'table' then
+end
+
+-- Position and field of the newest entry; nothing where there is none.
+local function end_of_log()
+    local newest = pcall('XREVRANGE', 'mom:log', '+', '-', 'COUNT', 1)
+    local entry = not newest.err and newest[1]
+    if entry then
+        return tonumber(string.match(entry[1], '^%d+')), entry[2][1]
+    end
+end
+
+local function read_state(position, field)
+    local noted = pcall('HGET', 'mom:state', 'position')
+    if type(noted) == 'table' then -- somebody has written something else there
+        call('DEL', 'mom:state')
+        new_epoch()
+        noted = nil
+    end
+    noted = tonumber(noted or 0) or 0
+    state = {
+        position = math.max(position or 0, noted),
+        field = field,
+        marks = call('EXISTS', 'mom:marks') == 1,
+        is_new = not position and noted == 0,
+        loaders = {},
+        clients = {},
+    }
+    state.at = string.format('%.0f', state.position)
+    set_clock()
+    if position then
+        read_calls_since(string.format('%.0f', noted))
+    end
+    known[database] = state
+end
+
+local function look_at_state(verb)
+    state = known[database]
+    if state and verb == 'write' then
+        return
+    end
+    local position, field = end_of_log()
+    if not state or position and position ~= state.position or field ~= state.field then
+        read_state(position, field)
+    end
+end
+
+-- ---- the call ------------------------------------------------------------------------------------------------------
+
+local function add_entry(field, array)
+    local id = state.at .. '-0'
+    if state.is_new then
+        state.is_new = false
+        return call('XADD', 'mom:log', id, field, array)
+    elseif state.position % TRIM_INTERVAL == 0 then
+        return pcall('XADD', 'mom:log', 'NOMKSTREAM', 'MAXLEN', '~', LOG_ENTRIES, id, field, array)
+    end
+    return pcall('XADD', 'mom:log', 'NOMKSTREAM', id, field, array)
+end
+
+local function go_to(position)
+    state.position = position
+    state.at = string.format('%.0f', position)
+end
+
+-- The records are written by now: where somebody has broken the log a new one is begun, behind a gap, so that all are
+-- heard of. Returns what is pushed.
+local function add_to_log()
+    go_to(state.position + 1)
+    local kind, array = 's', ARGV[6]
+    if #log > 0 then
+        kind, array = 'r', cmsgpack.pack(log)
+    end
+    state.field = number == 0 and kind or kind .. client .. ' ' .. text_of(mine)
+    if type(add_entry(state.field, array)) ~= 'string' then
         call('DEL', 'mom:log')
         new_epoch()
-        add_entry(at, kind, rows)
+        go_to(state.position + 1)
+        state.is_new = true
+        add_entry(state.field, array)
     end
-    note('position', at)
-    return at .. string.sub(kind, 1, 1) .. rows
+    return state.at .. kind .. array
+end
+
+-- Every so many entries mom:state is brought up to date.
+local function note_state()
+    local fields = {'position', state.at}
+    for id, each in pairs(state.clients) do
+        if each.is_unnoted then
+            each.is_unnoted = nil
+            fields[#fields + 1], fields[#fields + 2] = 'done:' .. id, text_of(each)
+        end
+    end
+    each_batch(fields, function(batch) call('HSET', 'mom:state', unpack(batch)) end)
+end
+
+-- The answers of the last four calls, unless all are empty.
+local function kept_answers(answer)
+    if answer == '' and mine.answers == '' then
+        return ''
+    end
+    local given_up = string.rep('|', math.min(number - mine.number - 1, 3))
+    local earlier = mine.answers ~= '' and mine.answers or '||||'
+    local kept = '|' .. answer .. string.match(given_up .. earlier, '|[^|]*|[^|]*|[^|]*')
+    return kept == '||||' and '' or kept
 end
 
 -- Numbered calls are carried out once, and in their order. One whose predecessor was refused is refused, too, until the
 -- client has made that again: nothing is returned.
 local function once(act)
-    local last = tonumber(string.match(done, '^%d+'))
-    local answers = string.match(done, '|.*')
+    mine = state.clients[client] or known_client(client)
+    local last = mine.number
     if number <= last then
-        return 'again', answers and number + 3 >= last and
-            string.match(answers, '^' .. string.rep('|[^|]*', last - number) .. '|([^|]*)') or ''
+        return 'again', number + 3 >= last and
+            string.match(mine.answers, '^' .. string.rep('|[^|]*', last - number) .. '|([^|]*)') or ''
     end
     if math.max(last + 1, oldest) < number then
         return nil
     end
     local answer, more = act()
-    local now_done = ARGV[4] .. ' ' .. clock
-    if answer ~= '' or answers then
-        local given_up = string.rep('|', math.min(number - last - 1, 3))
-        local kept = string.match(given_up .. (answers or '||||'), '|[^|]*|[^|]*|[^|]*')
-        now_done = now_done .. '|' .. answer .. kept
-        if string.find(now_done, '^%d+ %d+||||$') then
-            now_done = string.match(now_done, '^[^|]*')
-        end
-    end
-    note('done:' .. client, now_done)
+    mine.answers = kept_answers(answer)
+    mine.number, mine.clock, mine.is_unnoted = number, state.clock, true
     return answer, more
-end
-
-local function read_state()
-    local read = pcall('HMGET', 'mom:state', 'position', 'marks', 'clock', 'done:' .. client)
-    if read.err then -- somebody has written something else there
-        call('DEL', 'mom:state')
-        new_epoch()
-        read = {}
-    end
-    position = tonumber(read[1] or 0) or 0
-    clock = read[3] or '0'
-    done = read[4] or '0'
-    state = {}
-    any_marks = read[2] == '1'
-    if not read[2] then
-        any_marks = call('EXISTS', 'mom:marks') == 1
-        note('marks', any_marks and '1' or '')
-    end
 end
 
 redis.register_function('@REDIS_FUNCTION@', function(_, arguments)
     call, pcall, unpack, tonumber, ARGV = redis.call, redis.pcall, _G.unpack, _G.tonumber, arguments
     database, client, number, oldest = ARGV[2], ARGV[3], tonumber(ARGV[4]), tonumber(ARGV[5])
-    read_state()
+    look_at_state(ARGV[1])
     log, sent, changed, fence_name = {}, nil, false, nil
     as_sent, clearing = true, {}
     local act = verbs[ARGV[1]]
@@ -644,11 +745,13 @@ redis.register_function('@REDIS_FUNCTION@', function(_, arguments)
         return redis.error_reply('BUSY an earlier call is still to be made')
     end
     local entry = (#log > 0 or as_sent and changed) and add_to_log()
-    if #state > 0 then
-        call('HSET', 'mom:state', unpack(state))
+    if entry and state.position % NOTE_INTERVAL == 0 then
+        note_state()
+    elseif not entry and number ~= 0 and answer ~= 'again' then
+        pcall('HSET', 'mom:state', 'done:' .. client, text_of(mine)) -- no entry says it
     end
     if entry then
         pcall('PUBLISH', channel(), entry) -- all is done by now: who does not hear of it fetches it
     end
-    return {string.format('%.0f', position), answer, more or ''}
+    return {state.at, answer, more or ''}
 end)
