@@ -13,9 +13,7 @@ using namespace std::chrono_literals;
 
 constexpr size_t MAX_UNTOLD = 64;  // entries; while so many wait for room no more are taken
 constexpr size_t FETCHED = 32;     // entries at a time
-constexpr auto PING_INTERVAL = 1s;
-constexpr auto PATIENCE = 4s;  // with a server that says nothing
-constexpr auto LINGER = 1s;    // on the channel when nobody follows any more: many scans are short
+constexpr auto LINGER = 1s;        // on the channel when nobody follows any more: many scans are short
 
 // A number and what stands behind it.
 std::pair<uint64_t, std::string_view> number_and_rest(std::string_view text)
@@ -30,18 +28,17 @@ bool is_word(const redisReply *reply, std::string_view word) { return reply != n
 
 }  // namespace
 
-redis_feed::redis_feed(uint32_t db, link_set &links) : channel_name_("mom:log:" + std::to_string(db)), link_(links) {}
+redis_feed::redis_feed(uint32_t db) : channel_name_("mom:log:" + std::to_string(db)) {}
 
-// ---- the connection -------------------------------------------------------------------------------------------------
+// ---- the channel ----------------------------------------------------------------------------------------------------
 
 void redis_feed::close()
 {
-    link_.close();
     channel_ = channel::closed;
-    wanted_ = pinged_ = fetching_ = false;
+    wanted_ = fetching_ = false;
 }
 
-void redis_feed::follow(bool wanted, steady::time_point now)
+redis_words redis_feed::follow(bool wanted, steady::time_point now)
 {
     if (wanted && !wanted_)
         behind_ = true;
@@ -49,64 +46,29 @@ void redis_feed::follow(bool wanted, steady::time_point now)
         unwanted_since_ = now;
     wanted_ = wanted;
     if (wanted && channel_ == channel::closed) {
-        link_.send({"SUBSCRIBE", channel_name_});
         channel_ = channel::asked;
-    } else if (!wanted && channel_ == channel::open && now - unwanted_since_ > LINGER) {
-        link_.send({"UNSUBSCRIBE", channel_name_});
+        return {"SUBSCRIBE", channel_name_};
+    }
+    if (!wanted && channel_ == channel::open && now - unwanted_since_ > LINGER) {
         channel_ = channel::closed;
+        return {"UNSUBSCRIBE", channel_name_};
     }
+    return {};
 }
 
-bool redis_feed::is_alive(steady::time_point now)
+void redis_feed::take(const redisReply &pushed)
 {
-    if (channel_ == channel::closed)
-        return true;
-    if (!pinged_ && now - pinged_at_ > PING_INTERVAL) {
-        link_.send({"PING"});
-        pinged_ = true;
-        pinged_at_ = now;
-    }
-    return !pinged_ || now - std::max(pinged_at_, heard_at_) < PATIENCE;
-}
-
-bool redis_feed::listen(steady::time_point now)
-{
-    if (!link_.is_open())
-        return true;
-    why_ = "the server closed it";
-    if (!link_.step())
-        return false;
-    bool broken = false;
-    while (const auto reply = link_.next(broken)) {
-        heard_at_ = now;
-        if (!take(*reply))
-            return false;
-    }
-    if (broken)
-        why_ = "what came is no reply";
-    return !broken;
-}
-
-bool redis_feed::take(const redisReply &reply)
-{
-    if (reply.type == REDIS_REPLY_ERROR) {
-        why_ = text_of(reply);
-        return false;
-    }
-    const auto *kind = element(&reply, 0);
-    if (is_word(kind, "message") && element(&reply, 2) != nullptr)
-        take_push(text_of(*reply.element[2]));
+    const auto *kind = element(&pushed, 0);
+    if (is_word(kind, "message") && element(&pushed, 2) != nullptr)
+        take_entry(text_of(*pushed.element[2]));
     else if (is_word(kind, "subscribe") && channel_ == channel::asked)
         channel_ = channel::open;
-    else if (is_word(kind, "pong") || is_word(&reply, "PONG"))
-        pinged_ = false;
-    return true;
 }
 
 // ---- the entries ----------------------------------------------------------------------------------------------------
 
 // Position, 's' (as sent) or 'r' (rows), and the array.
-void redis_feed::take_push(std::string_view entry)
+void redis_feed::take_entry(std::string_view entry)
 {
     const auto [position, rest] = number_and_rest(entry);
     if (!wanted_ || position <= position_ || rest.empty())

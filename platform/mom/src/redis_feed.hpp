@@ -2,8 +2,7 @@
 //
 // The server pushes each entry to a channel when it adds it to the log. So who follows a database need not ask for
 // anything as long as all goes well. What was not heard (before the subscription, over a loss, or because so much waited
-// to be told that it was passed over) is fetched from the log itself; the owner makes that call, on its connection for
-// commands.
+// to be told that it was passed over) is fetched from the log itself. The connection is its owner's.
 #ifndef MOM_REDIS_FEED_HPP
 #define MOM_REDIS_FEED_HPP
 
@@ -39,21 +38,17 @@ struct log_entry {
 class redis_feed
 {
   public:
-    redis_feed(uint32_t db, link_set &links);
+    explicit redis_feed(uint32_t db);
 
-    // ---- the connection
-    bool open(const redis_address &to) { return link_.open(to); }
+    // ---- the channel
+    // The connection is lost.
     void close();
-    bool is_connected() const { return link_.connected(); }
-    void greet(const redis_address &to) { link_.send_name(to); }
-    // Hears what has come. False: the connection is of no use any more; why() says why.
-    bool listen(steady::time_point now);
-    const char *why() const { return why_.c_str(); }
-    bool flush() { return !link_.is_open() || link_.flush(); }
-    // Whether anybody follows the database now. One who does so no more for a while is not pushed to.
-    void follow(bool wanted, steady::time_point now);
-    // Asks for a sign of life now and then. False: none has come for too long.
-    bool is_alive(steady::time_point now);
+    // Whether anybody follows the database now. One who does so no more for a while is not pushed to. Returns the command
+    // to be sent, if any: no answer comes, unless it is refused.
+    redis_words follow(bool wanted, steady::time_point now);
+    bool is_asking() const { return channel_ == channel::asked; }
+    // What the server has said by itself.
+    void take(const redisReply &pushed);
 
     // ---- the entries
     uint64_t position() const { return position_; }
@@ -75,18 +70,12 @@ class redis_feed
   private:
     enum class channel { closed, asked, open };
 
-    bool take(const redisReply &reply);
-    void take_push(std::string_view entry);
+    void take_entry(std::string_view entry);
 
     const std::string channel_name_;
-    redis_link link_;
-    std::string why_;
     channel channel_ = channel::closed;
     bool wanted_ = false;
     steady::time_point unwanted_since_{};
-    bool pinged_ = false;
-    steady::time_point pinged_at_{};
-    steady::time_point heard_at_{};
 
     std::deque<log_entry> entries_;
     uint64_t position_ = 0;  // entries up to here have been heard

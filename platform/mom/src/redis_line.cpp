@@ -85,6 +85,12 @@ bool passes(std::string_view error)
     return false;
 }
 
+// The server keeps this user from a command or a channel.
+bool is_denied(const redisReply &reply)
+{
+    return reply.type == REDIS_REPLY_ERROR && text_of(reply).starts_with("NOPERM");
+}
+
 std::vector<uint32_t> numbers_of(std::string_view joined)
 {
     std::vector<uint32_t> numbers;
@@ -260,8 +266,8 @@ redis_line::redis_line(uint32_t db, std::string client_name, link_set &links, po
       client_name_(std::move(client_name)),
       office_(office),
       subscriptions_(subscriptions),
-      commands_(links),
-      feed_(db, links),
+      link_(links),
+      feed_(db),
       random_(static_cast<uint32_t>(std::hash<std::string>()(client_name_) | 1))
 {
 }
@@ -487,7 +493,7 @@ void redis_line::report_loss() noexcept
 
 void redis_line::lose(const char *why) noexcept
 {
-    commands_.close();
+    link_.close();
     feed_.close();
     if (state_ == state::up) {
         char text[160];
@@ -511,12 +517,12 @@ void redis_line::tick(const redis_address &to, steady::time_point now)
         connecting_since_ = now;
         state_ = state::connecting;
         greetings_ = 0;
-        if (!commands_.open(to) || !feed_.open(to))
+        if (!link_.open(to))
             return lose("it cannot be opened");
     }
     report_loss();
     if (state_ == state::connecting) {
-        if (commands_.connected() && feed_.is_connected() && greetings_ == 0)
+        if (link_.connected() && greetings_ == 0)
             greet(to);
         if (now - connecting_since_ > CONNECT_PATIENCE)
             return lose("no answer to the greeting");
@@ -527,8 +533,6 @@ void redis_line::tick(const redis_address &to, steady::time_point now)
         failures_ = 0;
     if (!under_way_.empty() && now - under_way_.front().sent > ANSWER_PATIENCE)
         return lose("no answer");
-    if (!feed_.is_alive(now))
-        return lose("the log has fallen silent");
     if (!firing_ && now >= fire_at_)
         fire(now);
 }
@@ -604,23 +608,20 @@ void redis_line::tell_lock(client &to, const std::string &token)
 
 void redis_line::step()
 {
-    if (commands_.is_open() && !commands_.step())
-        return lose("the server closed it");
-    if (!feed_.listen(steady::now()))
-        lose(std::string(feed_.why()).c_str());
+    if (link_.is_open() && !link_.step())
+        lose("the server closed it");
 }
 
 void redis_line::greet(const redis_address &to)
 {
-    greetings_ += commands_.send_name(to);
-    commands_.send({"SELECT", std::to_string(db_)});
-    ++greetings_;
-    feed_.greet(to);
+    link_.send_hello(to);
+    link_.send({"SELECT", std::to_string(db_)});
+    greetings_ += 2;
     if (to.master_only)
-        commands_.send({"ROLE"}), ++greetings_;
-    commands_.send({"FUNCTION", "LOAD", REDIS_LIBRARY});
-    commands_.send({"FCALL", REDIS_FUNCTION, "0", "hello", std::to_string(db_), client_name_, "0", "0", life_,
-                    std::to_string(std::max(answered_, feed_.position()))});
+        link_.send({"ROLE"}), ++greetings_;
+    link_.send({"FUNCTION", "LOAD", REDIS_LIBRARY});
+    link_.send({"FCALL", REDIS_FUNCTION, "0", "hello", std::to_string(db_), client_name_, "0", "0", life_,
+                std::to_string(std::max(answered_, feed_.position()))});
     greetings_ += 2;
 }
 
@@ -639,7 +640,7 @@ void redis_line::take_greeting(const redisReply &reply)
         serve(reply);
 }
 
-// Both connections are ready: what was under way is asked again, and the log goes on.
+// The connection is ready: what was under way is asked again, and the log goes on.
 void redis_line::serve(const redisReply &hello)
 {
     const auto *position = element(&hello, 0);
@@ -688,7 +689,7 @@ void redis_line::transmit(call &made)
     const redis_operation &first = made.parts.front();
     made.sent = steady::now();
     if (first.what == redis_operation::kind::fetch)
-        return commands_.send(first.words);
+        return link_.send(first.words);
     const auto numbered = std::ranges::find_if(under_way_, [](const call &each) { return each.number != 0; });
     const uint64_t oldest = numbered != under_way_.end() ? numbered->number : made.number;
     redis_words words{"FCALL",
@@ -705,7 +706,7 @@ void redis_line::transmit(call &made)
         words.append(first.words);
     if (first.what == redis_operation::kind::mark)
         words.append({first.id, first.cursor, first.deadline});
-    commands_.send(words);
+    link_.send(words);
 }
 
 void redis_line::ask_at_once(redis_operation &&operation, steady::time_point now)
@@ -859,7 +860,8 @@ bool redis_line::needs_log() const
 
 void redis_line::fetch_missed(steady::time_point now)
 {
-    feed_.follow(needs_log(), now);
+    if (const redis_words channel = feed_.follow(needs_log(), now); !channel.empty())
+        link_.send(channel);
     if (stalled_ || !feed_.wants_fetch())
         return;
     redis_operation asked;
@@ -1198,14 +1200,18 @@ void redis_line::pass_over_log()
 void redis_line::work(steady::time_point now)
 {
     bool broken = false;
-    while (commands_.is_open()) {
-        const auto reply = commands_.next(broken);
+    while (link_.is_open()) {
+        const auto reply = link_.next(broken);
         if (broken)
             return lose("what came is no reply");
         if (reply == nullptr)
             break;
-        if (greetings_ > 0) {
+        if (link_.was_pushed()) {
+            feed_.take(*reply);
+        } else if (greetings_ > 0) {
             take_greeting(*reply);
+        } else if (feed_.is_asking() && is_denied(*reply)) {
+            return lose(std::string(text_of(*reply)).c_str());
         } else if (!under_way_.empty()) {
             if (is_refused_for_now(under_way_.front(), *reply))
                 return lose(std::string(text_of(*reply)).c_str());
@@ -1224,7 +1230,7 @@ void redis_line::work(steady::time_point now)
 
 void redis_line::flush()
 {
-    if (commands_.is_open() && (!commands_.flush() || !feed_.flush()))
+    if (link_.is_open() && !link_.flush())
         lose("the server closed it");
 }
 

@@ -1,5 +1,5 @@
-// One database of a Redis server, as this process sees it: a connection for what is to be done there, another one for
-// what is heard from there (redis_feed.hpp), and a replica of the tables that are followed.
+// One database of a Redis server, as this process sees it: a connection for what is to be done there and for what is
+// heard from there (redis_feed.hpp), and a replica of the tables that are followed.
 //
 // Order. The server numbers what happens in a database: each call that changes something adds one entry to its log, and
 // each answer says how far the log had come. What an answer leads to waits until the log has been heard up to there. So
@@ -236,7 +236,7 @@ class redis_line
     state state_ = state::down;
     bool was_up_ = false;
     bool loss_untold_ = false;
-    redis_link commands_;
+    redis_link link_;
     redis_feed feed_;
     int greetings_ = 0;  // replies to the greeting that are still to come
     steady::time_point retry_at_{};

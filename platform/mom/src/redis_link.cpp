@@ -12,6 +12,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdlib>
 #include <new>
 #include <utility>
 
@@ -21,6 +22,32 @@ namespace
 {
 
 constexpr auto NAME_LIFE = std::chrono::seconds(1);  // long enough for all who wait for it
+constexpr int MAX_DEPTH = 8;
+
+// Passes over one value of the protocol, of whatever kind. False: not all of it has come, or it is none.
+bool pass_over(std::string_view &bytes, int depth, bool &broken)
+{
+    const size_t end = bytes.find("\r\n");
+    if (end == bytes.npos || end == 0)
+        return false;
+    const char kind = bytes.front();
+    size_t count = 0;
+    std::from_chars(bytes.data() + 1, bytes.data() + end, count);
+    bytes.remove_prefix(end + 2);
+    if (kind == '$' || kind == '=' || kind == '!') {
+        if (bytes.size() < count + 2)
+            return false;
+        bytes.remove_prefix(count + 2);
+        return true;
+    }
+    const bool holds_values = kind == '*' || kind == '~' || kind == '%';
+    broken = broken || depth > MAX_DEPTH;
+    for (size_t left = !holds_values ? 0 : kind == '%' ? 2 * count : count; left != 0; --left) {
+        if (broken || !pass_over(bytes, depth + 1, broken))
+            return false;
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -103,6 +130,7 @@ void redis_link::close()
     context_.reset();
     connected_ = false;
     unsent_.clear();
+    is_push_ = was_pushed_ = false;
     happened_ = waited_for_ = 0;
 }
 
@@ -133,9 +161,19 @@ bool redis_link::step()
     }
     if (!connected_)
         return true;
-    if ((happened & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0 && redisBufferRead(context_.get()) != REDIS_OK)
+    if ((happened & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0 && !read())
         return false;
     return flush();
+}
+
+// Not by hiredis, which takes 16 kB at a time.
+bool redis_link::read()
+{
+    const ssize_t count = ::recv(context_->fd, set_.incoming_.data(), set_.incoming_.size(), MSG_DONTWAIT);
+    if (count < 0)
+        return errno == EAGAIN || errno == EINTR;
+    return count > 0 &&
+           redisReaderFeed(context_->reader, set_.incoming_.data(), static_cast<size_t>(count)) == REDIS_OK;
 }
 
 // Not by hiredis, whose way of writing ends the process when the server has closed the connection (SIGPIPE), on whatever
@@ -174,20 +212,50 @@ void redis_link::send(const redis_words &words)
     unsent_.append("*").append(std::to_string(words.count())).append("\r\n").append(words.encoded());
 }
 
-bool redis_link::send_name(const redis_address &to)
+void redis_link::send_hello(const redis_address &to)
 {
-    if (to.password.empty())
-        return false;
-    send(to.user.empty() ? redis_words{"AUTH", to.password} : redis_words{"AUTH", to.user, to.password});
-    return true;
+    redis_words words{"HELLO", "3"};
+    if (!to.password.empty())
+        words.append({"AUTH", to.user.empty() ? "default" : to.user, to.password});
+    send(words);
 }
 
+// Where a reply begins: a push is an array for hiredis, and a map is passed over. The answers that we ask for have none.
 redis_reply redis_link::next(bool &broken)
 {
+    redisReader &reader = *context_->reader;
+    if (reader.ridx == -1) {
+        if (reader.pos >= reader.len)
+            return nullptr;  // the reader would begin, and hide where the next one does
+        char &kind = reader.buf[reader.pos];
+        if (kind == '%')
+            return next_map(broken);
+        is_push_ = kind == '>';
+        if (is_push_)
+            kind = '*';
+    }
     void *reply = nullptr;
-    if (redisReaderGetReply(context_->reader, &reply) != REDIS_OK)
+    if (redisReaderGetReply(&reader, &reply) != REDIS_OK)
         broken = true;
+    was_pushed_ = is_push_;
     return redis_reply(static_cast<redisReply *>(reply));
+}
+
+// What the server says of itself in reply to the greeting; nothing that we need.
+redis_reply redis_link::next_map(bool &broken)
+{
+    redisReader &reader = *context_->reader;
+    std::string_view rest(reader.buf + reader.pos, reader.len - reader.pos);
+    const size_t before = rest.size();
+    if (!pass_over(rest, 0, broken))
+        return nullptr;
+    reader.pos += before - rest.size();
+    was_pushed_ = false;
+    redis_reply passed(static_cast<redisReply *>(std::calloc(1, sizeof(redisReply))));
+    if (passed == nullptr)
+        throw std::bad_alloc();
+    passed->type = REDIS_REPLY_NIL;
+    return passed;
 }
 
 }  // namespace mom

@@ -1,10 +1,15 @@
 // Connections to Redis servers: commands out, replies in, without ever waiting, and the set in which all connections of a
 // store are waited for. Guarded by the store's mutex, but for link_set::descriptor().
+//
+// A connection that has been greeted (send_hello) speaks the protocol in which a server also says what it was not asked
+// for, on the same connection. hiredis, as it is on the systems that this is built for, reads the older one only; what
+// the newer one adds is little and stands in redis_link::next().
 #ifndef MOM_REDIS_LINK_HPP
 #define MOM_REDIS_LINK_HPP
 
 #include <hiredis/hiredis.h>
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <initializer_list>
@@ -85,7 +90,8 @@ class link_set
     // The address behind a host's name or address; "" when it is not known, or was looked up too long ago.
     std::string address_of(const std::string &host);
 
-    const int descriptor_;  // of epoll
+    const int descriptor_;              // of epoll
+    std::array<char, 65536> incoming_;  // of whatever link reads
     std::vector<std::string> unknown_;
     std::map<std::string, known_host> found_;
 };
@@ -109,12 +115,14 @@ class redis_link
     // Takes in what the set has seen. False: the connection is lost.
     bool step();
     void send(const redis_words &words);
-    // Says who we are there, where that is asked for: true, and a reply will come.
-    bool send_name(const redis_address &to);
+    // Asks for the newer protocol, and says who we are where that is asked for. One reply will come.
+    void send_hello(const redis_address &to);
     // Writes what was sent as far as the socket takes it. False: the connection is lost.
     bool flush();
     // The next reply that has come, or null. Sets `broken` when what came is no reply.
     redis_reply next(bool &broken);
+    // It was no answer: the server says it by itself.
+    bool was_pushed() const { return was_pushed_; }
 
   private:
     struct free_context {
@@ -125,10 +133,14 @@ class redis_link
 
     // Has the set wait for what matters now. False when it cannot.
     bool wait();
+    bool read();
+    redis_reply next_map(bool &broken);
 
     link_set &set_;
     std::unique_ptr<redisContext, free_context> context_;
     bool connected_ = false;
+    bool is_push_ = false;  // what is being read
+    bool was_pushed_ = false;
     std::string unsent_;
     uint32_t happened_ = 0;    // as the set has seen it
     uint32_t waited_for_ = 0;  // as the set knows it
