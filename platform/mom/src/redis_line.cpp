@@ -120,26 +120,28 @@ bool only_clears(const redis_operation &each) { return is_write(each) && each.ro
 // Who asks again for a record that may be marked clears the mark and writes: one write says both.
 bool takes_in(redis_operation &write, const redis_operation &before)
 {
-    if (!only_clears(before) || !is_write(write) || !write.row.begins_with('h') || !before.row.continues_in(write.row))
+    if (!only_clears(before) || !is_write(write) || !write.row.begins_with('h') ||
+        !before.row.continues_in(write.row) || before.fence.bytes() != write.fence.bytes())
         return false;
     write.row.begin_with('H');
     return true;
 }
 
-// The rows of all these writes in one array.
+// The rows of all these writes in one array. A fence holds until the next one.
 std::string writes_of(const std::vector<redis_operation> &parts)
 {
-    uint32_t count = 0;
-    size_t size = 0;
+    packed_texts rows;
+    packed_texts free_to_all{"f", "", ""};
+    const packed_texts *fence = &free_to_all;
     for (const auto &part : parts) {
-        count += part.row.count();
-        size += part.row.bytes().size();
+        const packed_texts &own = part.fence.empty() ? free_to_all : part.fence;
+        if (own.bytes() != fence->bytes() && !part.row.empty())
+            rows.append(*(fence = &own));
+        rows.append(part.row);
+        if (part.row.begins_with('l'))
+            fence = &part.row;  // a fence with this lock says something else now
     }
-    std::string array = array_head(count);
-    array.reserve(array.size() + size);
-    for (const auto &part : parts)
-        array += part.row.bytes();
-    return array;
+    return array_head(rows.count()) + rows.bytes();
 }
 
 // What could not be done, for want of room or of memory, is still the next that is read.

@@ -48,6 +48,7 @@ struct redis_operation {
 
     kind what = kind::write;
     packed_texts row;                                   // of a write; none: only asks for the position
+    packed_texts fence;                                 // of a write: the lock that it needs; none: anybody writes
     redis_words words;                                  // of a fetch: the command; else arguments of the server's side
     bool at_once = false;                               // `finish` does not wait for the log
     bool ahead = false;                                 // of what waits; a notice

@@ -266,13 +266,11 @@ int32_t redis_store::put_write(client &from, const target &at, packed_texts &&ro
     if (to.cb != nullptr && from.box.depth() + from.owed >= from.box.hard)
         return QZ_MOM_EFULL;
     write.finish = answer_to(from, at, to, QZ_MOM_END_NONE);
-    if (const auto fence = from.locks.find(at.db); fence == from.locks.end()) {
-        write.row = std::move(row);
-    } else if (!fence->second.told.empty()) {
-        write.row = {"f", fence->second.name, fence->second.told};
-        write.row.append(row);
-    } else {
-        return QZ_MOM_EFENCED;
+    write.row = std::move(row);
+    if (const auto fence = from.locks.find(at.db); fence != from.locks.end()) {
+        if (fence->second.told.empty())
+            return QZ_MOM_EFENCED;
+        write.fence = {"f", fence->second.name, fence->second.told};
     }
     redis_line &asked = line(at.db);
     const int32_t code = asked.put(std::move(write));

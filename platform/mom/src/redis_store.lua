@@ -64,19 +64,19 @@ local known = {} -- by database, of what is there:
 --   clock      seconds; the time is told by whoever fires marks
 --   is_new     there has never been an entry
 --   loaders    who is reading a table, and which, until when he has to ask for the next page (clock)
---   clients    number and answers of the last call of each, the clock at that time, and whether mom:state lacks it
+--   clients    number (and its text) and answers of the last call of each, the clock at that time, and whether mom:state
+--              lacks it
 
 -- Of the call that is being carried out:
 local ARGV -- its arguments
 local client, number, oldest, database
 local state -- what is known of the database
 local mine -- what is known of the client
-local log -- rows that its entry of the log is to have
+local log = {} -- rows that its entry of the log is to have
 local sent -- a call with writes: the texts that the client sent
-local fence_name, fence_token, fence_holds -- the fence that was looked at last
 local as_sent -- the log can tell of it by what was sent
 local changed
-local clearing -- records whose marks are to be taken off: a list, and the same as a set
+local clearing = {} -- records whose marks are to be taken off: a list, and the same as a set
 
 local function tell(command, key, names, body)
     local at = #log
@@ -97,8 +97,10 @@ end
 
 -- The texts that the client sent: "h" or "u", key, numbers of the named fields, count, `count` times field and bytes;
 -- "s", key, bytes; "d" or "c", key; "l" or "f", name of a lock, token. "H" is "c" and "h" of the same record. "f" is a
--- fence: it stands before a write that is to be done only by the holder of that lock.
+-- fence: what stands behind it is to be done only by the holder of that lock, until there is another one; "" for a name:
+-- by anybody.
 local words_of = {s = 3, d = 2, c = 2, l = 3, f = 3}
+local function next_after(at) return at + (words_of[sent[at]] or 4 + 2 * tonumber(sent[at + 3])) end
 
 local function command_of(numbers) return string.find(numbers, ',', 1, true) and '6' or '4' end
 
@@ -122,7 +124,7 @@ local function tell_otherwise(at)
     local each = 1
     while each < at do
         tell_sent(each)
-        each = each + (words_of[sent[each]] or 4 + 2 * tonumber(sent[each + 3]))
+        each = next_after(each)
     end
 end
 
@@ -169,6 +171,9 @@ end
 
 -- Takes off the marks that clear_mark() was told of.
 local function clear_marks()
+    if #clearing == 0 then
+        return
+    end
     local counts = {}
     each_batch(clearing, function(keys)
         local cleared = pcall('ZREM', 'mom:marks', unpack(keys))
@@ -262,33 +267,22 @@ end
 
 local function lock_key(name) return 'mom:lock:' .. name end
 
--- Writes of one handle stand together, behind the same fence: it is looked at once.
 local function holds_lock(at)
-    local name, token = sent[at + 1], sent[at + 2]
-    if name ~= fence_name or token ~= fence_token then
-        fence_name, fence_token = name, token
-        fence_holds = call('GET', lock_key(name)) == token
-    end
-    return fence_holds
+    local name = sent[at + 1]
+    return name == '' or call('GET', lock_key(name)) == sent[at + 2]
 end
 
 -- Lets a lock go.
 function write.l(at)
     if holds_lock(at) then
         call('DEL', lock_key(sent[at + 1]))
-        fence_name = nil
     end
     return at + 3
 end
 
--- The fence of the write behind it.
-function write.f(at)
-    local fenced = at + 3
-    if holds_lock(at) then
-        return write[sent[fenced]](fenced)
-    end
+local function write_fenced_off(at)
     tell_otherwise(at)
-    return fenced + (words_of[sent[fenced]] or 4 + 2 * tonumber(sent[fenced + 3])), 'l'
+    return next_after(at), 'l'
 end
 
 -- ---- what the client can ask for -----------------------------------------------------------------------------------
@@ -299,14 +293,20 @@ local verbs = {}
 function verbs.write()
     sent = cmsgpack.unpack(ARGV[6])
     local letters
-    local at, count, size = 1, 0, #sent
+    local at, count, size, may_write = 1, 0, #sent, true
     while at <= size do
-        local behind, letter = write[sent[at]](at)
-        if letter then
-            letters = (letters or '') .. string.rep('k', count) .. letter
-            count = -1
+        local kind = sent[at]
+        if kind == 'f' then
+            may_write = holds_lock(at)
+            at = at + 3
+        else
+            local behind, letter = (may_write and write[kind] or write_fenced_off)(at)
+            if letter then
+                letters = (letters or '') .. string.rep('k', count) .. letter
+                count = -1
+            end
+            at, count = behind, count + 1
         end
-        at, count = behind, count + 1
     end
     clear_marks()
     return letters and letters .. string.rep('k', count) or ''
@@ -578,11 +578,11 @@ end
 -- ---- what is known ---------------------------------------------------------------------------------------------------
 
 -- Number, clock and answers of a client, as text and from it.
-local function text_of(each) return each.number .. ' ' .. each.clock .. each.answers end
+local function text_of(each) return each.text .. ' ' .. each.clock .. each.answers end
 
 local function client_of(text)
     local last, clock, answers = string.match(text, '^(%d+) (%d+)(.*)')
-    return {number = tonumber(last or 0), clock = clock or '0', answers = answers or ''}
+    return {number = tonumber(last or 0), text = last or '0', clock = clock or '0', answers = answers or ''}
 end
 
 -- Of a client that has not been heard of since this is kept here.
@@ -701,9 +701,6 @@ end
 
 -- The answers of the last four calls, unless all are empty.
 local function kept_answers(answer)
-    if answer == '' and mine.answers == '' then
-        return ''
-    end
     local given_up = string.rep('|', math.min(number - mine.number - 1, 3))
     local earlier = mine.answers ~= '' and mine.answers or '||||'
     local kept = '|' .. answer .. string.match(given_up .. earlier, '|[^|]*|[^|]*|[^|]*')
@@ -723,18 +720,25 @@ local function once(act)
         return nil
     end
     local answer, more = act()
-    mine.answers = kept_answers(answer)
-    mine.number, mine.clock, mine.is_unnoted = number, state.clock, true
+    if answer ~= '' or mine.answers ~= '' then
+        mine.answers = kept_answers(answer)
+    end
+    mine.number, mine.text, mine.clock, mine.is_unnoted = number, ARGV[4], state.clock, true
     return answer, more
 end
 
 redis.register_function('@REDIS_FUNCTION@', function(_, arguments)
-    call, pcall, unpack, tonumber, ARGV = redis.call, redis.pcall, _G.unpack, _G.tonumber, arguments
-    database, client, number, oldest = ARGV[2], ARGV[3], tonumber(ARGV[4]), tonumber(ARGV[5])
-    look_at_state(ARGV[1])
-    log, sent, changed, fence_name = {}, nil, false, nil
-    as_sent, clearing = true, {}
-    local act = verbs[ARGV[1]]
+    if not call then
+        call, pcall, unpack, tonumber = redis.call, redis.pcall, _G.unpack, _G.tonumber
+    end
+    ARGV = arguments
+    local verb
+    verb, database, client, number, oldest = ARGV[1], ARGV[2], ARGV[3], tonumber(ARGV[4]), tonumber(ARGV[5])
+    look_at_state(verb)
+    log = #log == 0 and log or {}
+    clearing = #clearing == 0 and clearing or {}
+    sent, changed, as_sent = nil, false, true
+    local act = verbs[verb]
     local answer, more
     if number == 0 then
         answer, more = act()
