@@ -10,6 +10,7 @@
 #define MOM_REDIS_STORE_HPP
 
 #include <condition_variable>
+#include <optional>
 #include <thread>
 
 #include "posted_calls.hpp"
@@ -96,7 +97,9 @@ class redis_store : public store,
     post_address address_;
     qz_thread_master *reader_ = nullptr;  // the master that watches the links
     bool reader_is_late_ = false;
-    int waiting_ = 0;  // calls that wait for an answer; one of them may be the reader's own
+    uint64_t rounds_ = 0;                // of the reader's reading
+    std::optional<uint64_t> unread_at_;  // the round in which the store's thread last saw something left unread
+    int waiting_ = 0;                    // calls that wait for an answer; one of them may be the reader's own
     std::map<uint32_t, std::unique_ptr<served_database>> served_;
     subscription_table subscriptions_;
     std::condition_variable drained_;
