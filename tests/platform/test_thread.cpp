@@ -547,6 +547,30 @@ TEST(ThreadRun, SleepingRunnerWakesForEarlierTimerOfAnotherThread)
     EXPECT_EQ(0, runner.end());
 }
 
+TEST(ThreadRun, TimersOutliveTheWakeUpsBeforeThem)
+{
+    const auto master = make_master(QZ_THREAD_CLOCK_REAL);
+    running runner(master);
+    for (int again = 0; again < 3; ++again) {
+        std::promise<void> fired;
+        qz_thread_call_after(
+            master.get(), 20'000, [](void *arg) { static_cast<std::promise<void> *>(arg)->set_value(); }, &fired);
+        for (int wake = 0; wake < 3; ++wake)
+            qz_thread_call_wait(master.get(), no_call, nullptr);
+        fired.get_future().wait();
+    }
+    EXPECT_EQ(0, runner.end());
+}
+
+TEST(ThreadRun, ATimerOfTheFarthestFutureMayWaitBehindOthers)
+{
+    const auto master = make_master(QZ_THREAD_CLOCK_REAL);
+    qz_thread_call_after(master.get(), std::numeric_limits<int64_t>::max(), no_call, nullptr);
+    running runner(master);
+    EXPECT_EQ(0, qz_thread_call_wait(master.get(), no_call, nullptr));
+    EXPECT_EQ(0, runner.end());
+}
+
 // ---- descriptors ----------------------------------------------------------------------------------------------------
 
 namespace

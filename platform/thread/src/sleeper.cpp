@@ -1,9 +1,13 @@
-// Waiting on libuv; see sleeper.hpp. The handles' own callbacks do no work: the master looks at its agenda afterwards.
+// Waiting; see sleeper.hpp. The loop's own callbacks do no work: the master looks at its agenda afterwards.
 #include "sleeper.hpp"
 
 #include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <limits>
 
 namespace thread_master
 {
@@ -31,33 +35,29 @@ bool sleeper::open()
 {
     take_standard_descriptors();
     watched_ = epoll_create1(EPOLL_CLOEXEC);
-    if (watched_ < 0 || uv_loop_init(&loop_) != 0)
+    clock_ = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+    if (watched_ < 0 || clock_ < 0 || uv_loop_init(&loop_) != 0)
         return false;
     if (uv_async_init(&loop_, &async_, [](uv_async_t *) {}) != 0) {
         uv_loop_close(&loop_);
         return false;
     }
-    uv_timer_init(&loop_, &timer_);  // cannot fail
     open_ = true;
-    poll_.data = this;
-    return uv_poll_init(&loop_, &poll_, watched_) == 0 &&
-           uv_poll_start(&poll_, UV_READABLE,
-                         [](uv_poll_t *poll, int, int) { static_cast<sleeper *>(poll->data)->may_read_ = true; }) == 0;
+    uv_run(&loop_, UV_RUN_NOWAIT);  // from now on its descriptor can be read when there is something for it to do
+    return watch(uv_backend_fd(&loop_)) && watch(clock_);
 }
 
 sleeper::~sleeper()
 {
     if (open_) {
-        for (auto *handle : {reinterpret_cast<uv_handle_t *>(&async_), reinterpret_cast<uv_handle_t *>(&timer_),
-                             reinterpret_cast<uv_handle_t *>(&poll_)}) {
-            if (handle->loop != nullptr)
-                uv_close(handle, nullptr);
-        }
+        uv_close(reinterpret_cast<uv_handle_t *>(&async_), nullptr);
         uv_run(&loop_, UV_RUN_DEFAULT);  // handles are closed by the loop
         uv_loop_close(&loop_);
     }
-    if (watched_ >= 0)
-        ::close(watched_);
+    for (const int descriptor : {watched_, clock_}) {
+        if (descriptor >= 0)
+            ::close(descriptor);
+    }
 }
 
 bool sleeper::watch(int descriptor)
@@ -70,39 +70,43 @@ bool sleeper::watch(int descriptor)
 
 bool sleeper::unwatch(int descriptor) { return epoll_ctl(watched_, EPOLL_CTL_DEL, descriptor, nullptr) == 0; }
 
-void sleeper::find_readable()
+void sleeper::wait(int timeout)
 {
-    found_ = 0;
-    if (!may_read_)
-        return;
-    may_read_ = false;
     std::array<epoll_event, std::tuple_size_v<decltype(readable_)>> events;
-    const int count = epoll_wait(watched_, events.data(), static_cast<int>(events.size()), 0);
-    for (int i = 0; i < count; ++i)
-        readable_[found_++] = events[static_cast<size_t>(i)].data.fd;
+    const int count = epoll_wait(watched_, events.data(), static_cast<int>(events.size()), timeout);
+    found_ = 0;
+    for (int i = 0; i < count; ++i) {
+        const int descriptor = events[static_cast<size_t>(i)].data.fd;
+        if (descriptor == clock_)
+            set_clock(-1);
+        else if (descriptor == uv_backend_fd(&loop_))
+            uv_run(&loop_, UV_RUN_NOWAIT);
+        else
+            readable_[found_++] = descriptor;
+    }
 }
 
-void sleeper::look()
+// Setting it also forgets that a time has passed, so that it can be read no more.
+void sleeper::set_clock(int64_t due)
 {
-    may_read_ = true;
-    find_readable();
+    if (due == set_to_)
+        return;
+    itimerspec at{};
+    if (due >= 0) {
+        // Up to a millisecond late: what else wakes the master meanwhile often spares it this turn. 0 would mean none, and
+        // some systems count seconds no further than 32 bits.
+        const int64_t msec = std::clamp<int64_t>(due / 1'000 + 1, 1, std::numeric_limits<int32_t>::max() * 1'000LL);
+        at.it_value.tv_sec = static_cast<time_t>(msec / 1'000);
+        at.it_value.tv_nsec = static_cast<long>(msec % 1'000 * 1'000'000);
+    }
+    timerfd_settime(clock_, TFD_TIMER_ABSTIME, &at, nullptr);
+    set_to_ = due;
 }
 
 void sleeper::sleep_until(int64_t due)
 {
-    uv_timer_stop(&timer_);
-    if (due >= 0) {
-        // libuv counts milliseconds from the loop's own time; rounding up saves a useless turn just before the due
-        // time.
-        const int64_t wait = due - monotonic_now();
-        uv_update_time(&loop_);
-        // The loop runs timers before it waits, too, and after one that is due by then it would wait for ever.
-        uv_timer_start(
-            &timer_, [](uv_timer_t *timer) { uv_stop(timer->loop); },
-            wait > 0 ? static_cast<uint64_t>((wait - 1) / 1000 + 1) : 0, 0);
-    }
-    uv_run(&loop_, UV_RUN_ONCE);
-    find_readable();
+    set_clock(due);
+    wait(-1);
 }
 
 void sleeper::wake() { uv_async_send(&async_); }
