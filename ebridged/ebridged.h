@@ -2,8 +2,9 @@
  * of one's own.
  *
  * The allocator answers the session records of the databases that it is told, those of evlans and those of eports: it
- * decides which id each request gets, writes the answer into the same record, and mirrors every answered session into
- * the data-plane database (8). Evlans and eports have ids of their own; what is counted below counts both.
+ * decides which id each request gets, writes the answer into the same record, and a moment later (2 ms) mirrors every
+ * answered session into the data-plane database (8). Evlans and eports have ids of their own; what is counted below
+ * counts both.
  *
  * The arbiter follows the match rules of the same databases: it decides which of the users' rules of one key hold, and
  * writes the result into the record of each. A user registers here by the first rule of its name, unless it has been

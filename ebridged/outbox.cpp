@@ -7,6 +7,14 @@
 namespace ebridged
 {
 
+namespace
+{
+
+constexpr int64_t HOLD_USEC = 2'000;
+constexpr size_t ENOUGH_MIRRORS = 128;  // as many as the store client sends in one call
+
+}  // namespace
+
 void service::note_due(duty what, const session_id &id)
 {
     const auto [noted, is_new] = due_set_.insert({what, id});
@@ -44,11 +52,82 @@ void service::send_due()
     }
 }
 
-// 0 when nothing is left to do, also because the write is impossible. Otherwise a code that passes, or EFENCED: another
-// service has taken over, and this one is about to hear of it.
+// What the mirror of this name shows: of the answered sessions of several databases that of the lowest.
+service::mirror_write service::mirror_of(const session_id &id) const
+{
+    for (const uint32_t db : databases_) {
+        const auto found = sessions_.find({db, id.name});
+        if (db != MIRROR_DB && found != sessions_.end() && found->second.reply != 0)
+            return {id, db, found->second};
+    }
+    return {id, std::nullopt, {}};
+}
+
+// As a list, because holding it then cannot fail.
+std::list<service::mirror_write> service::mirrors_of(const session_id &id) const
+{
+    std::list<mirror_write> made;
+    if (id.db != MIRROR_DB)
+        made.push_back(mirror_of(id));
+    return made;
+}
+
+// When there is no timer, too, they are written at once.
+void service::hold(std::list<mirror_write> &&made)
+{
+    held_.splice(held_.end(), made);
+    if (!due_.empty() || held_.size() >= ENOUGH_MIRRORS || !send_held_later())
+        send_held();
+}
+
+bool service::send_held_later()
+{
+    if (!held_.empty() && !hold_pending_)
+        hold_pending_ =
+            qz_thread_call_after(qz_mom_handle_master(handle_), HOLD_USEC, on_held, number_arg(KINDS.front())) == 0;
+    return held_.empty() || hold_pending_;
+}
+
+// In their order. From the first one on that the store does not take they are due, and written as things stand then.
+void service::send_held()
+{
+    for (; !held_.empty(); held_.pop_front()) {
+        const mirror_write &next = held_.front();
+        if (!due_.empty() || outcome(next.id, send_mirror(next)) != QZ_MOM_OK)
+            note_due(duty::mirror, next.id);
+    }
+    if (!due_.empty() && !retry_pending_)
+        send_due();
+}
+
+void service::send_last()
+{
+    while (!held_.empty() && outcome(held_.front().id, send_mirror(held_.front())) == QZ_MOM_OK)
+        held_.pop_front();
+}
+
+void service::on_held(void *number)
+{
+    service *const self = numbers<address>::find(number).self;
+    if (!self)
+        return;
+    self->hold_pending_ = false;
+    try {
+        self->send_held();
+    } catch (const std::bad_alloc &) {
+        self->send_held_later();  // without a timer the next change sends them
+    }
+}
+
 int32_t service::write(duty what, const session_id &id)
 {
-    const int32_t code = what == duty::answer ? send_answer(id) : send_mirror(id.name);
+    return outcome(id, what == duty::answer ? send_answer(id) : send_mirror(mirror_of(id)));
+}
+
+// 0 when nothing is left to do, also because the write is impossible. Otherwise a code that passes, or EFENCED: another
+// service has taken over, and this one is about to hear of it.
+int32_t service::outcome(const session_id &id, int32_t code) const
+{
     if (code == QZ_MOM_OK || code == QZ_MOM_EFENCED || passes(code))
         return code;
     log(EBRIDGED_LOG_ERROR, "database %u, user %s, %s: cannot be written: %s", id.db, id.name.user.c_str(),
@@ -70,12 +149,13 @@ int32_t service::send_answer(const session_id &id)
     return code;
 }
 
-int32_t service::send_mirror(const session_name &name)
+int32_t service::send_mirror(const mirror_write &made)
 {
+    const session_name &name = made.id.name;
     void *const number = number_arg(name.of);
     int32_t code = QZ_MOM_OK;
-    if (const auto *origin = to_mirror(name)) {
-        const session_record written(name, origin->second, origin->first.db);
+    if (made.shown) {
+        const session_record written(name, made.content, *made.shown);
         code = qz_mom_hmset(handle_, MIRROR_DB, written.message(), MIRROR_FIELDS, std::size(MIRROR_FIELDS), on_written,
                             number);
     } else {
@@ -83,17 +163,6 @@ int32_t service::send_mirror(const session_name &name)
     }
     writes_.at(MIRROR_DB).sent += code == QZ_MOM_OK;
     return code;
-}
-
-// The answered session that the mirror of this name shows: of several databases the lowest. Null: there is none.
-const std::pair<const session_id, session> *service::to_mirror(const session_name &name) const
-{
-    for (uint32_t db : databases_) {
-        const auto found = sessions_.find({db, name});
-        if (db != MIRROR_DB && found != sessions_.end() && found->second.reply != 0)
-            return &*found;
-    }
-    return nullptr;
 }
 
 // A write that the store had taken over and could not do after all.

@@ -51,6 +51,7 @@ service::service(qz_mom_handle *handle, const ebridged_options *options)
 
 service::~service()
 {
+    send_last();
     for (const auto &[of, number] : numbers_)
         numbers<address>::remove(number);
     for (const start_task &task : tasks_) {
@@ -297,9 +298,9 @@ void service::answer(const session_id &id, const session &content, const decisio
     refused_ += refused;
     log(refused ? EBRIDGED_LOG_INFO : EBRIDGED_LOG_DEBUG, "database %u, user %s, %s: 0x%x %s", id.db,
         id.name.user.c_str(), key_words(id.name).text, id_word(made.reply), verdict_text(made.why));
+    auto mirrors = mirrors_of(id);  // before anything is written: it takes memory
     put(duty::answer, id);
-    if (id.db != MIRROR_DB)
-        put(duty::mirror, id);
+    hold(std::move(mirrors));
 }
 
 void service::session_removed(const session_id &id)
@@ -309,8 +310,7 @@ void service::session_removed(const session_id &id)
         note_stray(id, known->second);
         sessions_.erase(known);
     }
-    if (id.db != MIRROR_DB)
-        put(duty::mirror, id);
+    hold(mirrors_of(id));
 }
 
 void service::note_stray(const session_id &id, const session &last)

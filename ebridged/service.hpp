@@ -20,8 +20,9 @@
 #pragma once
 
 #include <deque>
+#include <list>
 #include <map>
-#include <set>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -99,6 +100,12 @@ class service
         uint64_t number = 0;
         uint32_t given = 0;
     };
+    // What is to be written of a session into the mirror database, as things stand when it is made.
+    struct mirror_write {
+        session_id id;
+        std::optional<uint32_t> shown;  // the database whose session it shows; none: the mirror goes
+        session content;
+    };
     enum class duty { answer, mirror };
     struct due {
         duty what;
@@ -119,6 +126,7 @@ class service
     static int32_t on_mirror_scan(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
     static int32_t on_written(qz_mom_handle *handle, const qz_mom_notification *msg, void *number);
     static void on_retry(void *number);
+    static void on_held(void *number);
     struct address {
         service *self = nullptr;  // null: it has ended
         kind of = kind::evlan;
@@ -147,13 +155,19 @@ class service
     void range_heard(kind of, const qz_mom_notification &msg);
     void mirror_heard(kind of, const qz_mom_notification &msg);
     // outbox.cpp: writes
-    const std::pair<const session_id, session> *to_mirror(const session_name &name) const;
+    mirror_write mirror_of(const session_id &id) const;
+    std::list<mirror_write> mirrors_of(const session_id &id) const;
+    void hold(std::list<mirror_write> &&made);
+    bool send_held_later();
+    void send_held();
+    void send_last();
     void put(duty what, const session_id &id);
     void note_due(duty what, const session_id &id);
     void send_due();
     int32_t write(duty what, const session_id &id);
+    int32_t outcome(const session_id &id, int32_t code) const;
     int32_t send_answer(const session_id &id);
-    int32_t send_mirror(const session_name &name);
+    int32_t send_mirror(const mirror_write &made);
     bool is_done(uint32_t db, uint64_t number) const { return writes_.at(db).done >= number; }
     void write_failed(kind of, const qz_mom_notification &msg);
     void retry_later();
@@ -168,6 +182,8 @@ class service
     std::map<std::pair<uint32_t, std::string>, found_session> found_;  // until serving; by database and key text
     std::vector<mirror_record> mirrors_;                               // until serving
     std::unordered_map<session_id, session, session_id_hash> sessions_;
+    std::list<mirror_write> held_;  // to be written with the next ones; none for long while anything is due
+    bool hold_pending_ = false;
     std::deque<due> due_;                        // in the order of writing
     std::unordered_set<due, due_hash> due_set_;  // the same: each is due once
     std::map<uint32_t, write_count> writes_;     // by database

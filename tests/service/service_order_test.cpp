@@ -52,6 +52,14 @@ class ServiceOfBoth : public testing::Test
         ebridged_get_stat(service, &now);
         return now;
     }
+    // What has been written since the last time, mirrors that were held included.
+    std::vector<std::string> written()
+    {
+        store.run_timers();
+        auto texts = store.texts();
+        store.writes.clear();
+        return texts;
+    }
     static std::string sessions(const char *call, table of)
     {
         return call + std::string(of == table::evlan ? " evlan_session" : " eport_session");
@@ -116,7 +124,7 @@ TEST_P(ServiceOrder, NothingIsAnsweredBeforeEveryTableIsRead)
     end_scans(other);
     EXPECT_THAT(store.writes, IsEmpty());
     store.end_scan(mirrors(), 8);
-    EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000001", "hmset 8 a/32/1 0x20000001"));
+    EXPECT_THAT(written(), ElementsAre("hmupdate 4 a/32/1 0x20000001", "hmset 8 a/32/1 0x20000001"));
 }
 
 TEST_P(ServiceOrder, ARemovalHeardDuringTheScanOutweighsTheScansCopy)
@@ -135,7 +143,7 @@ TEST_P(ServiceOrder, AWriteHeardDuringTheScanOutweighsTheScansCopy)
     store.written(live(), 4, "a", 1, 0x20000007);
     store.written(scan(), 4, "a", 1, 0x20000005);
     end_scans();
-    EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000007", "hmset 8 a/32/1 0x20000007"));
+    EXPECT_THAT(written(), ElementsAre("hmupdate 4 a/32/1 0x20000007", "hmset 8 a/32/1 0x20000007"));
 }
 
 TEST_P(ServiceOrder, ASessionRemovedAfterTheScanSawItIsNotTakenOver)
@@ -242,13 +250,12 @@ TEST_P(ServiceOrder, ASessionRequestedAgainWhileItsAnswerIsUnderWayKeepsTheId)
 {
     serve();
     store.written(live(), 4, "a", 1);
-    const std::vector<store_write> first = std::exchange(store.writes, {});
+    written();
     for (int again = 0; again < 2; ++again) {
         store.removed(live(), 4, "a", 1);
         store.written(live(), 4, "a", 1);
-        EXPECT_THAT(store.texts(),
-                    ElementsAre("del 8 a/32/1", "hmupdate 4 a/32/1 0x20000001", "hmset 8 a/32/1 0x20000001"));
-        store.writes.clear();
+        EXPECT_THAT(written(),
+                    ElementsAre("hmupdate 4 a/32/1 0x20000001", "del 8 a/32/1", "hmset 8 a/32/1 0x20000001"));
     }
 }
 
@@ -258,9 +265,9 @@ TEST_P(ServiceOrder, AnIdRestsOnceItsAnswerIsDone)
     store.written(live(), 4, "a", 1);
     store.write_done(store.writes[0], 4, "a", 1, 0);
     store.removed(live(), 4, "a", 1);
-    store.writes.clear();
+    written();
     store.written(live(), 4, "a", 1);
-    EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000002", "hmset 8 a/32/1 0x20000002"));
+    EXPECT_THAT(written(), ElementsAre("hmupdate 4 a/32/1 0x20000002", "hmset 8 a/32/1 0x20000002"));
 }
 
 TEST_P(ServiceOrder, AnIdWhoseAnswerIsUnderWayCanBeAnothersMeanwhile)
@@ -269,9 +276,9 @@ TEST_P(ServiceOrder, AnIdWhoseAnswerIsUnderWayCanBeAnothersMeanwhile)
     store.written(live(), 4, "a", 1);
     store.removed(live(), 4, "a", 1);
     store.written(live(), 4, "b", 2, 0, 0x20000001);
-    store.writes.clear();
+    written();
     store.written(live(), 4, "a", 1);
-    EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000002", "hmset 8 a/32/1 0x20000002"));
+    EXPECT_THAT(written(), ElementsAre("hmupdate 4 a/32/1 0x20000002", "hmset 8 a/32/1 0x20000002"));
 }
 
 // The first answer is still under way when the third request comes, but the second one has been answered, too.
@@ -282,40 +289,40 @@ TEST_P(ServiceOrder, AnAnswerStandsWhenAnEarlierOneIsUnderWay)
     store.removed(live(), 4, "a", 1);
     store.written(live(), 4, "b", 2, 0, 0x20000001);
     store.written(live(), 4, "a", 1);
-    store.writes.clear();
+    written();
     store.written(live(), 4, "a", 1);
     store.removed(live(), 4, "b", 2);
     store.written(live(), 4, "a", 1);
-    EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000002", "hmset 8 a/32/1 0x20000002", "del 8 b/32/2",
-                                           "hmupdate 4 a/32/1 0x20000002", "hmset 8 a/32/1 0x20000002"));
+    EXPECT_THAT(written(), ElementsAre("hmupdate 4 a/32/1 0x20000002", "hmupdate 4 a/32/1 0x20000002",
+                                       "hmset 8 a/32/1 0x20000002", "del 8 b/32/2", "hmset 8 a/32/1 0x20000002"));
 }
 
 TEST_P(ServiceOrder, AWriteThatFailsLaterIsMadeAgain)
 {
     serve();
     store.written(live(), 4, "a", 1);
+    store.run_timers();
     const std::vector<store_write> first = std::exchange(store.writes, {});
     ASSERT_EQ(first.size(), 2U);
     store.write_done(first[0], 4, "a", 1, QZ_MOM_EDOWN);
-    store.run_timers();
-    EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000001"));
-    store.writes.clear();
+    EXPECT_THAT(written(), ElementsAre("hmupdate 4 a/32/1 0x20000001"));
     store.write_done(first[1], 8, "a", 1, QZ_MOM_EDOWN);
-    store.run_timers();
-    EXPECT_THAT(store.texts(), ElementsAre("hmset 8 a/32/1 0x20000001"));
+    EXPECT_THAT(written(), ElementsAre("hmset 8 a/32/1 0x20000001"));
 }
 
 TEST_P(ServiceOrder, AWriteThatCanNeverSucceedIsNotMadeAgain)
 {
     serve();
     store.written(live(), 4, "a", 1);
+    store.run_timers();
     const std::vector<store_write> first = std::exchange(store.writes, {});
+    ASSERT_EQ(first.size(), 2U);
     store.write_done(first[0], 4, "a", 1, QZ_MOM_EFORM);
     store.write_done(first[1], 8, "a", 1, 0);
     EXPECT_THAT(store.timers, IsEmpty());
     store.codes = {{"hmupdate", QZ_MOM_EFORM}};
     store.written(live(), 4, "a", 2);
-    EXPECT_THAT(store.texts(), ElementsAre("hmset 8 a/32/2 0x20000002"));
+    EXPECT_THAT(written(), ElementsAre("hmset 8 a/32/2 0x20000002"));
     EXPECT_EQ(stat().waiting, 0U);
 }
 
@@ -343,9 +350,90 @@ TEST_P(ServiceOrder, ARequestForWhatIsAnsweredIsAnsweredAndMirroredAgain)
     serve();
     for (int again = 0; again < 3; ++again) {
         store.written(live(), 4, "a", 1);
-        EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000001", "hmset 8 a/32/1 0x20000001"));
-        store.writes.clear();
+        EXPECT_THAT(written(), ElementsAre("hmupdate 4 a/32/1 0x20000001", "hmset 8 a/32/1 0x20000001"));
     }
+}
+
+// ---- mirrors that wait for each other -------------------------------------------------------------------------------
+
+TEST_P(ServiceOrder, MirrorsAreHeldForAMomentAndWrittenTogether)
+{
+    serve();
+    for (const uint32_t key : {1U, 2U})
+        store.written(live(), 4, "a", key);
+    EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000001", "hmupdate 4 a/32/2 0x20000002"));
+    EXPECT_EQ(store.timers.size(), 1U);
+    store.writes.clear();
+    EXPECT_THAT(written(), ElementsAre("hmset 8 a/32/1 0x20000001", "hmset 8 a/32/2 0x20000002"));
+    EXPECT_THAT(store.timers, IsEmpty());
+}
+
+// Another key gets the id: who follows the mirrors hears first that it is free.
+TEST_P(ServiceOrder, EveryStepOfASessionIsMirroredInItsOrder)
+{
+    serve();
+    store.written(live(), 4, "a", 1);
+    store.removed(live(), 4, "a", 1);
+    store.written(live(), 4, "b", 2, 0, 0x20000001);
+    store.written(live(), 4, "a", 1);
+    store.writes.clear();
+    EXPECT_THAT(written(), ElementsAre("hmset 8 a/32/1 0x20000001", "del 8 a/32/1", "hmset 8 b/32/2 0x20000001",
+                                       "hmset 8 a/32/1 0x20000002"));
+}
+
+TEST_P(ServiceOrder, AsManyMirrorsAsAreSentInOneCallWaitForNothing)
+{
+    serve();
+    for (uint32_t key = 1; key <= 127; ++key)
+        store.written(live(), 4, "a", key);
+    EXPECT_EQ(store.writes.size(), 127U);
+    store.written(live(), 4, "a", 128);
+    EXPECT_EQ(store.writes.size(), 256U);
+    EXPECT_EQ(store.writes.back().text, "hmset 8 a/32/128 0x20000080");
+}
+
+TEST_P(ServiceOrder, MirrorsAreWrittenAtOnceWhenThereIsNoTimer)
+{
+    serve();
+    store.codes = {{"timer", QZ_MOM_ENOMEM}};
+    store.written(live(), 4, "a", 1);
+    EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000001", "hmset 8 a/32/1 0x20000001"));
+}
+
+TEST_P(ServiceOrder, HeldMirrorsThatTheStoreRefusesComeLaterAsThingsStandThen)
+{
+    serve();
+    for (const uint32_t key : {1U, 2U})
+        store.written(live(), 4, "a", key);
+    store.codes = {{"hmset", QZ_MOM_EFULL}, {"del", QZ_MOM_EFULL}};
+    store.run_timers();
+    EXPECT_EQ(stat().waiting, 2U);
+    store.removed(live(), 4, "a", 1);
+    EXPECT_EQ(stat().waiting, 2U);
+    store.codes.clear();
+    store.writes.clear();
+    EXPECT_THAT(written(), ElementsAre("del 8 a/32/1", "hmset 8 a/32/2 0x20000002"));
+    EXPECT_THAT(store.timers, IsEmpty());
+}
+
+TEST_P(ServiceOrder, WhatIsHeldIsWrittenBeforeTheEnd)
+{
+    serve();
+    store.written(live(), 4, "a", 1);
+    store.removed(live(), 4, "a", 1);
+    store.writes.clear();
+    ebridged_stop(service);
+    service = nullptr;
+    EXPECT_THAT(written(), ElementsAre("hmset 8 a/32/1 0x20000001", "del 8 a/32/1"));
+}
+
+// Of one that was killed before it had written the mirrors.
+TEST_P(ServiceOrder, AnAnswerWithoutAMirrorIsMirroredAtTheNextStart)
+{
+    follow();
+    store.written(scan(), 4, "a", 1, 0x20000005);
+    end_scans();
+    EXPECT_THAT(written(), testing::Contains("hmset 8 a/32/1 0x20000005"));
 }
 
 // ---- both at once ---------------------------------------------------------------------------------------------------
@@ -358,9 +446,9 @@ TEST_F(ServiceOfBoth, EvlansAndEportsHaveIdsOfTheirOwn)
     EXPECT_EQ(stat().keys, 2U);
     EXPECT_EQ(stat().sessions, 2U);
     store.removed(live(table::evlan), 4, "a", 1);
-    EXPECT_THAT(store.texts(),
-                ElementsAre("hmupdate 4 a/32/1 0x20000001", "hmset 8 a/32/1 0x20000001", "hmupdate 4 a/32/1 0x20000001",
-                            "hmset 8 a/32/1 0x20000001", "del 8 a/32/1"));
+    store.run_timers();
+    EXPECT_THAT(store.texts(), ElementsAre("hmupdate 4 a/32/1 0x20000001", "hmupdate 4 a/32/1 0x20000001",
+                                           "hmset 8 a/32/1 0x20000001", "hmset 8 a/32/1 0x20000001", "del 8 a/32/1"));
     EXPECT_EQ(store.writes.back().done.of, table::evlan);
     EXPECT_EQ(stat().keys, 1U);
 }
