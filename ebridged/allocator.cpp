@@ -76,7 +76,7 @@ const char *verdict_text(verdict v)
     return "unknown";
 }
 
-size_t id_key_hash::operator()(const id_key &key) const noexcept
+size_t id_key_hash::operator()(const id_key &key) const
 {
     uint64_t mixed = key.type;
     for (uint32_t word : {key.key1, key.key2}) {

@@ -28,8 +28,10 @@ struct id_key {
     auto operator<=>(const id_key &) const = default;
 };
 
+// Not noexcept, nor are its neighbours: so the standard library keeps the hash beside each entry, and need not look at
+// keys, which are elsewhere in memory, to see where a bucket ends.
 struct id_key_hash {
-    size_t operator()(const id_key &key) const noexcept;
+    size_t operator()(const id_key &key) const;
 };
 
 // A type that ids exist of, and its numbers as long as nobody says otherwise.

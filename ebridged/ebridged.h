@@ -47,6 +47,7 @@ typedef struct ebridged_options {
     uint32_t database_count;
     ebridged_log_func log; /* null: errors go to standard error, the rest nowhere */
     void *log_args;
+    uint32_t log_level; /* lines of higher levels are not even made up; 0: all are, where there is a `log` */
 } ebridged_options;
 
 typedef struct ebridged_stat {

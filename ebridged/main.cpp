@@ -72,8 +72,6 @@ int read_arguments(int argc, char **argv, settings *out)
 void log_line(ebridged_log_level level, const char *line, void *args)
 {
     const auto *given = static_cast<const settings *>(args);
-    if (level == EBRIDGED_LOG_DEBUG && !given->verbose)
-        return;
     if (given->syslog)
         syslog(level == EBRIDGED_LOG_ERROR ? LOG_ERR : level == EBRIDGED_LOG_INFO ? LOG_INFO : LOG_DEBUG, "%s", line);
     else
@@ -125,7 +123,8 @@ int serve(qz_thread_master *master, settings *given, const sigset_t *signals)
     const ebridged_options options{.databases = given->databases.data(),
                                    .database_count = static_cast<uint32_t>(given->databases.size()),
                                    .log = log_line,
-                                   .log_args = given};
+                                   .log_args = given,
+                                   .log_level = given->verbose ? EBRIDGED_LOG_DEBUG : EBRIDGED_LOG_INFO};
     reporter told(given);
     ebridged::standby turns(given->store, master, options, &told);
     if (const int32_t code = turns.start(); code != QZ_MOM_OK) {

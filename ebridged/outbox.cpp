@@ -28,10 +28,21 @@ void service::note_due(duty what, const session_id &id)
     }
 }
 
-void service::put(duty what, const session_id &id)
+void service::put_answer(session_entry &answered)
 {
-    if (due_.empty() && write(what, id) == QZ_MOM_OK)
-        return;
+    if (!due_.empty() || outcome(answered.first, send_answer(answered)) != QZ_MOM_OK)
+        put_off(duty::answer, answered.first);
+}
+
+void service::put_mirror(const mirror_write &made)
+{
+    if (!due_.empty() || outcome(made.id, send_mirror(made)) != QZ_MOM_OK)
+        put_off(duty::mirror, made.id);
+}
+
+// Behind all that is due.
+void service::put_off(duty what, const session_id &id)
+{
     note_due(what, id);
     if (!retry_pending_)
         send_due();
@@ -52,23 +63,30 @@ void service::send_due()
     }
 }
 
-// What the mirror of this name shows: of the answered sessions of several databases that of the lowest.
-service::mirror_write service::mirror_of(const session_id &id) const
+// What the mirror of this name shows: of the answered sessions of several databases that of the lowest. `own` is the
+// session itself, null when it is gone.
+service::mirror_write service::mirror_of(const session_id &id, const session *own) const
 {
     for (const uint32_t db : databases_) {
-        const auto found = sessions_.find({db, id.name});
-        if (db != MIRROR_DB && found != sessions_.end() && found->second.reply != 0)
-            return {id, db, found->second};
+        const session *const shown = db == id.db ? own : find_session({db, id.name});
+        if (db != MIRROR_DB && shown && shown->reply != 0)
+            return {id, db, *shown};
     }
     return {id, std::nullopt, {}};
 }
 
+const session *service::find_session(const session_id &id) const
+{
+    const auto found = sessions_.find(id);
+    return found == sessions_.end() ? nullptr : &found->second;
+}
+
 // As a list, because holding it then cannot fail.
-std::list<service::mirror_write> service::mirrors_of(const session_id &id) const
+std::list<service::mirror_write> service::mirrors_of(const session_id &id, const session *own) const
 {
     std::list<mirror_write> made;
     if (id.db != MIRROR_DB)
-        made.push_back(mirror_of(id));
+        made.push_back(mirror_of(id, own));
     return made;
 }
 
@@ -88,16 +106,10 @@ bool service::send_held_later()
     return held_.empty() || hold_pending_;
 }
 
-// In their order. From the first one on that the store does not take they are due, and written as things stand then.
 void service::send_held()
 {
-    for (; !held_.empty(); held_.pop_front()) {
-        const mirror_write &next = held_.front();
-        if (!due_.empty() || outcome(next.id, send_mirror(next)) != QZ_MOM_OK)
-            note_due(duty::mirror, next.id);
-    }
-    if (!due_.empty() && !retry_pending_)
-        send_due();
+    for (; !held_.empty(); held_.pop_front())
+        put_mirror(held_.front());
 }
 
 void service::send_last()
@@ -119,9 +131,13 @@ void service::on_held(void *number)
     }
 }
 
+// As things stand.
 int32_t service::write(duty what, const session_id &id)
 {
-    return outcome(id, what == duty::answer ? send_answer(id) : send_mirror(mirror_of(id)));
+    if (what == duty::mirror)
+        return outcome(id, send_mirror(mirror_of(id, find_session(id))));
+    const auto session = sessions_.find(id);
+    return session == sessions_.end() ? QZ_MOM_OK : outcome(id, send_answer(*session));
 }
 
 // 0 when nothing is left to do, also because the write is impossible. Otherwise a code that passes, or EFENCED: another
@@ -136,16 +152,14 @@ int32_t service::outcome(const session_id &id, int32_t code) const
 }
 
 // The update leaves an expiry mark alone, and brings no session back that its owner has deleted meanwhile.
-int32_t service::send_answer(const session_id &id)
+int32_t service::send_answer(session_entry &answered)
 {
-    const auto session = sessions_.find(id);
-    if (session == sessions_.end())
-        return QZ_MOM_OK;
-    const session_record written(id.name, session->second);
+    auto &[id, content] = answered;
+    const session_record written(id.name, content);
     const int32_t code = qz_mom_hmupdate(handle_, id.db, written.message(), ANSWER_FIELDS, std::size(ANSWER_FIELDS),
                                          on_written, number_arg(id.name.of));
     if (code == QZ_MOM_OK)
-        session->second.answer = ++writes_.at(id.db).sent;
+        content.answer = ++writes_.at(id.db).sent;
     return code;
 }
 

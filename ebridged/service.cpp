@@ -19,7 +19,7 @@ std::string holder_of(const session_id &id) { return std::to_string(id.db) + '/'
 
 }  // namespace
 
-size_t session_id_hash::operator()(const session_id &id) const noexcept
+size_t session_id_hash::operator()(const session_id &id) const
 {
     const auto of = static_cast<uint32_t>(id.name.of);
     return std::hash<std::string>()(id.name.user) ^ id_key_hash()(id.name.key) ^ id_key_hash()(id_key{of, id.db, 0});
@@ -222,7 +222,7 @@ void service::remove_stale_mirrors()
         const bool stands = found != found_.end() && !found->second.gone && !found->second.conflict &&
                             found->second.content.reply != 0 && found->second.content.reply_value == mirror.reply_value;
         if (!stands)
-            put(duty::mirror, mirror.shown);
+            put_mirror(mirror_of(mirror.shown, find_session(mirror.shown)));
     }
 }
 
@@ -274,7 +274,7 @@ decision service::decide(const session_id &id, uint32_t wanted)
 {
     allocator &ids = allocators_.at(id.name.of);
     const auto now = qz_thread_now(qz_mom_handle_master(handle_));
-    if ((wanted & NUMBER_MASK) == 0 && ids.id_of(id.name.key) == 0) {
+    if (!stray_.empty() && (wanted & NUMBER_MASK) == 0 && ids.id_of(id.name.key) == 0) {
         const auto stray = stray_.find(id);
         if (stray != stray_.end() && !is_done(id.db, stray->second.number)) {
             const decision again = ids.request(holder_of(id), id.name.key, stray->second.given, now);
@@ -288,7 +288,8 @@ decision service::decide(const session_id &id, uint32_t wanted)
 void service::answer(const session_id &id, const session &content, const decision &made)
 {
     const bool refused = made.why != verdict::granted;
-    session &kept = sessions_[id];
+    session_entry &entry = *sessions_.try_emplace(id).first;
+    session &kept = entry.second;
     const uint64_t under_way = kept.answer;
     kept = content;
     kept.answer = under_way;
@@ -296,10 +297,12 @@ void service::answer(const session_id &id, const session &content, const decisio
     kept.reply = 1;
     ++answered_;
     refused_ += refused;
-    log(refused ? EBRIDGED_LOG_INFO : EBRIDGED_LOG_DEBUG, "database %u, user %s, %s: 0x%x %s", id.db,
-        id.name.user.c_str(), key_words(id.name).text, id_word(made.reply), verdict_text(made.why));
-    auto mirrors = mirrors_of(id);  // before anything is written: it takes memory
-    put(duty::answer, id);
+    const ebridged_log_level level = refused ? EBRIDGED_LOG_INFO : EBRIDGED_LOG_DEBUG;
+    if (log.wants(level))
+        log(level, "database %u, user %s, %s: 0x%x %s", id.db, id.name.user.c_str(), key_words(id.name).text,
+            id_word(made.reply), verdict_text(made.why));
+    auto mirrors = mirrors_of(id, &kept);  // before anything is written: it takes memory
+    put_answer(entry);
     hold(std::move(mirrors));
 }
 
@@ -310,7 +313,7 @@ void service::session_removed(const session_id &id)
         note_stray(id, known->second);
         sessions_.erase(known);
     }
-    hold(mirrors_of(id));
+    hold(mirrors_of(id, nullptr));
 }
 
 void service::note_stray(const session_id &id, const session &last)

@@ -51,7 +51,7 @@ struct session_id {
 };
 
 struct session_id_hash {
-    size_t operator()(const session_id &id) const noexcept;
+    size_t operator()(const session_id &id) const;
 };
 
 class service
@@ -106,6 +106,8 @@ class service
         std::optional<uint32_t> shown;  // the database whose session it shows; none: the mirror goes
         session content;
     };
+    using session_map = std::unordered_map<session_id, session, session_id_hash>;
+    using session_entry = session_map::value_type;
     enum class duty { answer, mirror };
     struct due {
         duty what;
@@ -113,10 +115,7 @@ class service
         bool operator==(const due &) const = default;
     };
     struct due_hash {
-        size_t operator()(const due &d) const noexcept
-        {
-            return session_id_hash()(d.id) * 2 + (d.what == duty::mirror);
-        }
+        size_t operator()(const due &d) const { return session_id_hash()(d.id) * 2 + (d.what == duty::mirror); }
     };
 
     // Callbacks of the store client and of the master. Their argument is a number for a service and a kind.
@@ -155,18 +154,21 @@ class service
     void range_heard(kind of, const qz_mom_notification &msg);
     void mirror_heard(kind of, const qz_mom_notification &msg);
     // outbox.cpp: writes
-    mirror_write mirror_of(const session_id &id) const;
-    std::list<mirror_write> mirrors_of(const session_id &id) const;
+    const session *find_session(const session_id &id) const;
+    mirror_write mirror_of(const session_id &id, const session *own) const;
+    std::list<mirror_write> mirrors_of(const session_id &id, const session *own) const;
     void hold(std::list<mirror_write> &&made);
     bool send_held_later();
     void send_held();
     void send_last();
-    void put(duty what, const session_id &id);
+    void put_answer(session_entry &answered);
+    void put_mirror(const mirror_write &made);
+    void put_off(duty what, const session_id &id);
     void note_due(duty what, const session_id &id);
     void send_due();
     int32_t write(duty what, const session_id &id);
     int32_t outcome(const session_id &id, int32_t code) const;
-    int32_t send_answer(const session_id &id);
+    int32_t send_answer(session_entry &answered);
     int32_t send_mirror(const mirror_write &made);
     bool is_done(uint32_t db, uint64_t number) const { return writes_.at(db).done >= number; }
     void write_failed(kind of, const qz_mom_notification &msg);
@@ -181,7 +183,7 @@ class service
     bool serving_ = false;
     std::map<std::pair<uint32_t, std::string>, found_session> found_;  // until serving; by database and key text
     std::vector<mirror_record> mirrors_;                               // until serving
-    std::unordered_map<session_id, session, session_id_hash> sessions_;
+    session_map sessions_;
     std::list<mirror_write> held_;  // to be written with the next ones; none for long while anything is due
     bool hold_pending_ = false;
     std::deque<due> due_;                        // in the order of writing

@@ -11,6 +11,8 @@ namespace ebridged
 
 void service_log::operator()(ebridged_log_level level, const char *format, ...) const
 {
+    if (!wants(level))
+        return;
     char line[512];
     va_list args;
     va_start(args, format);
@@ -21,7 +23,7 @@ void service_log::operator()(ebridged_log_level level, const char *format, ...) 
         line, line + std::strlen(line), [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
     if (func_)
         func_(level, line, args_);
-    else if (level == EBRIDGED_LOG_ERROR)
+    else
         std::fprintf(stderr, "ebridged: %s\n", line);
 }
 

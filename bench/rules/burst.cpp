@@ -60,7 +60,7 @@ class decider
     {
         const uint32_t databases[] = {RULE_DB};
         const ebridged_options options{
-            .databases = databases, .database_count = 1, .log = nullptr, .log_args = nullptr};
+            .databases = databases, .database_count = 1, .log = nullptr, .log_args = nullptr, .log_level = 0};
         if (qz_mom_client_open(url, master, &handle_) != 0 || ebridged_start(handle_, &options, &service_) != 0)
             fail("the service cannot be started");
     }

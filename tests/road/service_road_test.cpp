@@ -472,7 +472,8 @@ TEST_P(ServiceRoad, BadArgumentsAreRefused)
     EXPECT_EQ(ebridged_start(nullptr, nullptr, &none), QZ_MOM_EINVAL);
     EXPECT_EQ(ebridged_start(serving, nullptr, nullptr), QZ_MOM_EINVAL);
     const uint32_t unknown[] = {4, 99};
-    const ebridged_options options{.databases = unknown, .database_count = 2, .log = nullptr, .log_args = nullptr};
+    const ebridged_options options{
+        .databases = unknown, .database_count = 2, .log = nullptr, .log_args = nullptr, .log_level = 0};
     EXPECT_EQ(ebridged_start(serving, &options, &none), QZ_MOM_EDB);
     EXPECT_EQ(none, nullptr);
     ebridged_stop(nullptr);

@@ -167,7 +167,8 @@ void world::start_service(std::vector<uint32_t> databases)
     const ebridged_options options{.databases = databases.data(),
                                    .database_count = static_cast<uint32_t>(databases.size()),
                                    .log = add_log,
-                                   .log_args = nullptr};
+                                   .log_args = nullptr,
+                                   .log_level = 0};
     ASSERT_EQ(ebridged_start(serving, &options, &service), 0);
     settle();
     ASSERT_EQ(stat().serving, 1U);

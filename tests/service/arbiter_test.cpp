@@ -34,7 +34,8 @@ class Arbiter : public testing::TestWithParam<bool>
         const ebridged_options options{.databases = databases.data(),
                                        .database_count = static_cast<uint32_t>(databases.size()),
                                        .log = add_log,
-                                       .log_args = &log};
+                                       .log_args = &log,
+                                       .log_level = 0};
         ASSERT_EQ(ebridged_start(store.handle(), &options, &service), 0);
     }
     // Up to the scans, none of which has delivered anything yet.

@@ -42,7 +42,8 @@ class Resolver : public testing::TestWithParam<bool>
         const ebridged_options options{.databases = databases.data(),
                                        .database_count = static_cast<uint32_t>(databases.size()),
                                        .log = add_log,
-                                       .log_args = &log};
+                                       .log_args = &log,
+                                       .log_level = 0};
         return ebridged_start(store.handle(), &options, &service);
     }
     // Up to the scans, none of which has delivered anything yet.
@@ -427,7 +428,7 @@ TEST_P(Resolver, WhoStandsByWritesNothingAndKnowsTheOrder)
 {
     const std::vector<uint32_t> databases{4};
     const ebridged_options options{
-        .databases = databases.data(), .database_count = 1, .log = add_log, .log_args = &log};
+        .databases = databases.data(), .database_count = 1, .log = add_log, .log_args = &log, .log_level = 0};
     ebridged::pvid_resolver resolver(store.handle(), &options);
     ASSERT_EQ(resolver.start(), 0);
     store.confirm(claims(), 4);
