@@ -22,7 +22,8 @@ std::string holder_of(const session_id &id) { return std::to_string(id.db) + '/'
 size_t session_id_hash::operator()(const session_id &id) const
 {
     const auto of = static_cast<uint32_t>(id.name.of);
-    return std::hash<std::string>()(id.name.user) ^ id_key_hash()(id.name.key) ^ id_key_hash()(id_key{of, id.db, 0});
+    return std::hash<std::string>()(id.name.user) + id_key_hash()(id.name.key) +
+           (size_t{of} << 16 | id.db) * 0x85ebca6bU;
 }
 
 std::vector<uint32_t> databases_of(const ebridged_options *options)
