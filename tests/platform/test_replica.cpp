@@ -21,10 +21,10 @@ std::map<std::string, std::string> all_of(replica &records)
 {
     std::map<std::string, std::string> all;
     for (size_t i = 0; i < records.slots(); ++i) {
-        const auto &each = records.slot(i);
-        if (each.body == nullptr)
+        const auto *each = records.slot(i);
+        if (each == nullptr)
             continue;
-        EXPECT_TRUE(all.emplace(each.key, each.body->bytes).second) << each.key;
+        EXPECT_TRUE(all.emplace(each->key, each->body->bytes).second) << each->key;
     }
     return all;
 }
@@ -65,8 +65,8 @@ TEST(Replica, AWalkMeetsOnceWhatIsThereAllTheTime)
             if (auto *gone = records.find("new" + std::to_string(random() % 50)))
                 records.erase(*gone);
         }
-        if (records.slot(at).body != nullptr)
-            met.insert(records.slot(at).key);
+        if (const auto *each = records.slot(at); each != nullptr)
+            met.emplace(each->key);
     }
     for (int i = 0; i < 100; ++i)
         EXPECT_EQ(1u, met.count("stays" + std::to_string(i))) << i;

@@ -243,9 +243,9 @@ void replica_scan::next(client &to)
             for (uint32_t seen = 0; seen < SCAN_VISITS && out.size() < std::min(SCAN_PIECE, room); ++seen, ++at) {
                 if (at >= records.slots())
                     break;
-                const auto &record = records.slot(at);
-                if (record.body != nullptr && of_.keys.match(record.key) != key_pattern::verdict::differs)
-                    add(record, to, out);
+                const auto *record = records.slot(at);
+                if (record != nullptr && of_.keys.match(record->key) != key_pattern::verdict::differs)
+                    add(*record, to, out);
             }
             over = at >= records.slots();
         }
@@ -1160,15 +1160,15 @@ bool redis_line::take_row(followed &in)
 bool redis_line::sweep(followed &in)
 {
     for (size_t &at = page_->next_slot; at < in.records.slots(); ++at) {
-        auto &record = in.records.slot(at);
-        if (record.body == nullptr || record.seen == in.loading)
+        auto *record = in.records.slot(at);
+        if (record == nullptr || record->seen == in.loading)
             continue;
         deliveries out;
-        subscriptions_.address(make_change({db_, QZ_MOM_CMD_DEL, 0, record.key, {}, record.body}), {}, office_, out);
+        subscriptions_.address(make_change({db_, QZ_MOM_CMD_DEL, 0, record->key, {}, record->body}), {}, office_, out);
         if (!has_room(out))
             return false;
         office_.send(out);
-        in.records.erase(record);
+        in.records.erase(*record);
     }
     return true;
 }

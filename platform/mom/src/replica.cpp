@@ -1,39 +1,109 @@
 // What a client knows of a table. See replica.hpp.
 #include "replica.hpp"
 
+#include <algorithm>
+#include <functional>
+#include <new>
 #include <utility>
 
 namespace mom
 {
 
-replica::record &replica::put(std::string_view key, std::shared_ptr<const content> body)
+void replica::free_record::operator()(record *gone) const noexcept
 {
-    if (record *known = find(key)) {
-        known->body = std::move(body);
-        return *known;
-    }
-    if (free_.empty()) {
-        if (free_.capacity() == slots_.size())
-            free_.reserve(2 * slots_.size() + 1);  // so that erase() needs no memory
-        slots_.emplace_back();
-        free_.push_back(slots_.size() - 1);
-    }
-    const size_t number = free_.back();
-    record &made = slots_[number];
-    made.key = key;
-    by_key_.emplace(made.key, number);
-    made.body = std::move(body);
-    made.seen = 0;
-    free_.pop_back();
-    return made;
+    gone->~record();
+    ::operator delete(gone);
 }
 
+// The text of its key stands behind it.
+replica::record_ptr replica::make(std::string_view key)
+{
+    void *memory = ::operator new(sizeof(record) + key.size());
+    char *text = static_cast<char *>(memory) + sizeof(record);
+    std::ranges::copy(key, text);
+    return record_ptr(new (memory) record{{text, key.size()}, nullptr});
+}
+
+uint32_t replica::hash_of(std::string_view key) noexcept
+{
+    return static_cast<uint32_t>(std::hash<std::string_view>()(key));
+}
+
+// Where the entry of that key is, or would be. There is at least one that is not taken.
+size_t replica::entry_of(std::string_view key, uint32_t hash) const noexcept
+{
+    size_t at = hash & (index_.size() - 1);
+    while (index_[at].taken() && (index_[at].hash != hash || slots_[index_[at].slot]->key != key))
+        at = next(at);
+    return at;
+}
+
+void replica::enter(std::vector<entry> &index, const entry &added) noexcept
+{
+    size_t at = added.hash & (index.size() - 1);
+    while (index[at].taken())
+        at = (at + 1) & (index.size() - 1);
+    index[at] = added;
+}
+
+replica::record *replica::find(std::string_view key) noexcept
+{
+    if (index_.empty())
+        return nullptr;
+    const entry &found = index_[entry_of(key, hash_of(key))];
+    return found.taken() ? slots_[found.slot].get() : nullptr;
+}
+
+// For one more: a free slot, and an entry.
+void replica::make_room()
+{
+    if (!free_.empty())
+        return;
+    const size_t count = slots_.size() + 1;
+    if (count > index_.size() / 4 * 3) {
+        std::vector<entry> larger(std::max<size_t>(8, 2 * index_.size()));
+        for (const entry &each : index_)
+            if (each.taken())
+                enter(larger, each);
+        index_ = std::move(larger);
+    }
+    if (free_.capacity() < count)
+        free_.reserve(2 * count);
+    slots_.emplace_back();
+    free_.push_back(static_cast<uint32_t>(count - 1));
+}
+
+replica::record &replica::put(std::string_view key, std::shared_ptr<const content> body)
+{
+    const uint32_t hash = hash_of(key);
+    if (!index_.empty()) {
+        if (const entry &found = index_[entry_of(key, hash)]; found.taken()) {
+            record &known = *slots_[found.slot];
+            known.body = std::move(body);
+            return known;
+        }
+    }
+    make_room();
+    record_ptr &made = slots_[free_.back()] = make(key);
+    made->body = std::move(body);
+    enter(index_, {hash, free_.back()});
+    free_.pop_back();
+    return *made;
+}
+
+// What lies behind the gap moves up, as far as it would have lain there.
 void replica::erase(record &gone) noexcept
 {
-    const auto at = by_key_.find(gone.key);
-    free_.push_back(at->second);
-    by_key_.erase(at);
-    gone.body.reset();
+    size_t gap = entry_of(gone.key, hash_of(gone.key));
+    const uint32_t slot = index_[gap].slot;
+    const auto way = [this](size_t from, size_t to) { return (to - from) & (index_.size() - 1); };
+    for (size_t at = next(gap); index_[at].taken(); at = next(at)) {
+        if (way(index_[at].hash & (index_.size() - 1), at) >= way(gap, at))
+            index_[std::exchange(gap, at)] = index_[at];
+    }
+    index_[gap] = {};
+    slots_[slot].reset();
+    free_.push_back(slot);
 }
 
 }  // namespace mom

@@ -2,15 +2,16 @@
 //
 // A record keeps its slot as long as it lives. So who walks the slots one after the other, with other work in between,
 // meets each record that is there all the time exactly once.
+//
+// Every change that is heard looks its record up, in memory that it has not touched for long. So a look-up goes to few
+// places: the hash of the key leads to the slot, the slot to the record, and the key stands with the record.
 #ifndef MOM_REPLICA_HPP
 #define MOM_REPLICA_HPP
 
+#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
-#include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "record_codec.hpp"
@@ -21,28 +22,45 @@ namespace mom
 class replica
 {
   public:
+    // It does not move as long as it lives.
     struct record {
-        std::string key;
-        std::shared_ptr<const content> body;  // null: the slot is free
-        uint64_t seen = 0;                    // the newest load that has met it
+        std::string_view key;
+        std::shared_ptr<const content> body;
+        uint64_t seen = 0;  // the newest load that has met it
     };
 
-    record *find(std::string_view key)
-    {
-        const auto at = by_key_.find(key);
-        return at == by_key_.end() ? nullptr : &slots_[at->second];
-    }
-    // The record of that key, or a new one.
+    // Null: there is none.
+    record *find(std::string_view key) noexcept;
+    // The record of that key, or a new one. Without memory nothing has changed.
     record &put(std::string_view key, std::shared_ptr<const content> body);
     void erase(record &gone) noexcept;
 
     size_t slots() const { return slots_.size(); }
-    record &slot(size_t number) { return slots_[number]; }
+    // Null: the slot is free.
+    record *slot(size_t number) { return slots_[number].get(); }
 
   private:
-    std::deque<record> slots_;  // a record does not move, so that its key can be pointed at
-    std::vector<size_t> free_;
-    std::unordered_map<std::string_view, size_t> by_key_;
+    struct free_record {
+        void operator()(record *gone) const noexcept;
+    };
+    using record_ptr = std::unique_ptr<record, free_record>;
+    // An entry lies where its hash says, or as close behind as there was room.
+    struct entry {
+        uint32_t hash = 0;
+        uint32_t slot = UINT32_MAX;  // that one: none
+        bool taken() const { return slot != UINT32_MAX; }
+    };
+
+    static record_ptr make(std::string_view key);
+    static uint32_t hash_of(std::string_view key) noexcept;
+    size_t next(size_t at) const { return (at + 1) & (index_.size() - 1); }
+    size_t entry_of(std::string_view key, uint32_t hash) const noexcept;
+    static void enter(std::vector<entry> &index, const entry &added) noexcept;
+    void make_room();
+
+    std::vector<record_ptr> slots_;
+    std::vector<uint32_t> free_;  // slots; there is room for all, so that erase() needs no memory
+    std::vector<entry> index_;    // 2^n of them, a quarter free at least
 };
 
 }  // namespace mom
