@@ -60,10 +60,12 @@ std::optional<std::vector<const ProtobufCFieldDescriptor *>> data_fields(const P
 {
     if (numbers == nullptr || count == 0)
         return std::nullopt;
+    const auto *key = key_field(type);
     std::vector<const ProtobufCFieldDescriptor *> fields;
+    fields.reserve(std::min(count, type.n_fields));
     for (uint32_t i = 0; i < count; ++i) {
         const auto *field = protobuf_c_message_descriptor_get_field(&type, numbers[i]);
-        if (field == nullptr || field == key_field(type))
+        if (field == nullptr || field == key)
             return std::nullopt;
         if (std::find(fields.begin(), fields.end(), field) == fields.end())
             fields.push_back(field);
@@ -78,10 +80,10 @@ int32_t write_fields(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage 
         const auto fields = data_fields(*record->descriptor, numbers, count);
         if (!fields)
             return static_cast<int32_t>(QZ_MOM_EINVAL);
-        field_write write{{}, {}, creates, creates};
+        field_write write{{}, encode_fields(*record, *fields), creates, creates};
+        write.numbers.reserve(fields->size());
         for (const auto *field : *fields)
             write.numbers.push_back(field->id);
-        write.fields = encode_fields(*record, write.numbers);
         return in.write_fields(from, at, write, answer);
     });
 }

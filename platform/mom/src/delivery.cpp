@@ -39,14 +39,13 @@ void call(client &to, const message &told)
     note.cmd = what.cmd;
     note.end = what.end;
     note.error = what.error;
-    message_ptr record;
+    message_room room;
     if (what.body != nullptr) {
-        record = decode(*told.type, what.key, *what.body);
-        if (record == nullptr)
+        holder.record = decode(room, *told.type, what.key, *what.body);
+        if (holder.record == nullptr)
             return log_foreign(note.key);
-        holder.record = record.get();
         const bool hash_written = what.cmd == QZ_MOM_CMD_HSET || what.cmd == QZ_MOM_CMD_HMSET;
-        note.value = hash_written ? static_cast<void *>(&holder) : record.get();
+        note.value = hash_written ? static_cast<void *>(&holder) : holder.record;
     }
     told.to.cb(&to, &note, told.to.args);
 }

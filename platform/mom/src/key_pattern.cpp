@@ -77,7 +77,6 @@ std::optional<key_pattern> key_pattern::exactly(const ProtobufCMessage &record)
     if (!text)
         return std::nullopt;
     key_pattern made(record, std::move(*text));
-    made.prefix_ = made.text_;
     made.exact_ = true;
     return made;
 }

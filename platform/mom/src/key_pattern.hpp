@@ -30,7 +30,7 @@ class key_pattern
     const ProtobufCMessageDescriptor &type() const { return *type_; }
     const std::string &text() const { return text_; }
     // In sorted keys, those that can match stand together, from this one on until the first that is past them.
-    const std::string &prefix() const { return prefix_; }
+    const std::string &prefix() const { return exact_ ? text_ : prefix_; }
     // True when one key alone can match, text().
     bool exact() const { return exact_; }
     // One per key field; empty: any value. Nothing where exact().
@@ -42,7 +42,7 @@ class key_pattern
 
     const ProtobufCMessageDescriptor *type_;
     std::string text_;
-    std::string prefix_;
+    std::string prefix_;               // unless exact
     std::vector<std::string> wanted_;  // one per key field; empty: any value
     bool exact_ = false;
 };

@@ -2,6 +2,7 @@
 // and the reader takes nothing that append_* would have written differently.
 #include "key_text.hpp"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <new>
@@ -14,6 +15,8 @@ namespace
 // Deeper keys than this are refused: only a message that contains itself would have them.
 constexpr int max_depth = 8;
 
+constexpr size_t USUAL_KEY = 32;  // bytes behind the name; a text that is longer grows
+
 constexpr std::string_view hex_digits = "0123456789ABCDEF";
 
 bool plain(char c)
@@ -24,15 +27,17 @@ bool plain(char c)
 
 void append_bytes(std::string_view bytes, std::string &text)
 {
-    for (const char c : bytes) {
-        if (plain(c)) {
-            text += c;
-            continue;
-        }
-        const auto byte = static_cast<unsigned char>(c);
+    while (true) {
+        const auto end = std::ranges::find_if_not(bytes, plain);
+        text.append(bytes.begin(), end);
+        bytes.remove_prefix(static_cast<size_t>(end - bytes.begin()));
+        if (bytes.empty())
+            return;
+        const auto byte = static_cast<unsigned char>(bytes.front());
         text += '%';
         text += hex_digits[byte >> 4];
         text += hex_digits[byte & 15];
+        bytes.remove_prefix(1);
     }
 }
 
@@ -131,13 +136,27 @@ bool append_value(const ProtobufCMessage &message, const ProtobufCFieldDescripto
     return false;
 }
 
-message_ptr new_message(const ProtobufCMessageDescriptor &type)
+void *allocate(ProtobufCAllocator &memory, size_t size)
 {
-    auto *message = static_cast<ProtobufCMessage *>(std::malloc(type.sizeof_message));
-    if (message == nullptr)
+    void *made = memory.alloc(memory.allocator_data, size);
+    if (made == nullptr)
         throw std::bad_alloc();
+    return made;
+}
+
+message_ptr new_message(const ProtobufCMessageDescriptor &type, ProtobufCAllocator &memory)
+{
+    auto *message = static_cast<ProtobufCMessage *>(allocate(memory, type.sizeof_message));
     protobuf_c_message_init(&type, message);
-    return message_ptr(message);
+    return message_ptr(message, free_message{&memory});
+}
+
+// What whoever frees a message without an allocator frees.
+ProtobufCAllocator &plain_memory()
+{
+    static ProtobufCAllocator memory{[](void *, size_t size) { return std::malloc(size); },
+                                     [](void *, void *gone) { std::free(gone); }, nullptr};
+    return memory;
 }
 
 int hex_value(char c)
@@ -150,7 +169,7 @@ int hex_value(char c)
 class reader
 {
   public:
-    explicit reader(std::string_view text) : rest_(text) {}
+    reader(std::string_view text, ProtobufCAllocator &memory) : rest_(text), memory_(memory) {}
 
     bool done() const { return rest_.empty(); }
     bool skip(char c)
@@ -182,6 +201,7 @@ class reader
     bool inner_member(ProtobufCMessage &message, uint32_t &last, int depth);
 
     std::string_view rest_;
+    ProtobufCAllocator &memory_;  // of what is read
 };
 
 template <typename T>
@@ -224,9 +244,8 @@ bool reader::string(ProtobufCMessage &message, const ProtobufCFieldDescriptor &f
         return false;
     if (value.empty())
         return true;
-    char *copy = strdup(value.c_str());
-    if (copy == nullptr)
-        throw std::bad_alloc();
+    auto *copy = static_cast<char *>(allocate(memory_, value.size() + 1));
+    std::memcpy(copy, value.c_str(), value.size() + 1);
     store_at(message, field.offset, copy);
     return true;
 }
@@ -240,9 +259,7 @@ bool reader::binary(ProtobufCMessage &message, const ProtobufCFieldDescriptor &f
         return true;
     if (value.find_first_not_of('\0') == std::string::npos)
         return false;
-    auto *copy = static_cast<uint8_t *>(std::malloc(value.size()));
-    if (copy == nullptr)
-        throw std::bad_alloc();
+    auto *copy = static_cast<uint8_t *>(allocate(memory_, value.size()));
     std::memcpy(copy, value.data(), value.size());
     store_at(message, field.offset, ProtobufCBinaryData{value.size(), copy});
     return true;
@@ -280,7 +297,7 @@ bool reader::inner(ProtobufCMessage &message, const ProtobufCFieldDescriptor &fi
     if (!skip('('))
         return true;
     const auto &type = *static_cast<const ProtobufCMessageDescriptor *>(field.descriptor);
-    message_ptr part = new_message(type);
+    message_ptr part = new_message(type, memory_);
     uint32_t last = 0;
     do {
         if (!inner_member(*part, last, depth))
@@ -337,7 +354,10 @@ const ProtobufCFieldDescriptor *key_field(const ProtobufCMessageDescriptor &type
 
 std::optional<std::string> key_text(const ProtobufCMessage &record)
 {
-    std::string text = record.descriptor->name;
+    const std::string_view name = record.descriptor->name;
+    std::string text;
+    text.reserve(name.size() + USUAL_KEY);
+    text += name;
     const auto *index = key_field(*record.descriptor);
     if (index == nullptr)
         return text;
@@ -357,26 +377,32 @@ std::optional<std::string> key_text(const ProtobufCMessage &record)
     return text;
 }
 
-message_ptr parse_key(const ProtobufCMessageDescriptor &type, std::string_view text)
+bool read_key(ProtobufCMessage &record, std::string_view text, ProtobufCAllocator &memory)
 {
+    const auto &type = *record.descriptor;
     const std::string_view name = type.name;
-    if (text.substr(0, name.size()) != name)
-        return nullptr;
-    reader read(text.substr(name.size()));
-    message_ptr record = new_message(type);
+    if (!text.starts_with(name))
+        return false;
+    reader read(text.substr(name.size()), memory);
     const auto *index = key_field(type);
     if (index != nullptr && index->type == PROTOBUF_C_TYPE_MESSAGE) {
         const auto &key_type = *static_cast<const ProtobufCMessageDescriptor *>(index->descriptor);
-        ProtobufCMessage *key = new_message(key_type).release();
-        store_at(*record, index->offset, key);
+        ProtobufCMessage *key = new_message(key_type, memory).release();
+        store_at(record, index->offset, key);
         for (unsigned i = 0; i < key_type.n_fields; ++i) {
             if (!read.skip(':') || !read.value(*key, key_type.fields[i], 0))
-                return nullptr;
+                return false;
         }
-    } else if (index != nullptr && (!read.skip(':') || !read.value(*record, *index, 0))) {
-        return nullptr;
+    } else if (index != nullptr && (!read.skip(':') || !read.value(record, *index, 0))) {
+        return false;
     }
-    return read.done() ? std::move(record) : nullptr;
+    return read.done();
+}
+
+message_ptr parse_key(const ProtobufCMessageDescriptor &type, std::string_view text)
+{
+    message_ptr record = new_message(type, plain_memory());
+    return read_key(*record, text, plain_memory()) ? std::move(record) : nullptr;
 }
 
 }  // namespace mom

@@ -21,6 +21,9 @@ std::optional<std::string> key_text(const ProtobufCMessage &record);
 // A record that holds nothing but the key of the text; null when the text is not the text of a key of that type.
 // Throws std::bad_alloc.
 message_ptr parse_key(const ProtobufCMessageDescriptor &type, std::string_view text);
+// Puts the key of the text into a record that has none, in memory like the record's own. False when the text is not the
+// text of a key of its type. Throws std::bad_alloc.
+bool read_key(ProtobufCMessage &record, std::string_view text, ProtobufCAllocator &memory);
 
 }  // namespace mom
 #endif

@@ -11,9 +11,10 @@ namespace mom
 {
 
 struct free_message {
-    void operator()(ProtobufCMessage *message) const { protobuf_c_message_free_unpacked(message, nullptr); }
+    ProtobufCAllocator *memory = nullptr;  // null: malloc
+    void operator()(ProtobufCMessage *message) const { protobuf_c_message_free_unpacked(message, memory); }
 };
-// A message whose parts all come from malloc.
+// A message whose parts all come from the same memory.
 using message_ptr = std::unique_ptr<ProtobufCMessage, free_message>;
 
 inline const void *member(const ProtobufCMessage &message, unsigned offset)

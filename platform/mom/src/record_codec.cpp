@@ -186,43 +186,18 @@ void clear_other_cases(const ProtobufCMessageDescriptor &type, std::vector<encod
     fields.erase(std::unique(fields.begin(), fields.end(), same), fields.end());
 }
 
-// protobuf-c answers bad bytes and a lack of memory with the same null; this allocator remembers which it was.
-void *allocate(void *failed, size_t size)
+// Takes off whatever key the record has.
+void forget_key(ProtobufCMessage &record)
 {
-    void *memory = std::malloc(size);
-    if (memory == nullptr)
-        *static_cast<bool *>(failed) = true;
-    return memory;
-}
-
-void release(void *, void *memory) { std::free(memory); }
-
-message_ptr unpack(const ProtobufCMessageDescriptor &type, const std::string &bytes)
-{
-    bool failed = false;
-    ProtobufCAllocator allocator{allocate, release, &failed};
-    message_ptr record(
-        protobuf_c_message_unpack(&type, &allocator, bytes.size(), reinterpret_cast<const uint8_t *>(bytes.data())));
-    if (failed)
-        throw std::bad_alloc();
-    return record;
-}
-
-// Puts the key from the key text in the place of whatever key the record has.
-bool take_key(ProtobufCMessage &record, std::string_view text)
-{
-    const message_ptr key = parse_key(*record.descriptor, text);
     const auto *index = key_field(*record.descriptor);
-    if (key == nullptr || index == nullptr)
-        return key != nullptr;
-    if (index->type != PROTOBUF_C_TYPE_MESSAGE) {
-        std::memcpy(member(record, index->offset), member(*key, index->offset), size_of(index->type));
-        return true;
-    }
-    auto *old = load<ProtobufCMessage *>(record, index->offset);
-    store_at(record, index->offset, load<ProtobufCMessage *>(*key, index->offset));
-    store_at(*key, index->offset, old);
-    return true;
+    if (index == nullptr)
+        return;
+    if (index->type == PROTOBUF_C_TYPE_MESSAGE)
+        store_at<ProtobufCMessage *>(record, index->offset, nullptr);
+    else if (index->type == PROTOBUF_C_TYPE_STRING)
+        store_at(record, index->offset, static_cast<const char *>(index->default_value));
+    else
+        std::memset(member(record, index->offset), 0, size_of(index->type));
 }
 
 }  // namespace
@@ -242,7 +217,8 @@ std::string names_of(const ProtobufCMessageDescriptor &type, std::span<const uin
 content encode_whole(const ProtobufCMessage &record) { return {form::whole, pack(record)}; }
 
 // protobuf-c packs whole messages only; so a message that holds these fields alone is packed, and taken apart.
-std::vector<encoded_field> encode_fields(const ProtobufCMessage &record, std::span<const uint32_t> numbers)
+std::vector<encoded_field> encode_fields(const ProtobufCMessage &record,
+                                         std::span<const ProtobufCFieldDescriptor *const> named)
 {
     const auto &type = *record.descriptor;
     const std::unique_ptr<ProtobufCMessage, decltype(&std::free)> scratch(
@@ -251,12 +227,13 @@ std::vector<encoded_field> encode_fields(const ProtobufCMessage &record, std::sp
         throw std::bad_alloc();
     protobuf_c_message_init(&type, scratch.get());
     std::vector<encoded_field> fields;
-    fields.reserve(numbers.size());
-    for (const uint32_t number : numbers) {
-        borrow_field(record, *protobuf_c_message_descriptor_get_field(&type, number), *scratch);
-        fields.push_back({number, {}});
+    fields.reserve(named.size());
+    for (const auto *field : named) {
+        borrow_field(record, *field, *scratch);
+        fields.push_back({field->id, {}});
     }
-    std::ranges::sort(fields, {}, &encoded_field::number);
+    if (!std::ranges::is_sorted(fields, {}, &encoded_field::number))
+        std::ranges::sort(fields, {}, &encoded_field::number);
     const std::string bytes = pack(*scratch);
     auto at = fields.begin();
     for (std::string_view rest = bytes, field; !rest.empty();) {
@@ -321,10 +298,17 @@ std::shared_ptr<const content> merge(const content *base, std::shared_ptr<const 
     return made;
 }
 
-message_ptr decode(const ProtobufCMessageDescriptor &type, std::string_view key, const content &body)
+ProtobufCMessage *decode(message_room &in, const ProtobufCMessageDescriptor &type, std::string_view key,
+                         const content &body)
 {
-    message_ptr record = unpack(type, body.bytes);
-    return record != nullptr && take_key(*record, key) ? std::move(record) : nullptr;
+    ProtobufCMessage *record = protobuf_c_message_unpack(&type, &in.allocator(), body.bytes.size(),
+                                                         reinterpret_cast<const uint8_t *>(body.bytes.data()));
+    if (in.was_short())
+        throw std::bad_alloc();
+    if (record == nullptr)
+        return nullptr;
+    forget_key(*record);
+    return read_key(*record, key, in.allocator()) ? record : nullptr;
 }
 
 }  // namespace mom

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "message_access.hpp"
+#include "message_room.hpp"
 
 namespace mom
 {
@@ -42,7 +43,8 @@ std::vector<uint32_t> numbers_of(const content &body);
 content encode_whole(const ProtobufCMessage &record);
 // The named fields, in the order of their numbers. A named member of a oneof that is set comes with the others, empty,
 // for they are gone.
-std::vector<encoded_field> encode_fields(const ProtobufCMessage &record, std::span<const uint32_t> numbers);
+std::vector<encoded_field> encode_fields(const ProtobufCMessage &record,
+                                         std::span<const ProtobufCFieldDescriptor *const> named);
 // `base` with the given fields written over it; null for a record that does not exist yet.
 content merge(const content *base, const std::vector<encoded_field> &fields);
 // The same for fields that stand together: `written` holds those of these numbers, which ascend, that are not at their
@@ -50,9 +52,10 @@ content merge(const content *base, const std::vector<encoded_field> &fields);
 std::shared_ptr<const content> merge(const content *base, std::shared_ptr<const content> written,
                                      std::span<const uint32_t> numbers);
 
-// The record of that key; null when the key or the content is not of that type. The key always comes from the key
-// text, whatever the content says. Throws std::bad_alloc.
-message_ptr decode(const ProtobufCMessageDescriptor &type, std::string_view key, const content &body);
+// The record of that key, which lives as long as the room; null when the key or the content is not of that type. The key
+// always comes from the key text, whatever the content says. Throws std::bad_alloc.
+ProtobufCMessage *decode(message_room &in, const ProtobufCMessageDescriptor &type, std::string_view key,
+                         const content &body);
 
 }  // namespace mom
 #endif
