@@ -269,7 +269,7 @@ void post_office::recycle(deliveries &used) noexcept
 {
     constexpr size_t enough = 1024;
     if (spare_.size() < enough)
-        spare_.splice(spare_.end(), used);
+        spare_.splice(spare_.begin(), used);  // taken first: the processor still has it at hand
     else
         used.clear();
 }

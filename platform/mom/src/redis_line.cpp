@@ -212,7 +212,8 @@ class replica_scan : public scan_step, public std::enable_shared_from_this<repli
     void next(client &to) override;
 
   private:
-    void add(const replica::record &record, client &to, deliveries &out) const;
+    bool collect(replica &records, uint32_t room, size_t &at, std::vector<const replica::record *> &found) const;
+    void tell(const std::vector<const replica::record *> &found, client &to, deliveries &out) const;
 
     redis_line &line_;
     const std::string name_;
@@ -221,11 +222,35 @@ class replica_scan : public scan_step, public std::enable_shared_from_this<repli
     size_t next_ = 0;  // slot
 };
 
-void replica_scan::add(const replica::record &record, client &to, deliveries &out) const
+// The next piece, of so many at the most. True: there is no more behind it.
+bool replica_scan::collect(replica &records, uint32_t room, size_t &at,
+                           std::vector<const replica::record *> &found) const
 {
-    const int32_t cmd = record.body->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
-    auto what = make_change({of_.db, cmd, 0, record.key, {}, record.body});
-    line_.office_.add(out, {&to, message{std::move(what), to_, &of_.keys.type()}});
+    if (of_.keys.exact()) {
+        if (const auto *record = records.find(of_.keys.text()))
+            found.push_back(record);
+        return true;
+    }
+    found.reserve(room);
+    for (uint32_t seen = 0; seen < SCAN_VISITS && found.size() < room && at < records.slots(); ++seen, ++at) {
+        const auto *record = records.slot(at);
+        if (record != nullptr && of_.keys.match(record->key) != key_pattern::verdict::differs)
+            found.push_back(record);
+    }
+    return at >= records.slots();
+}
+
+void replica_scan::tell(const std::vector<const replica::record *> &found, client &to, deliveries &out) const
+{
+    size_t size = 0;
+    for (const auto *record : found)
+        size += record->key.size() + 1;
+    const auto told = std::make_shared<change_block>(size);
+    for (const auto *record : found) {
+        const int32_t cmd = record->body->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
+        auto what = told->add({of_.db, cmd, 0, record->key, {}, record->body});
+        line_.office_.add(out, {&to, message{std::move(what), to_, &of_.keys.type()}});
+    }
 }
 
 void replica_scan::next(client &to)
@@ -234,21 +259,10 @@ void replica_scan::next(client &to)
     bool over = true;
     size_t at = next_;
     if (const auto in = line_.followed_.find(name_); in != line_.followed_.end()) {
-        replica &records = in->second.records;
         const uint32_t room = to.box.hard > to.box.depth() ? to.box.hard - to.box.depth() : 1;
-        if (of_.keys.exact()) {
-            if (const auto *found = records.find(of_.keys.text()))
-                add(*found, to, out);
-        } else {
-            for (uint32_t seen = 0; seen < SCAN_VISITS && out.size() < std::min(SCAN_PIECE, room); ++seen, ++at) {
-                if (at >= records.slots())
-                    break;
-                const auto *record = records.slot(at);
-                if (record != nullptr && of_.keys.match(record->key) != key_pattern::verdict::differs)
-                    add(*record, to, out);
-            }
-            over = at >= records.slots();
-        }
+        std::vector<const replica::record *> found;
+        over = collect(in->second.records, std::min(SCAN_PIECE, room), at, found);
+        tell(found, to, out);
     }
     if (over) {
         auto end = make_change({of_.db, 0, QZ_MOM_END_SCAN, of_.keys.text(), {}, nullptr});

@@ -29,29 +29,23 @@ uint32_t replica::hash_of(std::string_view key) noexcept
     return static_cast<uint32_t>(std::hash<std::string_view>()(key));
 }
 
-// Where the entry of that key is, or would be. There is at least one that is not taken.
-size_t replica::entry_of(std::string_view key, uint32_t hash) const noexcept
+// The entry of that key, or where it would be. There is at least one that is free.
+replica::entry *replica::entry_of(std::string_view key, uint32_t hash) noexcept
 {
-    size_t at = hash & (index_.size() - 1);
-    while (index_[at].taken() && (index_[at].hash != hash || slots_[index_[at].slot]->key != key))
-        at = next(at);
-    return at;
+    const size_t last = index_.size() - 1;
+    size_t at = hash & last;
+    while (index_[at].known != nullptr && (index_[at].hash != hash || index_[at].known->key != key))
+        at = (at + 1) & last;
+    return &index_[at];
 }
 
 void replica::enter(std::vector<entry> &index, const entry &added) noexcept
 {
-    size_t at = added.hash & (index.size() - 1);
-    while (index[at].taken())
-        at = (at + 1) & (index.size() - 1);
+    const size_t last = index.size() - 1;
+    size_t at = added.hash & last;
+    while (index[at].known != nullptr)
+        at = (at + 1) & last;
     index[at] = added;
-}
-
-replica::record *replica::find(std::string_view key) noexcept
-{
-    if (index_.empty())
-        return nullptr;
-    const entry &found = index_[entry_of(key, hash_of(key))];
-    return found.taken() ? slots_[found.slot].get() : nullptr;
 }
 
 // For one more: a free slot, and an entry.
@@ -63,7 +57,7 @@ void replica::make_room()
     if (count > index_.size() / 4 * 3) {
         std::vector<entry> larger(std::max<size_t>(8, 2 * index_.size()));
         for (const entry &each : index_)
-            if (each.taken())
+            if (each.known != nullptr)
                 enter(larger, each);
         index_ = std::move(larger);
     }
@@ -76,17 +70,14 @@ void replica::make_room()
 replica::record &replica::put(std::string_view key, std::shared_ptr<const content> body)
 {
     const uint32_t hash = hash_of(key);
-    if (!index_.empty()) {
-        if (const entry &found = index_[entry_of(key, hash)]; found.taken()) {
-            record &known = *slots_[found.slot];
-            known.body = std::move(body);
-            return known;
-        }
+    if (record *known = entry_of(key, hash)->known) {
+        known->body = std::move(body);
+        return *known;
     }
     make_room();
     record_ptr &made = slots_[free_.back()] = make(key);
     made->body = std::move(body);
-    enter(index_, {hash, free_.back()});
+    enter(index_, {made.get(), hash, free_.back()});
     free_.pop_back();
     return *made;
 }
@@ -94,11 +85,13 @@ replica::record &replica::put(std::string_view key, std::shared_ptr<const conten
 // What lies behind the gap moves up, as far as it would have lain there.
 void replica::erase(record &gone) noexcept
 {
-    size_t gap = entry_of(gone.key, hash_of(gone.key));
-    const uint32_t slot = index_[gap].slot;
-    const auto way = [this](size_t from, size_t to) { return (to - from) & (index_.size() - 1); };
-    for (size_t at = next(gap); index_[at].taken(); at = next(at)) {
-        if (way(index_[at].hash & (index_.size() - 1), at) >= way(gap, at))
+    const size_t last = index_.size() - 1;
+    const auto way = [last](size_t from, size_t to) { return (to - from) & last; };
+    const entry *found = entry_of(gone.key, hash_of(gone.key));
+    const uint32_t slot = found->slot;
+    auto gap = static_cast<size_t>(found - index_.data());
+    for (size_t at = (gap + 1) & last; index_[at].known != nullptr; at = (at + 1) & last) {
+        if (way(index_[at].hash & last, at) >= way(gap, at))
             index_[std::exchange(gap, at)] = index_[at];
     }
     index_[gap] = {};

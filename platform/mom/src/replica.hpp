@@ -29,8 +29,12 @@ class replica
         uint64_t seen = 0;  // the newest load that has met it
     };
 
+    replica() = default;
+    replica(const replica &) = delete;
+    replica &operator=(const replica &) = delete;
+
     // Null: there is none.
-    record *find(std::string_view key) noexcept;
+    record *find(std::string_view key) noexcept { return entry_of(key, hash_of(key))->known; }
     // The record of that key, or a new one. Without memory nothing has changed.
     record &put(std::string_view key, std::shared_ptr<const content> body);
     void erase(record &gone) noexcept;
@@ -46,21 +50,20 @@ class replica
     using record_ptr = std::unique_ptr<record, free_record>;
     // An entry lies where its hash says, or as close behind as there was room.
     struct entry {
+        record *known = nullptr;  // null: none
         uint32_t hash = 0;
-        uint32_t slot = UINT32_MAX;  // that one: none
-        bool taken() const { return slot != UINT32_MAX; }
+        uint32_t slot = 0;
     };
 
     static record_ptr make(std::string_view key);
     static uint32_t hash_of(std::string_view key) noexcept;
-    size_t next(size_t at) const { return (at + 1) & (index_.size() - 1); }
-    size_t entry_of(std::string_view key, uint32_t hash) const noexcept;
+    entry *entry_of(std::string_view key, uint32_t hash) noexcept;
     static void enter(std::vector<entry> &index, const entry &added) noexcept;
     void make_room();
 
     std::vector<record_ptr> slots_;
-    std::vector<uint32_t> free_;  // slots; there is room for all, so that erase() needs no memory
-    std::vector<entry> index_;    // 2^n of them, a quarter free at least
+    std::vector<uint32_t> free_;    // slots; there is room for all, so that erase() needs no memory
+    std::vector<entry> index_{{}};  // 2^n of them, a quarter free at least
 };
 
 }  // namespace mom
