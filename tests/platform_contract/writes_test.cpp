@@ -44,6 +44,21 @@ TEST_F(StoreContract, WritesOfOneHandleAreHeardByAllInCallOrder)
     }
 }
 
+TEST_F(StoreContract, NumbersOfAllSizesComeBackAsTheyWereWritten)
+{
+    auto *writer = open();
+    listener hears;
+    follow(open(), any_session(), hears);
+    std::vector<session> written;
+    for (const int32_t value : {1, 127, 128, 16383, 16384, INT32_MAX, -1, -128, INT32_MIN, 0}) {
+        written.push_back({.request_value = value, .reply_value = value});
+        ASSERT_EQ(0, hmset(writer, written.back(), {6, 10}));
+    }
+    settle();
+    EXPECT_EQ(written, sessions(hears.changes()));
+    EXPECT_EQ(std::vector<session>{written.back()}, scan(writer, any_session()));
+}
+
 TEST_F(StoreContract, SeveralFieldsAreSeenTogether)
 {
     auto *writer = open();

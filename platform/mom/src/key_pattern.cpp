@@ -43,7 +43,7 @@ std::vector<const ProtobufCFieldDescriptor *> key_fields(const ProtobufCMessageD
 std::string_view record_name(std::string_view key) { return key.substr(0, key.find(':')); }
 
 key_pattern::key_pattern(const ProtobufCMessage &record, std::string text)
-    : type_(record.descriptor), text_(std::move(text))
+    : type_(record.descriptor), text_(std::move(text)), name_size_(record_name(text_).size())
 {
 }
 
@@ -85,7 +85,7 @@ key_pattern::verdict key_pattern::match(std::string_view key) const
 {
     if (exact_)
         return key == text_ ? verdict::matches : verdict::differs;
-    const size_t name = record_name(text_).size();
+    const size_t name = name_size_;
     if (key.substr(0, name) != std::string_view(text_).substr(0, name) || (key.size() > name && key[name] != ':'))
         return verdict::differs;
     std::string_view rest = key.substr(name);

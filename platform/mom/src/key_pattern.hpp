@@ -42,6 +42,7 @@ class key_pattern
 
     const ProtobufCMessageDescriptor *type_;
     std::string text_;
+    size_t name_size_;                 // of the record's name, with which the text begins
     std::string prefix_;               // unless exact
     std::vector<std::string> wanted_;  // one per key field; empty: any value
     bool exact_ = false;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <new>
+#include <optional>
 
 #include "key_text.hpp"
 
@@ -115,6 +116,55 @@ void borrow_field(const ProtobufCMessage &from, const ProtobufCFieldDescriptor &
         store_at(to, field.quantifier_offset, load<uint32_t>(from, field.quantifier_offset));
 }
 
+void append_varint(std::string &bytes, uint64_t value)
+{
+    for (; value >= 0x80; value >>= 7)
+        bytes += static_cast<char>(value | 0x80);
+    bytes += static_cast<char>(value);
+}
+
+// Most fields are whole numbers that are written when they are not zero. Nothing: this one is of another kind.
+std::optional<uint64_t> whole_number(const ProtobufCMessage &message, const ProtobufCFieldDescriptor &field)
+{
+    if (field.label != PROTOBUF_C_LABEL_NONE || in_oneof(field))
+        return std::nullopt;
+    switch (field.type) {
+        case PROTOBUF_C_TYPE_INT32:
+        case PROTOBUF_C_TYPE_ENUM:
+            return static_cast<uint64_t>(int64_t{load<int32_t>(message, field.offset)});
+        case PROTOBUF_C_TYPE_UINT32:
+            return load<uint32_t>(message, field.offset);
+        case PROTOBUF_C_TYPE_INT64:
+        case PROTOBUF_C_TYPE_UINT64:
+            return load<uint64_t>(message, field.offset);
+        default:
+            return std::nullopt;
+    }
+}
+
+// False, and nothing of use in the fields: not all of them are whole numbers.
+bool encode_numbers(const ProtobufCMessage &record, std::span<const ProtobufCFieldDescriptor *const> named,
+                    std::vector<encoded_field> &fields)
+{
+    for (const auto *field : named) {
+        const auto value = whole_number(record, *field);
+        if (!value)
+            return false;
+        encoded_field &made = fields.emplace_back(encoded_field{field->id, {}});
+        if (*value == 0)
+            continue;
+        append_varint(made.bytes, uint64_t{field->id} << 3);
+        append_varint(made.bytes, *value);
+    }
+    return true;
+}
+
+void sort_by_number(std::vector<encoded_field> &fields)
+{
+    if (!std::ranges::is_sorted(fields, {}, &encoded_field::number))
+        std::ranges::sort(fields, {}, &encoded_field::number);
+}
+
 // A varint, taken off the bytes, which protobuf-c has written.
 uint64_t take_varint(std::string_view &bytes)
 {
@@ -181,9 +231,36 @@ void clear_other_cases(const ProtobufCMessageDescriptor &type, std::vector<encod
     if (fields.size() == count)
         return;
     // A cleared member may have been named, too: then it stands here twice, empty both times.
-    std::ranges::sort(fields, {}, &encoded_field::number);
+    sort_by_number(fields);
     const auto same = [](const encoded_field &x, const encoded_field &y) { return x.number == y.number; };
     fields.erase(std::unique(fields.begin(), fields.end(), same), fields.end());
+}
+
+// protobuf-c packs whole messages only; so a message that holds these fields alone is packed, and taken apart.
+void encode_any(const ProtobufCMessage &record, std::span<const ProtobufCFieldDescriptor *const> named,
+                std::vector<encoded_field> &fields)
+{
+    const auto &type = *record.descriptor;
+    const std::unique_ptr<ProtobufCMessage, decltype(&std::free)> scratch(
+        static_cast<ProtobufCMessage *>(std::malloc(type.sizeof_message)), &std::free);
+    if (scratch == nullptr)
+        throw std::bad_alloc();
+    protobuf_c_message_init(&type, scratch.get());
+    for (const auto *field : named) {
+        borrow_field(record, *field, *scratch);
+        fields.push_back({field->id, {}});
+    }
+    sort_by_number(fields);
+    const std::string bytes = pack(*scratch);
+    auto at = fields.begin();
+    for (std::string_view rest = bytes, field; !rest.empty();) {
+        const uint32_t number = take_field(rest, field);
+        while (at != fields.end() && at->number < number)
+            ++at;
+        if (at != fields.end() && at->number == number)
+            at->bytes.append(field);  // else a required one that nobody named
+    }
+    clear_other_cases(type, fields);
 }
 
 // Takes off whatever key the record has.
@@ -216,34 +293,16 @@ std::string names_of(const ProtobufCMessageDescriptor &type, std::span<const uin
 
 content encode_whole(const ProtobufCMessage &record) { return {form::whole, pack(record)}; }
 
-// protobuf-c packs whole messages only; so a message that holds these fields alone is packed, and taken apart.
 std::vector<encoded_field> encode_fields(const ProtobufCMessage &record,
                                          std::span<const ProtobufCFieldDescriptor *const> named)
 {
-    const auto &type = *record.descriptor;
-    const std::unique_ptr<ProtobufCMessage, decltype(&std::free)> scratch(
-        static_cast<ProtobufCMessage *>(std::malloc(type.sizeof_message)), &std::free);
-    if (scratch == nullptr)
-        throw std::bad_alloc();
-    protobuf_c_message_init(&type, scratch.get());
     std::vector<encoded_field> fields;
     fields.reserve(named.size());
-    for (const auto *field : named) {
-        borrow_field(record, *field, *scratch);
-        fields.push_back({field->id, {}});
+    if (!encode_numbers(record, named, fields)) {
+        fields.clear();
+        encode_any(record, named, fields);
     }
-    if (!std::ranges::is_sorted(fields, {}, &encoded_field::number))
-        std::ranges::sort(fields, {}, &encoded_field::number);
-    const std::string bytes = pack(*scratch);
-    auto at = fields.begin();
-    for (std::string_view rest = bytes, field; !rest.empty();) {
-        const uint32_t number = take_field(rest, field);
-        while (at != fields.end() && at->number < number)
-            ++at;
-        if (at != fields.end() && at->number == number)
-            at->bytes.append(field);  // else a required one that nobody named
-    }
-    clear_other_cases(type, fields);
+    sort_by_number(fields);
     return fields;
 }
 
