@@ -1151,7 +1151,9 @@ bool redis_line::take_rows()
 bool redis_line::take_row(followed &in)
 {
     const std::string_view key = page_->rows.text();
+    const uint32_t hash = in.records.fetch_entry(key);
     auto body = page_->rows.nested_body();
+    in.records.fetch_record(hash);
     if (record_name(key) != page_->name)
         return true;
     if (body == nullptr) {

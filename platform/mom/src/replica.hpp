@@ -39,6 +39,11 @@ class replica
     record &put(std::string_view key, std::shared_ptr<const content> body);
     void erase(record &gone) noexcept;
 
+    // Have the processor fetch what put() will look at, while the caller does something else: first the entry, then, with
+    // what that has returned, the record.
+    uint32_t fetch_entry(std::string_view key) const noexcept;
+    void fetch_record(uint32_t hash) const noexcept;
+
     size_t slots() const { return slots_.size(); }
     // Null: the slot is free.
     record *slot(size_t number) { return slots_[number].get(); }
