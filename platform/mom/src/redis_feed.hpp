@@ -24,6 +24,8 @@ using steady = std::chrono::steady_clock;
 struct log_entry {
     log_entry(uint64_t at, std::string_view array, bool sent) : position(at), bytes(array), as_sent(sent), rows(bytes)
     {
+        if (sent)
+            rows.skip(4);  // database, client, number of the call and of the oldest one
     }
     log_entry(const log_entry &) = delete;
     log_entry &operator=(const log_entry &) = delete;

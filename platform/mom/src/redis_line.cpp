@@ -102,6 +102,13 @@ std::vector<uint32_t> numbers_of(std::string_view joined)
     return numbers;
 }
 
+// How many values a write has sent that names these fields; one where it names none.
+size_t values_of(std::string_view written)
+{
+    written.remove_prefix(written.find('|') + 1);
+    return static_cast<size_t>(std::ranges::count(written, ',')) + 1;
+}
+
 std::vector<uint32_t> data_numbers(const ProtobufCMessageDescriptor &type)
 {
     std::vector<uint32_t> numbers;
@@ -128,9 +135,8 @@ bool takes_in(redis_operation &write, const redis_operation &before)
 }
 
 // The rows of all these writes in one array. A fence holds until the next one.
-std::string writes_of(const std::vector<redis_operation> &parts)
+void pack_writes(const std::vector<redis_operation> &parts, packed_texts &rows)
 {
-    packed_texts rows;
     packed_texts free_to_all{"f", "", ""};
     const packed_texts *fence = &free_to_all;
     for (const auto &part : parts) {
@@ -141,7 +147,6 @@ std::string writes_of(const std::vector<redis_operation> &parts)
         if (part.row.begins_with('l'))
             fence = &part.row;  // a fence with this lock says something else now
     }
-    return array_head(rows.count()) + rows.bytes();
 }
 
 // What could not be done, for want of room or of memory, is still the next that is read.
@@ -708,18 +713,16 @@ void redis_line::transmit(call &made)
         return link_.send(first.words);
     const auto numbered = std::ranges::find_if(under_way_, [](const call &each) { return each.number != 0; });
     const uint64_t oldest = numbered != under_way_.end() ? numbered->number : made.number;
-    redis_words words{"FCALL",
-                      REDIS_FUNCTION,
-                      "0",
-                      verb_of(first.what),
-                      std::to_string(db_),
-                      client_name_,
-                      std::to_string(made.number),
-                      std::to_string(oldest)};
-    if (first.what == redis_operation::kind::write)
-        words.add(writes_of(made.parts));
-    else
+    redis_words words{"FCALL", REDIS_FUNCTION, "0"};
+    if (first.what == redis_operation::kind::write) {
+        packed_texts array{std::to_string(db_), client_name_, std::to_string(made.number), std::to_string(oldest)};
+        pack_writes(made.parts, array);
+        words.add(array_head(array.count()) + array.bytes());
+    } else {
+        words.add(verb_of(first.what));
+        words.append({std::to_string(db_), client_name_, std::to_string(made.number), std::to_string(oldest)});
         words.append(first.words);
+    }
     if (first.what == redis_operation::kind::mark)
         words.append({first.id, first.cursor, first.deadline});
     link_.send(words);
@@ -943,32 +946,42 @@ void redis_line::note_written(followed &in, std::string_view written) const
 {
     if (in.written == written)
         return;
-    in.written = written;
-    in.numbers = numbers_of(written);
+    const size_t named = std::min(written.find('|'), written.size());
+    in.numbers = numbers_of(written.substr(0, named));
+    in.fields = named == written.size() ? in.numbers : numbers_of(written.substr(named + 1));
     in.names = std::make_shared<std::string>(names_of(*in.type, in.numbers));
+    in.written = written;
+}
+
+// Null: it is not ours.
+std::shared_ptr<const content> redis_line::take_content(const told_row &row, size_t fields, log_entry &entry)
+{
+    if (!entry.as_sent)
+        return entry.rows.body();
+    if (row.cmd == QZ_MOM_CMD_SET)
+        return std::make_shared<const content>(content{form::whole, std::string(entry.rows.text())});
+    return entry.rows.values(fields);
 }
 
 bool redis_line::tell(const told_row &row, log_entry &entry)
 {
-    const bool whole_sent = entry.as_sent && row.cmd == QZ_MOM_CMD_SET;
     const auto at = followed_.find(record_name(row.key));
     if (at == followed_.end()) {
-        whole_sent ? entry.rows.skip(1) : entry.rows.skip_body();
+        entry.as_sent ? entry.rows.skip(values_of(row.written)) : entry.rows.skip_body();
         return true;
     }
     followed &in = at->second;
-    auto body = whole_sent ? std::make_shared<const content>(content{form::whole, std::string(entry.rows.text())})
-                           : entry.rows.body();
+    note_written(in, row.written);
+    auto body = take_content(row, in.fields.size(), entry);
     if (body == nullptr) {
         log_foreign(std::string(row.key).c_str());
         return true;
     }
-    note_written(in, row.written);
     auto *known = in.records.find(row.key);
     if (row.is_part && !row.written.empty()) {
         if (in.loading != 0 && (known == nullptr || known->seen != in.loading))
             return true;  // a page is still to show it
-        body = merge(known != nullptr ? known->body.get() : nullptr, std::move(body), entry.rows.named());
+        body = merge(known != nullptr ? known->body.get() : nullptr, std::move(body), in.fields);
     }
     if (entry.told == nullptr)
         entry.told = std::make_shared<change_block>(entry.bytes.size());

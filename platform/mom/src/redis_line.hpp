@@ -144,6 +144,7 @@ class redis_line
         uint64_t loading = 0;           // number of the load under way; 0: none
         std::string written;            // by the newest write, as text: most writes name the same fields
         std::vector<uint32_t> numbers;  // the same
+        std::vector<uint32_t> fields;   // all that it wrote, in ascending order: more than it named, as a rule the same
         std::shared_ptr<const std::string> names;
         bool again = false;  // changes may have been missed since somebody began to follow
         std::vector<waiting_scan> scans;
@@ -200,8 +201,9 @@ class redis_line
         int32_t cmd;
         bool is_part;  // of the record: the fields that were written
         std::string_view key;
-        std::string_view written;  // numbers of fields
+        std::string_view written;  // numbers of the named fields, and of all behind a '|' where these are others
     };
+    static std::shared_ptr<const content> take_content(const told_row &row, size_t fields, log_entry &entry);
     bool tell(const told_row &row, log_entry &entry);
     void note_written(followed &in, std::string_view written) const;
     bool may_tell(uint64_t position) const;

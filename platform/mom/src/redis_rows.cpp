@@ -158,11 +158,18 @@ std::shared_ptr<const content> row_reader::nested_body()
     return content_of(count);
 }
 
+std::shared_ptr<const content> row_reader::values(size_t count)
+{
+    auto made = std::make_shared<content>(content{form::hash, {}});
+    for (; count != 0 && !at_end(); --count)
+        made->bytes.append(text());
+    return made;
+}
+
 // The content that stands in so many texts, field and bytes in turns.
 std::shared_ptr<const content> row_reader::content_of(size_t count)
 {
     fields_.clear();
-    named_.clear();
     size_t size = 0;
     bool known = true;
     for (size_t i = 0; i + 1 < count && !at_end(); i += 2) {
@@ -172,17 +179,14 @@ std::shared_ptr<const content> row_reader::content_of(size_t count)
             return std::make_shared<content>(content{form::whole, std::string(bytes)});
         uint32_t number = 0;
         known = read_number(field, number) && number != 0 && known;
-        named_.push_back(number);
         if (!bytes.empty())
             fields_.emplace_back(number, bytes);
         size += bytes.size();
     }
     if (!known)
         return nullptr;
-    if (!std::ranges::is_sorted(named_)) {
-        std::ranges::sort(named_);
+    if (!std::ranges::is_sorted(fields_))
         std::ranges::sort(fields_);
-    }
     auto made = std::make_shared<content>(content{form::hash, {}});
     made->bytes.reserve(size);
     for (const auto &field : fields_)

@@ -68,8 +68,8 @@ class row_reader
     std::shared_ptr<const content> body();
     // The same, field and bytes in turns, in an array of their own.
     std::shared_ptr<const content> nested_body();
-    // The fields that the body which was read last has named, in ascending order, also those at their default.
-    const std::vector<uint32_t> &named() const { return named_; }
+    // So many fields' bytes, in the order of their numbers: a record's content.
+    std::shared_ptr<const content> values(size_t count);
     // Passes over what body() would take.
     void skip_body();
 
@@ -86,7 +86,6 @@ class row_reader
     size_t left_ = 0;
     bool broken_ = false;
     std::vector<std::pair<uint32_t, std::string_view>> fields_;  // of the body that is being read
-    std::vector<uint32_t> named_;
 };
 
 }  // namespace mom

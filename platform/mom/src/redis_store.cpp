@@ -296,12 +296,16 @@ int32_t redis_store::write_ahead(client &from, const target &at, content &&body)
 
 int32_t redis_store::write_fields(client &from, const target &at, const field_write &fields, const receiver &to)
 {
-    packed_texts row{fields.creates ? "h" : "u", at.keys.text(), joined(fields.numbers)};
-    row.add_number(fields.fields.size());
-    for (const auto &field : fields.fields) {
-        row.add_number(field.number);
-        row.add(field.bytes);
+    std::string numbers = joined(fields.numbers);
+    if (!std::ranges::equal(fields.numbers, fields.fields, {}, {}, &encoded_field::number)) {
+        std::vector<uint32_t> written;
+        for (const auto &field : fields.fields)
+            written.push_back(field.number);
+        numbers += '|' + joined(written);
     }
+    packed_texts row{fields.creates ? "h" : "u", at.keys.text(), numbers};
+    for (const auto &field : fields.fields)
+        row.add(field.bytes);
     return put_write(from, at, std::move(row), to);
 }
 

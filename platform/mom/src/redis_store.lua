@@ -28,15 +28,16 @@
 -- field and bytes ("" for a whole record); the end of an expiry call is the command "end", its key the call. Of a write
 -- by field these are the fields that were written, and with "w" behind the command all that the record holds then; else
 -- all that it held.
--- "s": the array of writes that a client sent, as it came, which says the same where every write was done and took off
+-- "s": the array that a client sent with its writes, as it came, which says the same where every write was done and took off
 -- no last mark. That is nearly always so, and packing rows costs more than writing the records. What else a record holds
 -- is known to who follows its table. Who only begins to follow does not know it yet: while anybody reads a table for that,
 -- page by page, writes by field are told whole.
 --
 -- This is a library of one function, so that none of it is made anew at a call. Its arguments: what is to be done, the
 -- database, the client, the number of the call (0: reads, that may be made again), that of the oldest one that the client
--- has under way, and what follows. Every answer begins with a position: once the log has been read up to there it is known
--- what came before the answer.
+-- has under way, and what follows. A call with writes is one packed array: database, client, number, oldest, and the
+-- writes; an argument costs the server more than a text of an array. Every answer begins with a position: once the log
+-- has been read up to there it is known what came before the answer.
 --
 -- What is needed at every call is kept in Lua, too. The server forgets it when it ends; it is read again then, from
 -- mom:state and from the entries of the log since. All calls but writes look whether it still is what the log ends with:
@@ -69,7 +70,7 @@ local known = {} -- by database, of what is there:
 
 -- Of the call that is being carried out:
 local ARGV -- its arguments
-local client, number, oldest, database
+local client, number, number_text, oldest, database
 local state -- what is known of the database
 local mine -- what is known of the client
 local log = {} -- rows that its entry of the log is to have
@@ -95,23 +96,51 @@ local function body_of(key)
     return kind == 'string' and {'', call('GET', key)} or nil
 end
 
--- The texts that the client sent: "h" or "u", key, numbers of the named fields, count, `count` times field and bytes;
--- "s", key, bytes; "d" or "c", key; "l" or "f", name of a lock, token. "H" is "c" and "h" of the same record. "f" is a
--- fence: what stands behind it is to be done only by the holder of that lock, until there is another one; "" for a name:
--- by anybody.
+-- The writes that the client sent, as texts: "h" or "u", key, numbers of the named fields, and the bytes of each field; the
+-- numbers are followed by those of all fields, behind a '|', where there are more than were named. "s", key, bytes; "d"
+-- or "c", key; "l" or "f", name of a lock, token. "H" is "c" and "h" of the same record. "f" is a fence: what stands behind
+-- it is to be done only by the holder of that lock, until there is another one; "" for a name: by anybody.
+local FIRST_WRITE = 5 -- in the array
 local words_of = {s = 3, d = 2, c = 2, l = 3, f = 3}
-local function next_after(at) return at + (words_of[sent[at]] or 4 + 2 * tonumber(sent[at + 3])) end
+local fields_in = {} -- by their numbers as one text: the number of each, as text
+local field_texts = 0
 
-local function command_of(numbers) return string.find(numbers, ',', 1, true) and '6' or '4' end
+local function fields_of(numbers)
+    local fields = fields_in[numbers]
+    if not fields then
+        if field_texts == 1000 then
+            fields_in, field_texts = {}, 0
+        end
+        fields = {}
+        for each in string.gmatch(string.match(numbers, '[^|]*$'), '[^,]+') do
+            fields[#fields + 1] = each
+        end
+        fields_in[numbers], field_texts = fields, field_texts + 1
+    end
+    return fields
+end
+
+local function next_after(at) return at + (words_of[sent[at]] or 3 + #fields_of(sent[at + 2])) end
+
+-- Field and bytes in turns.
+local function body_sent(at)
+    local body = {}
+    for i, field in ipairs(fields_of(sent[at + 2])) do
+        body[2 * i - 1], body[2 * i] = field, sent[at + 2 + i]
+    end
+    return body
+end
+
+local function named_in(numbers) return string.match(numbers, '^[^|]*') end
+local function command_of(named) return string.find(named, ',', 1, true) and '6' or '4' end
 
 local function tell_sent(at)
     local kind, key = sent[at], sent[at + 1]
     if kind == 's' then
         tell('1', key, '', {'', sent[at + 2]})
     elseif kind == 'h' or kind == 'H' or kind == 'u' then
-        local numbers = sent[at + 2]
-        local body = {unpack(sent, at + 4, at + 3 + 2 * tonumber(sent[at + 3]))}
-        tell(command_of(numbers), key, numbers, body)
+        local named = named_in(sent[at + 2])
+        tell(command_of(named), key, named, body_sent(at))
     end
 end
 
@@ -121,7 +150,7 @@ local function tell_otherwise(at)
         return
     end
     as_sent = false
-    local each = 1
+    local each = FIRST_WRITE
     while each < at do
         tell_sent(each)
         each = next_after(each)
@@ -205,22 +234,37 @@ local function refusal(at, fault)
     return string.find(fault, 'WRONGTYPE', 1, true) and 'f' or 'm'
 end
 
+-- In one way for the usual numbers of fields, without a table made for it.
+local function set_fields(key, fields, at)
+    local count = #fields
+    if count == 3 then
+        return pcall('HSET', key, fields[1], sent[at + 3], fields[2], sent[at + 4], fields[3], sent[at + 5])
+    elseif count == 2 then
+        return pcall('HSET', key, fields[1], sent[at + 3], fields[2], sent[at + 4])
+    elseif count == 1 then
+        return pcall('HSET', key, fields[1], sent[at + 3])
+    end
+    return pcall('HSET', key, unpack(body_sent(at)))
+end
+
 local function write_fields(at, creates)
-    local key = sent[at + 1]
-    local behind = at + 4 + 2 * tonumber(sent[at + 3])
+    local key, numbers = sent[at + 1], sent[at + 2]
+    local fields = fields_of(numbers)
+    local behind = at + 3 + #fields
     local before = creates or pcall('HLEN', key)
     if before == 0 then
         tell_otherwise(at)
         return behind
     end
-    local done = type(before) == 'table' and before or pcall('HSET', key, unpack(sent, at + 4, behind - 1))
+    local done = type(before) == 'table' and before or set_fields(key, fields, at)
     if type(done) == 'table' then
         return behind, refusal(at, done.err)
     end
     changed = true
     if next(state.loaders) then
         tell_otherwise(at)
-        tell(command_of(sent[at + 2]) .. 'w', key, sent[at + 2], call('HGETALL', key))
+        local named = named_in(numbers)
+        tell(command_of(named) .. 'w', key, named, call('HGETALL', key))
     elseif not as_sent then
         tell_sent(at)
     end
@@ -289,11 +333,10 @@ end
 
 local verbs = {}
 
--- ARGV 6: the writes. Answers a letter for each, or nothing at all when all were done.
+-- Answers a letter for each write, or nothing at all when all were done.
 function verbs.write()
-    sent = cmsgpack.unpack(ARGV[6])
     local letters
-    local at, count, size, may_write = 1, 0, #sent, true
+    local at, count, size, may_write = FIRST_WRITE, 0, #sent, true
     while at <= size do
         local kind = sent[at]
         if kind == 'f' then
@@ -672,7 +715,7 @@ end
 -- heard of. Returns what is pushed.
 local function add_to_log()
     go_to(state.position + 1)
-    local kind, array = 's', ARGV[6]
+    local kind, array = 's', ARGV[1]
     if #log > 0 then
         kind, array = 'r', cmsgpack.pack(log)
     end
@@ -723,7 +766,7 @@ local function once(act)
     if answer ~= '' or mine.answers ~= '' then
         mine.answers = kept_answers(answer)
     end
-    mine.number, mine.text, mine.clock, mine.is_unnoted = number, ARGV[4], state.clock, true
+    mine.number, mine.text, mine.clock, mine.is_unnoted = number, number_text, state.clock, true
     return answer, more
 end
 
@@ -731,13 +774,19 @@ redis.register_function('@REDIS_FUNCTION@', function(_, arguments)
     if not call then
         call, pcall, unpack, tonumber = redis.call, redis.pcall, _G.unpack, _G.tonumber
     end
-    ARGV = arguments
-    local verb
-    verb, database, client, number, oldest = ARGV[1], ARGV[2], ARGV[3], tonumber(ARGV[4]), tonumber(ARGV[5])
+    ARGV, sent = arguments, nil
+    local verb = 'write'
+    if #ARGV == 1 then
+        sent = cmsgpack.unpack(ARGV[1])
+        database, client, number_text, oldest = sent[1], sent[2], sent[3], sent[4]
+    else
+        verb, database, client, number_text, oldest = ARGV[1], ARGV[2], ARGV[3], ARGV[4], ARGV[5]
+    end
+    number, oldest = tonumber(number_text), tonumber(oldest)
     look_at_state(verb)
     log = #log == 0 and log or {}
     clearing = #clearing == 0 and clearing or {}
-    sent, changed, as_sent = nil, false, true
+    changed, as_sent = false, true
     local act = verbs[verb]
     local answer, more
     if number == 0 then
