@@ -135,7 +135,7 @@ bool takes_in(redis_operation &write, const redis_operation &before)
 }
 
 // The rows of all these writes in one array. A fence holds until the next one.
-void pack_writes(const std::vector<redis_operation> &parts, packed_texts &rows)
+void pack_writes(const std::list<redis_operation> &parts, packed_texts &rows)
 {
     packed_texts free_to_all{"f", "", ""};
     const packed_texts *fence = &free_to_all;
@@ -298,7 +298,7 @@ redis_line::redis_line(uint32_t db, std::string client_name, link_set &links, po
 int32_t redis_line::put_ahead(redis_operation &&operation)
 {
     const auto at = std::ranges::find_if(queue_, [](const redis_operation &each) { return !each.ahead; });
-    if (at - queue_.begin() >= static_cast<ptrdiff_t>(MAX_AHEAD))
+    if (std::distance(queue_.begin(), at) >= static_cast<ptrdiff_t>(MAX_AHEAD))
         return QZ_MOM_EFULL;
     queue_.insert(at, std::move(operation));
     return QZ_MOM_OK;
@@ -758,15 +758,11 @@ std::list<redis_line::call> redis_line::next_call(steady::time_point now)
     redis_operation &first = queue_.front();
     // What only asks for the position stands in a call without writes: a call has one position.
     const bool changes = changes_something(first);
-    size_t count = 1;
     const auto joins = [&](const redis_operation &each) {
         return is_write(each) && changes_something(each) == changes;
     };
-    while (is_write(first) && count < std::min(MAX_WRITES, queue_.size()) && joins(queue_[count]))
-        ++count;
     std::list<call> made(1);
     call &next = made.front();
-    next.parts.reserve(count);
     const bool marks = first.what == redis_operation::kind::mark;
     if (marks)
         first.id = client_name_ + ':' + std::to_string(last_call_ + 1);
@@ -777,11 +773,10 @@ std::list<redis_line::call> redis_line::next_call(steady::time_point now)
     marking_ = marks && first.in_pieces;
     if (changes)
         next.number = ++last_call_;
-    for (; count != 0; --count) {
+    do {
         next.awaited = next.awaited || (queue_.front().finish && !queue_.front().at_once);
-        next.parts.push_back(std::move(queue_.front()));
-        queue_.pop_front();
-    }
+        next.parts.splice(next.parts.end(), queue_, queue_.begin());
+    } while (is_write(first) && next.parts.size() < MAX_WRITES && !queue_.empty() && joins(queue_.front()));
     return made;
 }
 

@@ -121,7 +121,7 @@ class redis_line
     // A call of the server's side: one operation, or several writes.
     struct call {
         uint64_t number = 0;  // 0: may be made again
-        std::vector<redis_operation> parts;
+        std::list<redis_operation> parts;
         steady::time_point sent;
         bool awaited = false;  // its answer has a place in the order of what is told
     };
@@ -250,7 +250,7 @@ class redis_line
     uint32_t failures_ = 0;
     std::minstd_rand random_;
 
-    std::deque<redis_operation> queue_;
+    std::list<redis_operation> queue_;  // they move on to calls, and stay where they are
     std::list<call> under_way_;
     uint64_t last_call_ = 0;
     bool marking_ = false;  // a mark is being set, piece by piece: what comes behind it waits
