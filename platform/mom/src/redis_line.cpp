@@ -853,7 +853,7 @@ void redis_line::answered(call &made, const redisReply &reply)
         return;
     const bool by_letter = is_write(made.parts.front());
     for (auto &part : made.parts) {
-        redis_outcome own = outcome;
+        redis_outcome own = by_letter ? redis_outcome{outcome.code, outcome.position, {}, {}} : outcome;
         if (by_letter && !part.row.empty() && !letters.empty()) {
             own.code = code_of(letters.front());
             letters.remove_prefix(1);
