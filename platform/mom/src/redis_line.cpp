@@ -316,8 +316,23 @@ int32_t redis_line::put(redis_operation &&operation)
     }
     if (queue_.size() >= MAX_QUEUED)
         return QZ_MOM_EFULL;
-    queue_.push_back(std::move(operation));
+    if (spare_.empty()) {
+        queue_.push_back(std::move(operation));
+    } else {
+        spare_.front() = std::move(operation);
+        queue_.splice(queue_.end(), spare_, spare_.begin());
+    }
     return QZ_MOM_OK;
+}
+
+// What was answered leaves its memory to what comes next, up to a few calls' worth.
+void redis_line::recycle(std::list<redis_operation> &parts) noexcept
+{
+    if (spare_.size() >= MAX_UNDER_WAY * MAX_WRITES)
+        return;
+    for (redis_operation &each : parts)
+        each.clear();
+    spare_.splice(spare_.begin(), parts);
 }
 
 template <typename News>
@@ -1241,7 +1256,10 @@ void redis_line::work(steady::time_point now)
         } else if (!under_way_.empty()) {
             if (is_refused_for_now(under_way_.front(), *reply))
                 return lose(std::string(text_of(*reply)).c_str());
-            take_first(under_way_, [&](call &made) { answered(made, *reply); });
+            take_first(under_way_, [&](call &made) {
+                answered(made, *reply);
+                recycle(made.parts);
+            });
         }
     }
     tell_all();

@@ -63,6 +63,8 @@ struct redis_operation {
     std::string cursor = "0";  // where the next piece begins
     std::string deadline;      // the server's; "": it has not made it yet
     bool anew = false;         // the cursor that comes next is another server's
+
+    void clear() noexcept { *this = redis_operation(); }
 };
 
 class replica_scan;
@@ -172,6 +174,7 @@ class redis_line
     int32_t put_ahead(redis_operation &&operation);
     int32_t put_for_table(const ProtobufCMessageDescriptor &type, redis_operation &&asked);
     void answered_for_table(const std::string &name);
+    void recycle(std::list<redis_operation> &parts) noexcept;
     template <typename News>
     void post(client &to, News what);
 
@@ -253,7 +256,8 @@ class redis_line
     std::list<redis_operation> queue_;  // they move on to calls, and stay where they are
     std::list<call> under_way_;
     uint64_t last_call_ = 0;
-    bool marking_ = false;  // a mark is being set, piece by piece: what comes behind it waits
+    std::list<redis_operation> spare_;  // empty ones
+    bool marking_ = false;              // a mark is being set, piece by piece: what comes behind it waits
 
     std::string epoch_;      // of the log
     std::string life_;       // of the log: while it is the same, a position means the same entry
