@@ -982,6 +982,7 @@ bool redis_line::tell(const told_row &row, log_entry &entry)
     }
     followed &in = at->second;
     note_written(in, row.written);
+    in.records.fetch_entry(row.key);
     auto body = take_content(row, in.fields.size(), entry);
     if (body == nullptr) {
         log_foreign(std::string(row.key).c_str());
