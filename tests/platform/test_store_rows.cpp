@@ -73,23 +73,24 @@ TEST(StoreRows, AFieldThatIsNoNumberIsForeignAndPassedOver)
     }
 }
 
-TEST(StoreRows, NestedBodiesAndThoseThatArePassedOver)
+TEST(StoreRows, ABodyIsPutTogetherFromFieldsInAnyOrder)
 {
-    const std::string array =
-        "\x94\xa3key\x94\xa1"
-        "6\xa1X\xa1"
-        "8\xa1Y\xa4next\x92\xa0\xa1Z";
-    row_reader rows(array);
-    EXPECT_EQ("key", rows.text());
-    const auto hash = rows.nested_body();
-    ASSERT_NE(nullptr, hash);
-    EXPECT_EQ((content{form::hash, "XY"}), *hash);
-    EXPECT_EQ("next", rows.text());
-    const auto whole = rows.nested_body();
-    ASSERT_NE(nullptr, whole);
-    EXPECT_EQ((content{form::whole, "Z"}), *whole);
-    EXPECT_TRUE(rows.at_end() && !rows.broken());
+    body_reader body;
+    body.add("8", "Y");
+    body.add("7", "");
+    body.add("6", "X");
+    const auto made = body.made();
+    ASSERT_NE(nullptr, made);
+    EXPECT_EQ((content{form::hash, "XY"}), *made);
+    body.clear();
+    body.add("name", "Z");
+    EXPECT_EQ(nullptr, body.made());
+    body.clear();
+    EXPECT_EQ((content{form::hash, ""}), *body.made());
+}
 
+TEST(StoreRows, BodiesArePassedOver)
+{
     const std::string flat = array_of({"2", "6", "X", "8", "Y", "next"});
     row_reader passing(flat);
     passing.skip_body();

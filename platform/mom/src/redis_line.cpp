@@ -373,7 +373,7 @@ int32_t redis_line::put_for_table(const ProtobufCMessageDescriptor &type, redis_
     int32_t code = QZ_MOM_ENOMEM;
     try {
         const bool begins = !in.loaded && in.loading == 0;
-        redis_operation put_now = begins ? page_from(name, last_load_ + 1, "0") : redis_operation();
+        redis_operation put_now = begins ? first_step(name, last_load_ + 1) : redis_operation();
         put_now.finish = [this, name, page = std::move(put_now.finish),
                           answer = std::move(asked.finish)](const redis_outcome &outcome) {
             if (page)
@@ -728,6 +728,10 @@ void redis_line::transmit(call &made)
         return link_.send(first.words);
     const auto numbered = std::ranges::find_if(under_way_, [](const call &each) { return each.number != 0; });
     const uint64_t oldest = numbered != under_way_.end() ? numbered->number : made.number;
+    if (first.step != nullptr && first.step->reads_records()) {
+        link_.send({"FCALL", REDIS_FUNCTION, "0", "position", std::to_string(db_), client_name_, "0", "0"});
+        first.step->begin(link_);
+    }
     redis_words words{"FCALL", REDIS_FUNCTION, "0"};
     if (first.what == redis_operation::kind::write) {
         packed_texts array{std::to_string(db_), client_name_, std::to_string(made.number), std::to_string(oldest)};
@@ -873,6 +877,8 @@ void redis_line::answered(call &made, const redisReply &reply)
             own.code = code_of(letters.front());
             letters.remove_prefix(1);
         }
+        if (part.step != nullptr && part.step->reads_records())
+            own.position = part.step->position();
         if (part.what == redis_operation::kind::mark && outcome.code != QZ_MOM_OK)
             end_of_mark(part.id, outcome.code);
         conclude(part, std::move(own));
@@ -1087,21 +1093,19 @@ void redis_line::look_for_lost_marks()
 
 // ---- the replica ----------------------------------------------------------------------------------------------------
 
-redis_line::record_page::record_page(const std::string &of, uint64_t number, bool last, std::string_view array,
-                                     const ProtobufCMessageDescriptor &type)
-    : name(of),
-      load(number),
+redis_line::record_page::record_page(table_step &read, bool last, const ProtobufCMessageDescriptor &type)
+    : name(read.name),
+      load(read.load),
       is_last(last),
-      bytes(array),
+      records(read.take_records()),
       numbers(data_numbers(type)),
-      names(std::make_shared<std::string>(names_of(type, numbers))),
-      rows(bytes)
+      names(std::make_shared<std::string>(names_of(type, numbers)))
 {
 }
 
 void redis_line::load(const std::string &name)
 {
-    queue_.push_back(page_from(name, last_load_ + 1, "0"));
+    queue_.push_back(first_step(name, last_load_ + 1));
     followed_[name].loading = ++last_load_;
 }
 
@@ -1116,32 +1120,60 @@ void redis_line::load_again()
     }
 }
 
-redis_operation redis_line::page_from(const std::string &name, uint64_t number, const std::string &cursor)
+redis_operation redis_line::operation_of(std::shared_ptr<table_step> step)
 {
     redis_operation asked;
     asked.what = redis_operation::kind::page;
-    asked.words = {cursor, glob_of(name)};
-    asked.finish = [this, name, number](const redis_outcome &page) { take_page(name, number, page); };
+    asked.words = {step->cursor, glob_of(step->name)};
+    if (step->cursor != table_step::END)
+        asked.finish = [this, step](const redis_outcome &next) { take_page(*step, next); };
+    asked.step = std::move(step);
     return asked;
 }
 
-void redis_line::take_page(const std::string &name, uint64_t number, const redis_outcome &page)
+redis_operation redis_line::first_step(const std::string &name, uint64_t number)
 {
-    const auto at = followed_.find(name);
-    if (at == followed_.end() || at->second.loading != number)
+    return operation_of(
+        std::make_shared<table_step>(name, number, std::string(table_step::FIRST), std::vector<table_step::wanted>()));
+}
+
+void redis_line::take_page(table_step &read, const redis_outcome &next)
+{
+    const auto at = followed_.find(read.name);
+    if (at == followed_.end() || at->second.loading != read.load)
         return;
-    if (page.code != QZ_MOM_OK) {
-        load(name);
+    if (next.code != QZ_MOM_OK || read.was_refused()) {
+        load(read.name);
         return lose("a page of records was refused");
     }
-    if (page.text == "lapsed") {
+    if (next.text == "lapsed") {
         at->second.again = true;
-        return load(name);
+        return load(read.name);
     }
-    auto taken = std::make_unique<record_page>(name, number, page.text == "0", page.more, *at->second.type);
-    if (!taken->is_last)
-        queue_.push_back(page_from(name, number, page.text));
-    page_ = std::move(taken);
+    const bool all_found = next.text == table_step::FIRST || next.text == table_step::STAY;
+    const bool found_none = row_reader(next.more).at_end();
+    const bool is_last = all_found && found_none && read.doubtful().empty();
+    if (!is_last || next.text == table_step::STAY)
+        read_on(at->second, read, next, is_last);
+    page_ = std::make_unique<record_page>(read, is_last, *at->second.type);
+}
+
+// Reads what was found, and what is of another form than was believed; or says that this was all.
+void redis_line::read_on(followed &in, const table_step &read, const redis_outcome &next, bool last)
+{
+    std::vector<table_step::wanted> keys = read.doubtful();
+    if (!keys.empty())
+        in.whole = keys.front().whole;
+    for (row_reader found(next.more); !found.at_end();) {
+        const std::string_view key = found.text();
+        if (record_name(key) == read.name)
+            keys.push_back({std::string(key), in.whole, false});
+    }
+    const std::string_view cursor = last                             ? table_step::END
+                                    : next.text == table_step::FIRST ? table_step::STAY
+                                                                     : std::string_view(next.text);
+    queue_.push_back(
+        operation_of(std::make_shared<table_step>(read.name, read.load, std::string(cursor), std::move(keys))));
 }
 
 // False: one who would hear of what is left of the page has no room for it.
@@ -1153,14 +1185,9 @@ bool redis_line::take_rows()
         page_.reset();
         return true;
     }
-    while (!page.rows.at_end()) {
-        if (!whole_or_not(page.rows, [&] { return take_row(at->second); }))
+    for (; page.next_record < page.records.size(); ++page.next_record) {
+        if (!take_row(at->second))
             return false;
-    }
-    if (page.rows.broken()) {
-        page_.reset();
-        lose("a page of records was not understood");
-        return true;
     }
     if (page.is_last && !sweep(at->second))
         return false;
@@ -1174,14 +1201,11 @@ bool redis_line::take_rows()
 // anew, as who asks once more for what he has does, and waits for his answer.
 bool redis_line::take_row(followed &in)
 {
-    const std::string_view key = page_->rows.text();
-    const uint32_t hash = in.records.fetch_entry(key);
-    auto body = page_->rows.nested_body();
-    in.records.fetch_record(hash);
-    if (record_name(key) != page_->name)
-        return true;
+    const auto &[key, body] = page_->records[page_->next_record];
+    if (page_->next_record + 2 < page_->records.size())
+        in.records.fetch_entry(page_->records[page_->next_record + 2].key);
     if (body == nullptr) {
-        log_foreign(std::string(key).c_str());
+        log_foreign(key.c_str());
         return true;
     }
     deliveries out;
@@ -1191,7 +1215,7 @@ bool redis_line::take_row(followed &in)
     }
     if (!has_room(out))
         return false;
-    in.records.put(key, std::move(body)).seen = in.loading;
+    in.records.put(key, body).seen = in.loading;
     office_.send(out);
     return true;
 }
@@ -1255,8 +1279,14 @@ void redis_line::work(steady::time_point now)
         } else if (feed_.is_asking() && is_denied(*reply)) {
             return lose(std::string(text_of(*reply)).c_str());
         } else if (!under_way_.empty()) {
-            if (is_refused_for_now(under_way_.front(), *reply))
+            call &front = under_way_.front();
+            if (is_refused_for_now(front, *reply))
                 return lose(std::string(text_of(*reply)).c_str());
+            if (table_step *step = front.parts.front().step.get(); step != nullptr && step->expects()) {
+                step->take(*reply, link_.map());
+                answered_ = std::max(answered_, step->position());
+                continue;
+            }
             take_first(under_way_, [&](call &made) {
                 answered(made, *reply);
                 recycle(made.parts);

@@ -31,6 +31,7 @@
 #include "redis_rows.hpp"
 #include "replica.hpp"
 #include "store.hpp"
+#include "table_step.hpp"
 
 namespace mom
 {
@@ -54,6 +55,7 @@ struct redis_operation {
     bool ahead = false;                                 // of what waits; a notice
     std::function<void(const redis_outcome &)> finish;  // may be empty
     counted_write counted;                              // of a write that somebody counts
+    std::shared_ptr<table_step> step;                   // of a page
     // Of a mark: who hears of its end; and how far it has come, as marks are set piece by piece.
     std::weak_ptr<client> owner;
     change_ptr end;
@@ -142,6 +144,7 @@ class redis_line
         replica records;
         int awaited = 0;     // calls to follow or scan it that are not answered yet
         bool begun = false;  // one was answered
+        bool whole = false;  // its records seem to be written in one piece
         bool loaded = false;
         uint64_t loading = 0;           // number of the load under way; 0: none
         std::string written;            // by the newest write, as text: most writes name the same fields
@@ -153,21 +156,20 @@ class redis_line
         std::vector<std::weak_ptr<replica_scan>> running;  // scans that read the replica
     };
 
-    // A page of records, taken in row by row.
+    // A page of records, taken in one by one.
     struct record_page {
-        record_page(const std::string &of, uint64_t number, bool last, std::string_view array,
-                    const ProtobufCMessageDescriptor &type);
+        record_page(table_step &read, bool last, const ProtobufCMessageDescriptor &type);
         record_page(const record_page &) = delete;
         record_page &operator=(const record_page &) = delete;
 
         const std::string name;
         const uint64_t load;
         const bool is_last;
-        const std::string bytes;
+        const std::vector<table_step::shown> records;
+        size_t next_record = 0;
         // What may have been written of a record meanwhile: any field. One that is at its default again does not show.
         const std::vector<uint32_t> numbers;
         const std::shared_ptr<const std::string> names;
-        row_reader rows;
         size_t next_slot = 0;  // of the replica, when what is gone is looked for
     };
 
@@ -217,8 +219,10 @@ class redis_line
     void load(const std::string &name);
     void load_again();
     bool is_loading() const;
-    redis_operation page_from(const std::string &name, uint64_t number, const std::string &cursor);
-    void take_page(const std::string &name, uint64_t number, const redis_outcome &page);
+    redis_operation operation_of(std::shared_ptr<table_step> step);
+    redis_operation first_step(const std::string &name, uint64_t number);
+    void take_page(table_step &read, const redis_outcome &next);
+    void read_on(followed &in, const table_step &read, const redis_outcome &next, bool last);
     bool take_rows();
     bool take_row(followed &in);
     bool sweep(followed &in);

@@ -51,6 +51,20 @@ bool pass_over(std::string_view &bytes, int depth, bool &broken)
 
 }  // namespace
 
+bool take_text(std::string_view &bytes, std::string_view &text)
+{
+    const size_t end = bytes.find("\r\n");
+    if (end == bytes.npos || bytes.front() != '$')
+        return false;
+    size_t size = 0;
+    std::from_chars(bytes.data() + 1, bytes.data() + end, size);
+    if (bytes.size() - end - 2 < size + 2)
+        return false;
+    text = bytes.substr(end + 2, size);
+    bytes.remove_prefix(end + 2 + size + 2);
+    return true;
+}
+
 link_set::link_set() : descriptor_(epoll_create1(EPOLL_CLOEXEC))
 {
     if (descriptor_ < 0)
@@ -131,6 +145,7 @@ void redis_link::close()
     connected_ = false;
     unsent_.clear();
     is_push_ = was_pushed_ = false;
+    map_ = {};
     happened_ = waited_for_ = 0;
 }
 
@@ -220,15 +235,16 @@ void redis_link::send_hello(const redis_address &to)
     send(words);
 }
 
-// Where a reply begins: a push is an array for hiredis, and a map is passed over. The answers that we ask for have none.
+// Where a reply begins: a push is an array for hiredis; a map, and what is not there, is read here.
 redis_reply redis_link::next(bool &broken)
 {
     redisReader &reader = *context_->reader;
+    map_ = {};
     if (reader.ridx == -1) {
         if (reader.pos >= reader.len)
             return nullptr;  // the reader would begin, and hide where the next one does
         char &kind = reader.buf[reader.pos];
-        if (kind == '%')
+        if (kind == '%' || kind == '_')
             return next_map(broken);
         is_push_ = kind == '>';
         if (is_push_)
@@ -241,16 +257,18 @@ redis_reply redis_link::next(bool &broken)
     return redis_reply(static_cast<redisReply *>(reply));
 }
 
-// What the server says of itself in reply to the greeting; nothing that we need.
 redis_reply redis_link::next_map(bool &broken)
 {
     redisReader &reader = *context_->reader;
     std::string_view rest(reader.buf + reader.pos, reader.len - reader.pos);
-    const size_t before = rest.size();
+    const std::string_view all = rest;
     if (!pass_over(rest, 0, broken))
         return nullptr;
-    reader.pos += before - rest.size();
+    const size_t size = all.size() - rest.size();
+    const size_t head = all.find("\r\n") + 2;
+    reader.pos += size;
     was_pushed_ = false;
+    map_ = all.substr(head, size - head);
     redis_reply passed(static_cast<redisReply *>(std::calloc(1, sizeof(redisReply))));
     if (passed == nullptr)
         throw std::bad_alloc();

@@ -59,6 +59,9 @@ class redis_words
     size_t count_ = 0;
 };
 
+// Takes a text off what stands in a map. False: there is none.
+bool take_text(std::string_view &bytes, std::string_view &text);
+
 class redis_link;
 
 // Whoever waits for its links waits until this set's descriptor can be read, and then looks, with the mutex.
@@ -123,6 +126,8 @@ class redis_link
     redis_reply next(bool &broken);
     // It was no answer: the server says it by itself.
     bool was_pushed() const { return was_pushed_; }
+    // It was a map, which hiredis does not know: a reply of type NIL. What stood in it, until the next one is asked for.
+    std::string_view map() const { return map_; }
 
   private:
     struct free_context {
@@ -141,6 +146,7 @@ class redis_link
     bool connected_ = false;
     bool is_push_ = false;  // what is being read
     bool was_pushed_ = false;
+    std::string_view map_;
     std::string unsent_;
     uint32_t happened_ = 0;    // as the set has seen it
     uint32_t waited_for_ = 0;  // as the set knows it

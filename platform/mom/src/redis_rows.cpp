@@ -146,16 +146,17 @@ void row_reader::skip_body()
 std::shared_ptr<const content> row_reader::body()
 {
     size_t count = 0;
-    return read_number(text(), count) ? content_of(2 * count) : nullptr;
-}
-
-std::shared_ptr<const content> row_reader::nested_body()
-{
-    size_t count = 0;
-    if (left_ == 0 || !take_array(rest_, count) || count > rest_.size())
-        return fail(), nullptr;
-    left_ += count - 1;
-    return content_of(count);
+    if (!read_number(text(), count))
+        return nullptr;
+    body_.clear();
+    for (; count != 0 && !at_end(); --count) {
+        const std::string_view field = text();
+        const std::string_view bytes = text();
+        if (field.empty())
+            return std::make_shared<content>(content{form::whole, std::string(bytes)});
+        body_.add(field, bytes);
+    }
+    return body_.made();
 }
 
 std::shared_ptr<const content> row_reader::values(size_t count)
@@ -166,29 +167,31 @@ std::shared_ptr<const content> row_reader::values(size_t count)
     return made;
 }
 
-// The content that stands in so many texts, field and bytes in turns.
-std::shared_ptr<const content> row_reader::content_of(size_t count)
+void body_reader::clear()
 {
+    known_ = true;
+    size_ = 0;
     fields_.clear();
-    size_t size = 0;
-    bool known = true;
-    for (size_t i = 0; i + 1 < count && !at_end(); i += 2) {
-        const std::string_view field = text();
-        const std::string_view bytes = text();
-        if (field.empty() && count == 2)
-            return std::make_shared<content>(content{form::whole, std::string(bytes)});
-        uint32_t number = 0;
-        known = read_number(field, number) && number != 0 && known;
-        if (!bytes.empty())
-            fields_.emplace_back(number, bytes);
-        size += bytes.size();
-    }
-    if (!known)
+}
+
+void body_reader::add(std::string_view field, std::string_view bytes)
+{
+    uint32_t number = 0;
+    known_ = read_number(field, number) && number != 0 && known_;
+    if (bytes.empty())
+        return;
+    fields_.emplace_back(number, bytes);
+    size_ += bytes.size();
+}
+
+std::shared_ptr<const content> body_reader::made()
+{
+    if (!known_)
         return nullptr;
     if (!std::ranges::is_sorted(fields_))
         std::ranges::sort(fields_);
     auto made = std::make_shared<content>(content{form::hash, {}});
-    made->bytes.reserve(size);
+    made->bytes.reserve(size_);
     for (const auto &field : fields_)
         made->bytes.append(field.second);
     return made;

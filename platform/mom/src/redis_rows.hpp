@@ -51,7 +51,23 @@ class packed_texts
 // What stands before the packed texts of an array.
 std::string array_head(uint32_t count);
 
-// Takes texts off an array, and arrays of texts within it; they point into its bytes, which outlive the reader.
+// Puts the content of a record written by field together.
+class body_reader
+{
+  public:
+    void clear();
+    // The field's number, as text, and its bytes, which outlive the reader.
+    void add(std::string_view field, std::string_view bytes);
+    // Null when a field was no number.
+    std::shared_ptr<const content> made();
+
+  private:
+    bool known_ = true;
+    size_t size_ = 0;
+    std::vector<std::pair<uint32_t, std::string_view>> fields_;
+};
+
+// Takes texts off an array; they point into its bytes, which outlive the reader.
 class row_reader
 {
   public:
@@ -66,8 +82,6 @@ class row_reader
     // A count, then as often a field and its bytes: a record's content; null when a field is no number. A field "" means
     // that the record was written whole.
     std::shared_ptr<const content> body();
-    // The same, field and bytes in turns, in an array of their own.
-    std::shared_ptr<const content> nested_body();
     // So many fields' bytes, in the order of their numbers: a record's content.
     std::shared_ptr<const content> values(size_t count);
     // Passes over what body() would take.
@@ -80,12 +94,11 @@ class row_reader
 
   private:
     void fail();
-    std::shared_ptr<const content> content_of(size_t count);
 
     std::string_view rest_;
     size_t left_ = 0;
     bool broken_ = false;
-    std::vector<std::pair<uint32_t, std::string_view>> fields_;  // of the body that is being read
+    body_reader body_;
 };
 
 }  // namespace mom

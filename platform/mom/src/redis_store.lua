@@ -523,28 +523,29 @@ end
 -- ARGV 6: number of an expiry call.
 function verbs.left() return call('HEXISTS', 'mom:left', ARGV[6]) == 1 and 'k' or 'gone' end
 
--- ARGV 6: cursor. 7: glob. Answers the next cursor and the records found: key, and an array of field and bytes in turns.
--- "lapsed" instead of a cursor: this has taken too long, and is to begin anew.
+-- Nothing but the position that every answer begins with.
+function verbs.position() return '' end
+
+-- ARGV 6: cursor, "stay" to go no further yet, or "end". 7: glob. Answers the next cursor, which is "0" or "stay" when
+-- there are no more keys, and the keys found. From the first keys to the end writes are told whole. "lapsed": that has
+-- taken too long, and is to begin anew.
 function verbs.page()
-    local loader = client .. ' ' .. ARGV[7]
-    if ARGV[6] ~= '0' and not state.loaders[loader] then
+    local cursor, loader = ARGV[6], client .. ' ' .. ARGV[7]
+    if cursor ~= '0' and not state.loaders[loader] then
         return 'lapsed'
     end
-    local page = call('SCAN', ARGV[6], 'MATCH', ARGV[7], 'COUNT', SCAN_PAGE)
-    state.loaders[loader] = page[1] ~= '0' and tonumber(state.clock) + LOADER_SECONDS or nil
-    local keys, rows, at = page[2], {}, 0
-    for i = 1, #keys do
-        local key = keys[i]
-        local body = pcall('HGETALL', key)
-        if body.err then
-            body = body_of(key)
-        end
-        if body and #body > 0 then
-            rows[at + 1], rows[at + 2] = key, body
-            at = at + 2
-        end
+    local keys = {}
+    if cursor == 'end' then
+        state.loaders[loader] = nil
+        return cursor
     end
-    return page[1], cmsgpack.pack(rows)
+    if cursor ~= 'stay' then
+        local page = call('SCAN', cursor, 'MATCH', ARGV[7], 'COUNT', SCAN_PAGE)
+        cursor, keys = page[1], page[2]
+    end
+    local is_over = cursor == '0' and #keys == 0
+    state.loaders[loader] = not is_over and tonumber(state.clock) + LOADER_SECONDS or nil
+    return cursor, cmsgpack.pack(keys)
 end
 
 local function is_long_ago(clock) return tonumber(clock) + CLIENT_SECONDS < tonumber(state.clock) end
