@@ -58,8 +58,8 @@ std::string_view verb_of(redis_operation::kind kind)
             return "sweep";
         case redis_operation::kind::fire:
             return "fire";
-        case redis_operation::kind::page:
-            return "page";
+        case redis_operation::kind::read:
+            return "read";
         case redis_operation::kind::lost_mark:
             return "left";
         case redis_operation::kind::fetch:
@@ -199,9 +199,6 @@ void take_first(std::list<Item> &from, Act act)
         throw;
     }
 }
-
-// A glob that the keys of a record type match, and some others whose names go on.
-std::string glob_of(const std::string &name) { return name + '*'; }
 
 }  // namespace
 
@@ -728,10 +725,6 @@ void redis_line::transmit(call &made)
         return link_.send(first.words);
     const auto numbered = std::ranges::find_if(under_way_, [](const call &each) { return each.number != 0; });
     const uint64_t oldest = numbered != under_way_.end() ? numbered->number : made.number;
-    if (first.step != nullptr && first.step->reads_records()) {
-        link_.send({"FCALL", REDIS_FUNCTION, "0", "position", std::to_string(db_), client_name_, "0", "0"});
-        first.step->begin(link_);
-    }
     redis_words words{"FCALL", REDIS_FUNCTION, "0"};
     if (first.what == redis_operation::kind::write) {
         packed_texts array{std::to_string(db_), client_name_, std::to_string(made.number), std::to_string(oldest)};
@@ -745,6 +738,8 @@ void redis_line::transmit(call &made)
     if (first.what == redis_operation::kind::mark)
         words.append({first.id, first.cursor, first.deadline});
     link_.send(words);
+    if (first.step != nullptr)
+        first.step->begin(link_);
 }
 
 void redis_line::ask_at_once(redis_operation &&operation, steady::time_point now)
@@ -855,7 +850,9 @@ void redis_line::answered(call &made, const redisReply &reply)
 {
     redis_outcome outcome;
     std::string_view letters;
-    if (reply.type == REDIS_REPLY_ERROR) {
+    if (const auto &step = made.parts.front().step; step != nullptr) {
+        outcome.position = step->position();
+    } else if (reply.type == REDIS_REPLY_ERROR) {
         log_failure(("database " + std::to_string(db_) + ": " + std::string(text_of(reply))).c_str());
         outcome.code = QZ_MOM_EDOWN;
         outcome.position = told_;
@@ -877,8 +874,6 @@ void redis_line::answered(call &made, const redisReply &reply)
             own.code = code_of(letters.front());
             letters.remove_prefix(1);
         }
-        if (part.step != nullptr && part.step->reads_records())
-            own.position = part.step->position();
         if (part.what == redis_operation::kind::mark && outcome.code != QZ_MOM_OK)
             end_of_mark(part.id, outcome.code);
         conclude(part, std::move(own));
@@ -1123,10 +1118,9 @@ void redis_line::load_again()
 redis_operation redis_line::operation_of(std::shared_ptr<table_step> step)
 {
     redis_operation asked;
-    asked.what = redis_operation::kind::page;
-    asked.words = {step->cursor, glob_of(step->name)};
-    if (step->cursor != table_step::END)
-        asked.finish = [this, step](const redis_outcome &next) { take_page(*step, next); };
+    asked.what = redis_operation::kind::read;
+    asked.words = {step->cursor == table_step::START ? "begin" : "go on", step->name};
+    asked.finish = [this, step](const redis_outcome &) { take_page(*step); };
     asked.step = std::move(step);
     return asked;
 }
@@ -1134,46 +1128,47 @@ redis_operation redis_line::operation_of(std::shared_ptr<table_step> step)
 redis_operation redis_line::first_step(const std::string &name, uint64_t number)
 {
     return operation_of(
-        std::make_shared<table_step>(name, number, std::string(table_step::FIRST), std::vector<table_step::wanted>()));
+        std::make_shared<table_step>(name, number, std::string(table_step::START), std::vector<table_step::wanted>()));
 }
 
-void redis_line::take_page(table_step &read, const redis_outcome &next)
+void redis_line::take_page(table_step &read)
 {
     const auto at = followed_.find(read.name);
     if (at == followed_.end() || at->second.loading != read.load)
         return;
-    if (next.code != QZ_MOM_OK || read.was_refused()) {
+    if (read.was_refused()) {
         load(read.name);
         return lose("a page of records was refused");
     }
-    if (next.text == "lapsed") {
+    if (read.has_lapsed()) {
         at->second.again = true;
         return load(read.name);
     }
-    const bool all_found = next.text == table_step::FIRST || next.text == table_step::STAY;
-    const bool found_none = row_reader(next.more).at_end();
-    const bool is_last = all_found && found_none && read.doubtful().empty();
-    if (!is_last || next.text == table_step::STAY)
-        read_on(at->second, read, next, is_last);
+    const bool is_last = read.next_cursor().empty() && read.found().empty() && read.doubtful().empty();
+    is_last ? say_read(read.name) : read_on(at->second, read);
     page_ = std::make_unique<record_page>(read, is_last, *at->second.type);
 }
 
-// Reads what was found, and what is of another form than was believed; or says that this was all.
-void redis_line::read_on(followed &in, const table_step &read, const redis_outcome &next, bool last)
+// Reads what was found, and what is of another form than was believed.
+void redis_line::read_on(followed &in, const table_step &read)
 {
     std::vector<table_step::wanted> keys = read.doubtful();
     if (!keys.empty())
         in.whole = keys.front().whole;
-    for (row_reader found(next.more); !found.at_end();) {
-        const std::string_view key = found.text();
-        if (record_name(key) == read.name)
-            keys.push_back({std::string(key), in.whole, false});
-    }
-    const std::string_view cursor = last                             ? table_step::END
-                                    : next.text == table_step::FIRST ? table_step::STAY
-                                                                     : std::string_view(next.text);
+    keys.reserve(keys.size() + read.found().size());
+    for (const std::string &key : read.found())
+        keys.push_back({key, in.whole, false});
     queue_.push_back(
-        operation_of(std::make_shared<table_step>(read.name, read.load, std::string(cursor), std::move(keys))));
+        operation_of(std::make_shared<table_step>(read.name, read.load, read.next_cursor(), std::move(keys))));
+}
+
+// The server need not tell whole records any more.
+void redis_line::say_read(const std::string &name)
+{
+    redis_operation said;
+    said.what = redis_operation::kind::read;
+    said.words = {"end", name};
+    queue_.push_back(std::move(said));
 }
 
 // False: one who would hear of what is left of the page has no room for it.
@@ -1282,10 +1277,11 @@ void redis_line::work(steady::time_point now)
             call &front = under_way_.front();
             if (is_refused_for_now(front, *reply))
                 return lose(std::string(text_of(*reply)).c_str());
-            if (table_step *step = front.parts.front().step.get(); step != nullptr && step->expects()) {
+            if (table_step *step = front.parts.front().step.get(); step != nullptr) {
                 step->take(*reply, link_.map());
                 answered_ = std::max(answered_, step->position());
-                continue;
+                if (!step->is_over())
+                    continue;
             }
             take_first(under_way_, [&](call &made) {
                 answered(made, *reply);

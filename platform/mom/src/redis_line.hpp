@@ -45,7 +45,7 @@ struct redis_outcome {
 };
 
 struct redis_operation {
-    enum class kind { write, mark, sweep, fire, page, lost_mark, fetch };
+    enum class kind { write, mark, sweep, fire, read, lost_mark, fetch };
 
     kind what = kind::write;
     packed_texts row;                                   // of a write; none: only asks for the position
@@ -55,7 +55,7 @@ struct redis_operation {
     bool ahead = false;                                 // of what waits; a notice
     std::function<void(const redis_outcome &)> finish;  // may be empty
     counted_write counted;                              // of a write that somebody counts
-    std::shared_ptr<table_step> step;                   // of a page
+    std::shared_ptr<table_step> step;                   // of a table that is read
     // Of a mark: who hears of its end; and how far it has come, as marks are set piece by piece.
     std::weak_ptr<client> owner;
     change_ptr end;
@@ -221,8 +221,9 @@ class redis_line
     bool is_loading() const;
     redis_operation operation_of(std::shared_ptr<table_step> step);
     redis_operation first_step(const std::string &name, uint64_t number);
-    void take_page(table_step &read, const redis_outcome &next);
-    void read_on(followed &in, const table_step &read, const redis_outcome &next, bool last);
+    void take_page(table_step &read);
+    void read_on(followed &in, const table_step &read);
+    void say_read(const std::string &name);
     bool take_rows();
     bool take_row(followed &in);
     bool sweep(followed &in);

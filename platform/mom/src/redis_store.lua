@@ -523,29 +523,15 @@ end
 -- ARGV 6: number of an expiry call.
 function verbs.left() return call('HEXISTS', 'mom:left', ARGV[6]) == 1 and 'k' or 'gone' end
 
--- Nothing but the position that every answer begins with.
-function verbs.position() return '' end
-
--- ARGV 6: cursor, "stay" to go no further yet, or "end". 7: glob. Answers the next cursor, which is "0" or "stay" when
--- there are no more keys, and the keys found. From the first keys to the end writes are told whole. "lapsed": that has
--- taken too long, and is to begin anew.
-function verbs.page()
-    local cursor, loader = ARGV[6], client .. ' ' .. ARGV[7]
-    if cursor ~= '0' and not state.loaders[loader] then
+-- ARGV 6: "begin", "go on" or "end". 7: the name of a table. Its records are read by commands that follow this one. From
+-- the beginning to the end writes are told whole. "lapsed": that has taken too long, and is to begin anew.
+function verbs.read()
+    local step, loader = ARGV[6], client .. ' ' .. ARGV[7]
+    if step == 'go on' and not state.loaders[loader] then
         return 'lapsed'
     end
-    local keys = {}
-    if cursor == 'end' then
-        state.loaders[loader] = nil
-        return cursor
-    end
-    if cursor ~= 'stay' then
-        local page = call('SCAN', cursor, 'MATCH', ARGV[7], 'COUNT', SCAN_PAGE)
-        cursor, keys = page[1], page[2]
-    end
-    local is_over = cursor == '0' and #keys == 0
-    state.loaders[loader] = not is_over and tonumber(state.clock) + LOADER_SECONDS or nil
-    return cursor, cmsgpack.pack(keys)
+    state.loaders[loader] = step ~= 'end' and tonumber(state.clock) + LOADER_SECONDS or nil
+    return ''
 end
 
 local function is_long_ago(clock) return tonumber(clock) + CLIENT_SECONDS < tonumber(state.clock) end

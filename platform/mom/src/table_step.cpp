@@ -3,31 +3,70 @@
 
 #include <charconv>
 
+#include "key_pattern.hpp"
+
 namespace mom
 {
+namespace
+{
+
+constexpr const char *KEYS_A_STEP = "1000";
+
+}  // namespace
 
 void table_step::begin(redis_link &link)
 {
-    next_ = 0;
-    refused_ = false;
+    taken_ = 0;
+    refused_ = lapsed_ = false;
     doubtful_.clear();
+    found_.clear();
+    next_cursor_.clear();
     records_.clear();
     records_.reserve(keys_.size());
     for (const wanted &each : keys_)
         link.send({each.whole ? "GET" : "HGETALL", each.key});
+    if (!cursor.empty())
+        link.send({"SCAN", cursor, "MATCH", name + '*', "COUNT", KEYS_A_STEP});
 }
 
 void table_step::take(const redisReply &reply, std::string_view map)
 {
-    if (next_ != 0) {
-        take_record(keys_[next_ - 1], reply, map);
-    } else if (const auto *position = element(&reply, 0); position != nullptr) {
-        const std::string_view text = text_of(*position);
-        std::from_chars(text.data(), text.data() + text.size(), position_);
-    } else {
-        refused_ = true;
+    if (taken_ == 0)
+        take_position(reply);
+    else if (taken_ <= keys_.size())
+        take_record(keys_[taken_ - 1], reply, map);
+    else
+        take_keys(reply);
+    ++taken_;
+}
+
+void table_step::take_position(const redisReply &reply)
+{
+    const auto *position = element(&reply, 0);
+    const auto *verdict = element(&reply, 1);
+    refused_ = verdict == nullptr;
+    if (refused_)
+        return;
+    const std::string_view text = text_of(*position);
+    std::from_chars(text.data(), text.data() + text.size(), position_);
+    lapsed_ = text_of(*verdict) == "lapsed";
+}
+
+void table_step::take_keys(const redisReply &reply)
+{
+    const auto *next = element(&reply, 0);
+    const auto *keys = element(&reply, 1);
+    refused_ = refused_ || keys == nullptr;
+    if (refused_)
+        return;
+    if (text_of(*next) != START)
+        next_cursor_ = text_of(*next);
+    found_.reserve(keys->elements);
+    for (size_t i = 0; i < keys->elements; ++i) {
+        const std::string_view key = text_of(*keys->element[i]);
+        if (record_name(key) == name)  // the names of other types may go on behind it
+            found_.emplace_back(key);
     }
-    ++next_;
 }
 
 // A record that is gone is no map, or one with nothing in it.

@@ -1,9 +1,9 @@
 // A step of reading a table: the records whose keys an earlier step has found are read, and the next keys are looked
-// for. All in one round trip: the position of the log, each record, the function's answer about the next keys.
+// for. All in one round trip: the function says how far the log has come, then comes each record, then the keys.
 //
-// The records are read one by one, with plain commands of the server, for its function takes twice as long over a record.
-// So others may write meanwhile. That does no harm: what has changed behind the position is told afterwards, whole, on
-// top of what was read, and nothing of it before.
+// All but the first are plain commands of the server, for its function takes twice as long over a record. So others may
+// write meanwhile. That does no harm: what has changed behind the position is told afterwards, whole, on top of what was
+// read, and nothing of it before.
 #ifndef MOM_TABLE_STEP_HPP
 #define MOM_TABLE_STEP_HPP
 
@@ -33,8 +33,8 @@ class table_step
         std::shared_ptr<const content> body;  // null: it is not ours
     };
 
-    // Where a walk over the keys begins; not to go on, but to come again; and to say that this was all.
-    static constexpr std::string_view FIRST = "0", STAY = "stay", END = "end";
+    // Where a walk over the keys begins, and, of an answer, where it ends.
+    static constexpr std::string_view START = "0";
 
     table_step(std::string table, uint64_t of_load, std::string from, std::vector<wanted> keys)
         : name(std::move(table)), load(of_load), cursor(std::move(from)), keys_(std::move(keys))
@@ -43,29 +43,37 @@ class table_step
 
     const std::string name;    // of the record type
     const uint64_t load;       // which of the readings of it this belongs to
-    const std::string cursor;  // where the next keys are looked for
+    const std::string cursor;  // where the next keys are looked for; "": nowhere
 
-    bool reads_records() const { return !keys_.empty(); }
-    // Sends what stands between the question for the position and that for the next keys. Whatever was read is forgotten.
+    // Sends what stands behind the call of the function. Whatever was read is forgotten.
     void begin(redis_link &link);
-    // The next reply is the position, or a record.
-    bool expects() const { return reads_records() && next_ <= keys_.size(); }
-    // It, and what stood in it if it was a map.
+    // A reply, and what stood in it if it was a map.
     void take(const redisReply &reply, std::string_view map);
+    bool is_over() const { return taken_ == 1 + keys_.size() + (cursor.empty() ? 0 : 1); }
 
     uint64_t position() const { return position_; }  // of the log, before the records were read
     bool was_refused() const { return refused_; }
+    bool has_lapsed() const { return lapsed_; }
     // The keys that have to be read in the other form.
     const std::vector<wanted> &doubtful() const { return doubtful_; }
     std::vector<shown> take_records() { return std::move(records_); }
+    // The keys that were found, and where the next ones are; "": nowhere.
+    const std::vector<std::string> &found() const { return found_; }
+    const std::string &next_cursor() const { return next_cursor_; }
 
   private:
     void take_record(const wanted &from, const redisReply &reply, std::string_view map);
 
+    void take_position(const redisReply &reply);
+    void take_keys(const redisReply &reply);
+
     const std::vector<wanted> keys_;
-    size_t next_ = 0;  // 0: the position; else the key before
+    size_t taken_ = 0;  // replies
     uint64_t position_ = 0;
     bool refused_ = false;
+    bool lapsed_ = false;
+    std::vector<std::string> found_;
+    std::string next_cursor_;
     std::vector<wanted> doubtful_;
     std::vector<shown> records_;
     body_reader body_;
