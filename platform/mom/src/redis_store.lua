@@ -636,13 +636,33 @@ local function read_calls_since(position)
     end
 end
 
--- Position and field of the newest entry; nothing where there is none.
+-- Position and field of the newest entry; of a log that somebody has cut short the position alone; of none nothing.
 local function end_of_log()
     local newest = pcall('XREVRANGE', 'mom:log', '+', '-', 'COUNT', 1)
-    local entry = not newest.err and newest[1]
-    if entry then
-        return tonumber(string.match(entry[1], '^%d+')), entry[2][1]
+    if newest.err or not newest[1] then
+        local about = pcall('XINFO', 'STREAM', 'mom:log')
+        for i = 1, about.err and 0 or #about, 2 do
+            if about[i] == 'last-generated-id' then
+                return tonumber(string.match(about[i + 1], '^%d+'))
+            end
+        end
+        return nil
     end
+    local entry = newest[1]
+    return tonumber(string.match(entry[1], '^%d+')), entry[2][1]
+end
+
+local function go_to(position)
+    state.position = position
+    state.at = string.format('%.0f', position)
+end
+
+-- Where somebody has broken the log a new one is begun, behind a gap, so that all are heard of.
+local function begin_log_anew()
+    call('DEL', 'mom:log')
+    new_epoch()
+    go_to(state.position + 1)
+    state.is_new = true
 end
 
 local function read_state(position, field)
@@ -654,19 +674,22 @@ local function read_state(position, field)
     end
     noted = tonumber(noted or 0) or 0
     state = {
-        position = math.max(position or 0, noted),
         field = field,
         marks = call('EXISTS', 'mom:marks') == 1,
-        is_new = not position and noted == 0,
+        is_new = false,
         loaders = {},
         clients = {},
     }
-    state.at = string.format('%.0f', state.position)
+    known[database] = state
+    go_to(math.max(position or 0, noted))
     set_clock()
     if position then
         read_calls_since(string.format('%.0f', noted))
+    elseif noted > 0 or call('EXISTS', 'mom:epoch') == 1 then
+        begin_log_anew()
+    else
+        state.is_new = true
     end
-    known[database] = state
 end
 
 local function look_at_state(verb)
@@ -675,8 +698,14 @@ local function look_at_state(verb)
         return
     end
     local position, field = end_of_log()
-    if not state or position and position ~= state.position or field ~= state.field then
+    if not state then
         read_state(position, field)
+    elseif position then
+        if position ~= state.position or field and field ~= state.field then
+            read_state(position, field)
+        end
+    elseif not state.is_new then
+        begin_log_anew()
     end
 end
 
@@ -686,20 +715,14 @@ local function add_entry(field, array)
     local id = state.at .. '-0'
     if state.is_new then
         state.is_new = false
-        return call('XADD', 'mom:log', id, field, array)
+        return pcall('XADD', 'mom:log', id, field, array)
     elseif state.position % TRIM_INTERVAL == 0 then
         return pcall('XADD', 'mom:log', 'NOMKSTREAM', 'MAXLEN', '~', LOG_ENTRIES, id, field, array)
     end
     return pcall('XADD', 'mom:log', 'NOMKSTREAM', id, field, array)
 end
 
-local function go_to(position)
-    state.position = position
-    state.at = string.format('%.0f', position)
-end
-
--- The records are written by now: where somebody has broken the log a new one is begun, behind a gap, so that all are
--- heard of. Returns what is pushed.
+-- The records are written by now. Returns what is pushed.
 local function add_to_log()
     go_to(state.position + 1)
     local kind, array = 's', ARGV[1]
@@ -708,10 +731,7 @@ local function add_to_log()
     end
     state.field = number == 0 and kind or kind .. client .. ' ' .. text_of(mine)
     if type(add_entry(state.field, array)) ~= 'string' then
-        call('DEL', 'mom:log')
-        new_epoch()
-        go_to(state.position + 1)
-        state.is_new = true
+        begin_log_anew()
         add_entry(state.field, array)
     end
     return state.at .. kind .. array
