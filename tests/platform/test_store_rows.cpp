@@ -97,6 +97,29 @@ TEST(StoreRows, BodiesArePassedOver)
     EXPECT_EQ("next", passing.text());
 }
 
+TEST(StoreRows, ValuesAloneAreAContentInTheirOrder)
+{
+    const std::string array = array_of({"J", "", "B", "next"});
+    row_reader rows(array);
+    EXPECT_EQ((content{form::hash, "JB"}), *rows.values(3));
+    EXPECT_EQ((content{form::hash, ""}), *rows.values(0));
+    EXPECT_EQ("next", rows.text());
+    EXPECT_TRUE(rows.at_end() && !rows.broken());
+}
+
+TEST(StoreRows, MoreValuesThanThereAreEndWithTheLast)
+{
+    const std::string array = array_of({"J", "B"});
+    row_reader rows(array);
+    EXPECT_EQ((content{form::hash, "JB"}), *rows.values(1000000));
+    EXPECT_TRUE(rows.at_end() && !rows.broken());
+    EXPECT_EQ((content{form::hash, ""}), *rows.values(2));
+
+    row_reader cut(std::string_view(array).substr(0, array.size() - 1));
+    EXPECT_EQ((content{form::hash, "J"}), *cut.values(2));
+    EXPECT_TRUE(cut.at_end() && cut.broken());
+}
+
 TEST(StoreRows, APlaceCanBeComeBackTo)
 {
     const std::string array = array_of({"a", "b", "c"});
