@@ -40,6 +40,29 @@ inline std::string other_url_of_the_same(std::string url)
     return url.insert(url.rfind('/'), "/.");
 }
 
+inline bool contains(const std::string &text, std::string_view part) { return text.find(part) != std::string::npos; }
+
+// A command as clients send it.
+inline std::string encoded(const std::vector<std::string> &words)
+{
+    std::string command = '*' + std::to_string(words.size()) + "\r\n";
+    for (const auto &word : words)
+        command += '$' + std::to_string(word.size()) + "\r\n" + word + "\r\n";
+    return command;
+}
+
+// Texts, none of them long, as one packed array.
+inline std::string packed(const std::vector<std::string> &texts)
+{
+    const auto with_size = [](char tag, size_t size) {
+        return std::string{tag, static_cast<char>(size >> 8), static_cast<char>(size)};
+    };
+    std::string array = with_size('\xdc', texts.size());
+    for (const auto &text : texts)
+        array += with_size('\xda', text.size()) + text;
+    return array;
+}
+
 class FaultTest : public StoreTest
 {
   protected:
@@ -92,12 +115,38 @@ class FaultTest : public StoreTest
             if (each.path().string().find(".incr.aof") == std::string::npos)
                 continue;
             std::ofstream file(each.path(), std::ios::app | std::ios::binary);
-            for (const auto &words : calls) {
-                file << '*' << words.size() << "\r\n";
-                for (const auto &word : words)
-                    file << '$' << word.size() << "\r\n" << word << "\r\n";
-            }
+            for (const auto &words : calls)
+                file << encoded(words);
         }
+    }
+
+    // The server's function, called as a client of another name would do it; what it answers.
+    static std::string call(const std::vector<std::string> &arguments)
+    {
+        const std::string list = store_server().commands(app_db, "FUNCTION LIST");
+        const size_t name = list.find("mom_");
+        std::vector<std::string> words{"FCALL", list.substr(name, list.find('\r', name) - name), "0"};
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        return store_server().commands(app_db, encoded(words));
+    }
+
+    static std::string call_with_writes(const std::string &client, int number, int oldest,
+                                        const std::vector<std::string> &writes)
+    {
+        std::vector<std::string> texts{std::to_string(app_db), client, std::to_string(number), std::to_string(oldest)};
+        texts.insert(texts.end(), writes.begin(), writes.end());
+        return call({packed(texts)});
+    }
+
+    // What the server keeps in the function's language is forgotten, and nobody loses his connection.
+    static void load_function_anew()
+    {
+        const std::string list = store_server().commands(app_db, "FUNCTION LIST WITHCODE");
+        const size_t head = list.find("library_code\r\n$") + sizeof "library_code\r\n$" - 1;
+        const size_t size = std::stoul(list.substr(head));
+        const std::string code = list.substr(list.find('\n', head) + 1, size);
+        EXPECT_TRUE(
+            contains(store_server().commands(app_db, encoded({"FUNCTION", "LOAD", "REPLACE", code})), "\r\nmom_"));
     }
 
     // What the follower must take the table for, by what it has been told.

@@ -85,15 +85,14 @@ TEST_F(RedisLoss, MarksThatWereBeingSetAreSetOnEachRecordAndTheirCallEndsOnce)
 TEST_F(RedisLoss, AnExpiryCallGoesOnUntilItsLastMarkIsSet)
 {
     fill_store(5000);
-    const std::string list = store_server().commands(app_db, "FUNCTION LIST");
-    const std::string function = list.substr(list.find("mom_"), list.find('\r', list.find("mom_")) - list.find("mom_"));
-    const auto call = [&](const std::string &verb, const std::string &client, const std::string &more) {
-        return store_server().commands(app_db, "FCALL " + function + " 0 " + verb + " 4 " + client + " 1 1 " +
-                                                   "u_bridge.evlan_session:* 0 app \"\" \"\"" + more);
-    };
-    const std::string first = call("mark", "one", " 1000000000 one:1 0 \"\"");
+    const std::vector<std::string> any{"u_bridge.evlan_session:*", "0", "app", "", ""};
+    std::vector<std::string> mark{"mark", "4", "one", "1", "1"}, sweep{"sweep", "4", "other", "1", "1"};
+    mark.insert(mark.end(), any.begin(), any.end());
+    mark.insert(mark.end(), {"1000000000", "one:1", "0", ""});
+    sweep.insert(sweep.end(), any.begin(), any.end());
+    const std::string first = call(mark);
     EXPECT_NE(std::string::npos, first.find("\r\nm")) << "all marks were set in one piece: " << first;
-    call("sweep", "other", "");
+    call(sweep);
     EXPECT_NE(std::string::npos, store_server().commands(app_db, "ZCARD mom:marks").find(":0"));
     EXPECT_NE(std::string::npos, store_server().commands(app_db, "HEXISTS mom:left one:1").find(":1"));
 }

@@ -27,15 +27,6 @@ class RedisRefusals : public FaultTest
         return answer.all.empty() ? QZ_MOM_EDOWN : answer.all.front().error;
     }
 
-    // A call of the server's function, as a client of another name would make it.
-    std::string call(const std::string &numbers, const std::string &writes)
-    {
-        const std::string list = store_server().commands(app_db, "FUNCTION LIST");
-        const std::string name = list.substr(list.find("mom_"), sizeof "mom_123456789012" - 1);
-        return store_server().commands(app_db, "FCALL " + name + " 0 write " + std::to_string(app_db) + " tester " +
-                                                   numbers + " \"" + writes + '"');
-    }
-
     // Soon what the follower was told is what the server holds.
     void expect_agreement()
     {
@@ -233,26 +224,25 @@ TEST_F(RedisRefusals, ALockIsNotToldAsHeldAfterItIsLost)
 // The promise behind calls that are made again: each is carried out once, in its order, and answers the same again.
 TEST_F(RedisRefusals, TheServerCarriesOutNumberedCallsOnceAndInTheirOrder)
 {
-    const auto contains = [](const std::string &text, const char *part) {
-        return text.find(part) != std::string::npos;
+    const auto write_one = [](int number, int oldest) {
+        return call_with_writes("tester", number, oldest, {"h", "key", "6", "x"});
     };
-    const std::string hash_one = "\\x96\\xa1h\\xa3key\\xa16\\xa11\\xa16\\xa1x";  // h key 6 1 6 x
     store_server().commands(app_db, "SET key text");
-    const std::string refused = call("1 1", hash_one);
+    const std::string refused = write_one(1, 1);
     EXPECT_TRUE(contains(refused, "$1\r\nf")) << refused;
     store_server().commands(app_db, "DEL key");
-    const std::string again = call("1 1", hash_one);  // now it could be done, but it was answered before
+    const std::string again = write_one(1, 1);  // now it could be done, but it was answered before
     EXPECT_TRUE(contains(again, "again") && contains(again, "$1\r\nf")) << again;
     EXPECT_TRUE(contains(store_server().commands(app_db, "EXISTS key"), ":0"));
 
-    EXPECT_TRUE(contains(call("3 2", hash_one), "BUSY"));  // the second is still to come
+    EXPECT_TRUE(contains(write_one(3, 2), "BUSY"));  // the second is still to come
     EXPECT_TRUE(contains(store_server().commands(app_db, "EXISTS key"), ":0"));
-    EXPECT_FALSE(contains(call("2 2", hash_one), "again"));
-    EXPECT_FALSE(contains(call("3 2", hash_one), "BUSY"));
-    EXPECT_TRUE(contains(call("2 2", hash_one), "again"));
-    EXPECT_FALSE(contains(call("5 5", hash_one), "BUSY"));  // the client has given the fourth up
-    EXPECT_TRUE(contains(call("3 3", hash_one), "again"));
-    EXPECT_FALSE(contains(call("6 6", hash_one), "again"));
+    EXPECT_FALSE(contains(write_one(2, 2), "again"));
+    EXPECT_FALSE(contains(write_one(3, 2), "BUSY"));
+    EXPECT_TRUE(contains(write_one(2, 2), "again"));
+    EXPECT_FALSE(contains(write_one(5, 5), "BUSY"));  // the client has given the fourth up
+    EXPECT_TRUE(contains(write_one(3, 3), "again"));
+    EXPECT_FALSE(contains(write_one(6, 6), "again"));
 }
 
 }  // namespace
