@@ -63,6 +63,42 @@ inline std::string packed(const std::vector<std::string> &texts)
     return array;
 }
 
+// Puts so many sessions into the store at once, past the log.
+inline void fill_store(int32_t count)
+{
+    store_server().commands(app_db, "EVAL \"for i = 1, " + std::to_string(count) +
+                                        " do redis.call('HSET', 'u_bridge.evlan_session:app:32:' .. i, '8', '@' .. "
+                                        "string.char(1)) end\" 0");
+}
+
+// The server's function, called as a client of another name would do it; what it answers.
+inline std::string call(const std::vector<std::string> &arguments)
+{
+    const std::string list = store_server().commands(app_db, "FUNCTION LIST");
+    const size_t name = list.find("mom_");
+    std::vector<std::string> words{"FCALL", list.substr(name, list.find('\r', name) - name), "0"};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return store_server().commands(app_db, encoded(words));
+}
+
+inline std::string call_with_writes(const std::string &client, int number, int oldest,
+                                    const std::vector<std::string> &writes)
+{
+    std::vector<std::string> texts{std::to_string(app_db), client, std::to_string(number), std::to_string(oldest)};
+    texts.insert(texts.end(), writes.begin(), writes.end());
+    return call({packed(texts)});
+}
+
+// What the server keeps in the function's language is forgotten, and nobody loses his connection.
+inline void load_function_anew()
+{
+    const std::string list = store_server().commands(app_db, "FUNCTION LIST WITHCODE");
+    const size_t head = list.find("library_code\r\n$") + sizeof "library_code\r\n$" - 1;
+    const size_t size = std::stoul(list.substr(head));
+    const std::string code = list.substr(list.find('\n', head) + 1, size);
+    EXPECT_TRUE(contains(store_server().commands(app_db, encoded({"FUNCTION", "LOAD", "REPLACE", code})), "\r\nmom_"));
+}
+
 class FaultTest : public StoreTest
 {
   protected:
@@ -118,35 +154,6 @@ class FaultTest : public StoreTest
             for (const auto &words : calls)
                 file << encoded(words);
         }
-    }
-
-    // The server's function, called as a client of another name would do it; what it answers.
-    static std::string call(const std::vector<std::string> &arguments)
-    {
-        const std::string list = store_server().commands(app_db, "FUNCTION LIST");
-        const size_t name = list.find("mom_");
-        std::vector<std::string> words{"FCALL", list.substr(name, list.find('\r', name) - name), "0"};
-        words.insert(words.end(), arguments.begin(), arguments.end());
-        return store_server().commands(app_db, encoded(words));
-    }
-
-    static std::string call_with_writes(const std::string &client, int number, int oldest,
-                                        const std::vector<std::string> &writes)
-    {
-        std::vector<std::string> texts{std::to_string(app_db), client, std::to_string(number), std::to_string(oldest)};
-        texts.insert(texts.end(), writes.begin(), writes.end());
-        return call({packed(texts)});
-    }
-
-    // What the server keeps in the function's language is forgotten, and nobody loses his connection.
-    static void load_function_anew()
-    {
-        const std::string list = store_server().commands(app_db, "FUNCTION LIST WITHCODE");
-        const size_t head = list.find("library_code\r\n$") + sizeof "library_code\r\n$" - 1;
-        const size_t size = std::stoul(list.substr(head));
-        const std::string code = list.substr(list.find('\n', head) + 1, size);
-        EXPECT_TRUE(
-            contains(store_server().commands(app_db, encoded({"FUNCTION", "LOAD", "REPLACE", code})), "\r\nmom_"));
     }
 
     // What the follower must take the table for, by what it has been told.

@@ -19,14 +19,6 @@ struct lock_ear {
     }
 };
 
-// Puts so many sessions into the store at once, past the log.
-void fill_store(int32_t count)
-{
-    store_server().commands(app_db, "EVAL \"for i = 1, " + std::to_string(count) +
-                                        " do redis.call('HSET', 'u_bridge.evlan_session:app:32:' .. i, '8', '@' .. "
-                                        "string.char(1)) end\" 0");
-}
-
 using RedisLoss = FaultTest;
 
 // The place that it had come to means nothing to a server that was started anew.

@@ -1,4 +1,7 @@
 // Following: what whole and field subscribers hear, confirmations, connections.
+#include <algorithm>
+#include <map>
+
 #include "store_fixture.hpp"
 
 namespace contract
@@ -253,6 +256,45 @@ TEST_F(Following, ConnectedCallbackRunsOncePerCall)
     settle();
     EXPECT_EQ(2, calls);
     EXPECT_EQ(handle, seen);
+}
+
+// Who begins to follow has the table read for him, which may take several turns when it is large. What is written
+// meanwhile is heard as at any other time: each change once, in its order, with all that the record held then.
+TEST_F(Following, WhoBeginsToFollowWhileTwoWriteTheSameRecordsHearsEachOfTheirStatesInOrder)
+{
+    constexpr int32_t OTHERS = 4000, RECORDS = 8;
+    auto *asker = open();
+    auto *answerer = open();
+    auto *follower = open();
+    for (int32_t i = 0; i < OTHERS; ++i)
+        ASSERT_EQ(0, hmset(asker, {.keyid = RECORDS + i, .request_value = 1}, {6}));
+    settle();
+    listener hears;
+    int32_t round = 0;
+    const auto write_on = [&](int32_t end) {
+        while (round < end) {
+            ++round;
+            for (int32_t i = 0; i < RECORDS; ++i) {
+                ASSERT_EQ(0, hmset(asker, {.keyid = i, .request_value = round}, {6}));
+                ASSERT_EQ(0, hmset(answerer, {.keyid = i, .reply_value = round}, {10}));
+            }
+            pass_time(1);
+        }
+    };
+    write_on(20);
+    follow(follower, any_session(), hears);
+    write_on(200);
+    settle();
+    std::map<int32_t, std::vector<int32_t>> states;
+    for (const session &each : sessions(hears.changes()))
+        states[each.keyid].push_back(state_by_two_hands(each));
+    ASSERT_EQ(static_cast<size_t>(RECORDS), states.size());
+    for (const auto &[keyid, heard] : states) {
+        EXPECT_EQ(2 * round, heard.back());
+        EXPECT_EQ(static_cast<size_t>(heard.back() - heard.front() + 1), heard.size());
+        EXPECT_TRUE(std::ranges::is_sorted(heard));
+    }
+    EXPECT_EQ(static_cast<size_t>(OTHERS + RECORDS), scan(follower, any_session()).size());
 }
 
 }  // namespace contract

@@ -141,6 +141,13 @@ std::vector<session> sessions(const std::vector<heard> &all)
     return found;
 }
 
+int32_t state_by_two_hands(const session &what)
+{
+    const int32_t ahead = what.request_value - what.reply_value;
+    EXPECT_TRUE(ahead == 0 || ahead == 1) << testing::PrintToString(what);
+    return what.request_value + what.reply_value;
+}
+
 session_record::session_record(const session &what)
     : user_(what.user), index_(U_BRIDGE__EVLAN_APP_INDEX__INIT), record_(U_BRIDGE__EVLAN_SESSION__INIT)
 {

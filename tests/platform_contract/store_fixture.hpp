@@ -79,6 +79,10 @@ session session_of(const ProtobufCMessage &record);
 // The sessions in what was heard; a value that is missing or of another type fails the test.
 std::vector<session> sessions(const std::vector<heard> &all);
 
+// Two hands count up a record in turns, one its request value, then the other its reply value. The number of such a state;
+// fails the test when the record never was so.
+int32_t state_by_two_hands(const session &what);
+
 // The protobuf-c message of a session, with everything that it points to.
 class session_record
 {

@@ -1,0 +1,358 @@
+// What the server's function keeps of calls and loads, in its own language and in the log: a server that forgets the first
+// or has lost some of the second does nothing twice and passes nothing over.
+#include <algorithm>
+#include <functional>
+
+#include "fault_fixture.hpp"
+
+namespace contract
+{
+namespace
+{
+
+constexpr int32_t BETWEEN_NOTES = 256;  // entries of the log between two notes of mom:state
+
+const std::string KEY = "u_bridge.evlan_session:app:32:1";
+
+// Number 8 of a session, as it stands on the wire.
+std::string request(int value) { return {'@', static_cast<char>(value)}; }
+
+class RedisCalls : public FaultTest
+{
+  protected:
+    // Writes one number after the other to a record, at least so many, until `done`, and some more.
+    void write_on(
+        int32_t count, const std::function<bool()> &done = [] { return true; })
+    {
+        const int32_t end = next_ + count;
+        while ((next_ < end || !done()) && !HasFailure()) {
+            write(numbered(1, next_++));
+            if (next_ % 16 == 0)
+                pass_time(1);
+        }
+    }
+
+    // Each of them was told once, in its order.
+    static void expect_all_told(const listener &to, int32_t from, int32_t until)
+    {
+        std::vector<int32_t> wanted, heard;
+        for (int32_t i = from; i < until; ++i)
+            wanted.push_back(i);
+        for (const session &each : sessions(to.changes()))
+            heard.push_back(each.request_value);
+        EXPECT_EQ(wanted, heard);
+    }
+    void run_until_last_told()
+    {
+        run_until(
+            [&] { return !told.changes().empty() && sessions(told.changes()).back().request_value == next_ - 1; });
+        settle();
+    }
+    void expect_all_told()
+    {
+        run_until_last_told();
+        expect_all_told(told, 1, next_);
+        expect_view_equals_store();
+    }
+
+    int32_t next_ = 1;
+};
+
+// ---- numbered calls -------------------------------------------------------------------------------------------------
+
+struct forgetting {
+    const char *name;
+    void (*act)();
+};
+
+void flush_functions() { store_server().commands(app_db, "FUNCTION FLUSH"); }
+
+void start_anew()
+{
+    store_server().kill();
+    store_server().start();
+}
+
+class RedisForgets : public RedisCalls, public testing::WithParamInterface<std::tuple<forgetting, int32_t>>
+{
+  protected:
+    // Other clients' entries, and the server has forgotten, and has a function again.
+    void others_write_and_the_server_forgets()
+    {
+        const auto &[how, entries] = GetParam();
+        for (const int last = others_ + entries; others_ < last;) {
+            ++others_;
+            call_with_writes("other", others_, others_, {"h", "elsewhere", "6", "x"});
+        }
+        how.act();
+        run_until([] { return contains(store_server().commands(app_db, "FUNCTION LIST"), "mom_"); });
+    }
+
+  private:
+    int others_ = 0;
+};
+
+TEST_P(RedisForgets, ACallThatIsMadeAgainIsNotDoneAgain)
+{
+    const auto value = [] { return store_server().commands(app_db, "HGET " + KEY + " 8"); };
+    call_with_writes("one", 1, 1, {"h", KEY, "8", request(11)});
+    call_with_writes("two", 1, 1, {"h", KEY, "8", request(12)});
+    others_write_and_the_server_forgets();
+    EXPECT_TRUE(contains(call_with_writes("one", 1, 1, {"h", KEY, "8", request(11)}), "again"));
+    EXPECT_TRUE(contains(value(), request(12)));
+    EXPECT_TRUE(contains(call_with_writes("one", 3, 2, {"h", KEY, "8", request(13)}), "BUSY"));
+    EXPECT_TRUE(contains(value(), request(12)));
+    EXPECT_FALSE(contains(call_with_writes("one", 2, 2, {"h", KEY, "8", request(14)}), "again"));
+    EXPECT_TRUE(contains(value(), request(14)));
+    others_write_and_the_server_forgets();
+    EXPECT_TRUE(contains(call_with_writes("two", 1, 1, {"h", KEY, "8", request(12)}), "again"));
+    EXPECT_TRUE(contains(call_with_writes("one", 2, 2, {"h", KEY, "8", request(14)}), "again"));
+    EXPECT_TRUE(contains(value(), request(14)));
+}
+
+TEST_P(RedisForgets, WhatWasRefusedIsAnsweredTheSameWhenItIsAskedAgain)
+{
+    const std::vector<std::string> writes{"h", KEY, "8", request(1), "h", "text", "8", request(1)};
+    store_server().commands(app_db, "SET text x");
+    EXPECT_TRUE(contains(call_with_writes("one", 1, 1, writes), "\r\nkf\r\n"));
+    EXPECT_TRUE(contains(call_with_writes("one", 2, 1, {"h", KEY, "8", request(2)}), "$0"));
+    others_write_and_the_server_forgets();
+    store_server().commands(app_db, "DEL text");
+    const std::string again = call_with_writes("one", 1, 1, writes);
+    EXPECT_TRUE(contains(again, "again") && contains(again, "\r\nkf\r\n")) << again;
+    const std::string second = call_with_writes("one", 2, 1, {"h", KEY, "8", request(2)});
+    EXPECT_TRUE(contains(second, "again") && !contains(second, "kf")) << second;
+    EXPECT_TRUE(contains(store_server().commands(app_db, "EXISTS text"), ":0"));
+}
+
+// No entry of the log says that it was made.
+TEST_P(RedisForgets, ACallThatChangedNothingIsNotDoneLater)
+{
+    EXPECT_TRUE(contains(call_with_writes("one", 1, 1, {"u", KEY, "8", request(1)}), "$0"));
+    others_write_and_the_server_forgets();
+    call_with_writes("two", 1, 1, {"h", KEY, "6", "x"});
+    EXPECT_TRUE(contains(call_with_writes("one", 1, 1, {"u", KEY, "8", request(1)}), "again"));
+    EXPECT_TRUE(contains(store_server().commands(app_db, "HEXISTS " + KEY + " 8"), ":0"));
+}
+
+// The follower takes them where they were left, and so does who follows from elsewhere.
+TEST_P(RedisForgets, EachChangeIsToldOnce)
+{
+    followed elsewhere(other_url_of_the_same(url_));
+    write_on(20);
+    others_write_and_the_server_forgets();
+    write_on(20);
+    others_write_and_the_server_forgets();
+    write_on(20);
+    run_until_last_told();
+    expect_all_told(told, 1, next_);
+    elsewhere.run_until([&] { return elsewhere.told.changes().size() >= static_cast<size_t>(next_ - 1); });
+    expect_all_told(elsewhere.told, 1, next_);
+}
+
+// Few entries: all of them are behind the last note. Many: a note lies between.
+INSTANTIATE_TEST_SUITE_P(
+    All, RedisForgets,
+    testing::Combine(testing::Values(forgetting{"Flushed", flush_functions},
+                                     forgetting{"LoadedAnew", load_function_anew}, forgetting{"Killed", start_anew}),
+                     testing::Values(2, BETWEEN_NOTES + 20)),
+    [](const auto &of) { return std::get<0>(of.param).name + std::to_string(std::get<1>(of.param)); });
+
+// At each place between two notes: what is forgotten is read from the note, or from the entries behind it.
+TEST_F(RedisCalls, WhereverTheServerForgetsItGoesOnFromThere)
+{
+    const auto done = [](int number) {
+        return !contains(call_with_writes("one", number, number, {"h", KEY, "8", request(number % 100)}), "again");
+    };
+    for (int number = 1; number <= BETWEEN_NOTES + 10; ++number) {
+        EXPECT_TRUE(done(number)) << number;
+        if (number % 7 == 0 || number > BETWEEN_NOTES - 20)
+            load_function_anew();
+        EXPECT_FALSE(done(number)) << number;
+    }
+    settle();
+    EXPECT_EQ(static_cast<size_t>(BETWEEN_NOTES + 10), told.changes().size());
+}
+
+TEST_F(RedisCalls, WritesGoOnWhileTheFunctionIsFlushedAndLoadedAnewAndTheServerDies)
+{
+    for (int round = 0; round < 3; ++round) {
+        write_on(100);
+        flush_functions();
+        write_on(150);
+        load_function_anew();
+        write_on(150);
+        start_anew();
+    }
+    write_on(100);
+    expect_all_told();
+}
+
+// ---- tables that are being read -------------------------------------------------------------------------------------
+
+// The first page of all sessions, or the one at that cursor, for a client; the next cursor, or "lapsed".
+std::string page(const std::string &client, const std::string &cursor)
+{
+    const std::string reply =
+        call({"page", std::to_string(app_db), client, "0", "0", cursor, "u_bridge.evlan_session*"});
+    const std::string position = "+OK\r\n*3\r\n$";
+    EXPECT_TRUE(reply.starts_with(position)) << reply.substr(0, 100);
+    const size_t size = reply.find('$', position.size());
+    const size_t text = reply.find('\n', size) + 1;
+    return reply.substr(text, reply.find('\r', text) - text);
+}
+
+// Whether the newest entry of the log says what was sent, or all that the record holds.
+bool newest_is_whole()
+{
+    const std::string newest = store_server().commands(app_db, "XREVRANGE mom:log + - COUNT 1");
+    EXPECT_NE(contains(newest, "\r\nsone "), contains(newest, "\r\nrone ")) << newest;
+    return contains(newest, "\r\nrone ");
+}
+
+// So many times the server has looked for records.
+int64_t pages_read()
+{
+    const std::string all = store_server().commands(app_db, "INFO commandstats");
+    const std::string line = "cmdstat_scan:calls=";
+    const size_t at = all.find(line);
+    return at == std::string::npos ? 0 : std::stoll(all.substr(at + line.size()));
+}
+
+TEST_F(RedisCalls, WritesAreToldWholeFromTheFirstPageOfATableToItsLast)
+{
+    int number = 0;
+    const auto write_is_whole = [&] {
+        ++number;
+        call_with_writes("one", number, number, {"h", KEY, "8", request(number)});
+        return newest_is_whole();
+    };
+    fill_store(3000);
+    EXPECT_FALSE(write_is_whole());
+    std::string cursor = "0";
+    while ((cursor = page("two", cursor)) != "0" && !HasFailure())
+        EXPECT_TRUE(write_is_whole());
+    EXPECT_GT(number, 2);
+    EXPECT_FALSE(write_is_whole());
+}
+
+// It has not seen that writes are to be told whole.
+TEST_F(RedisCalls, APageIsRefusedByAServerThatHasForgottenItsLoad)
+{
+    fill_store(3000);
+    const std::string cursor = page("two", "0");
+    load_function_anew();
+    call_with_writes("one", 1, 1, {"h", KEY, "8", request(1)});
+    EXPECT_FALSE(newest_is_whole());
+    EXPECT_EQ("lapsed", page("two", cursor));
+    EXPECT_EQ(cursor, page("two", "0"));
+    EXPECT_EQ("lapsed", page("three", cursor));
+    call_with_writes("one", 2, 2, {"h", KEY, "8", request(2)});
+    EXPECT_TRUE(newest_is_whole());
+}
+
+TEST_F(RedisCalls, AClientThatIsGoneInTheMiddleOfATableKeepsNobodyFromGoingOn)
+{
+    fill_store(3000);
+    EXPECT_NE("0", page("gone", "0"));
+    write_on(40);
+    run_until_last_told();
+    expect_all_told(told, 1, next_);
+    followed late(other_url_of_the_same(url_));
+    write_on(40);
+    run_until_last_told();
+    expect_all_told(told, 1, next_);
+    late.run_until([&] { return late.told.changes().size() >= 40; });
+    expect_all_told(late.told, 41, next_);
+    EXPECT_EQ(3000u, store().size());
+}
+
+// Changes were told in parts meanwhile, which are of no use to who does not know the rest: he is told of all records again.
+TEST_F(RedisCalls, AFollowerWhoseLoadLapsesBeginsAnewAndHearsEveryState)
+{
+    fill_store(60'000);
+    int64_t before = pages_read();
+    EXPECT_EQ(60'000u, store().size());
+    const int64_t pages = pages_read() - before;
+
+    constexpr int32_t KEYID = 100'000;
+    int32_t round = 0;
+    const auto write_round = [&] {
+        ++round;
+        EXPECT_EQ(0, hmset(writer, {.keyid = KEYID, .request_value = round}, {6}));
+        EXPECT_EQ(0, hmset(reader, {.keyid = KEYID, .reply_value = round}, {10}));
+    };
+    write_round();
+    settle();
+    listener hears;
+    before = pages_read();
+    auto *late = open(other_url_of_the_same(url_));
+    EXPECT_EQ(0, follow(late, any_session(), hears));
+    const auto write_until_read = [&](int64_t count) {
+        run_until([&] {
+            write_round();
+            return pages_read() - before >= count;
+        });
+    };
+    write_until_read(pages / 4);
+    EXPECT_LT(pages_read() - before, pages) << "the table was read before the server forgot";
+    load_function_anew();
+    write_until_read(pages + pages / 4);
+    settle();
+    std::vector<int32_t> states;
+    for (const session &each : sessions(hears.changes())) {
+        if (each.keyid == KEYID)
+            states.push_back(state_by_two_hands(each));
+    }
+    ASSERT_FALSE(states.empty());
+    EXPECT_EQ(2 * round, states.back());
+    const auto leads_on = [](int32_t one, int32_t next) { return next == one || next == one + 1; };
+    EXPECT_EQ(states.end(), std::ranges::adjacent_find(states, std::not_fn(leads_on)));
+    EXPECT_EQ(60'001u, scan(late, any_session()).size());
+}
+
+// ---- what others do to the server's notes ---------------------------------------------------------------------------
+
+TEST_F(RedisCalls, ANoteThatIsRemovedIsMadeUpForByTheLog)
+{
+    for (const int32_t entries : {20, BETWEEN_NOTES + 20}) {
+        write_on(entries);
+        call_with_writes("one", entries, entries, {"h", "elsewhere", "8", request(1)});
+        store_server().commands(app_db, "DEL mom:state");
+        write_on(20);
+        load_function_anew();
+        EXPECT_TRUE(contains(call_with_writes("one", entries, entries, {"h", "elsewhere", "8", request(2)}), "again"));
+        write_on(20);
+    }
+    expect_all_told();
+}
+
+// As nobody knows what was in it, what is there is told again; what comes behind it is told once.
+class RedisLogRemoved : public RedisCalls, public testing::WithParamInterface<int32_t>
+{
+  protected:
+    void expect_newest_told()
+    {
+        run_until_last_told();
+        EXPECT_EQ(next_ - 1, sessions(told.changes()).back().request_value);
+        std::vector<int32_t> heard;
+        for (const session &each : sessions(told.changes()))
+            heard.push_back(each.request_value);
+        EXPECT_TRUE(std::ranges::is_sorted(heard));
+        expect_view_equals_store();
+    }
+};
+
+TEST_P(RedisLogRemoved, TheNextWriteIsHeardOf)
+{
+    write_on(GetParam());
+    expect_newest_told();
+    store_server().commands(app_db, "DEL mom:log");
+    write_on(20);
+    expect_newest_told();
+}
+
+INSTANTIATE_TEST_SUITE_P(After, RedisLogRemoved, testing::Values(20, 10 * BETWEEN_NOTES));
+
+}  // namespace
+}  // namespace contract
