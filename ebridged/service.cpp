@@ -78,7 +78,7 @@ void service::stat(ebridged_stat *out) const
     out->serving = serving_;
     out->sessions = static_cast<uint32_t>(serving_ ? sessions_.size() : found_.size());
     out->keys = static_cast<uint32_t>(keys());
-    out->waiting = static_cast<uint32_t>(due_.size());
+    out->waiting = static_cast<uint32_t>(due_.size() + held_.size());
     out->answered = answered_;
     out->refused = refused_;
 }

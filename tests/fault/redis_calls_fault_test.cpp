@@ -190,11 +190,10 @@ TEST_F(RedisCalls, WritesGoOnWhileTheFunctionIsFlushedAndLoadedAnewAndTheServerD
 
 // ---- tables that are being read -------------------------------------------------------------------------------------
 
-// The first page of all sessions, or the one at that cursor, for a client; the next cursor, or "lapsed".
-std::string page(const std::string &client, const std::string &cursor)
+// What the server says to a client that begins to read all sessions, goes on, or has read them: nothing, or "lapsed".
+std::string reads(const std::string &client, const std::string &step)
 {
-    const std::string reply =
-        call({"page", std::to_string(app_db), client, "0", "0", cursor, "u_bridge.evlan_session*"});
+    const std::string reply = call({"read", std::to_string(app_db), client, "0", "0", step, "u_bridge.evlan_session"});
     const std::string position = "+OK\r\n*3\r\n$";
     EXPECT_TRUE(reply.starts_with(position)) << reply.substr(0, 100);
     const size_t size = reply.find('$', position.size());
@@ -219,7 +218,7 @@ int64_t pages_read()
     return at == std::string::npos ? 0 : std::stoll(all.substr(at + line.size()));
 }
 
-TEST_F(RedisCalls, WritesAreToldWholeFromTheFirstPageOfATableToItsLast)
+TEST_F(RedisCalls, WritesAreToldWholeWhileATableIsRead)
 {
     int number = 0;
     const auto write_is_whole = [&] {
@@ -227,26 +226,25 @@ TEST_F(RedisCalls, WritesAreToldWholeFromTheFirstPageOfATableToItsLast)
         call_with_writes("one", number, number, {"h", KEY, "8", request(number)});
         return newest_is_whole();
     };
-    fill_store(3000);
     EXPECT_FALSE(write_is_whole());
-    std::string cursor = "0";
-    while ((cursor = page("two", cursor)) != "0" && !HasFailure())
-        EXPECT_TRUE(write_is_whole());
-    EXPECT_GT(number, 2);
+    EXPECT_EQ("", reads("two", "begin"));
+    EXPECT_TRUE(write_is_whole());
+    EXPECT_EQ("", reads("two", "go on"));
+    EXPECT_TRUE(write_is_whole());
+    EXPECT_EQ("", reads("two", "end"));
     EXPECT_FALSE(write_is_whole());
 }
 
 // It has not seen that writes are to be told whole.
-TEST_F(RedisCalls, APageIsRefusedByAServerThatHasForgottenItsLoad)
+TEST_F(RedisCalls, WhoReadsIsRefusedByAServerThatHasForgottenIt)
 {
-    fill_store(3000);
-    const std::string cursor = page("two", "0");
+    EXPECT_EQ("", reads("two", "begin"));
     load_function_anew();
     call_with_writes("one", 1, 1, {"h", KEY, "8", request(1)});
     EXPECT_FALSE(newest_is_whole());
-    EXPECT_EQ("lapsed", page("two", cursor));
-    EXPECT_EQ(cursor, page("two", "0"));
-    EXPECT_EQ("lapsed", page("three", cursor));
+    EXPECT_EQ("lapsed", reads("two", "go on"));
+    EXPECT_EQ("", reads("two", "begin"));
+    EXPECT_EQ("lapsed", reads("three", "go on"));
     call_with_writes("one", 2, 2, {"h", KEY, "8", request(2)});
     EXPECT_TRUE(newest_is_whole());
 }
@@ -254,7 +252,7 @@ TEST_F(RedisCalls, APageIsRefusedByAServerThatHasForgottenItsLoad)
 TEST_F(RedisCalls, AClientThatIsGoneInTheMiddleOfATableKeepsNobodyFromGoingOn)
 {
     fill_store(3000);
-    EXPECT_NE("0", page("gone", "0"));
+    EXPECT_EQ("", reads("gone", "begin"));
     write_on(40);
     run_until_last_told();
     expect_all_told(told, 1, next_);

@@ -115,11 +115,16 @@ uint64_t redis_feed::take_fetched(const redisReply &reply)
         const uint64_t position = number_and_rest(text_of(*entry->element[0])).first;
         if (position <= position_)
             continue;
-        if (position != position_ + 1) {
+        const bool is_sent = text_of(*kind).starts_with('s');
+        if (position == position_ + 1) {
+            entries_.emplace_back(position, text_of(*array), is_sent);
+        } else {
+            std::deque<log_entry> next;  // without memory for it the gap is still to be found
+            next.emplace_back(position, text_of(*array), is_sent);
             go_to(position - 1);
             lost = position - 1;
+            entries_.swap(next);
         }
-        entries_.emplace_back(position, text_of(*array), text_of(*kind).starts_with('s'));
         position_ = position;
     }
     if (reply.elements == 0 && known_ > position_) {

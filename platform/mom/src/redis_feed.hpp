@@ -51,6 +51,11 @@ class redis_feed
     bool is_asking() const { return channel_ == channel::asked; }
     // What the server has said by itself.
     void take(const redisReply &pushed);
+    // The log has come that far: what was pushed of it has been taken by now.
+    void reaches(uint64_t position)
+    {
+        behind_ = behind_ || (wanted_ && channel_ == channel::open && position > pushed_);
+    }
 
     // ---- the entries
     uint64_t position() const { return position_; }

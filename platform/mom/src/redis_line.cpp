@@ -85,10 +85,11 @@ bool passes(std::string_view error)
     return false;
 }
 
-// The server keeps this user from a command or a channel.
+// The server keeps this user from a command or a channel, or everybody.
 bool is_denied(const redisReply &reply)
 {
-    return reply.type == REDIS_REPLY_ERROR && text_of(reply).starts_with("NOPERM");
+    return reply.type == REDIS_REPLY_ERROR &&
+           (text_of(reply).starts_with("NOPERM") || text_of(reply).starts_with("ERR unknown command"));
 }
 
 std::vector<uint32_t> numbers_of(std::string_view joined)
@@ -587,6 +588,7 @@ void redis_line::fire(steady::time_point now)
         firing_ = false;
         if (done.code == QZ_MOM_OK && done.more.substr(0, done.more.find(' ')) != epoch_)
             return lose("the store was emptied");
+        feed_.reaches(done.position);
         fire_at_ = steady::now() + (done.text == "more" ? 0ms : FIRE_INTERVAL);
         take_tokens(lockers, done);
     };
@@ -917,13 +919,9 @@ void redis_line::take_fetched(const redisReply &reply)
 void redis_line::restart_at(uint64_t position)
 {
     told_ = position;
-    std::vector<std::string> names;
-    for (auto &[name, in] : followed_) {
-        names.push_back(name);
-        in.again = true;
-    }
-    for (const auto &name : names)
-        load(name);
+    for (auto &[name, in] : followed_)
+        in.again = in.begun;  // all of them first: without memory for the rest the next connection finds that
+    load_again();
     look_for_lost_marks();
 }
 
@@ -949,7 +947,7 @@ bool redis_line::tell_next(log_entry &entry)
         return tell({static_cast<int32_t>(number_of(command)), !command.ends_with('w'), key, written}, entry);
     if (command == "s")
         return tell({QZ_MOM_CMD_SET, false, key, written}, entry);
-    const bool one = written.find(',') == written.npos;
+    const bool one = written.substr(0, written.find('|')).find(',') == written.npos;
     return tell({one ? QZ_MOM_CMD_HSET : QZ_MOM_CMD_HMSET, true, key, written}, entry);
 }
 
@@ -958,10 +956,13 @@ void redis_line::note_written(followed &in, std::string_view written) const
     if (in.written == written)
         return;
     const size_t named = std::min(written.find('|'), written.size());
-    in.numbers = numbers_of(written.substr(0, named));
-    in.fields = named == written.size() ? in.numbers : numbers_of(written.substr(named + 1));
-    in.names = std::make_shared<std::string>(names_of(*in.type, in.numbers));
+    auto numbers = numbers_of(written.substr(0, named));
+    auto fields = named == written.size() ? numbers : numbers_of(written.substr(named + 1));
+    auto names = std::make_shared<std::string>(names_of(*in.type, numbers));
     in.written = written;
+    in.numbers = std::move(numbers);
+    in.fields = std::move(fields);
+    in.names = std::move(names);
 }
 
 // Null: it is not ours.
@@ -977,7 +978,7 @@ std::shared_ptr<const content> redis_line::take_content(const told_row &row, siz
 bool redis_line::tell(const told_row &row, log_entry &entry)
 {
     const auto at = followed_.find(record_name(row.key));
-    if (at == followed_.end()) {
+    if (at == followed_.end() || !at->second.begun) {
         entry.as_sent ? entry.rows.skip(values_of(row.written)) : entry.rows.skip_body();
         return true;
     }
@@ -1108,7 +1109,7 @@ void redis_line::load(const std::string &name)
 void redis_line::load_again()
 {
     for (auto &[name, in] : followed_) {
-        if (in.loading == 0)
+        if (!in.begun || (in.loading == 0 && !in.again))
             continue;
         in.again = true;
         load(name);
@@ -1134,7 +1135,9 @@ redis_operation redis_line::first_step(const std::string &name, uint64_t number)
 void redis_line::take_page(table_step &read)
 {
     const auto at = followed_.find(read.name);
-    if (at == followed_.end() || at->second.loading != read.load)
+    if (at == followed_.end() || at->second.loading == 0)
+        return say_read(read.name);
+    if (at->second.loading != read.load)
         return;
     if (read.was_refused()) {
         load(read.name);

@@ -35,7 +35,7 @@ bool pass_over(std::string_view &bytes, int depth, bool &broken)
     std::from_chars(bytes.data() + 1, bytes.data() + end, count);
     bytes.remove_prefix(end + 2);
     if (kind == '$' || kind == '=' || kind == '!') {
-        if (bytes.size() < count + 2)
+        if (bytes.size() < 2 || bytes.size() - 2 < count)
             return false;
         bytes.remove_prefix(count + 2);
         return true;
@@ -58,7 +58,7 @@ bool take_text(std::string_view &bytes, std::string_view &text)
         return false;
     size_t size = 0;
     std::from_chars(bytes.data() + 1, bytes.data() + end, size);
-    if (bytes.size() - end - 2 < size + 2)
+    if (bytes.size() - end < 4 || bytes.size() - end - 4 < size)
         return false;
     text = bytes.substr(end + 2, size);
     bytes.remove_prefix(end + 2 + size + 2);

@@ -24,7 +24,7 @@
 -- client, the number of its last call that was carried out, the clock at that time (seconds), and unless these are all
 -- empty, what this call and the three before it were answered, newest first, a '|' before each. All but the client is
 -- what mom:state holds for it.
--- "r": an array of rows of texts, a change each: command, key, numbers of the written fields, count, then `count` times
+-- "r": an array of rows of texts, a change each: command, key, numbers of the written fields as they were sent, count, then `count` times
 -- field and bytes ("" for a whole record); the end of an expiry call is the command "end", its key the call. Of a write
 -- by field these are the fields that were written, and with "w" behind the command all that the record holds then; else
 -- all that it held.
@@ -64,7 +64,7 @@ local known = {} -- by database, of what is there:
 --   marks      there may be marks
 --   clock      seconds; the time is told by whoever fires marks
 --   is_new     there has never been an entry
---   loaders    who is reading a table, and which, until when he has to ask for the next page (clock)
+--   loaders    who is reading a table, and which, until when he has to be heard of (clock)
 --   clients    number (and its text) and answers of the last call of each, the clock at that time, and whether mom:state
 --              lacks it
 
@@ -131,16 +131,15 @@ local function body_sent(at)
     return body
 end
 
-local function named_in(numbers) return string.match(numbers, '^[^|]*') end
-local function command_of(named) return string.find(named, ',', 1, true) and '6' or '4' end
+-- One field was named, or several.
+local function command_of(numbers) return string.find(numbers, '^%d+,') and '6' or '4' end
 
 local function tell_sent(at)
     local kind, key = sent[at], sent[at + 1]
     if kind == 's' then
         tell('1', key, '', {'', sent[at + 2]})
     elseif kind == 'h' or kind == 'H' or kind == 'u' then
-        local named = named_in(sent[at + 2])
-        tell(command_of(named), key, named, body_sent(at))
+        tell(command_of(sent[at + 2]), key, sent[at + 2], body_sent(at))
     end
 end
 
@@ -263,8 +262,7 @@ local function write_fields(at, creates)
     changed = true
     if next(state.loaders) then
         tell_otherwise(at)
-        local named = named_in(numbers)
-        tell(command_of(named) .. 'w', key, named, call('HGETALL', key))
+        tell(command_of(numbers) .. 'w', key, numbers, call('HGETALL', key))
     elseif not as_sent then
         tell_sent(at)
     end
@@ -493,9 +491,13 @@ local function keep_lock(name, token)
     return holder and '=' or kept
 end
 
-local function forget_loaders()
+-- Who fires marks lives, and goes on reading.
+local function look_at_loaders()
+    local seconds = tonumber(state.clock)
     for loader, patience in pairs(state.loaders) do
-        if patience < tonumber(state.clock) then
+        if string.sub(loader, 1, #client + 1) == client .. ' ' then
+            state.loaders[loader] = seconds + LOADER_SECONDS
+        elseif patience < seconds then
             state.loaders[loader] = nil
         end
     end
@@ -511,7 +513,7 @@ function verbs.fire()
     end
     state.marks = marks > 0
     set_clock()
-    forget_loaders()
+    look_at_loaders()
     local fired = fire()
     local answers = {call('GET', 'mom:epoch') or ''}
     for at = 6, #ARGV, 2 do
@@ -565,46 +567,6 @@ local function life_of_this_server(epoch)
     return redis.sha1hex(epoch .. run .. history)
 end
 
-local function lives_until(newest)
-    local kept = pcall('GET', 'mom:lives')
-    local lives = {}
-    for name, start in string.gmatch(type(kept) == 'string' and kept or '', '(%S+) (%d+)') do
-        lives[#lives + 1] = {name = name, start = tonumber(start)}
-    end
-    if #lives == 0 or lives[#lives].name ~= newest then
-        lives[#lives + 1] = {name = newest, start = state.position}
-        local texts = {}
-        for i = math.max(1, #lives - LIVES + 1), #lives do
-            texts[#texts + 1] = lives[i].name .. ' ' .. string.format('%.0f', lives[i].start)
-        end
-        call('SET', 'mom:lives', table.concat(texts, ' '))
-    end
-    return lives
-end
-
--- Whether the log still has all that was heard of it, up to `at`, in that life.
-local function leads_on(lives, life, at)
-    local last = state.position
-    for i = #lives, 1, -1 do
-        if lives[i].name == life then
-            return at <= last
-        end
-        last = lives[i].start
-    end
-    return false
-end
-
--- ARGV 6: the life in which the client heard the log last. 7: up to where. Answers whether the log leads on from there,
--- the epoch, and the life that it is in now.
-function verbs.hello()
-    call('PUBLISH', channel(), '0') -- says nothing; a user who may not do so is refused here, and not after a write
-    forget_clients()
-    local epoch = call('GET', 'mom:epoch') or new_epoch()
-    local life = life_of_this_server(epoch)
-    local lives = lives_until(life)
-    return leads_on(lives, ARGV[6], tonumber(ARGV[7])) and 'on' or 'anew', epoch .. ' ' .. life
-end
-
 -- ---- what is known ---------------------------------------------------------------------------------------------------
 
 -- Number, clock and answers of a client, as text and from it.
@@ -617,7 +579,8 @@ end
 
 -- Of a client that has not been heard of since this is kept here.
 local function known_client(id)
-    local each = client_of(call('HGET', 'mom:state', 'done:' .. id) or '')
+    local noted = pcall('HGET', 'mom:state', 'done:' .. id)
+    local each = client_of(type(noted) == 'string' and noted or '')
     state.clients[id] = each
     return each
 end
@@ -657,12 +620,25 @@ local function go_to(position)
     state.at = string.format('%.0f', position)
 end
 
+-- Every so many entries mom:state is brought up to date.
+local function note_state()
+    local fields = {'position', state.at}
+    for id, each in pairs(state.clients) do
+        if each.is_unnoted then
+            each.is_unnoted = nil
+            fields[#fields + 1], fields[#fields + 2] = 'done:' .. id, text_of(each)
+        end
+    end
+    each_batch(fields, function(batch) pcall('HSET', 'mom:state', unpack(batch)) end)
+end
+
 -- Where somebody has broken the log a new one is begun, behind a gap, so that all are heard of.
 local function begin_log_anew()
     call('DEL', 'mom:log')
     new_epoch()
     go_to(state.position + 1)
     state.is_new = true
+    note_state() -- what the entries said is gone
 end
 
 local function read_state(position, field)
@@ -685,7 +661,7 @@ local function read_state(position, field)
     set_clock()
     if position then
         read_calls_since(string.format('%.0f', noted))
-    elseif noted > 0 or call('EXISTS', 'mom:epoch') == 1 then
+    elseif noted > 0 then
         begin_log_anew()
     else
         state.is_new = true
@@ -698,7 +674,8 @@ local function look_at_state(verb)
         return
     end
     local position, field = end_of_log()
-    if not state then
+    local kind = call('TYPE', 'mom:state').ok
+    if not state or kind ~= 'hash' and kind ~= 'none' then
         read_state(position, field)
     elseif position then
         if position ~= state.position or field and field ~= state.field then
@@ -707,6 +684,51 @@ local function look_at_state(verb)
     elseif not state.is_new then
         begin_log_anew()
     end
+end
+
+-- ---- who comes -----------------------------------------------------------------------------------------------------
+
+local function lives_until(newest)
+    local kept = pcall('GET', 'mom:lives')
+    local lives = {}
+    for name, start in string.gmatch(type(kept) == 'string' and kept or '', '(%S+) (%d+)') do
+        lives[#lives + 1] = {name = name, start = tonumber(start)}
+    end
+    if #lives == 0 or lives[#lives].name ~= newest then
+        if #lives > 0 then -- what is known may be of a time before this server was another one's replica
+            read_state(end_of_log())
+        end
+        lives[#lives + 1] = {name = newest, start = state.position}
+        local texts = {}
+        for i = math.max(1, #lives - LIVES + 1), #lives do
+            texts[#texts + 1] = lives[i].name .. ' ' .. string.format('%.0f', lives[i].start)
+        end
+        call('SET', 'mom:lives', table.concat(texts, ' '))
+    end
+    return lives
+end
+
+-- Whether the log still has all that was heard of it, up to `at`, in that life.
+local function leads_on(lives, life, at)
+    local last = state.position
+    for i = #lives, 1, -1 do
+        if lives[i].name == life then
+            return at <= last
+        end
+        last = lives[i].start
+    end
+    return false
+end
+
+-- ARGV 6: the life in which the client heard the log last. 7: up to where. Answers whether the log leads on from there,
+-- the epoch, and the life that it is in now.
+function verbs.hello()
+    call('PUBLISH', channel(), '0') -- says nothing; a user who may not do so is refused here, and not after a write
+    forget_clients()
+    local epoch = call('GET', 'mom:epoch') or new_epoch()
+    local life = life_of_this_server(epoch)
+    local lives = lives_until(life)
+    return leads_on(lives, ARGV[6], tonumber(ARGV[7])) and 'on' or 'anew', epoch .. ' ' .. life
 end
 
 -- ---- the call ------------------------------------------------------------------------------------------------------
@@ -735,18 +757,6 @@ local function add_to_log()
         add_entry(state.field, array)
     end
     return state.at .. kind .. array
-end
-
--- Every so many entries mom:state is brought up to date.
-local function note_state()
-    local fields = {'position', state.at}
-    for id, each in pairs(state.clients) do
-        if each.is_unnoted then
-            each.is_unnoted = nil
-            fields[#fields + 1], fields[#fields + 2] = 'done:' .. id, text_of(each)
-        end
-    end
-    each_batch(fields, function(batch) call('HSET', 'mom:state', unpack(batch)) end)
 end
 
 -- The answers of the last four calls, unless all are empty.
@@ -805,7 +815,7 @@ redis.register_function('@REDIS_FUNCTION@', function(_, arguments)
         return redis.error_reply('BUSY an earlier call is still to be made')
     end
     local entry = (#log > 0 or as_sent and changed) and add_to_log()
-    if entry and state.position % NOTE_INTERVAL == 0 then
+    if entry and (state.position % NOTE_INTERVAL == 0 or state.position == 1) then -- the first, so that its loss shows
         note_state()
     elseif not entry and number ~= 0 and answer ~= 'again' then
         pcall('HSET', 'mom:state', 'done:' .. client, text_of(mine)) -- no entry says it
