@@ -309,6 +309,7 @@ TEST_F(RedisCalls, AFollowerWhoseLoadLapsesBeginsAnewAndHearsEveryState)
     }
     write_until_read(pages + pages / 4);
     settle();
+    EXPECT_EQ(60'001u, scan(late, any_session()).size());  // waits for the end of the load
     std::vector<int32_t> states;
     for (const session &each : sessions(hears.changes())) {
         if (each.keyid == KEYID)
@@ -323,7 +324,6 @@ TEST_F(RedisCalls, AFollowerWhoseLoadLapsesBeginsAnewAndHearsEveryState)
     const auto leads_on = [](int32_t one, int32_t next) { return next == one || next == one + 1; };
     EXPECT_EQ(states.end(), std::ranges::adjacent_find(states, std::not_fn(leads_on)));
     EXPECT_EQ(std::set<int32_t>(), untold);
-    EXPECT_EQ(60'001u, scan(late, any_session()).size());
 }
 
 // ---- what others do to the server's notes ---------------------------------------------------------------------------
@@ -356,6 +356,9 @@ class RedisLogRemoved : public RedisCalls, public testing::WithParamInterface<in
         EXPECT_TRUE(std::ranges::is_sorted(heard));
         expect_view_equals_store();
     }
+
+    // As any client asks every so often: the function looks whether the log is what it was.
+    static void have_it_looked_at() { call({"fire", std::to_string(app_db), "one", "0", "0"}); }
 };
 
 TEST_P(RedisLogRemoved, TheNextWriteIsHeardOf)
@@ -364,6 +367,30 @@ TEST_P(RedisLogRemoved, TheNextWriteIsHeardOf)
     write_on(20);
     expect_newest_told();
     store_server().commands(app_db, "DEL mom:log");
+    write_on(20);
+    expect_newest_told();
+}
+
+TEST_P(RedisLogRemoved, TheNextWriteIsHeardOfAlsoWhenThatWasNoticedBefore)
+{
+    others_write(GetParam());
+    write_on(20);
+    expect_newest_told();
+    store_server().commands(app_db, "DEL mom:log");
+    have_it_looked_at();
+    write_on(20);
+    expect_newest_told();
+}
+
+TEST_P(RedisLogRemoved, ALogThatIsCutToNothingIsGoneOnWith)
+{
+    others_write(GetParam());
+    write_on(20);
+    expect_newest_told();
+    store_server().commands(app_db, "XTRIM mom:log MAXLEN 0");
+    have_it_looked_at();
+    const std::string answer = call_with_writes("one", 1, 1, {"h", "elsewhere", "6", "x"});
+    EXPECT_FALSE(contains(answer, "ERR")) << answer;
     write_on(20);
     expect_newest_told();
 }

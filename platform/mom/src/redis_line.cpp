@@ -381,7 +381,7 @@ int32_t redis_line::put_for_table(const ProtobufCMessageDescriptor &type, redis_
         };
         code = put(std::move(put_now));
         if (code == QZ_MOM_OK && begins)
-            in.loading = ++last_load_;
+            in.loading = in.good_from = ++last_load_;
     } catch (const std::bad_alloc &) {
         code = QZ_MOM_ENOMEM;
     }
@@ -919,8 +919,11 @@ void redis_line::take_fetched(const redisReply &reply)
 void redis_line::restart_at(uint64_t position)
 {
     told_ = position;
-    for (auto &[name, in] : followed_)
+    for (auto &[name, in] : followed_) {
         in.again = in.begun;  // all of them first: without memory for the rest the next connection finds that
+        if (in.begun)
+            in.good_from = last_load_ + 1;
+    }
     load_again();
     look_for_lost_marks();
 }
@@ -992,7 +995,7 @@ bool redis_line::tell(const told_row &row, log_entry &entry)
     }
     auto *known = in.records.find(row.key);
     if (row.is_part && !row.written.empty()) {
-        if (in.loading != 0 && (known == nullptr || known->seen != in.loading))
+        if (in.loading != 0 && (known == nullptr || known->seen < in.good_from))
             return true;  // a page is still to show it
         body = merge(known != nullptr ? known->body.get() : nullptr, std::move(body), in.fields);
     }

@@ -147,6 +147,7 @@ class redis_line
         bool whole = false;  // its records seem to be written in one piece
         bool loaded = false;
         uint64_t loading = 0;           // number of the load under way; 0: none
+        uint64_t good_from = 0;         // what this load, or a later one, has met is kept by the log without a gap
         std::string written;            // by the newest write, as text: most writes name the same fields
         std::vector<uint32_t> numbers;  // the same
         std::vector<uint32_t> fields;   // all that it wrote, in ascending order: more than it named, as a rule the same
