@@ -24,10 +24,10 @@
 -- client, the number of its last call that was carried out, the clock at that time (seconds), and unless these are all
 -- empty, what this call and the three before it were answered, newest first, a '|' before each. All but the client is
 -- what mom:state holds for it.
--- "r": an array of rows of texts, a change each: command, key, numbers of the written fields as they were sent, count, then `count` times
--- field and bytes ("" for a whole record); the end of an expiry call is the command "end", its key the call. Of a write
--- by field these are the fields that were written, and with "w" behind the command all that the record holds then; else
--- all that it held.
+-- "r": an array of rows of texts, a change each: command, key, numbers of the written fields as they were sent, count,
+-- then `count` times field and bytes ("" for a whole record); the end of an expiry call is the command "end", its key the
+-- call. Of a write by field these are the fields that were written, and with "w" behind the command all that the record
+-- holds then; else all that it held.
 -- "s": the array that a client sent with its writes, as it came, which says the same where every write was done and took off
 -- no last mark. That is nearly always so, and packing rows costs more than writing the records. What else a record holds
 -- is known to who follows its table. Who only begins to follow does not know it yet: while anybody reads a table for that,
