@@ -271,7 +271,7 @@ TEST(RedisHistory, AServerThatTookOverAnothersHistoryIsComparedAnew)
     ASSERT_EQ(13u, here.view().size());
 
     first.commands(app_db, "CONFIG SET requirepass shut");
-    first.commands(app_db, "AUTH shut\nCLIENT KILL TYPE normal SKIPME yes");
+    first.commands(app_db, "AUTH shut\nCLIENT KILL TYPE normal SKIPME yes\nCLIENT KILL TYPE pubsub");
     here.run_until_events({QZ_MOM_RECONNECT_ERROR});
     second.commands(app_db, "REPLICAOF NO ONE");
     {

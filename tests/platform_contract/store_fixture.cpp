@@ -14,7 +14,7 @@ namespace
 {
 
 // Longer than any store needs; reached only by a test that has failed.
-constexpr std::chrono::seconds patience(20);
+constexpr std::chrono::seconds patience(40);  // a sentinel takes 16 to demote a master that lives
 
 std::shared_ptr<ProtobufCMessage> copy(const ProtobufCMessage *record)
 {

@@ -116,7 +116,7 @@ TEST(SpreadRun, ConnectionsThatAreCutMeanwhileCostNothing)
     for (int turn = 0; turn < TURNS; ++turn) {
         std::thread cutter([&redis] {
             for (int cut = 0; cut < CUTS; ++cut) {
-                redis.commands(0, "CLIENT KILL TYPE normal SKIPME yes");
+                redis.commands(0, "CLIENT KILL TYPE normal SKIPME yes\nCLIENT KILL TYPE pubsub");
                 std::this_thread::sleep_for(std::chrono::milliseconds(20));
             }
         });
