@@ -307,7 +307,8 @@ TEST_F(RedisCalls, AFollowerWhoseLoadLapsesBeginsAnewAndHearsEveryState)
         EXPECT_EQ(0, hmset(writer, {.keyid = i, .request_value = 7}, {6}));
         untold.insert(i);
     }
-    write_until_read(pages + pages / 4);
+    for (int i = 0; i < 100; ++i)
+        write_round();
     settle();
     EXPECT_EQ(60'001u, scan(late, any_session()).size());  // waits for the end of the load
     std::vector<int32_t> states;

@@ -17,6 +17,7 @@ constexpr const char *KEYS_A_STEP = "1000";
 void table_step::begin(redis_link &link)
 {
     taken_ = 0;
+    position_ = 0;
     refused_ = lapsed_ = false;
     doubtful_.clear();
     found_.clear();
