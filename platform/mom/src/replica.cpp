@@ -48,21 +48,9 @@ void replica::enter(std::vector<entry> &index, const entry &added) noexcept
     index[at] = added;
 }
 
-uint32_t replica::fetch_entry(std::string_view key) const noexcept
+void replica::fetch_entry(std::string_view key) const noexcept
 {
-    const uint32_t hash = hash_of(key);
-    __builtin_prefetch(&index_[hash & (index_.size() - 1)]);
-    return hash;
-}
-
-// Most likely it is the first that lies there. Its key may end behind its first line.
-void replica::fetch_record(uint32_t hash) const noexcept
-{
-    const auto *likely = reinterpret_cast<const char *>(index_[hash & (index_.size() - 1)].known);
-    if (likely == nullptr)
-        return;
-    __builtin_prefetch(likely);
-    __builtin_prefetch(likely + sizeof(record));
+    __builtin_prefetch(&index_[hash_of(key) & (index_.size() - 1)]);
 }
 
 // For one more: a free slot, and an entry.

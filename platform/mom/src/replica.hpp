@@ -39,10 +39,8 @@ class replica
     record &put(std::string_view key, std::shared_ptr<const content> body);
     void erase(record &gone) noexcept;
 
-    // Have the processor fetch what put() will look at, while the caller does something else: first the entry, then, with
-    // what that has returned, the record.
-    uint32_t fetch_entry(std::string_view key) const noexcept;
-    void fetch_record(uint32_t hash) const noexcept;
+    // Has the processor fetch what find() and put() look at first, while the caller does something else.
+    void fetch_entry(std::string_view key) const noexcept;
 
     size_t slots() const { return slots_.size(); }
     // Null: the slot is free.
