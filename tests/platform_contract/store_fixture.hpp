@@ -146,6 +146,7 @@ class StoreTest : public testing::Test
 
   private:
     struct fence;
+    void post_fences(size_t count);
     void run_once();
 
     std::vector<qz_mom_handle *> handles_;
