@@ -51,17 +51,16 @@ inline std::string encoded(const std::vector<std::string> &words)
     return command;
 }
 
-// Texts, none of them long, as one packed array.
+// Texts and numbers, none of them long, as the store client packs them.
 inline std::string packed(const std::vector<std::string> &texts)
 {
-    const auto with_size = [](char tag, size_t size) {
-        return std::string{tag, static_cast<char>(size >> 8), static_cast<char>(size)};
-    };
-    std::string array = with_size('\xdc', texts.size());
+    std::string all;
     for (const auto &text : texts)
-        array += with_size('\xda', text.size()) + text;
-    return array;
+        all += std::string{'\xda', static_cast<char>(text.size() >> 8), static_cast<char>(text.size())} + text;
+    return all;
 }
+
+inline std::string packed(int number) { return {'\xcd', static_cast<char>(number >> 8), static_cast<char>(number)}; }
 
 // Puts so many sessions into the store at once, past the log.
 inline void fill_store(int32_t count)
@@ -71,22 +70,25 @@ inline void fill_store(int32_t count)
                                         "string.char(1)) end\" 0");
 }
 
-// The server's function, called as a client of another name would do it; what it answers.
+// The server's function, called as a client of another name would do it; what it answers, behind the position.
 inline std::string call(const std::vector<std::string> &arguments)
 {
     const std::string list = store_server().commands(app_db, "FUNCTION LIST");
     const size_t name = list.find("mom_");
     std::vector<std::string> words{"FCALL", list.substr(name, list.find('\r', name) - name), "0"};
     words.insert(words.end(), arguments.begin(), arguments.end());
-    return store_server().commands(app_db, encoded(words));
+    std::string reply = store_server().commands(app_db, encoded(words));
+    reply.erase(0, reply.find('\n') + 1);  // what answers the choice of the database
+    if (!reply.starts_with('$'))
+        return reply;
+    const std::string text = reply.substr(reply.find('\n') + 1, std::stoul(reply.substr(1)));
+    return text.substr(std::min(text.find(' '), text.size() - 1) + 1);
 }
 
 inline std::string call_with_writes(const std::string &client, int number, int oldest,
                                     const std::vector<std::string> &writes)
 {
-    std::vector<std::string> texts{std::to_string(app_db), client, std::to_string(number), std::to_string(oldest)};
-    texts.insert(texts.end(), writes.begin(), writes.end());
-    return call({packed(texts)});
+    return call({packed({std::to_string(app_db), client}) + packed(number) + packed(oldest) + packed(writes)});
 }
 
 // What the server keeps in the function's language is forgotten, and nobody loses his connection.

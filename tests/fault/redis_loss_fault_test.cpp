@@ -83,7 +83,7 @@ TEST_F(RedisLoss, AnExpiryCallGoesOnUntilItsLastMarkIsSet)
     mark.insert(mark.end(), {"1000000000", "one:1", "0", ""});
     sweep.insert(sweep.end(), any.begin(), any.end());
     const std::string first = call(mark);
-    EXPECT_NE(std::string::npos, first.find("\r\nm")) << "all marks were set in one piece: " << first;
+    EXPECT_TRUE(first.starts_with('m')) << "all marks were set in one piece: " << first;
     call(sweep);
     EXPECT_NE(std::string::npos, store_server().commands(app_db, "ZCARD mom:marks").find(":0"));
     EXPECT_NE(std::string::npos, store_server().commands(app_db, "HEXISTS mom:left one:1").find(":1"));

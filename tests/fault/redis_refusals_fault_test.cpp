@@ -228,11 +228,9 @@ TEST_F(RedisRefusals, TheServerCarriesOutNumberedCallsOnceAndInTheirOrder)
         return call_with_writes("tester", number, oldest, {"h", "key", "6", "x"});
     };
     store_server().commands(app_db, "SET key text");
-    const std::string refused = write_one(1, 1);
-    EXPECT_TRUE(contains(refused, "$1\r\nf")) << refused;
+    EXPECT_EQ("f", write_one(1, 1));
     store_server().commands(app_db, "DEL key");
-    const std::string again = write_one(1, 1);  // now it could be done, but it was answered before
-    EXPECT_TRUE(contains(again, "again") && contains(again, "$1\r\nf")) << again;
+    EXPECT_EQ("again\nf", write_one(1, 1));  // now it could be done, but it was answered before
     EXPECT_TRUE(contains(store_server().commands(app_db, "EXISTS key"), ":0"));
 
     EXPECT_TRUE(contains(write_one(3, 2), "BUSY"));  // the second is still to come

@@ -2,7 +2,6 @@
 #include "redis_feed.hpp"
 
 #include <algorithm>
-#include <charconv>
 
 namespace mom
 {
@@ -14,15 +13,6 @@ using namespace std::chrono_literals;
 constexpr size_t MAX_UNTOLD = 64;  // entries; while so many wait for room no more are taken
 constexpr size_t FETCHED = 32;     // entries at a time
 constexpr auto LINGER = 1s;        // on the channel when nobody follows any more: many scans are short
-
-// A number and what stands behind it.
-std::pair<uint64_t, std::string_view> number_and_rest(std::string_view text)
-{
-    uint64_t number = 0;
-    const auto read = std::from_chars(text.data(), text.data() + text.size(), number);
-    text.remove_prefix(static_cast<size_t>(read.ptr - text.data()));
-    return {number, text};
-}
 
 bool is_word(const redisReply *reply, std::string_view word) { return reply != nullptr && text_of(*reply) == word; }
 
@@ -67,7 +57,7 @@ void redis_feed::take(const redisReply &pushed)
 
 // ---- the entries ----------------------------------------------------------------------------------------------------
 
-// Position, 's' (as sent) or 'r' (rows), and the array.
+// Position, 's' (as sent) or 'r' (rows), and the texts.
 void redis_feed::take_entry(std::string_view entry)
 {
     const auto [position, rest] = number_and_rest(entry);
@@ -109,18 +99,18 @@ uint64_t redis_feed::take_fetched(const redisReply &reply)
     for (size_t i = 0; i < reply.elements; ++i) {
         const auto *entry = reply.element[i];
         const auto *kind = element(element(entry, 1), 0);
-        const auto *array = element(element(entry, 1), 1);
-        if (array == nullptr)
+        const auto *texts = element(element(entry, 1), 1);
+        if (texts == nullptr)
             continue;
-        const uint64_t position = number_and_rest(text_of(*entry->element[0])).first;
+        const uint64_t position = number_of(text_of(*entry->element[0]));
         if (position <= position_)
             continue;
         const bool is_sent = text_of(*kind).starts_with('s');
         if (position == position_ + 1) {
-            entries_.emplace_back(position, text_of(*array), is_sent);
+            entries_.emplace_back(position, text_of(*texts), is_sent);
         } else {
             std::deque<log_entry> next;  // without memory for it the gap is still to be found
-            next.emplace_back(position, text_of(*array), is_sent);
+            next.emplace_back(position, text_of(*texts), is_sent);
             go_to(position - 1);
             lost = position - 1;
             entries_.swap(next);

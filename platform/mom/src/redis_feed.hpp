@@ -22,10 +22,9 @@ using steady = std::chrono::steady_clock;
 
 // An entry of the log, told row by row: a call with writes as it was sent, or rows that the server made.
 struct log_entry {
-    log_entry(uint64_t at, std::string_view array, bool sent) : position(at), bytes(array), as_sent(sent), rows(bytes)
+    log_entry(uint64_t at, std::string_view texts, bool sent) : position(at), bytes(texts), as_sent(sent), rows(bytes)
     {
-        if (sent)
-            rows.skip(4);  // database, client, number of the call and of the oldest one
+        rows.skip(4);  // database, client, number of the call and of the oldest one
     }
     log_entry(const log_entry &) = delete;
     log_entry &operator=(const log_entry &) = delete;

@@ -2,7 +2,6 @@
 #include "redis_line.hpp"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <utility>
 
@@ -19,18 +18,12 @@ using namespace std::chrono_literals;
 
 constexpr size_t ENOUGH_FOR_A_CALL = 64;  // while other calls are under way, fewer writes wait for company
 constexpr size_t MAX_UNDER_WAY = 4;       // calls
+constexpr uint32_t MAX_TEXTS = 4000;      // of one call: the server's side unpacks it onto a stack that ends at 8,000
 constexpr uint32_t SCAN_PIECE = 64;
 constexpr uint32_t SCAN_VISITS = 1024;
 constexpr auto CONNECT_PATIENCE = 2s;
 constexpr auto ANSWER_PATIENCE = 3s;
 constexpr auto FIRE_INTERVAL = 200ms;
-
-uint64_t number_of(std::string_view text)
-{
-    uint64_t number = 0;
-    std::from_chars(text.data(), text.data() + text.size(), number);
-    return number;
-}
 
 // What the letter that the server answers to a write means.
 int32_t code_of(char letter)
@@ -135,7 +128,10 @@ bool takes_in(redis_operation &write, const redis_operation &before)
     return true;
 }
 
-// The rows of all these writes in one array. A fence holds until the next one.
+// Of a call's texts, its own and its fence's.
+uint32_t most_texts(const redis_operation &each) { return each.row.count() + 3; }
+
+// The rows of all these writes. A fence holds until the next one.
 void pack_writes(const std::list<redis_operation> &parts, packed_texts &rows)
 {
     packed_texts free_to_all{"f", "", ""};
@@ -678,13 +674,11 @@ void redis_line::take_greeting(const redisReply &reply)
 // The connection is ready: what was under way is asked again, and the log goes on.
 void redis_line::serve(const redisReply &hello)
 {
-    const auto *position = element(&hello, 0);
-    const auto *verdict = element(&hello, 1);
-    const auto *names = element(&hello, 2);
-    if (position == nullptr || verdict == nullptr || names == nullptr)
+    if (hello.type != REDIS_REPLY_STRING)
         return lose("the greeting was not understood");
-    const uint64_t now_at = number_of(text_of(*position));
-    const std::string_view both = text_of(*names);
+    const side_answer answer(text_of(hello));
+    const uint64_t now_at = answer.position;
+    const std::string_view both = answer.more;
     const size_t space = std::min(both.find(' '), both.size());
     state_ = state::up;
     up_since_ = steady::now();
@@ -698,7 +692,7 @@ void redis_line::serve(const redisReply &hello)
     if (life_.empty()) {
         feed_.go_to(now_at);
         told_ = now_at;
-    } else if (text_of(*verdict) != "on") {
+    } else if (answer.text != "on") {
         for (held &each : held_)
             each.position = 0;
         answered_ = now_at;
@@ -729,9 +723,11 @@ void redis_line::transmit(call &made)
     const uint64_t oldest = numbered != under_way_.end() ? numbered->number : made.number;
     redis_words words{"FCALL", REDIS_FUNCTION, "0"};
     if (first.what == redis_operation::kind::write) {
-        packed_texts array{std::to_string(db_), client_name_, std::to_string(made.number), std::to_string(oldest)};
-        pack_writes(made.parts, array);
-        words.add(array_head(array.count()) + array.bytes());
+        packed_texts writes{std::to_string(db_), client_name_};
+        writes.add_number(made.number);
+        writes.add_number(oldest);
+        pack_writes(made.parts, writes);
+        words.add(writes.bytes());
     } else {
         words.add(verb_of(first.what));
         words.append({std::to_string(db_), client_name_, std::to_string(made.number), std::to_string(oldest)});
@@ -789,10 +785,13 @@ std::list<redis_line::call> redis_line::next_call(steady::time_point now)
     marking_ = marks && first.in_pieces;
     if (changes)
         next.number = ++last_call_;
+    uint32_t texts = 0;
     do {
         next.awaited = next.awaited || (queue_.front().finish && !queue_.front().at_once);
+        texts += most_texts(queue_.front());
         next.parts.splice(next.parts.end(), queue_, queue_.begin());
-    } while (is_write(first) && next.parts.size() < MAX_WRITES && !queue_.empty() && joins(queue_.front()));
+    } while (is_write(first) && next.parts.size() < MAX_WRITES && !queue_.empty() && joins(queue_.front()) &&
+             texts + most_texts(queue_.front()) <= MAX_TEXTS);
     return made;
 }
 
@@ -860,11 +859,11 @@ void redis_line::answered(call &made, const redisReply &reply)
         outcome.position = told_;
     } else if (made.parts.front().what == redis_operation::kind::fetch) {
         return take_fetched(reply);
-    } else if (const auto *text = element(&reply, 1); text != nullptr) {
-        outcome.position = answered_ = number_of(text_of(*reply.element[0]));
-        outcome.text = text_of(*text);
-        if (const auto *more = element(&reply, 2))
-            outcome.more = text_of(*more);
+    } else if (reply.type == REDIS_REPLY_STRING) {
+        const side_answer answer(text_of(reply));
+        outcome.position = answered_ = answer.position;
+        outcome.text = answer.text;
+        outcome.more = answer.more;
         letters = outcome.text == "again" ? outcome.more : outcome.text;
     }
     if (mark_goes_on(made, outcome))

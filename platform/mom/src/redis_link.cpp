@@ -14,6 +14,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <new>
+#include <tuple>
 #include <utility>
 
 namespace mom
@@ -204,6 +205,23 @@ bool redis_link::flush()
         unsent_.erase(0, static_cast<size_t>(std::max<ssize_t>(sent, 0)));
     }
     return wait();
+}
+
+std::pair<uint64_t, std::string_view> number_and_rest(std::string_view text)
+{
+    uint64_t number = 0;
+    const auto read = std::from_chars(text.data(), text.data() + text.size(), number);
+    text.remove_prefix(static_cast<size_t>(read.ptr - text.data()));
+    return {number, text};
+}
+
+side_answer::side_answer(std::string_view packed)
+{
+    std::tie(position, text) = number_and_rest(packed);
+    text.remove_prefix(std::min<size_t>(1, text.size()));
+    const size_t end = std::min(text.find('\n'), text.size());
+    more = text.substr(std::min(end + 1, text.size()));
+    text = text.substr(0, end);
 }
 
 void redis_words::add(std::string_view word)

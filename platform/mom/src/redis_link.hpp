@@ -31,11 +31,24 @@ struct free_reply {
 using redis_reply = std::unique_ptr<redisReply, free_reply>;
 
 inline std::string_view text_of(const redisReply &reply) { return {reply.str, reply.len}; }
+// A number, and what stands behind it; 0 where there is none.
+std::pair<uint64_t, std::string_view> number_and_rest(std::string_view text);
+inline uint64_t number_of(std::string_view text) { return number_and_rest(text).first; }
 // The element of an array, or null.
 inline const redisReply *element(const redisReply *reply, size_t index)
 {
     return reply != nullptr && index < reply->elements ? reply->element[index] : nullptr;
 }
+
+// What the server's side answers, in one text: a position of the log, a space and the answer, a new line and more; nothing
+// stands behind what is empty.
+struct side_answer {
+    explicit side_answer(std::string_view packed);
+
+    uint64_t position = 0;
+    std::string_view text;
+    std::string_view more;
+};
 
 // Words of a command as they go to the server: one block of memory for as many as there are.
 class redis_words

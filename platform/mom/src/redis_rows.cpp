@@ -10,7 +10,7 @@ namespace
 {
 
 // Takes a big-endian number of so many bytes.
-bool take_number(std::string_view &bytes, size_t size, size_t &out)
+bool take_number(std::string_view &bytes, size_t size, uint64_t &out)
 {
     if (bytes.size() < size)
         return false;
@@ -21,29 +21,17 @@ bool take_number(std::string_view &bytes, size_t size, size_t &out)
     return true;
 }
 
-bool take_array(std::string_view &bytes, size_t &count)
-{
-    size_t tag = 0;
-    if (!take_number(bytes, 1, tag))
-        return false;
-    if (tag >= 0x90 && tag <= 0x9f) {
-        count = tag & 0x0f;
-        return true;
-    }
-    // An empty Lua table is packed as an empty map.
-    if (tag == 0x80) {
-        count = 0;
-        return true;
-    }
-    return (tag == 0xdc && take_number(bytes, 2, count)) || (tag == 0xdd && take_number(bytes, 4, count));
-}
-
+// A number is passed over.
 bool take_text(std::string_view &bytes, std::string_view &out)
 {
-    size_t tag = 0;
-    size_t size = 0;
+    uint64_t tag = 0;
+    uint64_t size = 0;
     if (!take_number(bytes, 1, tag))
         return false;
+    if (tag < 0x80)
+        return true;
+    if (tag >= 0xcc && tag <= 0xcf)
+        return take_number(bytes, size_t{1} << (tag - 0xcc), size);
     if (tag >= 0xa0 && tag <= 0xbf)
         size = tag & 0x1f;
     else if (!(tag == 0xd9 && take_number(bytes, 1, size)) && !(tag == 0xda && take_number(bytes, 2, size)) &&
@@ -63,7 +51,7 @@ bool read_number(std::string_view text, Number &out)
     return read.ec == std::errc() && read.ptr == text.data() + text.size();
 }
 
-void append_big_endian(std::string &to, size_t number, int size)
+void append_big_endian(std::string &to, uint64_t number, int size)
 {
     for (int shift = 8 * (size - 1); shift >= 0; shift -= 8)
         to += static_cast<char>(number >> shift & 0xff);
@@ -90,8 +78,9 @@ void packed_texts::add(std::string_view text)
 
 void packed_texts::add_number(uint64_t number)
 {
-    char digits[24];
-    add({digits, std::to_chars(digits, digits + sizeof digits, number).ptr});
+    bytes_ += '\xcf';
+    append_big_endian(bytes_, number, 8);
+    ++count_;
 }
 
 void packed_texts::append(const packed_texts &others)
@@ -100,33 +89,14 @@ void packed_texts::append(const packed_texts &others)
     count_ += others.count_;
 }
 
-std::string array_head(uint32_t count)
-{
-    std::string head = "\xdd";
-    append_big_endian(head, count, 4);
-    return head;
-}
-
-row_reader::row_reader(std::string_view array) : rest_(array)
-{
-    if (!take_array(rest_, left_) || left_ > rest_.size())
-        fail();
-}
-
-void row_reader::fail()
-{
-    broken_ = true;
-    left_ = 0;
-}
-
 std::string_view row_reader::text()
 {
     std::string_view text;
-    if (left_ == 0)
+    if (rest_.empty())
         return text;
-    --left_;
-    if (!take_text(rest_, text) || (left_ == 0 && !rest_.empty()))
-        fail();
+    broken_ = !take_text(rest_, text);
+    if (broken_)
+        rest_ = {};
     return text;
 }
 

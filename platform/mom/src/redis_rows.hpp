@@ -1,5 +1,5 @@
-// Rows of texts as they go to the server's side and come from it (redis_store.lua): MessagePack arrays of texts. Calls
-// with writes, entries of the log, pages of records.
+// Rows of texts as they go to the server's side and come from it (redis_store.lua), in MessagePack: calls with writes and
+// entries of the log.
 #ifndef MOM_REDIS_ROWS_HPP
 #define MOM_REDIS_ROWS_HPP
 
@@ -8,7 +8,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -17,7 +16,7 @@
 namespace mom
 {
 
-// Texts of one row or several, packed one after the other. An array is made of them by array_head().
+// Texts of one row or several, packed one after the other.
 class packed_texts
 {
   public:
@@ -29,6 +28,7 @@ class packed_texts
     }
 
     void add(std::string_view text);
+    // What the server's side reads as a number.
     void add_number(uint64_t number);
     void append(const packed_texts &others);
     // The first text is this one; it has one letter. Else nothing is packed here, or it has more.
@@ -48,9 +48,6 @@ class packed_texts
     uint32_t count_ = 0;
 };
 
-// What stands before the packed texts of an array.
-std::string array_head(uint32_t count);
-
 // Puts the content of a record written by field together.
 class body_reader
 {
@@ -67,16 +64,16 @@ class body_reader
     std::vector<std::pair<uint32_t, std::string_view>> fields_;
 };
 
-// Takes texts off an array; they point into its bytes, which outlive the reader.
+// Takes texts off the packed ones; they point into their bytes, which outlive the reader.
 class row_reader
 {
   public:
-    explicit row_reader(std::string_view array);
+    explicit row_reader(std::string_view packed) : rest_(packed) {}
 
-    bool at_end() const { return left_ == 0; }
-    // The bytes are no array of texts: at the end, too.
+    bool at_end() const { return rest_.empty(); }
+    // The bytes are no texts: at the end, too.
     bool broken() const { return broken_; }
-    // The next text; "" behind the end.
+    // The next text; "" behind the end, and for a number.
     std::string_view text();
     void skip(size_t count);
     // A count, then as often a field and its bytes: a record's content; null when a field is no number. A field "" means
@@ -88,15 +85,12 @@ class row_reader
     void skip_body();
 
     // A place to come back to.
-    using place = std::pair<std::string_view, size_t>;
-    place here() const { return {rest_, left_}; }
-    void go_to(const place &where) { std::tie(rest_, left_) = where; }
+    using place = std::string_view;
+    place here() const { return rest_; }
+    void go_to(place where) { rest_ = where; }
 
   private:
-    void fail();
-
     std::string_view rest_;
-    size_t left_ = 0;
     bool broken_ = false;
     body_reader body_;
 };

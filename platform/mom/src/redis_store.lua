@@ -18,26 +18,32 @@
 --   mom:left       hash: number of an expiry call -> marks that are left of it; while they are still being set, many more
 --
 -- Each entry of the log is also pushed to the channel mom:log:DATABASE: its position, the first letter of its field, and
--- the array.
+-- the texts.
 --
--- An entry of the log has one field: a letter that says what the array is, and what was done when this was added: the
--- client, the number of its last call that was carried out, the clock at that time (seconds), and unless these are all
--- empty, what this call and the three before it were answered, newest first, a '|' before each. All but the client is
--- what mom:state holds for it.
--- "r": an array of rows of texts, a change each: command, key, numbers of the written fields as they were sent, count,
+-- An entry of the log has one field: a letter that says what the texts are, the clock (seconds), and unless these are all
+-- empty, what the call that made the entry and the three before it were answered, newest first, a '|' before each. The
+-- texts are packed one after the other. Before them stand the database, the client, the number of the call and that of the
+-- oldest one that the client had under way; 0 for a call that has no number. All but the first two and the last is what
+-- mom:state holds for the client.
+-- "r": rows of texts, a change each: command, key, numbers of the written fields as they were sent, count,
 -- then `count` times field and bytes ("" for a whole record); the end of an expiry call is the command "end", its key the
 -- call. Of a write by field these are the fields that were written, and with "w" behind the command all that the record
 -- holds then; else all that it held.
--- "s": the array that a client sent with its writes, as it came, which says the same where every write was done and took off
--- no last mark. That is nearly always so, and packing rows costs more than writing the records. What else a record holds
+-- "s": what a client sent with its writes, as it came, which says the same where every write was done and took off no last
+-- mark. That is nearly always so, and packing rows costs more than writing the records. What else a record holds
 -- is known to who follows its table. Who only begins to follow does not know it yet: while anybody reads a table for that,
 -- page by page, writes by field are told whole.
 --
 -- This is a library of one function, so that none of it is made anew at a call. Its arguments: what is to be done, the
 -- database, the client, the number of the call (0: reads, that may be made again), that of the oldest one that the client
--- has under way, and what follows. A call with writes is one packed array: database, client, number, oldest, and the
--- writes; an argument costs the server more than a text of an array. Every answer begins with a position: once the log
--- has been read up to there it is known what came before the answer.
+-- has under way, and what follows. A call with writes is one argument, as an entry of the log has it: database, client, number,
+-- oldest, and the writes; an argument costs the server more than a packed text. An answer is one text, for a table of
+-- several costs more than a record: a position, a space and the answer, a new line and more; nothing stands behind what is
+-- empty. Once the log has been read up to that position it is known what came before the answer.
+--
+-- Of what is done for each write, or each call, three things cost more than they seem to: a step of Lua is some 45
+-- instructions of the processor and a call of a function some 300, text from number or back 1,500 to 3,000, and a table
+-- that grows is made anew again and again.
 --
 -- What is needed at every call is kept in Lua, too. The server forgets it when it ends; it is read again then, from
 -- mom:state and from the entries of the log since. All calls but writes look whether it still is what the log ends with:
@@ -58,19 +64,21 @@ local UNFINISHED = 2 ^ 40 -- marks that an expiry call seems to have beside its 
 
 local call, pcall, unpack, tonumber -- as elsewhere; they are not there yet while this is loaded
 
+local endings = {} -- of numbers, two digits as text
+
 local known = {} -- by database, of what is there:
---   position   of the newest entry, as a number and, in `at`, as text
---   field      the newest entry's
+--   position   of the newest entry, as a number and, in `at`, as text; `hundreds`: all but two digits of that
+--   field      the newest entry's, and its texts
 --   marks      there may be marks
 --   clock      seconds; the time is told by whoever fires marks
 --   is_new     there has never been an entry
---   loaders    who is reading a table, and which, until when he has to be heard of (clock)
---   clients    number (and its text) and answers of the last call of each, the clock at that time, and whether mom:state
+--   loaders    who is reading a table, and which, until when he has to be heard of (clock); `is_read`: anybody does
+--   clients    number and answers of the last call of each, the clock at that time, and whether mom:state
 --              lacks it
 
 -- Of the call that is being carried out:
 local ARGV -- its arguments
-local client, number, number_text, oldest, database
+local client, number, oldest, database
 local state -- what is known of the database
 local mine -- what is known of the client
 local log = {} -- rows that its entry of the log is to have
@@ -235,7 +243,7 @@ end
 
 -- In one way for the usual numbers of fields, without a table made for it.
 local function set_fields(key, fields, at)
-    local count = #fields
+    local count, sent = #fields, sent
     if count == 3 then
         return pcall('HSET', key, fields[1], sent[at + 3], fields[2], sent[at + 4], fields[3], sent[at + 5])
     elseif count == 2 then
@@ -246,41 +254,54 @@ local function set_fields(key, fields, at)
     return pcall('HSET', key, unpack(body_sent(at)))
 end
 
-local function write_fields(at, creates)
+local function tell_fields(at)
     local key, numbers = sent[at + 1], sent[at + 2]
-    local fields = fields_of(numbers)
-    local behind = at + 3 + #fields
-    local before = creates or pcall('HLEN', key)
-    if before == 0 then
-        tell_otherwise(at)
-        return behind
-    end
-    local done = type(before) == 'table' and before or set_fields(key, fields, at)
-    if type(done) == 'table' then
-        return behind, refusal(at, done.err)
-    end
-    changed = true
-    if next(state.loaders) then
+    if state.is_read then
         tell_otherwise(at)
         tell(command_of(numbers) .. 'w', key, numbers, call('HGETALL', key))
     elseif not as_sent then
         tell_sent(at)
     end
-    if creates then
-        clear_mark(key)
-    end
-    return behind
 end
 
-function write.h(at) return write_fields(at, true) end
+function write.h(at)
+    local key, numbers = sent[at + 1], sent[at + 2]
+    local fields = fields_in[numbers] or fields_of(numbers)
+    local done = set_fields(key, fields, at)
+    if done ~= 0 and type(done) == 'table' then
+        return at + 3 + #fields, refusal(at, done.err)
+    end
+    changed = true
+    if state.is_read or not as_sent then
+        tell_fields(at)
+    end
+    if state.marks then
+        clear_mark(key)
+    end
+    return at + 3 + #fields
+end
 
 -- The mark goes also when the write cannot be done.
 function write.H(at)
     clear_mark(sent[at + 1])
-    return write_fields(at, true)
+    return write.h(at)
 end
 
-function write.u(at) return write_fields(at, false) end
+function write.u(at)
+    local key, fields = sent[at + 1], fields_of(sent[at + 2])
+    local done = pcall('HLEN', key)
+    if done == 0 then
+        tell_otherwise(at)
+        return at + 3 + #fields
+    end
+    done = type(done) == 'table' and done or set_fields(key, fields, at)
+    if type(done) == 'table' then
+        return at + 3 + #fields, refusal(at, done.err)
+    end
+    changed = true
+    tell_fields(at)
+    return at + 3 + #fields
+end
 
 function write.s(at)
     local key = sent[at + 1]
@@ -349,7 +370,9 @@ function verbs.write()
             at, count = behind, count + 1
         end
     end
-    clear_marks()
+    if #clearing > 0 then
+        clear_marks()
+    end
     return letters and letters .. string.rep('k', count) or ''
 end
 
@@ -501,6 +524,7 @@ local function look_at_loaders()
             state.loaders[loader] = nil
         end
     end
+    state.is_read = next(state.loaders) ~= nil
 end
 
 -- ARGV 6...: locks that are wanted, each a name and the token that its holder has. Answers the epoch, so that who asks
@@ -533,6 +557,7 @@ function verbs.read()
         return 'lapsed'
     end
     state.loaders[loader] = step ~= 'end' and tonumber(state.clock) + LOADER_SECONDS or nil
+    state.is_read = next(state.loaders) ~= nil
     return ''
 end
 
@@ -570,11 +595,11 @@ end
 -- ---- what is known ---------------------------------------------------------------------------------------------------
 
 -- Number, clock and answers of a client, as text and from it.
-local function text_of(each) return each.text .. ' ' .. each.clock .. each.answers end
+local function text_of(each) return string.format('%.0f', each.number) .. ' ' .. each.clock .. each.answers end
 
 local function client_of(text)
     local last, clock, answers = string.match(text, '^(%d+) (%d+)(.*)')
-    return {number = tonumber(last or 0), text = last or '0', clock = clock or '0', answers = answers or ''}
+    return {number = tonumber(last or 0), clock = clock or '0', answers = answers or ''}
 end
 
 -- Of a client that has not been heard of since this is kept here.
@@ -588,18 +613,19 @@ end
 -- Calls since mom:state was written are told by the log.
 local function read_calls_since(position)
     for _, entry in ipairs(call('XRANGE', 'mom:log', '(' .. position .. '-0', '+')) do
-        local id, text = string.match(entry[2][1], '^.(%S+) (.*)')
-        if id then
-            local each, before = client_of(text), state.clients[id] or known_client(id)
-            if each.number > before.number then
-                each.is_unnoted = true
-                state.clients[id] = each
+        local field, texts = entry[2][1], entry[2][2]
+        local is_packed, _, _, id, last = _G.pcall(cmsgpack.unpack_limit, texts, 3, 0)
+        local clock, answers = string.match(field, '^[rs](%d+)(.*)')
+        if is_packed and clock and type(last) == 'number' and last > 0 then
+            local before = state.clients[id] or known_client(id)
+            if last > before.number then
+                state.clients[id] = {number = last, clock = clock, answers = answers, is_unnoted = true}
             end
         end
     end
 end
 
--- Position and field of the newest entry; of a log that somebody has cut short the position alone; of none nothing.
+-- Position, field and texts of the newest entry; of a log that somebody has cut short the position alone; of none nothing.
 local function end_of_log()
     local newest = pcall('XREVRANGE', 'mom:log', '+', '-', 'COUNT', 1)
     if newest.err or not newest[1] then
@@ -612,12 +638,22 @@ local function end_of_log()
         return nil
     end
     local entry = newest[1]
-    return tonumber(string.match(entry[1], '^%d+')), entry[2][1]
+    return tonumber(string.match(entry[1], '^%d+')), entry[2][1], entry[2][2]
 end
 
 local function go_to(position)
     state.position = position
     state.at = string.format('%.0f', position)
+    state.hundreds = string.sub(state.at, 1, -3)
+end
+
+local function go_on()
+    local position = state.position + 1
+    local ending = position % 100
+    if ending == 0 or position < 100 then
+        return go_to(position)
+    end
+    state.position, state.at = position, state.hundreds .. endings[ending]
 end
 
 -- Every so many entries mom:state is brought up to date.
@@ -641,7 +677,7 @@ local function begin_log_anew()
     note_state() -- what the entries said is gone
 end
 
-local function read_state(position, field)
+local function read_state(position, field, texts)
     local noted = pcall('HGET', 'mom:state', 'position')
     if type(noted) == 'table' then -- somebody has written something else there
         call('DEL', 'mom:state')
@@ -651,9 +687,11 @@ local function read_state(position, field)
     noted = tonumber(noted or 0) or 0
     state = {
         field = field,
+        texts = texts,
         marks = call('EXISTS', 'mom:marks') == 1,
         is_new = false,
         loaders = {},
+        is_read = false,
         clients = {},
     }
     known[database] = state
@@ -673,13 +711,13 @@ local function look_at_state(verb)
     if state and verb == 'write' then
         return
     end
-    local position, field = end_of_log()
+    local position, field, texts = end_of_log()
     local kind = call('TYPE', 'mom:state').ok
     if not state or kind ~= 'hash' and kind ~= 'none' then
-        read_state(position, field)
+        read_state(position, field, texts)
     elseif position then
-        if position ~= state.position or field and field ~= state.field then
-            read_state(position, field)
+        if position ~= state.position or field and (field ~= state.field or texts ~= state.texts) then
+            read_state(position, field, texts)
         end
     elseif not state.is_new then
         begin_log_anew()
@@ -733,30 +771,40 @@ end
 
 -- ---- the call ------------------------------------------------------------------------------------------------------
 
-local function add_entry(field, array)
-    local id = state.at .. '-0'
+local function add_entry(field, texts)
     if state.is_new then
         state.is_new = false
-        return pcall('XADD', 'mom:log', id, field, array)
+        return pcall('XADD', 'mom:log', state.at, field, texts)
     elseif state.position % TRIM_INTERVAL == 0 then
-        return pcall('XADD', 'mom:log', 'NOMKSTREAM', 'MAXLEN', '~', LOG_ENTRIES, id, field, array)
+        return pcall('XADD', 'mom:log', 'NOMKSTREAM', 'MAXLEN', '~', LOG_ENTRIES, state.at, field, texts)
     end
-    return pcall('XADD', 'mom:log', 'NOMKSTREAM', id, field, array)
+    return pcall('XADD', 'mom:log', 'NOMKSTREAM', state.at, field, texts)
+end
+
+-- In pieces that fit a call of unpack.
+local function packed_log()
+    local pieces = {cmsgpack.pack(database, client, number, oldest)}
+    each_batch(log, function(texts) pieces[#pieces + 1] = cmsgpack.pack(unpack(texts)) end)
+    return table.concat(pieces)
 end
 
 -- The records are written by now. Returns what is pushed.
 local function add_to_log()
-    go_to(state.position + 1)
-    local kind, array = 's', ARGV[1]
+    go_on()
+    local kind, texts = 's', ARGV[1]
     if #log > 0 then
-        kind, array = 'r', cmsgpack.pack(log)
+        kind, texts = 'r', packed_log()
     end
-    state.field = number == 0 and kind or kind .. client .. ' ' .. text_of(mine)
-    if type(add_entry(state.field, array)) ~= 'string' then
+    local field = kind .. state.clock
+    if number ~= 0 and mine.answers ~= '' then
+        field = field .. mine.answers
+    end
+    state.field, state.texts = field, texts
+    if type(add_entry(field, texts)) ~= 'string' then
         begin_log_anew()
-        add_entry(state.field, array)
+        add_entry(field, texts)
     end
-    return state.at .. kind .. array
+    return state.at .. kind .. texts
 end
 
 -- The answers of the last four calls, unless all are empty.
@@ -776,30 +824,32 @@ local function once(act)
         return 'again', number + 3 >= last and
             string.match(mine.answers, '^' .. string.rep('|[^|]*', last - number) .. '|([^|]*)') or ''
     end
-    if math.max(last + 1, oldest) < number then
+    if number > oldest and number > last + 1 then
         return nil
     end
     local answer, more = act()
     if answer ~= '' or mine.answers ~= '' then
         mine.answers = kept_answers(answer)
     end
-    mine.number, mine.text, mine.clock, mine.is_unnoted = number, number_text, state.clock, true
+    mine.number, mine.clock, mine.is_unnoted = number, state.clock, true
     return answer, more
 end
 
 redis.register_function('@REDIS_FUNCTION@', function(_, arguments)
     if not call then
         call, pcall, unpack, tonumber = redis.call, redis.pcall, _G.unpack, _G.tonumber
+        for ending = 0, 99 do
+            endings[ending] = string.format('%02d', ending)
+        end
     end
     ARGV, sent = arguments, nil
     local verb = 'write'
     if #ARGV == 1 then
-        sent = cmsgpack.unpack(ARGV[1])
-        database, client, number_text, oldest = sent[1], sent[2], sent[3], sent[4]
+        sent = {cmsgpack.unpack(ARGV[1])}
+        database, client, number, oldest = sent[1], sent[2], sent[3], sent[4]
     else
-        verb, database, client, number_text, oldest = ARGV[1], ARGV[2], ARGV[3], ARGV[4], ARGV[5]
+        verb, database, client, number, oldest = ARGV[1], ARGV[2], ARGV[3], tonumber(ARGV[4]), tonumber(ARGV[5])
     end
-    number, oldest = tonumber(number_text), tonumber(oldest)
     look_at_state(verb)
     log = #log == 0 and log or {}
     clearing = #clearing == 0 and clearing or {}
@@ -823,5 +873,5 @@ redis.register_function('@REDIS_FUNCTION@', function(_, arguments)
     if entry then
         pcall('PUBLISH', channel(), entry) -- all is done by now: who does not hear of it fetches it
     end
-    return {state.at, answer, more or ''}
+    return answer == '' and state.at or state.at .. ' ' .. answer .. (more and more ~= '' and '\n' .. more or '')
 end)

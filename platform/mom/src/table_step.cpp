@@ -1,8 +1,6 @@
 // Replies to a step of reading a table.
 #include "table_step.hpp"
 
-#include <charconv>
-
 #include "key_pattern.hpp"
 
 namespace mom
@@ -43,14 +41,12 @@ void table_step::take(const redisReply &reply, std::string_view map)
 
 void table_step::take_position(const redisReply &reply)
 {
-    const auto *position = element(&reply, 0);
-    const auto *verdict = element(&reply, 1);
-    refused_ = verdict == nullptr;
+    refused_ = reply.type != REDIS_REPLY_STRING;
     if (refused_)
         return;
-    const std::string_view text = text_of(*position);
-    std::from_chars(text.data(), text.data() + text.size(), position_);
-    lapsed_ = text_of(*verdict) == "lapsed";
+    const side_answer answer(text_of(reply));
+    position_ = answer.position;
+    lapsed_ = answer.text == "lapsed";
 }
 
 void table_step::take_keys(const redisReply &reply)
