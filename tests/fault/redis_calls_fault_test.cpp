@@ -175,6 +175,24 @@ TEST_F(RedisCalls, ALargeCallIsCarriedOutAndToldWhole)
     expect_view_equals_store();
 }
 
+TEST_F(RedisCalls, ARecordCanHaveAnyNumberOfFields)
+{
+    for (const int fields : {1, 6, 100, 101, 300}) {
+        std::vector<std::string> write{"h", "elsewhere:" + std::to_string(fields), ""};
+        for (int i = 1; i <= fields; ++i) {
+            write[2] += (i > 1 ? "," : "") + std::to_string(i);
+            write.push_back("v" + std::to_string(i));
+        }
+        EXPECT_EQ("", call_with_writes("one", fields, fields, write));
+        const auto value = [&](int i) {
+            return store_server().commands(app_db, "HGET " + write[1] + ' ' + std::to_string(i));
+        };
+        for (const int i : {1, fields / 2 + 1, fields})
+            EXPECT_TRUE(contains(value(i), "\r\nv" + std::to_string(i) + "\r\n")) << fields << ", " << i;
+        EXPECT_TRUE(contains(store_server().commands(app_db, "HLEN " + write[1]), ':' + std::to_string(fields)));
+    }
+}
+
 // At each place between two notes: what is forgotten is read from the note, or from the entries behind it.
 TEST_F(RedisCalls, WhereverTheServerForgetsItGoesOnFromThere)
 {

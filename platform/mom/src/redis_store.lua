@@ -55,6 +55,7 @@ local NOTE_INTERVAL = 256 -- entries; so many at most are read when this has bee
 local LIVES = 64
 local LOCK_MILLISECONDS = 1500
 local RECORD_BATCH = 500 -- as many fit a call of unpack
+local FIELDS_WRITTEN_OUT = 100
 local CLIENT_SECONDS = 600
 local CLIENTS_A_STEP = 200
 local LOADER_SECONDS = 30
@@ -241,17 +242,19 @@ local function refusal(at, fault)
     return string.find(fault, 'WRONGTYPE', 1, true) and 'f' or 'm'
 end
 
--- In one way for the usual numbers of fields, without a table made for it.
-local function set_fields(key, fields, at)
-    local count, sent = #fields, sent
-    if count == 3 then
-        return pcall('HSET', key, fields[1], sent[at + 3], fields[2], sent[at + 4], fields[3], sent[at + 5])
-    elseif count == 2 then
-        return pcall('HSET', key, fields[1], sent[at + 3], fields[2], sent[at + 4])
-    elseif count == 1 then
-        return pcall('HSET', key, fields[1], sent[at + 3])
+-- By how many fields a write has: what sets them. Each is written out, so that no table has to be made for them; as many
+-- as a function can hold.
+local setters = {}
+
+local function setter_of(count)
+    local texts = {}
+    for i = 1, count do
+        texts[i] = string.format(', fields[%d], sent[at + %d]', i, i + 2)
     end
-    return pcall('HSET', key, unpack(body_sent(at)))
+    local head = 'local pcall = ... return function(key, fields, sent, at) return pcall("HSET", key'
+    setters[count] = count <= FIELDS_WRITTEN_OUT and loadstring(head .. table.concat(texts) .. ') end')(pcall) or
+        function(key, _, _, at) return pcall('HSET', key, unpack(body_sent(at))) end
+    return setters[count]
 end
 
 local function tell_fields(at)
@@ -259,7 +262,7 @@ local function tell_fields(at)
     if state.is_read then
         tell_otherwise(at)
         tell(command_of(numbers) .. 'w', key, numbers, call('HGETALL', key))
-    elseif not as_sent then
+    else
         tell_sent(at)
     end
 end
@@ -267,9 +270,10 @@ end
 function write.h(at)
     local key, numbers = sent[at + 1], sent[at + 2]
     local fields = fields_in[numbers] or fields_of(numbers)
-    local done = set_fields(key, fields, at)
+    local count = #fields
+    local done = (setters[count] or setter_of(count))(key, fields, sent, at)
     if done ~= 0 and type(done) == 'table' then
-        return at + 3 + #fields, refusal(at, done.err)
+        return at + 3 + count, refusal(at, done.err)
     end
     changed = true
     if state.is_read or not as_sent then
@@ -278,7 +282,7 @@ function write.h(at)
     if state.marks then
         clear_mark(key)
     end
-    return at + 3 + #fields
+    return at + 3 + count
 end
 
 -- The mark goes also when the write cannot be done.
@@ -289,18 +293,21 @@ end
 
 function write.u(at)
     local key, fields = sent[at + 1], fields_of(sent[at + 2])
-    local done = pcall('HLEN', key)
+    local count = #fields
+    local behind, done = at + 3 + count, pcall('HLEN', key)
     if done == 0 then
         tell_otherwise(at)
-        return at + 3 + #fields
+        return behind
     end
-    done = type(done) == 'table' and done or set_fields(key, fields, at)
+    done = type(done) == 'table' and done or (setters[count] or setter_of(count))(key, fields, sent, at)
     if type(done) == 'table' then
-        return at + 3 + #fields, refusal(at, done.err)
+        return behind, refusal(at, done.err)
     end
     changed = true
-    tell_fields(at)
-    return at + 3 + #fields
+    if state.is_read or not as_sent then
+        tell_fields(at)
+    end
+    return behind
 end
 
 function write.s(at)
