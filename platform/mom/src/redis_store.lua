@@ -87,6 +87,7 @@ local sent -- a call with writes: the texts that the client sent
 local as_sent -- the log can tell of it by what was sent
 local changed
 local clearing = {} -- records whose marks are to be taken off: a list, and the same as a set
+local broken_off -- an error has ended an earlier call
 
 local function tell(command, key, names, body)
     local at = #log
@@ -588,8 +589,6 @@ local function forget_clients()
     end
 end
 
-local function channel() return 'mom:log:' .. database end
-
 -- A server that was restarted may have come back without the end of its data, and one that has become a master may never
 -- have had it: what was lost is not known, but what it has is where the lives before it ended. A server that is a master
 -- once more has a new replication history.
@@ -700,6 +699,7 @@ local function read_state(position, field, texts)
         loaders = {},
         is_read = false,
         clients = {},
+        channel = 'mom:log:' .. database,
     }
     known[database] = state
     go_to(math.max(position or 0, noted))
@@ -713,11 +713,7 @@ local function read_state(position, field, texts)
     end
 end
 
-local function look_at_state(verb)
-    state = known[database]
-    if state and verb == 'write' then
-        return
-    end
+local function look_at_state()
     local position, field, texts = end_of_log()
     local kind = call('TYPE', 'mom:state').ok
     if not state or kind ~= 'hash' and kind ~= 'none' then
@@ -768,7 +764,7 @@ end
 -- ARGV 6: the life in which the client heard the log last. 7: up to where. Answers whether the log leads on from there,
 -- the epoch, and the life that it is in now.
 function verbs.hello()
-    call('PUBLISH', channel(), '0') -- says nothing; a user who may not do so is refused here, and not after a write
+    call('PUBLISH', state.channel, '0') -- says nothing; a user who may not do so is refused here, and not after a write
     forget_clients()
     local epoch = call('GET', 'mom:epoch') or new_epoch()
     local life = life_of_this_server(epoch)
@@ -801,6 +797,7 @@ local function add_to_log()
     local kind, texts = 's', ARGV[1]
     if #log > 0 then
         kind, texts = 'r', packed_log()
+        log = {}
     end
     local field = kind .. state.clock
     if number ~= 0 and mine.answers ~= '' then
@@ -851,34 +848,42 @@ redis.register_function('@REDIS_FUNCTION@', function(_, arguments)
     end
     ARGV, sent = arguments, nil
     local verb = 'write'
-    if #ARGV == 1 then
-        sent = {cmsgpack.unpack(ARGV[1])}
-        database, client, number, oldest = sent[1], sent[2], sent[3], sent[4]
+    if arguments[2] then
+        verb, database, client, number, oldest = unpack(arguments, 1, 5)
+        number, oldest = tonumber(number), tonumber(oldest)
     else
-        verb, database, client, number, oldest = ARGV[1], ARGV[2], ARGV[3], tonumber(ARGV[4]), tonumber(ARGV[5])
+        local texts = {cmsgpack.unpack(arguments[1])}
+        sent, database, client, number, oldest = texts, texts[1], texts[2], texts[3], texts[4]
     end
-    look_at_state(verb)
-    log = #log == 0 and log or {}
-    clearing = #clearing == 0 and clearing or {}
-    changed, as_sent = false, true
-    local act = verbs[verb]
+    state = known[database]
+    if not state or verb ~= 'write' then
+        look_at_state()
+    end
+    if broken_off then
+        log, clearing = {}, {}
+    end
+    broken_off, changed, as_sent = true, false, true
     local answer, more
-    if number == 0 then
-        answer, more = act()
+    if number ~= 0 then
+        answer, more = once(verbs[verb])
     else
-        answer, more = once(act)
+        answer, more = verbs[verb]()
     end
     if not answer then
         return redis.error_reply('BUSY an earlier call is still to be made')
     end
-    local entry = (#log > 0 or as_sent and changed) and add_to_log()
-    if entry and (state.position % NOTE_INTERVAL == 0 or state.position == 1) then -- the first, so that its loss shows
-        note_state()
-    elseif not entry and number ~= 0 and answer ~= 'again' then
+    if #log > 0 or as_sent and changed then
+        local entry = add_to_log()
+        if state.position % NOTE_INTERVAL == 0 or state.position == 1 then -- the first, so that its loss shows
+            note_state()
+        end
+        pcall('PUBLISH', state.channel, entry) -- all is done by now: who does not hear of it fetches it
+    elseif number ~= 0 and answer ~= 'again' then
         pcall('HSET', 'mom:state', 'done:' .. client, text_of(mine)) -- no entry says it
     end
-    if entry then
-        pcall('PUBLISH', channel(), entry) -- all is done by now: who does not hear of it fetches it
+    broken_off = false
+    if answer == '' then
+        return state.at
     end
-    return answer == '' and state.at or state.at .. ' ' .. answer .. (more and more ~= '' and '\n' .. more or '')
+    return state.at .. ' ' .. answer .. (more and more ~= '' and '\n' .. more or '')
 end)
