@@ -21,7 +21,7 @@ TEST(StoreRows, TextsOfAllLengthsComeBack)
     for (const auto &text : texts)
         packed.add(text);
     packed.add_number(4294967295u);
-    const std::string bytes = packed.bytes();
+    const std::string &bytes = packed.bytes();
     row_reader rows(bytes);
     for (const auto &text : texts)
         EXPECT_EQ(text, rows.text());
@@ -48,7 +48,7 @@ TEST(StoreRows, WhatTheServerPacksIsRead)
 TEST(StoreRows, BodiesAreInTheOrderOfTheirNumbers)
 {
     packed_texts packed{"key", "3", "10", "J", "6", "", "2", "B", "next"};
-    const std::string bytes = packed.bytes();
+    const std::string &bytes = packed.bytes();
     row_reader rows(bytes);
     EXPECT_EQ("key", rows.text());
     const auto body = rows.body();
