@@ -1005,10 +1005,15 @@ bool redis_line::tell(const told_row &row, log_entry &entry)
     subscriptions_.address(what.made, in.numbers, office_, out);
     if (!has_room(out))
         return false;
-    if (row.cmd != QZ_MOM_CMD_DEL && row.cmd != QZ_MOM_CMD_EXPIRED)
+    if (row.cmd == QZ_MOM_CMD_DEL || row.cmd == QZ_MOM_CMD_EXPIRED) {
+        if (known != nullptr)
+            in.records.erase(*known);
+    } else if (known != nullptr) {
+        known->body = body;
+        known->seen = in.loading;
+    } else {
         in.records.put(row.key, body).seen = in.loading;
-    else if (known != nullptr)
-        in.records.erase(*known);
+    }
     office_.send(out);
     what.keep();
     return true;

@@ -22,7 +22,7 @@ bool take_number(std::string_view &bytes, size_t size, uint64_t &out)
 }
 
 // A number is passed over.
-bool take_text(std::string_view &bytes, std::string_view &out)
+bool take_packed(std::string_view &bytes, std::string_view &out)
 {
     uint64_t tag = 0;
     uint64_t size = 0;
@@ -94,7 +94,7 @@ std::string_view row_reader::text()
     std::string_view text;
     if (rest_.empty())
         return text;
-    broken_ = !take_text(rest_, text);
+    broken_ = !take_packed(rest_, text);
     if (broken_)
         rest_ = {};
     return text;
