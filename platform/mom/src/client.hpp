@@ -14,6 +14,7 @@
 namespace mom
 {
 
+class packed_texts;
 class store;
 
 // The lock that a handle has asked for in a database.
@@ -22,7 +23,8 @@ struct wanted_lock {
     // Each time of holding the lock has a token, unlike any other; empty while it is not held.
     std::string given;  // as the store has it
     std::string told;   // as the callback has been told; the fence of the writes, which are decided by what was told
-    bool announced = false;  // the callback has been told, or is about to be, that it is held
+    std::shared_ptr<const packed_texts> fence;  // made of that, when it is first needed
+    bool announced = false;                     // the callback has been told, or is about to be, that it is held
     lock_news news;
 };
 

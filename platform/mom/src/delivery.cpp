@@ -58,7 +58,9 @@ void call(client &to, const lock_news &news)
 {
     {
         const std::scoped_lock lock(to.kept_in->office().mutex);
-        to.locks.at(news.db).told = news.token;
+        wanted_lock &wanted = to.locks.at(news.db);
+        wanted.told = news.token;
+        wanted.fence.reset();
     }
     news.cb(&to, news.db, news.token.empty() ? 0 : 1, news.args);
 }

@@ -498,7 +498,7 @@ int32_t embedded_store::lock(client &from, uint32_t db, const std::string &name,
     if (office_->held())
         return QZ_MOM_EDOWN;
     auto &queue = locks_[{db, name}];
-    if (!from.locks.try_emplace(db, wanted_lock{name, {}, {}, false, news}).second)
+    if (!from.locks.try_emplace(db, wanted_lock{name, {}, {}, {}, false, news}).second)
         return QZ_MOM_EINVAL;
     queue.splice(queue.end(), last);
     if (queue.size() == 1)

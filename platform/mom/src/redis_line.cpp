@@ -122,7 +122,7 @@ bool only_clears(const redis_operation &each) { return is_write(each) && each.ro
 bool takes_in(redis_operation &write, const redis_operation &before)
 {
     if (!only_clears(before) || !is_write(write) || !write.row.begins_with('h') ||
-        !before.row.continues_in(write.row) || before.fence.bytes() != write.fence.bytes())
+        !before.row.continues_in(write.row) || before.fence != write.fence)
         return false;
     write.row.begin_with('H');
     return true;
@@ -134,11 +134,11 @@ uint32_t most_texts(const redis_operation &each) { return each.row.count() + 3; 
 // The rows of all these writes. A fence holds until the next one.
 void pack_writes(const std::list<redis_operation> &parts, packed_texts &rows)
 {
-    packed_texts free_to_all{"f", "", ""};
+    const packed_texts free_to_all{"f", "", ""};
     const packed_texts *fence = &free_to_all;
     for (const auto &part : parts) {
-        const packed_texts &own = part.fence.empty() ? free_to_all : part.fence;
-        if (own.bytes() != fence->bytes() && !part.row.empty())
+        const packed_texts &own = part.fence != nullptr ? *part.fence : free_to_all;
+        if (&own != fence && own.bytes() != fence->bytes() && !part.row.empty())
             rows.append(*(fence = &own));
         rows.append(part.row);
         if (part.row.begins_with('l'))
@@ -686,7 +686,7 @@ void redis_line::serve(const redisReply &hello)
         redis_operation &first = each.parts.front();
         // A cursor means nothing to another server, neither this one nor the one that an earlier server has answered.
         if (first.what == redis_operation::kind::mark)
-            first.cursor = "0", first.anew = true;
+            first.mark->cursor = "0", first.mark->anew = true;
         transmit(each);
     }
     if (life_.empty()) {
@@ -734,7 +734,7 @@ void redis_line::transmit(call &made)
         words.append(first.words);
     }
     if (first.what == redis_operation::kind::mark)
-        words.append({first.id, first.cursor, first.deadline});
+        words.append({first.mark->id, first.mark->cursor, first.mark->deadline});
     link_.send(words);
     if (first.step != nullptr)
         first.step->begin(link_);
@@ -775,14 +775,14 @@ std::list<redis_line::call> redis_line::next_call(steady::time_point now)
     };
     std::list<call> made(1);
     call &next = made.front();
-    const bool marks = first.what == redis_operation::kind::mark;
-    if (marks)
-        first.id = client_name_ + ':' + std::to_string(last_call_ + 1);
-    if (marks && first.to.cb != nullptr)
-        marks_.emplace(first.id, waiting_mark{first.owner, first.end, first.to});
+    mark_step *const mark = first.mark.get();
+    if (mark != nullptr)
+        mark->id = client_name_ + ':' + std::to_string(last_call_ + 1);
+    if (mark != nullptr && mark->to.cb != nullptr)
+        marks_.emplace(mark->id, waiting_mark{mark->owner, mark->end, mark->to});
 
     next.sent = now;
-    marking_ = marks && first.in_pieces;
+    marking_ = mark != nullptr && mark->in_pieces;
     if (changes)
         next.number = ++last_call_;
     uint32_t texts = 0;
@@ -828,7 +828,8 @@ bool redis_line::is_refused_for_now(const call &made, const redisReply &reply)
 // True: the mark's next piece is on its way, as a call of its own. Without memory the last one is as it was.
 bool redis_line::mark_goes_on(const call &made, const redis_outcome &outcome)
 {
-    if (!made.parts.front().in_pieces)
+    const mark_step *const before = made.parts.front().mark.get();
+    if (before == nullptr || !before->in_pieces)
         return false;
     const std::string_view answer = outcome.text == "again" ? outcome.more : outcome.text;
     if (!answer.starts_with('m')) {
@@ -837,7 +838,9 @@ bool redis_line::mark_goes_on(const call &made, const redis_outcome &outcome)
     }
     std::list<call> next{made};
     next.front().number = ++last_call_;
-    redis_operation &piece = next.front().parts.front();
+    auto &mark = next.front().parts.front().mark;
+    mark = std::make_shared<mark_step>(*before);
+    mark_step &piece = *mark;
     const size_t space = std::min(answer.find(' '), answer.size() - 1);
     piece.deadline = answer.substr(space + 1);
     piece.cursor = piece.anew ? "0" : answer.substr(1, space - 1);
@@ -875,8 +878,8 @@ void redis_line::answered(call &made, const redisReply &reply)
             own.code = code_of(letters.front());
             letters.remove_prefix(1);
         }
-        if (part.what == redis_operation::kind::mark && outcome.code != QZ_MOM_OK)
-            end_of_mark(part.id, outcome.code);
+        if (part.mark != nullptr && outcome.code != QZ_MOM_OK)
+            end_of_mark(part.mark->id, outcome.code);
         conclude(part, std::move(own));
     }
     pass_over_log();  // at once: what this answer leads to may begin to follow, from here on

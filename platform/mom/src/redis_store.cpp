@@ -74,7 +74,8 @@ redis_operation mark_of(const target &of, int64_t delay_usec)
     asked.what = redis_operation::kind::mark;
     asked.words = words_of(of);
     asked.words.add(std::to_string(delay_usec));
-    asked.in_pieces = !of.keys.exact();
+    asked.mark = std::make_shared<mark_step>();
+    asked.mark->in_pieces = !of.keys.exact();
     return asked;
 }
 
@@ -268,9 +269,12 @@ int32_t redis_store::put_write(client &from, const target &at, packed_texts &&ro
     write.finish = answer_to(from, at, to, QZ_MOM_END_NONE);
     write.row = std::move(row);
     if (const auto fence = from.locks.find(at.db); fence != from.locks.end()) {
-        if (fence->second.told.empty())
+        wanted_lock &held = fence->second;
+        if (held.told.empty())
             return QZ_MOM_EFENCED;
-        write.fence = {"f", fence->second.name, fence->second.told};
+        if (held.fence == nullptr)
+            held.fence = std::make_shared<const packed_texts>(packed_texts{"f", held.name, held.told});
+        write.fence = held.fence;
     }
     redis_line &asked = line(at.db);
     const int32_t code = asked.put(std::move(write));
@@ -343,9 +347,9 @@ int32_t redis_store::unsubscribe(client &from, const target &of, const receiver 
 int32_t redis_store::mark(client &from, const target &of, int64_t delay_usec, const receiver &end)
 {
     redis_operation asked = mark_of(of, delay_usec);
-    asked.owner = from.weak_from_this();
-    asked.end = answer(of, QZ_MOM_END_EXPIRY, QZ_MOM_OK);
-    asked.to = end;
+    asked.mark->owner = from.weak_from_this();
+    asked.mark->end = answer(of, QZ_MOM_END_EXPIRY, QZ_MOM_OK);
+    asked.mark->to = end;
     return put(from, of.db, std::move(asked));
 }
 
@@ -379,7 +383,7 @@ int32_t redis_store::lock(client &from, uint32_t db, const std::string &name, co
     auto &asked = line(db);
     if (from.locks.contains(db))
         return QZ_MOM_EINVAL;
-    asked.want_lock(from, wanted_lock{name, {}, {}, false, news});
+    asked.want_lock(from, wanted_lock{name, {}, {}, {}, false, news});
     wake();
     return QZ_MOM_OK;
 }
