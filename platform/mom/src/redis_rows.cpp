@@ -10,7 +10,7 @@ namespace
 {
 
 // Takes a big-endian number of so many bytes.
-bool take_number(std::string_view &bytes, size_t size, uint64_t &out)
+bool take_number(std::string_view &bytes, size_t size, size_t &out)
 {
     if (bytes.size() < size)
         return false;
@@ -21,17 +21,25 @@ bool take_number(std::string_view &bytes, size_t size, uint64_t &out)
     return true;
 }
 
+bool pass_over(std::string_view &bytes, size_t size)
+{
+    if (bytes.size() < size)
+        return false;
+    bytes.remove_prefix(size);
+    return true;
+}
+
 // A number is passed over.
 bool take_packed(std::string_view &bytes, std::string_view &out)
 {
-    uint64_t tag = 0;
-    uint64_t size = 0;
+    size_t tag = 0;
+    size_t size = 0;
     if (!take_number(bytes, 1, tag))
         return false;
     if (tag < 0x80)
         return true;
     if (tag >= 0xcc && tag <= 0xcf)
-        return take_number(bytes, size_t{1} << (tag - 0xcc), size);
+        return pass_over(bytes, size_t{1} << (tag - 0xcc));
     if (tag >= 0xa0 && tag <= 0xbf)
         size = tag & 0x1f;
     else if (!(tag == 0xd9 && take_number(bytes, 1, size)) && !(tag == 0xda && take_number(bytes, 2, size)) &&
