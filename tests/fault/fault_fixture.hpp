@@ -70,12 +70,17 @@ inline void fill_store(int32_t count)
                                         "string.char(1)) end\" 0");
 }
 
-// The server's function, called as a client of another name would do it; what it answers, behind the position.
-inline std::string call(const std::vector<std::string> &arguments)
+inline std::string function_name()
 {
     const std::string list = store_server().commands(app_db, "FUNCTION LIST");
     const size_t name = list.find("mom_");
-    std::vector<std::string> words{"FCALL", list.substr(name, list.find('\r', name) - name), "0"};
+    return list.substr(name, list.find('\r', name) - name);
+}
+
+// The server's function, called as a client of another name would do it; what it answers, behind the position.
+inline std::string call(const std::vector<std::string> &arguments)
+{
+    std::vector<std::string> words{"FCALL", function_name(), "0"};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::string reply = store_server().commands(app_db, encoded(words));
     reply.erase(0, reply.find('\n') + 1);  // what answers the choice of the database
@@ -85,10 +90,15 @@ inline std::string call(const std::vector<std::string> &arguments)
     return text.substr(std::min(text.find(' '), text.size() - 1) + 1);
 }
 
+inline std::string writes_of(const std::string &client, int number, int oldest, const std::vector<std::string> &writes)
+{
+    return packed({std::to_string(app_db), client}) + packed(number) + packed(oldest) + packed(writes);
+}
+
 inline std::string call_with_writes(const std::string &client, int number, int oldest,
                                     const std::vector<std::string> &writes)
 {
-    return call({packed({std::to_string(app_db), client}) + packed(number) + packed(oldest) + packed(writes)});
+    return call({writes_of(client, number, oldest, writes)});
 }
 
 // What the server keeps in the function's language is forgotten, and nobody loses his connection.
@@ -100,6 +110,16 @@ inline void load_function_anew()
     const std::string code = list.substr(list.find('\n', head) + 1, size);
     EXPECT_TRUE(contains(store_server().commands(app_db, encoded({"FUNCTION", "LOAD", "REPLACE", code})), "\r\nmom_"));
 }
+
+struct lock_ear {
+    std::vector<int32_t> all;
+
+    static int32_t hear(qz_mom_handle *, uint32_t, int32_t held, void *self)
+    {
+        static_cast<lock_ear *>(self)->all.push_back(held);
+        return 0;
+    }
+};
 
 class FaultTest : public StoreTest
 {

@@ -175,6 +175,20 @@ TEST_F(RedisCalls, ALargeCallIsCarriedOutAndToldWhole)
     expect_view_equals_store();
 }
 
+// A user who may not touch the second of two records.
+TEST_F(RedisCalls, WhatACallThatFailedHasLeftIsNotToldByTheNext)
+{
+    store_server().commands(app_db, "SET mine x\nSET other x\nACL SETUSER limited on >p ~mom:* ~mine &* +@all");
+    const std::string writes = writes_of("one", 1, 1, {"d", "mine", "d", "other"});
+    const std::string refused =
+        store_server().commands(app_db, "AUTH limited p\n" + encoded({"FCALL", function_name(), "0", writes}));
+    EXPECT_TRUE(contains(refused, "\r\n-")) << refused;
+    EXPECT_EQ("", call_with_writes("two", 1, 1, {"s", "next", "x"}));
+    const std::string newest = store_server().commands(app_db, "XREVRANGE mom:log + - COUNT 1");
+    EXPECT_TRUE(contains(newest, "next") && !contains(newest, "mine")) << newest;
+    store_server().commands(app_db, "ACL DELUSER limited");
+}
+
 TEST_F(RedisCalls, ARecordCanHaveAnyNumberOfFields)
 {
     for (const int fields : {1, 6, 100, 101, 300}) {

@@ -9,16 +9,6 @@ namespace
 const std::vector<int32_t> TWICE_LOST_AND_BACK{QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE, QZ_MOM_RECONNECT_ERROR,
                                                QZ_MOM_RECONNECT_DONE};
 
-struct lock_ear {
-    std::vector<int32_t> all;
-
-    static int32_t hear(qz_mom_handle *, uint32_t, int32_t held, void *self)
-    {
-        static_cast<lock_ear *>(self)->all.push_back(held);
-        return 0;
-    }
-};
-
 using RedisLoss = FaultTest;
 
 // The place that it had come to means nothing to a server that was started anew.

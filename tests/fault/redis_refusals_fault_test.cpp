@@ -115,6 +115,34 @@ TEST_F(RedisRefusals, ALogThatSomebodyBrokeIsBegunAnew)
     }
 }
 
+// As in the log, so in what it keeps of marks and locks.
+TEST_F(RedisRefusals, WhatSomebodyWroteToAKeyOfTheStoreItselfGoes)
+{
+    lock_ear ear;
+    auto *locker = open(url_);
+    EXPECT_EQ(0, qz_mom_lock(locker, app_db, "x", lock_ear::hear, &ear));
+    int32_t value = 0;
+    for (const char *harm : {"SET mom:calls x", "SET mom:left x", "SET mom:marks x", "DEL mom:epoch\nLPUSH mom:epoch x",
+                             "DEL mom:lock:x\nLPUSH mom:lock:x x"}) {
+        listener ended;
+        for (int32_t i = 1; i <= 10; ++i)
+            EXPECT_EQ(0, answered(numbered(i, ++value))) << harm;
+        EXPECT_EQ(0, expire(writer, any_session(), QZ_MOM_EXPIRE_PATTERN, {1000, 0}, ended));
+        wait_for_answers();
+        store_server().commands(app_db, harm);
+        EXPECT_EQ(0, del(writer, numbered(1)));
+        for (int32_t i = 2; i <= 10; ++i)
+            EXPECT_EQ(0, answered(numbered(i, ++value))) << harm;
+        EXPECT_EQ(0, expire(writer, any_session(), QZ_MOM_EXPIRE_PATTERN, {1000, 0}, ended));
+        for (int32_t i = 2; i <= 10; ++i)
+            EXPECT_EQ(0, answered(numbered(i, ++value))) << harm;
+        expect_agreement();
+        EXPECT_EQ(9u, view().size()) << harm;
+    }
+    run_until([&] { return !ear.all.empty() && ear.all.back() == 1; });
+    close(locker);
+}
+
 TEST_F(RedisRefusals, AMarkThatTheServerRefusesIsNoSuccess)
 {
     const qz_mom_timeval later{1000, 0};
@@ -157,34 +185,27 @@ TEST_F(RedisRefusals, ALimitBelowOneChangeStopsNobody)
     run_until([&] { return one.changes().size() == 1 && two.changes().size() == 1; });
 }
 
-struct lock_ear {
-    std::vector<int32_t> all;
-
-    static int32_t hear(qz_mom_handle *, uint32_t, int32_t held, void *self)
-    {
-        static_cast<lock_ear *>(self)->all.push_back(held);
-        return 0;
-    }
-};
-
 TEST_F(RedisRefusals, ALockThatIsTakenAwayIsToldAndComesBackInTurns)
 {
     lock_ear ear;
     auto *locker = open(url_);
     EXPECT_EQ(0, qz_mom_lock(locker, app_db, "x", lock_ear::hear, &ear));
-    run_until([&] { return ear.all == std::vector<int32_t>{1}; });
-    store_server().commands(app_db, "SET mom:lock:x somebody");
-    EXPECT_EQ(QZ_MOM_EFENCED, [&] {
+    const auto removal = [&] {
         listener answer;
         const int32_t code = qz_mom_del(locker, app_db, session_record(numbered(1)).message(), listener::hear, &answer);
         if (code != 0)
             return code;
         run_until([&] { return !answer.all.empty(); });
         return answer.all.front().error;
-    }());
+    };
+    run_until([&] { return ear.all == std::vector<int32_t>{1}; });
+    EXPECT_EQ(0, removal());
+    store_server().commands(app_db, "SET mom:lock:x somebody");
+    EXPECT_EQ(QZ_MOM_EFENCED, removal());
     run_until([&] { return ear.all == std::vector<int32_t>{1, 0}; });
     store_server().commands(app_db, "DEL mom:lock:x");
     run_until([&] { return ear.all == std::vector<int32_t>{1, 0, 1}; });
+    EXPECT_EQ(0, removal());
     store_server().kill();
     store_server().forget();
     store_server().start();

@@ -212,13 +212,15 @@ void StoreTest::close(qz_mom_handle *handle)
     qz_mom_client_close(handle);
 }
 
-// First everybody posts, and waits for his answer. Then one posts what all have to hear: whatever was done before his post
-// is behind them then. It may be heard twice, for who reads the table anew is told of what is there.
+// First everybody posts, and waits for his answer. Then one posts what all have to hear: what the store tells of whatever
+// was done before is behind them then. Who reads tables anew, after a loss, may hear it twice, and of another table later.
 void StoreTest::settle()
 {
     post_fences(fences_.size());
     run_until(
         [&] { return std::ranges::none_of(fences_, [](const auto &each) { return each->answered.all.empty(); }); });
+    if (HasFatalFailure())
+        return;
     post_fences(std::min<size_t>(1, fences_.size()));
     const auto reached = [&](const heard &each) {
         return each.record != nullptr &&

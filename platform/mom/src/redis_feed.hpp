@@ -24,7 +24,7 @@ using steady = std::chrono::steady_clock;
 struct log_entry {
     log_entry(uint64_t at, std::string_view texts, bool sent) : position(at), bytes(texts), as_sent(sent), rows(bytes)
     {
-        rows.skip(4);  // database, client, number of the call and of the oldest one
+        rows.skip_head();  // database, client, number of the call and of the oldest one
     }
     log_entry(const log_entry &) = delete;
     log_entry &operator=(const log_entry &) = delete;

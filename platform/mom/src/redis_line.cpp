@@ -128,7 +128,7 @@ bool takes_in(redis_operation &write, const redis_operation &before)
     return true;
 }
 
-// Of a call's texts, its own and its fence's.
+// So many texts it adds to a call, its fence's among them; at most.
 uint32_t most_texts(const redis_operation &each) { return each.row.count() + 3; }
 
 // The rows of all these writes. A fence holds until the next one.

@@ -21,25 +21,25 @@ bool take_number(std::string_view &bytes, size_t size, size_t &out)
     return true;
 }
 
-bool pass_over(std::string_view &bytes, size_t size)
+bool pass_over_number(std::string_view &bytes)
 {
-    if (bytes.size() < size)
+    size_t tag = 0;
+    if (!take_number(bytes, 1, tag))
+        return false;
+    const bool has_more = tag >= 0xcc && tag <= 0xcf;
+    const size_t size = has_more ? size_t{1} << (tag - 0xcc) : 0;
+    if ((tag >= 0x80 && !has_more) || bytes.size() < size)
         return false;
     bytes.remove_prefix(size);
     return true;
 }
 
-// A number is passed over.
 bool take_packed(std::string_view &bytes, std::string_view &out)
 {
     size_t tag = 0;
     size_t size = 0;
     if (!take_number(bytes, 1, tag))
         return false;
-    if (tag < 0x80)
-        return true;
-    if (tag >= 0xcc && tag <= 0xcf)
-        return pass_over(bytes, size_t{1} << (tag - 0xcc));
     if (tag >= 0xa0 && tag <= 0xbf)
         size = tag & 0x1f;
     else if (!(tag == 0xd9 && take_number(bytes, 1, size)) && !(tag == 0xda && take_number(bytes, 2, size)) &&
@@ -106,6 +106,15 @@ std::string_view row_reader::text()
     if (broken_)
         rest_ = {};
     return text;
+}
+
+void row_reader::skip_head()
+{
+    std::string_view text;
+    broken_ =
+        !take_packed(rest_, text) || !take_packed(rest_, text) || !pass_over_number(rest_) || !pass_over_number(rest_);
+    if (broken_)
+        rest_ = {};
 }
 
 void row_reader::skip(size_t count)

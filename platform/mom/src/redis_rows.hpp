@@ -73,7 +73,9 @@ class row_reader
     bool at_end() const { return rest_.empty(); }
     // The bytes are no texts: at the end, too.
     bool broken() const { return broken_; }
-    // The next text; "" behind the end, and for a number.
+    // What stands before the rows of a call, or of an entry of the log: two texts and two numbers.
+    void skip_head();
+    // The next text; "" behind the end.
     std::string_view text();
     void skip(size_t count);
     // A count, then as often a field and its bytes: a record's content; null when a field is no number. A field "" means

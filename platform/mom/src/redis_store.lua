@@ -23,8 +23,8 @@
 -- An entry of the log has one field: a letter that says what the texts are, the clock (seconds), and unless these are all
 -- empty, what the call that made the entry and the three before it were answered, newest first, a '|' before each. The
 -- texts are packed one after the other. Before them stand the database, the client, the number of the call and that of the
--- oldest one that the client had under way; 0 for a call that has no number. All but the first two and the last is what
--- mom:state holds for the client.
+-- oldest one that the client had under way; 0 for a call that has no number. Number, clock and answers are what mom:state
+-- holds for the client.
 -- "r": rows of texts, a change each: command, key, numbers of the written fields as they were sent, count,
 -- then `count` times field and bytes ("" for a whole record); the end of an expiry call is the command "end", its key the
 -- call. Of a write by field these are the fields that were written, and with "w" behind the command all that the record
@@ -36,10 +36,10 @@
 --
 -- This is a library of one function, so that none of it is made anew at a call. Its arguments: what is to be done, the
 -- database, the client, the number of the call (0: reads, that may be made again), that of the oldest one that the client
--- has under way, and what follows. A call with writes is one argument, as an entry of the log has it: database, client, number,
--- oldest, and the writes; an argument costs the server more than a packed text. An answer is one text, for a table of
--- several costs more than a record: a position, a space and the answer, a new line and more; nothing stands behind what is
--- empty. Once the log has been read up to that position it is known what came before the answer.
+-- has under way, and what follows. A call with writes is one argument, as an entry of the log has it: database, client,
+-- number, oldest, and the writes; an argument costs the server more than a packed text. An answer is one text, for a table
+-- of several costs nearly as much as a record: a position, a space and the answer, a new line and more; nothing stands
+-- behind what is empty. Once the log has been read up to that position it is known what came before the answer.
 --
 -- Of what is done for each write, or each call, three things cost more than they seem to: a step of Lua is some 45
 -- instructions of the processor and a call of a function some 300, text from number or back 1,500 to 3,000, and a table
@@ -73,6 +73,7 @@ local known = {} -- by database, of what is there:
 --   marks      there may be marks
 --   clock      seconds; the time is told by whoever fires marks
 --   is_new     there has never been an entry
+--   channel    where entries are pushed to
 --   loaders    who is reading a table, and which, until when he has to be heard of (clock); `is_read`: anybody does
 --   clients    number and answers of the last call of each, the clock at that time, and whether mom:state
 --              lacks it
@@ -88,6 +89,18 @@ local as_sent -- the log can tell of it by what was sent
 local changed
 local clearing = {} -- records whose marks are to be taken off: a list, and the same as a set
 local broken_off -- an error has ended an earlier call
+
+-- Of a key of our own: what somebody else has written there goes.
+local function call_own(command, key, ...)
+    local done = pcall(command, key, ...)
+    if type(done) ~= 'table' or not done.err then
+        return done
+    end
+    if string.find(done.err, 'WRONGTYPE', 1, true) then
+        call('DEL', key)
+    end
+    return call(command, key, ...)
+end
 
 local function tell(command, key, names, body)
     local at = #log
@@ -110,7 +123,7 @@ end
 -- numbers are followed by those of all fields, behind a '|', where there are more than were named. "s", key, bytes; "d"
 -- or "c", key; "l" or "f", name of a lock, token. "H" is "c" and "h" of the same record. "f" is a fence: what stands behind
 -- it is to be done only by the holder of that lock, until there is another one; "" for a name: by anybody.
-local FIRST_WRITE = 5 -- in the array
+local FIRST_WRITE = 5 -- of the texts
 local words_of = {s = 3, d = 2, c = 2, l = 3, f = 3}
 local fields_in = {} -- by their numbers as one text: the number of each, as text
 local field_texts = 0
@@ -167,7 +180,7 @@ local function tell_otherwise(at)
 end
 
 local function marks_gone(id, count)
-    if call('HINCRBY', 'mom:left', id, -count) <= 0 then
+    if call_own('HINCRBY', 'mom:left', id, -count) <= 0 then
         call('HDEL', 'mom:left', id)
         if sent then
             tell_otherwise(#sent + 1)
@@ -185,7 +198,7 @@ end
 
 -- Counts the marks of these records, by the expiry call that set them.
 local function count_marks(keys, counts)
-    for _, id in ipairs(call('HMGET', 'mom:calls', unpack(keys))) do
+    for _, id in ipairs(call_own('HMGET', 'mom:calls', unpack(keys))) do
         if id then
             counts[id] = (counts[id] or 0) + 1
         end
@@ -243,8 +256,8 @@ local function refusal(at, fault)
     return string.find(fault, 'WRONGTYPE', 1, true) and 'f' or 'm'
 end
 
--- By how many fields a write has: what sets them. Each is written out, so that no table has to be made for them; as many
--- as a function can hold.
+-- By how many fields a write has: what sets them. Each is written out, so that no table has to be made for them, as long
+-- as a function can hold them.
 local setters = {}
 
 local function setter_of(count)
@@ -340,7 +353,7 @@ local function lock_key(name) return 'mom:lock:' .. name end
 
 local function holds_lock(at)
     local name = sent[at + 1]
-    return name == '' or call('GET', lock_key(name)) == sent[at + 2]
+    return name == '' or call_own('GET', lock_key(name)) == sent[at + 2]
 end
 
 -- Lets a lock go.
@@ -456,8 +469,8 @@ local function set_marks(keys, id, deadline)
             marks[2 * i - 1], marks[2 * i] = deadline, key
             calls[2 * i - 1], calls[2 * i] = key, id
         end
-        call('ZADD', 'mom:marks', unpack(marks))
-        call('HSET', 'mom:calls', unpack(calls))
+        call_own('ZADD', 'mom:marks', unpack(marks))
+        call_own('HSET', 'mom:calls', unpack(calls))
     end)
     tell_counts(earlier)
 end
@@ -474,7 +487,7 @@ function verbs.mark()
     if deadline == '' then
         deadline = string.format('%.0f', now() + delay)
     end
-    call('HSETNX', 'mom:left', id, UNFINISHED)
+    call_own('HSETNX', 'mom:left', id, UNFINISHED)
     local found, next_cursor = matches_from(cursor)
     if #found > 0 then
         set_marks(found, id, deadline)
@@ -513,7 +526,7 @@ end
 -- "=": the client holds the lock, as its token says; "-": another one does; else its new token.
 local function keep_lock(name, token)
     local key = lock_key(name)
-    local holder = call('GET', key)
+    local holder = call_own('GET', key)
     if holder and holder ~= token then
         return '-'
     end
@@ -532,22 +545,17 @@ local function look_at_loaders()
             state.loaders[loader] = nil
         end
     end
-    state.is_read = next(state.loaders) ~= nil
+    state.is_read = next(state.loaders) ~= nil -- looked at with each write
 end
 
 -- ARGV 6...: locks that are wanted, each a name and the token that its holder has. Answers the epoch, so that who asks
 -- now and then learns that the data was lost behind an open connection, and what became of each lock.
 function verbs.fire()
-    local marks = pcall('ZCARD', 'mom:marks')
-    if type(marks) == 'table' then -- somebody has written something else there
-        call('DEL', 'mom:marks')
-        marks = 0
-    end
-    state.marks = marks > 0
+    state.marks = call_own('ZCARD', 'mom:marks') > 0
     set_clock()
     look_at_loaders()
     local fired = fire()
-    local answers = {call('GET', 'mom:epoch') or ''}
+    local answers = {call_own('GET', 'mom:epoch') or ''}
     for at = 6, #ARGV, 2 do
         answers[#answers + 1] = keep_lock(ARGV[at], ARGV[at + 1])
     end
@@ -555,7 +563,7 @@ function verbs.fire()
 end
 
 -- ARGV 6: number of an expiry call.
-function verbs.left() return call('HEXISTS', 'mom:left', ARGV[6]) == 1 and 'k' or 'gone' end
+function verbs.left() return call_own('HEXISTS', 'mom:left', ARGV[6]) == 1 and 'k' or 'gone' end
 
 -- ARGV 6: "begin", "go on" or "end". 7: the name of a table. Its records are read by commands that follow this one. From
 -- the beginning to the end writes are told whole. "lapsed": that has taken too long, and is to begin anew.
@@ -766,7 +774,7 @@ end
 function verbs.hello()
     call('PUBLISH', state.channel, '0') -- says nothing; a user who may not do so is refused here, and not after a write
     forget_clients()
-    local epoch = call('GET', 'mom:epoch') or new_epoch()
+    local epoch = call_own('GET', 'mom:epoch') or new_epoch()
     local life = life_of_this_server(epoch)
     local lives = lives_until(life)
     return leads_on(lives, ARGV[6], tonumber(ARGV[7])) and 'on' or 'anew', epoch .. ' ' .. life
