@@ -281,7 +281,7 @@ local function tell_fields(at)
     end
 end
 
-function write.h(at)
+function write.h(at, leaves_mark)
     local key, numbers = sent[at + 1], sent[at + 2]
     local fields = fields_in[numbers] or fields_of(numbers)
     local count = #fields
@@ -293,7 +293,7 @@ function write.h(at)
     if state.is_read or not as_sent then
         tell_fields(at)
     end
-    if state.marks then
+    if state.marks and not leaves_mark then
         clear_mark(key)
     end
     return at + 3 + count
@@ -306,22 +306,14 @@ function write.H(at)
 end
 
 function write.u(at)
-    local key, fields = sent[at + 1], fields_of(sent[at + 2])
-    local count = #fields
-    local behind, done = at + 3 + count, pcall('HLEN', key)
-    if done == 0 then
+    local fields = pcall('HLEN', sent[at + 1])
+    if fields == 0 then
         tell_otherwise(at)
-        return behind
+        return next_after(at)
+    elseif type(fields) == 'table' then
+        return next_after(at), refusal(at, fields.err)
     end
-    done = type(done) == 'table' and done or (setters[count] or setter_of(count))(key, fields, sent, at)
-    if type(done) == 'table' then
-        return behind, refusal(at, done.err)
-    end
-    changed = true
-    if state.is_read or not as_sent then
-        tell_fields(at)
-    end
-    return behind
+    return write.h(at, true)
 end
 
 function write.s(at)
@@ -391,9 +383,7 @@ function verbs.write()
             at, count = behind, count + 1
         end
     end
-    if #clearing > 0 then
-        clear_marks()
-    end
+    clear_marks()
     return letters and letters .. string.rep('k', count) or ''
 end
 
