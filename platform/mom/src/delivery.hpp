@@ -132,6 +132,14 @@ class post_office : public std::enable_shared_from_this<post_office>
     // Puts each delivery into the queue of its handle; `out` is empty afterwards.
     void send(deliveries &out) noexcept;
     void send_urgent(deliveries &out) noexcept;
+    // One delivery, to one handle.
+    template <typename News>
+    void post(client &to, News what)
+    {
+        deliveries out;
+        out.push_back({&to, std::move(what)});
+        send(out);
+    }
 
     // Has the pump of the handle's master come by, also when there is nothing to deliver.
     void wake(const client &who) noexcept;

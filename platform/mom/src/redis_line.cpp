@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <utility>
 
-#include "key_text.hpp"
 #include "mom_log.hpp"
 #include "redis_script.hpp"
 
@@ -19,8 +18,6 @@ using namespace std::chrono_literals;
 constexpr size_t ENOUGH_FOR_A_CALL = 64;  // while other calls are under way, fewer writes wait for company
 constexpr size_t MAX_UNDER_WAY = 4;       // calls
 constexpr uint32_t MAX_TEXTS = 4000;      // of one call: the server's side unpacks it onto a stack that ends at 8,000
-constexpr uint32_t SCAN_PIECE = 64;
-constexpr uint32_t SCAN_VISITS = 1024;
 constexpr auto CONNECT_PATIENCE = 2s;
 constexpr auto ANSWER_PATIENCE = 3s;
 constexpr auto FIRE_INTERVAL = 200ms;
@@ -85,34 +82,6 @@ bool is_denied(const redisReply &reply)
            (text_of(reply).starts_with("NOPERM") || text_of(reply).starts_with("ERR unknown command"));
 }
 
-std::vector<uint32_t> numbers_of(std::string_view joined)
-{
-    std::vector<uint32_t> numbers;
-    while (!joined.empty()) {
-        const size_t comma = std::min(joined.find(','), joined.size());
-        numbers.push_back(static_cast<uint32_t>(number_of(joined.substr(0, comma))));
-        joined.remove_prefix(std::min(comma + 1, joined.size()));
-    }
-    return numbers;
-}
-
-// How many values a write has sent that names these fields; one where it names none.
-size_t values_of(std::string_view written)
-{
-    written.remove_prefix(written.find('|') + 1);
-    return static_cast<size_t>(std::ranges::count(written, ',')) + 1;
-}
-
-std::vector<uint32_t> data_numbers(const ProtobufCMessageDescriptor &type)
-{
-    std::vector<uint32_t> numbers;
-    for (unsigned i = 0; i < type.n_fields; ++i) {
-        if (&type.fields[i] != key_field(type))
-            numbers.push_back(type.fields[i].id);
-    }
-    return numbers;
-}
-
 bool is_write(const redis_operation &each) { return each.what == redis_operation::kind::write; }
 
 // Takes a mark off, does nothing else, and nobody asks what became of it.
@@ -162,27 +131,6 @@ bool whole_or_not(row_reader &rows, Act act)
     return false;
 }
 
-// The newest change of a block, taken back when it was not told after all.
-class newest_told
-{
-  public:
-    newest_told(change_block &block, change &&what) : made(block.add(std::move(what))), block_(&block) {}
-    ~newest_told()
-    {
-        made.reset();
-        if (block_ != nullptr)
-            block_->take_back();
-    }
-    newest_told(const newest_told &) = delete;
-    newest_told &operator=(const newest_told &) = delete;
-    void keep() { block_ = nullptr; }
-
-    change_ptr made;
-
-  private:
-    change_block *block_;
-};
-
 // Acts on the first of them and takes it off. Without memory it stays.
 template <typename Item, typename Act>
 void take_first(std::list<Item> &from, Act act)
@@ -199,88 +147,13 @@ void take_first(std::list<Item> &from, Act act)
 
 }  // namespace
 
-// A scan reads the replica piece by piece, each in its turn in the queue. It keeps the slot that it has come to.
-class replica_scan : public scan_step, public std::enable_shared_from_this<replica_scan>
-{
-  public:
-    replica_scan(redis_line &line, std::string name, const target &of, const receiver &to)
-        : line_(line), name_(std::move(name)), of_(of), to_(to)
-    {
-    }
-
-    void next(client &to) override;
-
-  private:
-    bool collect(replica &records, uint32_t room, size_t &at, std::vector<const replica::record *> &found) const;
-    void tell(const std::vector<const replica::record *> &found, client &to, deliveries &out) const;
-
-    redis_line &line_;
-    const std::string name_;
-    const target of_;
-    const receiver to_;
-    size_t next_ = 0;  // slot
-};
-
-// The next piece, of so many at the most. True: there is no more behind it.
-bool replica_scan::collect(replica &records, uint32_t room, size_t &at,
-                           std::vector<const replica::record *> &found) const
-{
-    if (of_.keys.exact()) {
-        if (const auto *record = records.find(of_.keys.text()))
-            found.push_back(record);
-        return true;
-    }
-    found.reserve(room);
-    for (uint32_t seen = 0; seen < SCAN_VISITS && found.size() < room && at < records.slots(); ++seen, ++at) {
-        const auto *record = records.slot(at);
-        if (record != nullptr && of_.keys.match(record->key) != key_pattern::verdict::differs)
-            found.push_back(record);
-    }
-    return at >= records.slots();
-}
-
-void replica_scan::tell(const std::vector<const replica::record *> &found, client &to, deliveries &out) const
-{
-    size_t size = 0;
-    for (const auto *record : found)
-        size += record->key.size() + 1;
-    const auto told = std::make_shared<change_block>(size);
-    for (const auto *record : found) {
-        const int32_t cmd = record->body->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
-        auto what = told->add({of_.db, cmd, 0, record->key, {}, record->body});
-        line_.office_.add(out, {&to, message{std::move(what), to_, &of_.keys.type()}});
-    }
-}
-
-void replica_scan::next(client &to)
-{
-    deliveries out;
-    bool over = true;
-    size_t at = next_;
-    if (const auto in = line_.followed_.find(name_); in != line_.followed_.end()) {
-        const uint32_t room = to.box.hard > to.box.depth() ? to.box.hard - to.box.depth() : 1;
-        std::vector<const replica::record *> found;
-        over = collect(in->second.records, std::min(SCAN_PIECE, room), at, found);
-        tell(found, to, out);
-    }
-    if (over) {
-        auto end = make_change({of_.db, 0, QZ_MOM_END_SCAN, of_.keys.text(), {}, nullptr});
-        out.push_back({&to, message{std::move(end), to_}});
-    } else {
-        out.push_back({&to, shared_from_this()});
-    }
-    next_ = at;
-    line_.office_.send(out);
-    if (over)
-        line_.scan_ended(*this, name_);
-}
-
 redis_line::redis_line(uint32_t db, std::string client_name, link_set &links, post_office &office,
                        subscription_table &subscriptions)
     : db_(db),
       client_name_(std::move(client_name)),
       office_(office),
       subscriptions_(subscriptions),
+      tables_(db, *this, office, subscriptions),
       link_(links),
       feed_(db),
       random_(static_cast<uint32_t>(std::hash<std::string>()(client_name_) | 1))
@@ -329,21 +202,13 @@ void redis_line::recycle(std::list<redis_operation> &parts) noexcept
     spare_.splice(spare_.begin(), parts);
 }
 
-template <typename News>
-void redis_line::post(client &to, News what)
-{
-    deliveries out;
-    out.push_back({&to, std::move(what)});
-    office_.send(out);
-}
-
 int32_t redis_line::connect(client &from, const connection &answer)
 {
     redis_operation asked;
     asked.at_once = true;
     asked.finish = [this, who = from.weak_from_this(), answer](const redis_outcome &) {
         if (const auto to = office_.attached(who))
-            post(*to, answer);
+            office_.post(*to, answer);
     };
     return put(std::move(asked));
 }
@@ -356,68 +221,6 @@ void redis_line::want_lock(client &from, wanted_lock &&wanted)
     fire_at_ = {};
 }
 
-// What needs the table to be known. Where nobody has asked for it yet its first page comes in the same call: the server
-// tells whole records from there on until the last page, and parts of them before.
-int32_t redis_line::put_for_table(const ProtobufCMessageDescriptor &type, redis_operation &&asked)
-{
-    const std::string name = type.name;
-    followed &in = followed_[name];
-    in.type = &type;
-    ++in.awaited;
-    int32_t code = QZ_MOM_ENOMEM;
-    try {
-        const bool begins = !in.loaded && in.loading == 0;
-        redis_operation put_now = begins ? first_step(name, last_load_ + 1) : redis_operation();
-        put_now.finish = [this, name, page = std::move(put_now.finish),
-                          answer = std::move(asked.finish)](const redis_outcome &outcome) {
-            if (page)
-                page(outcome);
-            answer(outcome);
-            answered_for_table(name);
-        };
-        code = put(std::move(put_now));
-        if (code == QZ_MOM_OK && begins)
-            in.loading = in.good_from = ++last_load_;
-    } catch (const std::bad_alloc &) {
-        code = QZ_MOM_ENOMEM;
-    }
-    if (code != QZ_MOM_OK) {
-        --in.awaited;
-        drop_unused(name);
-    }
-    return code;
-}
-
-void redis_line::answered_for_table(const std::string &name)
-{
-    const auto in = followed_.find(name);
-    in->second.begun = true;
-    --in->second.awaited;
-    drop_unused(name);
-}
-
-int32_t redis_line::follow(std::vector<subscription> &&added)
-{
-    redis_operation asked;
-    const auto &type = added.front().pattern.type();
-    const auto shared = std::make_shared<std::vector<subscription>>(std::move(added));
-    asked.finish = [this, who = shared->front().owner->weak_from_this(), shared](const redis_outcome &) {
-        if (office_.attached(who))
-            activate(*shared);
-    };
-    return put_for_table(type, std::move(asked));
-}
-
-void redis_line::activate(std::vector<subscription> added)
-{
-    const subscription &first = added.front();
-    auto what = make_change({db_, QZ_MOM_CMD_SUBSCRIBED, 0, first.pattern.text(), {}, nullptr});
-    deliveries out;
-    out.push_back({first.owner, message{std::move(what), first.to, nullptr, first.field}});
-    subscriptions_.add(db_, std::move(added));
-    office_.send(out);
-}
-
 int32_t redis_line::unfollow(client &from, const target &of, const receiver &to)
 {
     redis_operation asked;
@@ -426,62 +229,11 @@ int32_t redis_line::unfollow(client &from, const target &of, const receiver &to)
         if (!owner)
             return;
         auto what = make_change({db_, QZ_MOM_CMD_UNSUBSCRIBED, 0, of.keys.text(), {}, nullptr});
-        post(*owner, message{std::move(what), to});
+        office_.post(*owner, message{std::move(what), to});
         subscriptions_.remove(db_, *owner, of.keys, to);
-        drop_unused(of.keys.type().name);
+        tables_.drop_unused(of.keys.type().name);
     };
     return put(std::move(asked));
-}
-
-int32_t redis_line::scan(client &from, const target &of, const receiver &to)
-{
-    redis_operation asked;
-    asked.finish = [this, wanted = waiting_scan{from.weak_from_this(), of, to}](const redis_outcome &) {
-        followed &in = followed_.find(wanted.of.keys.type().name)->second;
-        if (in.loaded && in.loading == 0)
-            start_scan(in, wanted);
-        else
-            in.scans.push_back(wanted);
-    };
-    return put_for_table(of.keys.type(), std::move(asked));
-}
-
-void redis_line::start_scan(followed &in, const waiting_scan &scan)
-{
-    const auto from = office_.attached(scan.from);
-    if (!from)
-        return;
-    const auto step = std::make_shared<replica_scan>(*this, in.type->name, scan.of, scan.to);
-    std::erase_if(in.running, [](const auto &each) { return each.expired(); });
-    in.running.push_back(step);
-    post(*from, step);
-}
-
-void redis_line::scan_ended(const replica_scan &scan, const std::string &name)
-{
-    if (const auto in = followed_.find(name); in != followed_.end())
-        std::erase_if(in->second.running, [&](const auto &each) { return each.lock().get() == &scan; });
-    drop_unused(name);
-}
-
-// A table that nobody follows and no scan reads is not kept.
-bool redis_line::is_used(const std::string &name, followed &in)
-{
-    std::erase_if(in.running, [](const auto &each) { return each.expired(); });
-    std::erase_if(in.scans, [this](const auto &each) { return office_.attached(each.from) == nullptr; });
-    return in.awaited != 0 || !in.scans.empty() || !in.running.empty() || subscriptions_.any(db_, name);
-}
-
-void redis_line::drop_unused(const std::string &name)
-{
-    if (const auto at = followed_.find(name); at != followed_.end() && !is_used(name, at->second))
-        followed_.erase(at);
-}
-
-void redis_line::drop_unused() noexcept
-{
-    for (auto at = followed_.begin(); at != followed_.end();)
-        at = is_used(at->first, at->second) ? std::next(at) : followed_.erase(at);
 }
 
 bool redis_line::settled() const
@@ -612,18 +364,13 @@ void redis_line::take_tokens(const std::vector<std::weak_ptr<client>> &asked, co
     }
 }
 
-bool redis_line::is_loading() const
-{
-    return std::ranges::any_of(followed_, [](const auto &each) { return each.second.loading != 0; });
-}
-
 // While tables are read anew, not all of it is told yet.
 void redis_line::tell_given(const std::weak_ptr<client> &who, const std::string &token)
 {
     const auto holder = office_.attached(who);
     if (holder == nullptr || holder->locks.at(db_).given != token)
         return;  // closed, or lost again
-    if (is_loading())
+    if (tables_.is_loading())
         after_loads_.push_back([this, who, token] { tell_given(who, token); });
     else
         tell_lock(*holder, token);
@@ -633,7 +380,7 @@ void redis_line::tell_lock(client &to, const std::string &token)
 {
     lock_news news = to.locks.at(db_).news;
     news.token = token;
-    post(to, std::move(news));
+    office_.post(to, std::move(news));
     to.locks.at(db_).announced = !token.empty();
 }
 
@@ -700,7 +447,7 @@ void redis_line::serve(const redisReply &hello)
         restart_at(now_at);
     } else {
         answered_ = std::max(answered_, now_at);
-        load_again();
+        tables_.load_again();
         look_for_lost_marks();
     }
     epoch_ = both.substr(0, space);
@@ -887,10 +634,7 @@ void redis_line::answered(call &made, const redisReply &reply)
 
 // ---- the log --------------------------------------------------------------------------------------------------------
 
-bool redis_line::needs_log() const
-{
-    return !marks_.empty() || std::ranges::any_of(followed_, [](const auto &each) { return each.second.begun; });
-}
+bool redis_line::needs_log() const { return !marks_.empty() || tables_.any(); }
 
 void redis_line::fetch_missed(steady::time_point now)
 {
@@ -921,12 +665,8 @@ void redis_line::take_fetched(const redisReply &reply)
 void redis_line::restart_at(uint64_t position)
 {
     told_ = position;
-    for (auto &[name, in] : followed_) {
-        in.again = in.begun;  // all of them first: without memory for the rest the next connection finds that
-        if (in.begun)
-            in.good_from = last_load_ + 1;
-    }
-    load_again();
+    tables_.missed();
+    tables_.load_again();
     look_for_lost_marks();
 }
 
@@ -949,77 +689,11 @@ bool redis_line::tell_next(log_entry &entry)
         return true;
     const std::string_view written = command == "s" ? std::string_view() : rows.text();
     if (!entry.as_sent)
-        return tell({static_cast<int32_t>(number_of(command)), !command.ends_with('w'), key, written}, entry);
+        return tables_.tell({static_cast<int32_t>(number_of(command)), !command.ends_with('w'), key, written}, entry);
     if (command == "s")
-        return tell({QZ_MOM_CMD_SET, false, key, written}, entry);
+        return tables_.tell({QZ_MOM_CMD_SET, false, key, written}, entry);
     const bool one = written.substr(0, written.find('|')).find(',') == written.npos;
-    return tell({one ? QZ_MOM_CMD_HSET : QZ_MOM_CMD_HMSET, true, key, written}, entry);
-}
-
-void redis_line::note_written(followed &in, std::string_view written) const
-{
-    if (in.written == written)
-        return;
-    const size_t named = std::min(written.find('|'), written.size());
-    auto numbers = numbers_of(written.substr(0, named));
-    auto fields = named == written.size() ? numbers : numbers_of(written.substr(named + 1));
-    auto names = std::make_shared<std::string>(names_of(*in.type, numbers));
-    in.written = written;
-    in.numbers = std::move(numbers);
-    in.fields = std::move(fields);
-    in.names = std::move(names);
-}
-
-// Null: it is not ours.
-std::shared_ptr<const content> redis_line::take_content(const told_row &row, size_t fields, log_entry &entry)
-{
-    if (!entry.as_sent)
-        return entry.rows.body();
-    if (row.cmd == QZ_MOM_CMD_SET)
-        return std::make_shared<const content>(content{form::whole, std::string(entry.rows.text())});
-    return entry.rows.values(fields);
-}
-
-bool redis_line::tell(const told_row &row, log_entry &entry)
-{
-    const auto at = followed_.find(record_name(row.key));
-    if (at == followed_.end() || !at->second.begun) {
-        entry.as_sent ? entry.rows.skip(values_of(row.written)) : entry.rows.skip_body();
-        return true;
-    }
-    followed &in = at->second;
-    note_written(in, row.written);
-    in.records.fetch_entry(row.key);
-    auto body = take_content(row, in.fields.size(), entry);
-    if (body == nullptr) {
-        log_foreign(std::string(row.key).c_str());
-        return true;
-    }
-    auto *known = in.records.find(row.key);
-    if (row.is_part && !row.written.empty()) {
-        if (in.loading != 0 && (known == nullptr || known->seen < in.good_from))
-            return true;  // a page is still to show it
-        body = merge(known != nullptr ? known->body.get() : nullptr, std::move(body), in.fields);
-    }
-    if (entry.told == nullptr)
-        entry.told = std::make_shared<change_block>(entry.bytes.size());
-    newest_told what(*entry.told, {db_, row.cmd, 0, row.key, row.written.empty() ? nullptr : in.names, body});
-    deliveries out;
-    subscriptions_.address(what.made, in.numbers, office_, out);
-    if (!has_room(out))
-        return false;
-    if (row.cmd == QZ_MOM_CMD_DEL || row.cmd == QZ_MOM_CMD_EXPIRED) {
-        if (known != nullptr)
-            in.records.erase(*known);
-    } else if (known != nullptr) {
-        known->body = body;
-        known->seen = in.loading;
-    } else {
-        in.records.put(row.key, body).seen = in.loading;
-    }
-    office_.send(out);
-    what.keep();
-    return true;
+    return tables_.tell({one ? QZ_MOM_CMD_HSET : QZ_MOM_CMD_HMSET, true, key, written}, entry);
 }
 
 // An answer that is under way may stand before whatever is behind the newest position that is known from an answer.
@@ -1033,13 +707,13 @@ void redis_line::tell_all()
 {
     stalled_ = false;
     while (true) {
-        if (page_ != nullptr) {
-            stalled_ = !take_rows();
+        if (tables_.has_page()) {
+            stalled_ = !tables_.tell_page();
             if (stalled_)
                 return;
             continue;
         }
-        if (!after_loads_.empty() && !is_loading()) {
+        if (!after_loads_.empty() && !tables_.is_loading()) {
             take_first(after_loads_, [](const auto &act) { act(); });
             continue;
         }
@@ -1071,7 +745,7 @@ void redis_line::end_of_mark(const std::string &id, int32_t error)
     if (const auto to = office_.attached(at->second.owner)) {
         change end = *at->second.end;
         end.error = error;
-        post(*to, message{make_change(std::move(end)), at->second.to});
+        office_.post(*to, message{make_change(std::move(end)), at->second.to});
     }
     marks_.erase(at);
 }
@@ -1095,168 +769,6 @@ void redis_line::look_for_lost_marks()
         queue_.push_back(std::move(asked));
         mark.looked_for = true;
     }
-}
-
-// ---- the replica ----------------------------------------------------------------------------------------------------
-
-redis_line::record_page::record_page(table_step &read, bool last, const ProtobufCMessageDescriptor &type)
-    : name(read.name),
-      load(read.load),
-      is_last(last),
-      records(read.take_records()),
-      numbers(data_numbers(type)),
-      names(std::make_shared<std::string>(names_of(type, numbers)))
-{
-}
-
-void redis_line::load(const std::string &name)
-{
-    queue_.push_back(first_step(name, last_load_ + 1));
-    followed_[name].loading = ++last_load_;
-}
-
-// A cursor means nothing to another server. What was written meanwhile may have been told in parts, and passed over.
-void redis_line::load_again()
-{
-    for (auto &[name, in] : followed_) {
-        if (!in.begun || (in.loading == 0 && !in.again))
-            continue;
-        in.again = true;
-        load(name);
-    }
-}
-
-redis_operation redis_line::operation_of(std::shared_ptr<table_step> step)
-{
-    redis_operation asked;
-    asked.what = redis_operation::kind::read;
-    asked.words = {step->cursor == table_step::START ? "begin" : "go on", step->name};
-    asked.finish = [this, step](const redis_outcome &) { take_page(*step); };
-    asked.step = std::move(step);
-    return asked;
-}
-
-redis_operation redis_line::first_step(const std::string &name, uint64_t number)
-{
-    return operation_of(
-        std::make_shared<table_step>(name, number, std::string(table_step::START), std::vector<table_step::wanted>()));
-}
-
-void redis_line::take_page(table_step &read)
-{
-    const auto at = followed_.find(read.name);
-    if (at == followed_.end() || at->second.loading == 0)
-        return say_read(read.name);
-    if (at->second.loading != read.load)
-        return;
-    if (read.was_refused()) {
-        load(read.name);
-        return lose("a page of records was refused");
-    }
-    if (read.has_lapsed()) {
-        at->second.again = true;
-        return load(read.name);
-    }
-    const bool is_last = read.next_cursor().empty() && read.found().empty() && read.doubtful().empty();
-    is_last ? say_read(read.name) : read_on(at->second, read);
-    page_ = std::make_unique<record_page>(read, is_last, *at->second.type);
-}
-
-// Reads what was found, and what is of another form than was believed.
-void redis_line::read_on(followed &in, const table_step &read)
-{
-    std::vector<table_step::wanted> keys = read.doubtful();
-    if (!keys.empty())
-        in.whole = keys.front().whole;
-    keys.reserve(keys.size() + read.found().size());
-    for (const std::string &key : read.found())
-        keys.push_back({key, in.whole, false});
-    queue_.push_back(
-        operation_of(std::make_shared<table_step>(read.name, read.load, read.next_cursor(), std::move(keys))));
-}
-
-// The server need not tell whole records any more.
-void redis_line::say_read(const std::string &name)
-{
-    redis_operation said;
-    said.what = redis_operation::kind::read;
-    said.words = {"end", name};
-    queue_.push_back(std::move(said));
-}
-
-// False: one who would hear of what is left of the page has no room for it.
-bool redis_line::take_rows()
-{
-    record_page &page = *page_;
-    const auto at = followed_.find(page.name);
-    if (at == followed_.end() || at->second.loading != page.load) {
-        page_.reset();
-        return true;
-    }
-    for (; page.next_record < page.records.size(); ++page.next_record) {
-        if (!take_row(at->second))
-            return false;
-    }
-    if (page.is_last && !sweep(at->second))
-        return false;
-    if (page.is_last)
-        finish_load(at->second);
-    page_.reset();
-    return true;
-}
-
-// A record as it is. Who has missed changes is told of each, also when it is as it was known: it may have been written
-// anew, as who asks once more for what he has does, and waits for his answer.
-bool redis_line::take_row(followed &in)
-{
-    const auto &[key, body] = page_->records[page_->next_record];
-    if (page_->next_record + 2 < page_->records.size())
-        in.records.fetch_entry(page_->records[page_->next_record + 2].key);
-    if (body == nullptr) {
-        log_foreign(key.c_str());
-        return true;
-    }
-    deliveries out;
-    if (in.again) {
-        const int32_t cmd = body->kind == form::hash ? QZ_MOM_CMD_HMSET : QZ_MOM_CMD_SET;
-        subscriptions_.address(make_change({db_, cmd, 0, key, page_->names, body}), page_->numbers, office_, out);
-    }
-    if (!has_room(out))
-        return false;
-    in.records.put(key, body).seen = in.loading;
-    office_.send(out);
-    return true;
-}
-
-// What no page has shown is gone.
-bool redis_line::sweep(followed &in)
-{
-    for (size_t &at = page_->next_slot; at < in.records.slots(); ++at) {
-        auto *record = in.records.slot(at);
-        if (record == nullptr || record->seen == in.loading)
-            continue;
-        deliveries out;
-        subscriptions_.address(make_change({db_, QZ_MOM_CMD_DEL, 0, record->key, {}, record->body}), {}, office_, out);
-        if (!has_room(out))
-            return false;
-        office_.send(out);
-        in.records.erase(*record);
-    }
-    return true;
-}
-
-bool redis_line::has_room(const deliveries &out) const { return office_.room_for(out) || office_.nothing_waits(out); }
-
-void redis_line::finish_load(followed &in)
-{
-    while (!in.scans.empty()) {
-        start_scan(in, in.scans.front());
-        in.scans.erase(in.scans.begin());
-    }
-    in.loading = 0;
-    in.loaded = true;
-    in.again = false;
-    drop_unused(in.type->name);
 }
 
 // Nobody who follows anything waits for the log: what the newest answers lead to is done at once.

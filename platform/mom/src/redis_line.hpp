@@ -1,5 +1,5 @@
 // One database of a Redis server, as this process sees it: a connection for what is to be done there and for what is
-// heard from there (redis_feed.hpp), and a replica of the tables that are followed.
+// heard from there (redis_feed.hpp), and the tables that are followed (redis_tables.hpp).
 //
 // Order. The server numbers what happens in a database: each call that changes something adds one entry to its log, and
 // each answer says how far the log had come. What an answer leads to waits until the log has been heard up to there. So
@@ -15,8 +15,6 @@
 #ifndef MOM_REDIS_LINE_HPP
 #define MOM_REDIS_LINE_HPP
 
-#include <chrono>
-#include <deque>
 #include <functional>
 #include <list>
 #include <map>
@@ -25,57 +23,16 @@
 #include <string>
 #include <vector>
 
-#include "client.hpp"
 #include "redis_feed.hpp"
 #include "redis_link.hpp"
-#include "redis_rows.hpp"
-#include "replica.hpp"
+#include "redis_operation.hpp"
+#include "redis_tables.hpp"
 #include "store.hpp"
-#include "table_step.hpp"
 
 namespace mom
 {
 
-// What the server answered to one operation.
-struct redis_outcome {
-    int32_t code = 0;
-    uint64_t position = 0;
-    std::string text;
-    std::string more;
-};
-
-// An expiry call: who hears of its end, and how far it has come, as marks are set piece by piece.
-struct mark_step {
-    std::weak_ptr<client> owner;
-    change_ptr end;
-    receiver to{};
-    bool in_pieces = false;    // its records are to be looked for
-    std::string id;            // of the expiry call
-    std::string cursor = "0";  // where the next piece begins
-    std::string deadline;      // the server's; "": it has not made it yet
-    bool anew = false;         // the cursor that comes next is another server's
-};
-
-struct redis_operation {
-    enum class kind { write, mark, sweep, fire, read, lost_mark, fetch };
-
-    kind what = kind::write;
-    packed_texts row;                                   // of a write; none: only asks for the position
-    std::shared_ptr<const packed_texts> fence;          // of a write: the lock that it needs; null: anybody writes
-    redis_words words;                                  // of a fetch: the command; else arguments of the server's side
-    bool at_once = false;                               // `finish` does not wait for the log
-    bool ahead = false;                                 // of what waits; a notice
-    std::function<void(const redis_outcome &)> finish;  // may be empty
-    counted_write counted;                              // of a write that somebody counts
-    std::shared_ptr<table_step> step;                   // of a table that is read
-    std::shared_ptr<mark_step> mark;                    // of a mark
-
-    void clear() noexcept { *this = redis_operation(); }
-};
-
-class replica_scan;
-
-class redis_line
+class redis_line : private redis_tables::asker
 {
   public:
     static constexpr size_t MAX_QUEUED = 65536;
@@ -87,13 +44,13 @@ class redis_line
 
     // ---- with the mutex, from any thread
     // EDOWN, EFULL; or taken over.
-    int32_t put(redis_operation &&operation);
+    int32_t put(redis_operation &&operation) override;
     // Counts what was put last, and not ahead, until it is answered.
     void count_newest(std::shared_ptr<backlog> in) noexcept { queue_.back().counted = counted_write(std::move(in)); }
     int32_t connect(client &from, const connection &answer);
-    int32_t follow(std::vector<subscription> &&added);
+    int32_t follow(std::vector<subscription> &&added) { return tables_.follow(std::move(added)); }
     int32_t unfollow(client &from, const target &of, const receiver &to);
-    int32_t scan(client &from, const target &of, const receiver &to);
+    int32_t scan(client &from, const target &of, const receiver &to) { return tables_.scan(from, of, to); }
     // The handle's lock in this database is asked for, from now on until the handle is closed.
     void want_lock(client &from, wanted_lock &&wanted);
     // What has been put can go to the server now; else it waits for company, or for answers to what is under way.
@@ -101,7 +58,7 @@ class redis_line
     // Another full call waits; true once for each.
     bool has_full_call() const;
     // Lets go of the tables that a handle which was closed was the last to follow.
-    void drop_unused() noexcept;
+    void drop_unused() noexcept { tables_.drop_unused(); }
     // Nothing that was taken over is still to be done, as far as it can be done at all.
     bool settled() const;
 
@@ -118,13 +75,11 @@ class redis_line
     void flush();
     // Sends what waits, tells what has come.
     void work(steady::time_point now);
-    void lose(const char *why) noexcept;
+    void lose(const char *why) noexcept override;
     // True when something waits for room in a queue.
     bool stalled() const { return stalled_; }
 
   private:
-    friend class replica_scan;
-
     enum class state { down, connecting, up };
     // A call of the server's side: one operation, or several writes.
     struct call {
@@ -138,52 +93,10 @@ class redis_line
         std::function<void(const redis_outcome &)> finish;
         redis_outcome outcome;
     };
-    struct waiting_scan {
-        std::weak_ptr<client> from;
-        target of;
-        receiver to;
-    };
-    struct followed {
-        const ProtobufCMessageDescriptor *type = nullptr;
-        replica records;
-        int awaited = 0;     // calls to follow or scan it that are not answered yet
-        bool begun = false;  // one was answered
-        bool whole = false;  // its records seem to be written in one piece
-        bool loaded = false;
-        uint64_t loading = 0;           // number of the load under way; 0: none
-        uint64_t good_from = 0;         // what this load, or a later one, has met is kept by the log without a gap
-        std::string written;            // by the newest write, as text: most writes name the same fields
-        std::vector<uint32_t> numbers;  // the same
-        std::vector<uint32_t> fields;   // all that it wrote, in ascending order: more than it named, as a rule the same
-        std::shared_ptr<const std::string> names;
-        bool again = false;  // changes may have been missed since somebody began to follow
-        std::vector<waiting_scan> scans;
-        std::vector<std::weak_ptr<replica_scan>> running;  // scans that read the replica
-    };
-
-    // A page of records, taken in one by one.
-    struct record_page {
-        record_page(table_step &read, bool last, const ProtobufCMessageDescriptor &type);
-        record_page(const record_page &) = delete;
-        record_page &operator=(const record_page &) = delete;
-
-        const std::string name;
-        const uint64_t load;
-        const bool is_last;
-        const std::vector<table_step::shown> records;
-        size_t next_record = 0;
-        // What may have been written of a record meanwhile: any field. One that is at its default again does not show.
-        const std::vector<uint32_t> numbers;
-        const std::shared_ptr<const std::string> names;
-        size_t next_slot = 0;  // of the replica, when what is gone is looked for
-    };
 
     int32_t put_ahead(redis_operation &&operation);
-    int32_t put_for_table(const ProtobufCMessageDescriptor &type, redis_operation &&asked);
-    void answered_for_table(const std::string &name);
     void recycle(std::list<redis_operation> &parts) noexcept;
-    template <typename News>
-    void post(client &to, News what);
+    void ask(redis_operation &&operation) override { queue_.push_back(std::move(operation)); }
 
     void greet(const redis_address &to);
     void take_greeting(const redisReply &reply);
@@ -207,38 +120,10 @@ class redis_line
     void tell_all();
     void pass_over_log();
     bool tell_next(log_entry &entry);
-    struct told_row {
-        int32_t cmd;
-        bool is_part;  // of the record: the fields that were written
-        std::string_view key;
-        std::string_view written;  // numbers of the named fields, and of all behind a '|' where these are others
-    };
-    static std::shared_ptr<const content> take_content(const told_row &row, size_t fields, log_entry &entry);
-    bool tell(const told_row &row, log_entry &entry);
-    void note_written(followed &in, std::string_view written) const;
     bool may_tell(uint64_t position) const;
     void restart_at(uint64_t position);
     void end_of_mark(const std::string &id, int32_t error);
     void look_for_lost_marks();
-
-    void load(const std::string &name);
-    void load_again();
-    bool is_loading() const;
-    redis_operation operation_of(std::shared_ptr<table_step> step);
-    redis_operation first_step(const std::string &name, uint64_t number);
-    void take_page(table_step &read);
-    void read_on(followed &in, const table_step &read);
-    void say_read(const std::string &name);
-    bool take_rows();
-    bool take_row(followed &in);
-    bool sweep(followed &in);
-    bool has_room(const deliveries &out) const;
-    void finish_load(followed &in);
-    void activate(std::vector<subscription> added);
-    void start_scan(followed &in, const waiting_scan &scan);
-    void scan_ended(const replica_scan &scan, const std::string &name);
-    bool is_used(const std::string &name, followed &in);
-    void drop_unused(const std::string &name);
 
     void report(int32_t type);
     void report_loss() noexcept;
@@ -248,7 +133,7 @@ class redis_line
     const std::string client_name_;
     post_office &office_;
     subscription_table &subscriptions_;
-
+    redis_tables tables_;
     state state_ = state::down;
     bool was_up_ = false;
     bool loss_untold_ = false;
@@ -276,9 +161,6 @@ class redis_line
     std::list<held> held_;
     bool stalled_ = false;
 
-    std::map<std::string, followed, std::less<>> followed_;
-    uint64_t last_load_ = 0;
-    std::unique_ptr<record_page> page_;             // nothing else is told before all of it is
     std::list<std::function<void()>> after_loads_;  // what waits until no table is being loaded
     std::vector<std::weak_ptr<client>> lockers_;    // handles that have asked for a lock
     struct waiting_mark {
