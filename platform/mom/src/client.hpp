@@ -26,6 +26,12 @@ struct wanted_lock {
     std::shared_ptr<const packed_texts> fence;  // made of that, when it is first needed
     bool announced = false;                     // the callback has been told, or is about to be, that it is held
     lock_news news;
+
+    void becomes(const std::string &token)
+    {
+        told = token;
+        fence.reset();
+    }
 };
 
 struct client : qz_mom_handle, std::enable_shared_from_this<client> {

@@ -58,9 +58,7 @@ void call(client &to, const lock_news &news)
 {
     {
         const std::scoped_lock lock(to.kept_in->office().mutex);
-        wanted_lock &wanted = to.locks.at(news.db);
-        wanted.told = news.token;
-        wanted.fence.reset();
+        to.locks.at(news.db).becomes(news.token);
     }
     news.cb(&to, news.db, news.token.empty() ? 0 : 1, news.args);
 }

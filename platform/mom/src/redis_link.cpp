@@ -25,22 +25,40 @@ namespace
 constexpr auto NAME_LIFE = std::chrono::seconds(1);  // long enough for all who wait for it
 constexpr int MAX_DEPTH = 8;
 
-// Passes over one value of the protocol, of whatever kind. False: not all of it has come, or it is none.
-bool pass_over(std::string_view &bytes, int depth, bool &broken)
+// Takes off the line that a value of the protocol begins with: a letter for its kind, and how much belongs to it, if the
+// kind has that. False: not all of it has come.
+bool take_head(std::string_view &bytes, char &kind, size_t &count)
 {
     const size_t end = bytes.find("\r\n");
     if (end == bytes.npos || end == 0)
         return false;
-    const char kind = bytes.front();
-    size_t count = 0;
+    kind = bytes.front();
+    count = 0;
     std::from_chars(bytes.data() + 1, bytes.data() + end, count);
     bytes.remove_prefix(end + 2);
-    if (kind == '$' || kind == '=' || kind == '!') {
-        if (bytes.size() < 2 || bytes.size() - 2 < count)
-            return false;
-        bytes.remove_prefix(count + 2);
-        return true;
-    }
+    return true;
+}
+
+// The bytes behind such a line, and the end of their own.
+bool take_bytes(std::string_view &bytes, size_t count, std::string_view &taken)
+{
+    if (bytes.size() < 2 || bytes.size() - 2 < count)
+        return false;
+    taken = bytes.substr(0, count);
+    bytes.remove_prefix(count + 2);
+    return true;
+}
+
+// Passes over one value of the protocol, of whatever kind. False: not all of it has come, or it is none.
+bool pass_over(std::string_view &bytes, int depth, bool &broken)
+{
+    char kind = '\0';
+    size_t count = 0;
+    if (!take_head(bytes, kind, count))
+        return false;
+    std::string_view passed;
+    if (kind == '$' || kind == '=' || kind == '!')
+        return take_bytes(bytes, count, passed);
     const bool holds_values = kind == '*' || kind == '~' || kind == '%';
     broken = broken || depth > MAX_DEPTH;
     for (size_t left = !holds_values ? 0 : kind == '%' ? 2 * count : count; left != 0; --left) {
@@ -54,16 +72,9 @@ bool pass_over(std::string_view &bytes, int depth, bool &broken)
 
 bool take_text(std::string_view &bytes, std::string_view &text)
 {
-    const size_t end = bytes.find("\r\n");
-    if (end == bytes.npos || bytes.front() != '$')
-        return false;
+    char kind = '\0';
     size_t size = 0;
-    std::from_chars(bytes.data() + 1, bytes.data() + end, size);
-    if (bytes.size() - end < 4 || bytes.size() - end - 4 < size)
-        return false;
-    text = bytes.substr(end + 2, size);
-    bytes.remove_prefix(end + 2 + size + 2);
-    return true;
+    return take_head(bytes, kind, size) && kind == '$' && take_bytes(bytes, size, text);
 }
 
 link_set::link_set() : descriptor_(epoll_create1(EPOLL_CLOEXEC))

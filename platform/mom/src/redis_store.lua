@@ -525,17 +525,21 @@ local function keep_lock(name, token)
     return holder and '=' or kept
 end
 
+local function set_loader(loader, patience)
+    state.loaders[loader] = patience
+    state.is_read = next(state.loaders) ~= nil -- looked at with each write
+end
+
 -- Who fires marks lives, and goes on reading.
 local function look_at_loaders()
     local seconds = tonumber(state.clock)
     for loader, patience in pairs(state.loaders) do
         if string.sub(loader, 1, #client + 1) == client .. ' ' then
-            state.loaders[loader] = seconds + LOADER_SECONDS
+            set_loader(loader, seconds + LOADER_SECONDS)
         elseif patience < seconds then
-            state.loaders[loader] = nil
+            set_loader(loader, nil)
         end
     end
-    state.is_read = next(state.loaders) ~= nil -- looked at with each write
 end
 
 -- ARGV 6...: locks that are wanted, each a name and the token that its holder has. Answers the epoch, so that who asks
@@ -562,8 +566,7 @@ function verbs.read()
     if step == 'go on' and not state.loaders[loader] then
         return 'lapsed'
     end
-    state.loaders[loader] = step ~= 'end' and tonumber(state.clock) + LOADER_SECONDS or nil
-    state.is_read = next(state.loaders) ~= nil
+    set_loader(loader, step ~= 'end' and tonumber(state.clock) + LOADER_SECONDS or nil)
     return ''
 end
 
