@@ -1,7 +1,9 @@
 // What the server's function keeps of calls and loads, in its own language and in the log: a server that forgets the first
 // or has lost some of the second does nothing twice and passes nothing over.
 #include <algorithm>
+#include <cstddef>
 #include <functional>
+#include <numeric>
 #include <set>
 
 #include "fault_fixture.hpp"
@@ -173,6 +175,73 @@ TEST_F(RedisCalls, ALargeCallIsCarriedOutAndToldWhole)
     run_until([&] { return told.changes().size() >= 1000; });
     EXPECT_EQ(1000u, view().size());
     expect_view_equals_store();
+}
+
+// A record with more fields than any of the project's own: its key, and the rest all numbers.
+struct wide_record {
+    static constexpr uint32_t FIELDS = 60, FIRST_ID = 6;
+
+    ProtobufCMessage base;
+    int32_t index;
+    std::array<int32_t, FIELDS> values;
+
+    static const ProtobufCMessageDescriptor &type();
+};
+
+const ProtobufCMessageDescriptor &wide_record::type()
+{
+    static std::array<std::string, FIELDS + 1> names{"index"};
+    static std::array<ProtobufCFieldDescriptor, FIELDS + 1> fields{};
+    static std::array<unsigned, FIELDS + 1> by_name{};
+    static const std::array<ProtobufCIntRange, 2> ranges{{{FIRST_ID - 1, 0}, {0, FIELDS + 1}}};
+    for (uint32_t i = 0; i <= FIELDS; ++i) {
+        if (i > 0)
+            names[i] = "value_" + std::to_string(100 + i);
+        fields[i].name = names[i].c_str();
+        fields[i].id = FIRST_ID - 1 + i;
+        fields[i].label = PROTOBUF_C_LABEL_NONE;
+        fields[i].type = PROTOBUF_C_TYPE_INT32;
+        fields[i].offset = static_cast<unsigned>(offsetof(wide_record, index) + i * sizeof(int32_t));
+        by_name[i] = i;
+    }
+    static const ProtobufCMessageDescriptor all{PROTOBUF_C__MESSAGE_DESCRIPTOR_MAGIC,
+                                                "elsewhere.wide",
+                                                "wide",
+                                                "wide",
+                                                "elsewhere",
+                                                sizeof(wide_record),
+                                                FIELDS + 1,
+                                                fields.data(),
+                                                by_name.data(),
+                                                1,
+                                                ranges.data(),
+                                                nullptr,
+                                                nullptr,
+                                                nullptr,
+                                                nullptr};
+    return all;
+}
+
+// As many of them as go in one call of narrow records hold more texts than the server's language can take at once.
+TEST_F(RedisCalls, WritesOfWideRecordsAreDoneHoweverManyAreMadeAtOnce)
+{
+    constexpr int32_t RECORDS = 300;
+    std::vector<uint32_t> ids(wide_record::FIELDS);
+    std::iota(ids.begin(), ids.end(), wide_record::FIRST_ID);
+    listener answers;
+    for (int32_t key = 1; key <= RECORDS; ++key) {
+        wide_record record{{&wide_record::type(), 0, nullptr}, key, {}};
+        record.values.fill(key);
+        EXPECT_EQ(
+            0, qz_mom_hmset(writer, app_db, &record.base, ids.data(), wide_record::FIELDS, listener::hear, &answers));
+    }
+    run_until([&] { return answers.all.size() == RECORDS; });
+    for (const heard &each : answers.all)
+        EXPECT_EQ(0, each.error) << each.key;
+    for (const int32_t key : {1, RECORDS / 2, RECORDS}) {
+        const std::string count = store_server().commands(app_db, "HLEN elsewhere.wide:" + std::to_string(key));
+        EXPECT_TRUE(contains(count, ":60\r\n")) << count;
+    }
 }
 
 // A user who may not touch the second of two records.
