@@ -258,6 +258,22 @@ TEST_F(RedisCalls, WhatACallThatFailedHasLeftIsNotToldByTheNext)
     store_server().commands(app_db, "ACL DELUSER limited");
 }
 
+// A user who may write to the log, and not to its channel any more.
+TEST_F(RedisCalls, AnEntryThatCouldNotBePushedIsHeardOfAtTheNextTick)
+{
+    store_server().commands(app_db, "ACL SETUSER quiet on >p ~* resetchannels +@all");
+    write(numbered(1, 5));
+    settle();
+    const std::string writes = writes_of("one", 1, 1, {"h", KEY, "6", std::string{'0', 6}});
+    const std::string done =
+        store_server().commands(app_db, "AUTH quiet p\n" + encoded({"FCALL", function_name(), "0", writes}));
+    EXPECT_FALSE(contains(done, "\r\n-")) << done;
+    run_until([&] { return sessions(told.changes()).back().request_value == 6; });
+    expect_view_equals_store();
+    EXPECT_TRUE(events.empty());
+    store_server().commands(app_db, "ACL DELUSER quiet");
+}
+
 TEST_F(RedisCalls, ARecordCanHaveAnyNumberOfFields)
 {
     for (const int fields : {1, 6, 100, 101, 300}) {
