@@ -380,6 +380,24 @@ TEST_F(RedisCalls, WhoReadsIsRefusedByAServerThatHasForgottenIt)
     EXPECT_TRUE(newest_is_whole());
 }
 
+// Else writes would be told whole for ever because of one who will never go on.
+TEST_F(RedisCalls, WhoReadsAndIsNotHeardOfForHalfAMinuteLapses)
+{
+    EXPECT_EQ("", reads("gone", "begin"));
+    EXPECT_EQ("", reads("slow", "begin"));
+    for (int second = 0; second < 32; ++second) {
+        EXPECT_TRUE(call({"fire", std::to_string(app_db), "slow", "0", "0"}).starts_with("k"));
+        pass_time(1000);
+    }
+    EXPECT_EQ("lapsed", reads("gone", "go on"));
+    EXPECT_EQ("", reads("slow", "go on"));
+    call_with_writes("one", 1, 1, {"h", KEY, "8", request(1)});
+    EXPECT_TRUE(newest_is_whole());
+    EXPECT_EQ("", reads("slow", "end"));
+    call_with_writes("one", 2, 2, {"h", KEY, "8", request(2)});
+    EXPECT_FALSE(newest_is_whole());
+}
+
 TEST_F(RedisCalls, AClientThatIsGoneInTheMiddleOfATableKeepsNobodyFromGoingOn)
 {
     fill_store(3000);
