@@ -58,20 +58,22 @@ TEST_F(RedisFailover, AReplicaThatHasAllOfTheLogIsFollowedOn)
     expect_view_equals_store();
 }
 
-// Replication is asynchronous: the master has acknowledged what its successor has never heard of.
+// Replication is asynchronous: the master has acknowledged what its successor has never heard of. Who wrote it is gone.
 TEST_F(RedisFailover, WhatTheNewMasterLacksIsToldAsChangedAndRemoved)
 {
     for (int32_t i = 1; i <= 30; ++i)
         write(numbered(i, 1));
+    qz_mom_handle *leaves = open(other_url_of_the_same(url_));
     settle();
     store_group().cut_replication();
     for (int32_t i = 1; i <= 10; ++i)
-        write(numbered(i, 2));
+        EXPECT_EQ(0, hmset(leaves, numbered(i, 2), REQUEST));
     for (int32_t i = 11; i <= 20; ++i)
-        EXPECT_EQ(0, del(writer, numbered(i)));
+        EXPECT_EQ(0, del(leaves, numbered(i)));
     for (int32_t i = 31; i <= 40; ++i)
-        write(numbered(i, 3));
+        EXPECT_EQ(0, hmset(leaves, numbered(i, 3), REQUEST));
     settle();
+    close(leaves);
     EXPECT_EQ(30u, view().size());
     told.all.clear();
     store_group().master().kill();
@@ -91,6 +93,25 @@ TEST_F(RedisFailover, WhatTheNewMasterLacksIsToldAsChangedAndRemoved)
         EXPECT_EQ(1, back[i]) << i;
     for (int32_t i = 31; i <= 40; ++i)
         EXPECT_EQ(3, gone[i]) << i;
+}
+
+TEST_F(RedisFailover, WhatTheNewMasterLacksOfTheNewestWritesIsWrittenAgain)
+{
+    write(numbered(1, 1));
+    write(numbered(2, 1));
+    settle();
+    store_group().cut_replication();
+    write(numbered(1, 2));
+    EXPECT_EQ(0, del(writer, numbered(2)));
+    write(numbered(3, 2));
+    run_until([&] { return seen().contains("app3"); });
+    store_group().master().kill();
+    run_until_events(LOST_AND_BACK);
+    run_until([&] { return store().contains("app3"); });
+    EXPECT_EQ(2, store().at("app1").request_value);
+    EXPECT_FALSE(store().contains("app2"));
+    settle();
+    expect_view_equals_store();
 }
 
 TEST_F(RedisFailover, WritesGoOnOverAFailoverAndTheViewEqualsTheStore)
@@ -264,11 +285,14 @@ TEST(RedisHistory, AServerThatTookOverAnothersHistoryIsComparedAnew)
     for (int32_t i = 1; i <= 10; ++i)
         here.write(numbered(i));
     here.settle();
-    group.cut_replication();
-    for (int32_t i = 1; i <= 3; ++i)
-        here.write(numbered(100 + i));
-    here.settle();
-    ASSERT_EQ(13u, here.view().size());
+    {
+        followed leaves(other_url_of_the_same(first.url()));
+        group.cut_replication();
+        for (int32_t i = 1; i <= 3; ++i)
+            leaves.write(numbered(100 + i));
+        leaves.settle();
+    }
+    here.run_until([&] { return here.view().size() == 13; });
 
     first.commands(app_db, "CONFIG SET requirepass shut");
     first.commands(app_db, "AUTH shut\nCLIENT KILL TYPE normal SKIPME yes\nCLIENT KILL TYPE pubsub");

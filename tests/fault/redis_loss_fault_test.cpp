@@ -1,4 +1,7 @@
 // What a loss leaves half done: a table that was being read, marks that the server has not kept, news that waited.
+#include <filesystem>
+#include <stdexcept>
+
 #include "fault_fixture.hpp"
 
 namespace contract
@@ -9,7 +12,97 @@ namespace
 const std::vector<int32_t> TWICE_LOST_AND_BACK{QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE, QZ_MOM_RECONNECT_ERROR,
                                                QZ_MOM_RECONNECT_DONE};
 
-using RedisLoss = FaultTest;
+class RedisLoss : public FaultTest
+{
+  protected:
+    // The server is killed, and what it did since its file was so long was not in there yet.
+    static void lose_what_is_behind(uintmax_t size)
+    {
+        store_server().kill();
+        std::filesystem::resize_file(file_of_the_server(), size);
+        store_server().start();
+    }
+    static std::filesystem::path file_of_the_server()
+    {
+        for (const auto &each : std::filesystem::directory_iterator(store_server().folder() + "/appendonlydir"))
+            if (each.path().string().ends_with(".incr.aof"))
+                return each.path();
+        throw std::runtime_error("the server keeps no file");
+    }
+    static uintmax_t size_kept() { return std::filesystem::file_size(file_of_the_server()); }
+};
+
+// A server answers what it was asked in the same round as it reads it, when more than its socket took is waiting there:
+// before the file is written.
+TEST_F(RedisLoss, WhatTheServerHadAnsweredAndNotKeptIsWrittenAgain)
+{
+    write(numbered(1));
+    write(numbered(2));
+    settle();
+    const auto kept = size_kept();
+    write(numbered(2, 7));
+    EXPECT_EQ(0, del(writer, numbered(1)));
+    write(numbered(3));
+    run_until([&] { return seen().contains("app3"); });
+    lose_what_is_behind(kept);
+    run_until_events({QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE});
+    run_until([&] { return store().contains("app3"); });
+    EXPECT_EQ(7, store().at("app2").request_value);
+    EXPECT_FALSE(store().contains("app1"));
+    settle();
+    expect_view_equals_store();
+}
+
+TEST_F(RedisLoss, AnEmptiedServerIsNotFilledAgain)
+{
+    write(numbered(1));
+    settle();
+    store_server().kill();
+    store_server().forget();
+    store_server().start();
+    run_until_events({QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE});
+    pass_time(500);
+    EXPECT_TRUE(store().empty());
+    expect_view_equals_store();
+}
+
+// Somebody else may have written there since.
+TEST_F(RedisLoss, WhatTheServerHasKeptIsNotWrittenAgain)
+{
+    write(numbered(1));
+    settle();
+    EXPECT_EQ("", call_with_writes("other", 1, 1, {"h", "u_bridge.evlan_session:app:32:1", "6", std::string{'0', 9}}));
+    for (const bool is_killed : {false, true}) {
+        if (is_killed) {
+            store_server().kill();
+            store_server().start();
+        } else {
+            store_server().commands(app_db, "CLIENT KILL TYPE pubsub");
+        }
+        run_until([&] { return events.size() == (is_killed ? 4 : 2); });
+        pass_time(500);
+        EXPECT_EQ(9, store().at("app1").request_value);
+        expect_view_equals_store();
+    }
+}
+
+// The call that marked is not made again, and what comes behind it does not wait for it.
+TEST_F(RedisLoss, WhatWasWrittenAfterAMarkThatIsLostIsWrittenAgain)
+{
+    write(numbered(1));
+    settle();
+    const auto kept = size_kept();
+    write(numbered(1, 2));
+    wait_for_answers();
+    write(numbered(2));
+    run_until([&] { return seen().contains("app2"); });
+    lose_what_is_behind(kept);
+    run_until_events({QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE});
+    run_until([&] { return store().contains("app2"); });
+    settle();
+    expect_view_equals_store();
+    EXPECT_EQ(2u, events.size());
+}
 
 // The place that it had come to means nothing to a server that was started anew.
 TEST_F(RedisLoss, ATableThatWasBeingReadIsReadFromItsBeginning)

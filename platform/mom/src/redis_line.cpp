@@ -2,6 +2,7 @@
 #include "redis_line.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <utility>
 
@@ -21,6 +22,7 @@ constexpr uint32_t MAX_TEXTS = 4000;      // of one call: the server's side unpa
 constexpr auto CONNECT_PATIENCE = 2s;
 constexpr auto ANSWER_PATIENCE = 3s;
 constexpr auto FIRE_INTERVAL = 200ms;
+constexpr auto REMEMBERED = 300s;  // of a client by the server, at least
 
 // What the letter that the server answers to a write means.
 int32_t code_of(char letter)
@@ -82,6 +84,17 @@ bool is_denied(const redisReply &reply)
            (text_of(reply).starts_with("NOPERM") || text_of(reply).starts_with("ERR unknown command"));
 }
 
+// Words with one space between them.
+template <size_t COUNT>
+void split(std::string_view text, std::array<std::string, COUNT> &words)
+{
+    for (std::string &word : words) {
+        const size_t end = std::min(text.find(' '), text.size());
+        word = text.substr(0, end);
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+}
+
 bool is_write(const redis_operation &each) { return each.what == redis_operation::kind::write; }
 
 // Takes a mark off, does nothing else, and nobody asks what became of it.
@@ -133,7 +146,7 @@ bool whole_or_not(row_reader &rows, Act act)
 
 // Acts on the first of them and takes it off. Without memory it stays.
 template <typename Item, typename Act>
-void take_first(std::list<Item> &from, Act act)
+std::list<Item> take_first(std::list<Item> &from, Act act)
 {
     std::list<Item> taken;
     taken.splice(taken.begin(), from, from.begin());
@@ -143,6 +156,7 @@ void take_first(std::list<Item> &from, Act act)
         from.splice(from.begin(), taken);
         throw;
     }
+    return taken;
 }
 
 }  // namespace
@@ -190,6 +204,35 @@ int32_t redis_line::put(redis_operation &&operation)
         queue_.splice(queue_.end(), spare_, spare_.begin());
     }
     return QZ_MOM_OK;
+}
+
+// A server may answer before it has written down what it did, or before its replicas have heard of it. So the writes that
+// were done last are kept, as many calls as can have been under way at a time, and no other numbered one between them.
+void redis_line::keep(std::list<call> &&answered, bool done) noexcept
+{
+    call &newest = answered.front();
+    const bool writes = done && newest.number != 0 && is_write(newest.parts.front());
+    while (!kept_.empty() && newest.number != 0 && (!writes || kept_.size() == MAX_UNDER_WAY)) {
+        recycle(kept_.front().parts);
+        kept_.pop_front();
+    }
+    if (!writes)
+        return recycle(newest.parts);
+    newest.awaited = false;
+    for (redis_operation &each : newest.parts) {
+        each.finish = nullptr;
+        each.counted = {};
+    }
+    kept_.splice(kept_.end(), answered);
+}
+
+// What the server had answered and does not know of is made again. One that was emptied is not filled again, and one that
+// has forgotten this client cannot tell what it lacks.
+void redis_line::make_again(const std::string &epoch, uint64_t last_done, steady::time_point now) noexcept
+{
+    std::erase_if(kept_, [&](const call &each) { return epoch != epoch_ || now - each.sent > REMEMBERED; });
+    const auto lost = std::ranges::find_if(kept_, [&](const call &each) { return each.number > last_done; });
+    under_way_.splice(under_way_.begin(), kept_, lost, kept_.end());
 }
 
 // What was answered leaves its memory to what comes next, up to a few calls' worth.
@@ -425,10 +468,12 @@ void redis_line::serve(const redisReply &hello)
         return lose("the greeting was not understood");
     const side_answer answer(text_of(hello));
     const uint64_t now_at = answer.position;
-    const std::string_view both = answer.more;
-    const size_t space = std::min(both.find(' '), both.size());
+    std::array<std::string, 3> said;  // the epoch, the life, and the number of the last call of ours that is known
+    split(answer.more, said);
+    auto &[epoch, life, last_done] = said;
     state_ = state::up;
     up_since_ = steady::now();
+    make_again(epoch, number_of(last_done), up_since_);
     for (call &each : under_way_) {
         redis_operation &first = each.parts.front();
         // A cursor means nothing to another server, neither this one nor the one that an earlier server has answered.
@@ -450,9 +495,8 @@ void redis_line::serve(const redisReply &hello)
         tables_.load_again();
         look_for_lost_marks();
     }
-    epoch_ = both.substr(0, space);
-    life_ =
-        both.substr(std::min(space + 1, both.size()));  // last: without memory for all this, the server says it again
+    epoch_.swap(epoch);
+    life_.swap(life);  // last: without memory for all this, the server says it again
     if (was_up_)
         report(QZ_MOM_RECONNECT_DONE);
     was_up_ = true;
@@ -808,10 +852,8 @@ void redis_line::work(steady::time_point now)
                 if (!step->is_over())
                     continue;
             }
-            take_first(under_way_, [&](call &made) {
-                answered(made, *reply);
-                recycle(made.parts);
-            });
+            auto taken = take_first(under_way_, [&](call &made) { answered(made, *reply); });
+            keep(std::move(taken), reply->type == REDIS_REPLY_STRING);
         }
     }
     tell_all();

@@ -7,9 +7,10 @@
 // say how far it is.
 //
 // Losses. Calls that are under way when a connection breaks are made again; the server remembers the last one of each
-// client and does none twice. The log goes on where it was left. When entries are missing (the log is kept at a bounded
-// length, the data may be gone) the followed tables are read anew: what is there is told as changed, what is missing as
-// removed, with the content that it last had.
+// client and does none twice. So are the last writes that were answered, if the server does not know of them: one that is
+// killed may not have written them down, and a replica that takes over may not have heard of them. The log goes on where
+// it was left. When entries are missing (the log is kept at a bounded length, the data may be gone) the followed tables are
+// read anew: what is there is told as changed, what is missing as removed, with the content that it last had.
 //
 // All of it happens with the office's mutex, on whatever thread.
 #ifndef MOM_REDIS_LINE_HPP
@@ -95,6 +96,8 @@ class redis_line : private redis_tables::asker
     };
 
     int32_t put_ahead(redis_operation &&operation);
+    void keep(std::list<call> &&answered, bool done) noexcept;
+    void make_again(const std::string &epoch, uint64_t last_done, steady::time_point now) noexcept;
     void recycle(std::list<redis_operation> &parts) noexcept;
     void ask(redis_operation &&operation) override { queue_.push_back(std::move(operation)); }
 
@@ -150,6 +153,7 @@ class redis_line : private redis_tables::asker
 
     std::list<redis_operation> queue_;  // they move on to calls, and stay where they are
     std::list<call> under_way_;
+    std::list<call> kept_;  // with writes, and answered
     uint64_t last_call_ = 0;
     std::list<redis_operation> spare_;  // empty ones
     bool marking_ = false;              // a mark is being set, piece by piece: what comes behind it waits

@@ -763,14 +763,16 @@ local function leads_on(lives, life, at)
 end
 
 -- ARGV 6: the life in which the client heard the log last. 7: up to where. Answers whether the log leads on from there,
--- the epoch, and the life that it is in now.
+-- the epoch, the life that it is in now, and the number of the client's last call that is known.
 function verbs.hello()
     call('PUBLISH', state.channel, '0') -- says nothing; a user who may not do so is refused here, and not after a write
     forget_clients()
     local epoch = call_own('GET', 'mom:epoch') or new_epoch()
     local life = life_of_this_server(epoch)
     local lives = lives_until(life)
-    return leads_on(lives, ARGV[6], tonumber(ARGV[7])) and 'on' or 'anew', epoch .. ' ' .. life
+    local last = (state.clients[client] or known_client(client)).number
+    return leads_on(lives, ARGV[6], tonumber(ARGV[7])) and 'on' or 'anew',
+        table.concat({epoch, life, string.format('%.0f', last)}, ' ')
 end
 
 -- ---- the call ------------------------------------------------------------------------------------------------------
