@@ -101,14 +101,27 @@ inline std::string call_with_writes(const std::string &client, int number, int o
     return call({writes_of(client, number, oldest, writes)});
 }
 
-// What the server keeps in the function's language is forgotten, and nobody loses his connection.
-inline void load_function_anew()
+// What the server keeps in the function's language is forgotten, and nobody loses his connection. `from` is `to` in the
+// function then.
+inline void load_function_anew(const std::string &from = "", const std::string &to = "")
 {
     const std::string list = store_server().commands(app_db, "FUNCTION LIST WITHCODE");
     const size_t head = list.find("library_code\r\n$") + sizeof "library_code\r\n$" - 1;
     const size_t size = std::stoul(list.substr(head));
-    const std::string code = list.substr(list.find('\n', head) + 1, size);
+    std::string code = list.substr(list.find('\n', head) + 1, size);
+    const size_t place = code.find(from);
+    ASSERT_NE(place, code.npos) << from;
+    code.replace(place, from.size(), to);
     EXPECT_TRUE(contains(store_server().commands(app_db, encoded({"FUNCTION", "LOAD", "REPLACE", code})), "\r\nmom_"));
+}
+
+// What the server has done since it began or compacted it.
+inline std::filesystem::path file_of_the_server()
+{
+    for (const auto &each : std::filesystem::directory_iterator(store_server().folder() + "/appendonlydir"))
+        if (each.path().string().ends_with(".incr.aof"))
+            return each.path();
+    throw std::runtime_error("the server keeps no file");
 }
 
 struct lock_ear {
@@ -149,6 +162,15 @@ class FaultTest : public StoreTest
         run_until([&] { return (code = hmset(writer, what, REQUEST)) == 0; });
     }
 
+    // Returns when the server has answered.
+    void exchange(qz_mom_handle *by, const session &what)
+    {
+        listener answer;
+        EXPECT_EQ(0, qz_mom_hmset(by, app_db, session_record(what).message(), REQUEST.data(),
+                                  static_cast<uint32_t>(REQUEST.size()), listener::hear, &answer));
+        run_until([&] { return !answer.all.empty(); });
+    }
+
     // What was written may have been heard before its answer came, and what is not answered is written again after a
     // loss: to a store that has forgotten it, too. A call that waits is answered after all of it.
     void wait_for_answers()
@@ -168,14 +190,9 @@ class FaultTest : public StoreTest
     // As if another client had made these calls while the server was away from this one.
     static void change_behind_the_back(const std::vector<std::vector<std::string>> &calls)
     {
-        namespace fs = std::filesystem;
-        for (const auto &each : fs::directory_iterator(store_server().folder() + "/appendonlydir")) {
-            if (each.path().string().find(".incr.aof") == std::string::npos)
-                continue;
-            std::ofstream file(each.path(), std::ios::app | std::ios::binary);
-            for (const auto &words : calls)
-                file << encoded(words);
-        }
+        std::ofstream file(file_of_the_server(), std::ios::app | std::ios::binary);
+        for (const auto &words : calls)
+            file << encoded(words);
     }
 
     // What the follower must take the table for, by what it has been told.

@@ -30,18 +30,7 @@ uint64_t sleeps_of_other_threads()
     return sum;
 }
 
-class RedisTransport : public FaultTest
-{
-  protected:
-    // Returns when the server has answered.
-    void exchange(qz_mom_handle *by, const session &what)
-    {
-        listener answer;
-        EXPECT_EQ(0, qz_mom_hmset(by, app_db, session_record(what).message(), REQUEST.data(),
-                                  static_cast<uint32_t>(REQUEST.size()), listener::hear, &answer));
-        run_until([&] { return !answer.all.empty(); });
-    }
-};
+using RedisTransport = FaultTest;
 
 TEST_F(RedisTransport, MessagesAreNotHandedFromThreadToThread)
 {

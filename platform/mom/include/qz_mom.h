@@ -135,16 +135,17 @@ enum { QZ_MOM_RECONNECT_ERROR = 1, QZ_MOM_RECONNECT_DONE = 2, QZ_MOM_RECONNECT_M
  *   redis+unix://[USER:PASSWORD@]/PATH       the same by its unix socket. %XX in USER and PASSWORD stands for a byte
  *   redis+sentinel://[USER:PASSWORD@]HOST[:PORT][,HOST[:PORT]...]/GROUP
  *                                            the same on whichever server these sentinels (port 26379) name as the
- *                                            master of GROUP. A new master may lack what the old one had acknowledged;
- *                                            that, too, is told as changed and removed
+ *                                            master of GROUP. What a new master lacks of that which the old one had
+ *                                            acknowledged is told as changed and removed, too
  *   file:///PATH                             databases spread over several of these by a map file (docs/operators.md), in
  *                                            JSON: {"INSTANCES": {"redis": {"hostname": "127.0.0.1", "port": 6379}},
  *                                            "DATABASES": {"APPL_DB": {"id": 4, "instance": "redis"}}}. It is read when
  *                                            no handle of that URL is open; other databases than it names do not exist
  * A Redis server is connected when a database is first used, and again whenever the connection is lost: calls made
  * before the first connection wait for it, calls made after a loss are refused with EDOWN until it is back. Calls that
- * were under way are then made again, and none is done twice. What changed meanwhile is told as changed, what was
- * removed as removed. *out is set on 0 only. EINVAL, EURL (for a map file the log says why), ENOMEM. */
+ * were under way are then made again, and none is done twice. Made again are also the last writes that were answered, if
+ * the server has lost them (docs/operators.md); who follows hears them a second time. What changed meanwhile is told as
+ * changed, what was removed as removed. *out is set on 0 only. EINVAL, EURL (for a map file the log says why), ENOMEM. */
 int32_t qz_mom_client_open(const char *url, qz_thread_master *master, qz_mom_handle **out);
 /* Closes a handle, on its master's thread or while nobody runs the master. No callback of it runs afterwards; expiry
  * marks that it set go on. Null is allowed. */

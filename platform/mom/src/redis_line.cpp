@@ -22,7 +22,8 @@ constexpr uint32_t MAX_TEXTS = 4000;      // of one call: the server's side unpa
 constexpr auto CONNECT_PATIENCE = 2s;
 constexpr auto ANSWER_PATIENCE = 3s;
 constexpr auto FIRE_INTERVAL = 200ms;
-constexpr auto REMEMBERED = 300s;  // of a client by the server, at least
+constexpr size_t MAX_KEPT = 2 * MAX_UNDER_WAY;  // calls
+constexpr auto KEPT_FOR = 60s;                  // much less than the server remembers a client
 
 // What the letter that the server answers to a write means.
 int32_t code_of(char letter)
@@ -207,30 +208,35 @@ int32_t redis_line::put(redis_operation &&operation)
 }
 
 // A server may answer before it has written down what it did, or before its replicas have heard of it. So the writes that
-// were done last are kept, as many calls as can have been under way at a time, and no other numbered one between them.
+// were done last are kept for a while. What stands before another numbered call is not: a mark or a deletion of marked
+// records might have ended what it wrote.
 void redis_line::keep(std::list<call> &&answered, bool done) noexcept
 {
     call &newest = answered.front();
     const bool writes = done && newest.number != 0 && is_write(newest.parts.front());
-    while (!kept_.empty() && newest.number != 0 && (!writes || kept_.size() == MAX_UNDER_WAY)) {
+    while (!kept_.empty() && newest.number != 0 && (!writes || kept_.size() >= MAX_KEPT)) {
         recycle(kept_.front().parts);
         kept_.pop_front();
     }
     if (!writes)
         return recycle(newest.parts);
     newest.awaited = false;
+    newest.first_sent = newest.first_sent.value_or(newest.sent);
     for (redis_operation &each : newest.parts) {
         each.finish = nullptr;
         each.counted = {};
+        if (each.refused)
+            each.row = {};
     }
     kept_.splice(kept_.end(), answered);
 }
 
-// What the server had answered and does not know of is made again. One that was emptied is not filled again, and one that
-// has forgotten this client cannot tell what it lacks.
-void redis_line::make_again(const std::string &epoch, uint64_t last_done, steady::time_point now) noexcept
+// Puts what the server had answered, and does not know of, before what is under way. A server that was emptied is not
+// filled again, and one that has forgotten this client cannot tell what it lacks.
+void redis_line::make_again(const std::string &epoch, uint64_t last_done) noexcept
 {
-    std::erase_if(kept_, [&](const call &each) { return epoch != epoch_ || now - each.sent > REMEMBERED; });
+    if (epoch != epoch_ || (last_done == 0 && !kept_.empty() && kept_.front().number > 1))
+        kept_.clear();
     const auto lost = std::ranges::find_if(kept_, [&](const call &each) { return each.number > last_done; });
     under_way_.splice(under_way_.begin(), kept_, lost, kept_.end());
 }
@@ -329,6 +335,8 @@ void redis_line::lose(const char *why) noexcept
     }
     state_ = state::down;
     firing_ = false;
+    while (!under_way_.empty() && under_way_.front().first_sent.has_value())
+        kept_.splice(kept_.end(), under_way_, under_way_.begin());
     std::erase_if(under_way_, [](const call &each) {
         const auto what = each.parts.front().what;
         return what == redis_operation::kind::fire || what == redis_operation::kind::fetch;
@@ -338,6 +346,8 @@ void redis_line::lose(const char *why) noexcept
 
 void redis_line::tick(const redis_address &to, steady::time_point now)
 {
+    while (!kept_.empty() && now - *kept_.front().first_sent > KEPT_FOR)
+        kept_.pop_front();
     if (wants_server(now)) {
         connecting_since_ = now;
         state_ = state::connecting;
@@ -473,7 +483,7 @@ void redis_line::serve(const redisReply &hello)
     auto &[epoch, life, last_done] = said;
     state_ = state::up;
     up_since_ = steady::now();
-    make_again(epoch, number_of(last_done), up_since_);
+    make_again(epoch, number_of(last_done));
     for (call &each : under_way_) {
         redis_operation &first = each.parts.front();
         // A cursor means nothing to another server, neither this one nor the one that an earlier server has answered.
@@ -671,8 +681,12 @@ void redis_line::answered(call &made, const redisReply &reply)
         }
         if (part.mark != nullptr && outcome.code != QZ_MOM_OK)
             end_of_mark(part.mark->id, outcome.code);
-        conclude(part, std::move(own));
+        part.refused = own.code != QZ_MOM_OK;
+        if (!made.first_sent.has_value())
+            conclude(part, std::move(own));
     }
+    if (made.first_sent.has_value() && std::ranges::any_of(made.parts, &redis_operation::refused))
+        log_failure("writes that the server had lost are refused now, and stay lost");
     pass_over_log();  // at once: what this answer leads to may begin to follow, from here on
 }
 

@@ -7,10 +7,11 @@
 // say how far it is.
 //
 // Losses. Calls that are under way when a connection breaks are made again; the server remembers the last one of each
-// client and does none twice. So are the last writes that were answered, if the server does not know of them: one that is
-// killed may not have written them down, and a replica that takes over may not have heard of them. The log goes on where
-// it was left. When entries are missing (the log is kept at a bounded length, the data may be gone) the followed tables are
-// read anew: what is there is told as changed, what is missing as removed, with the content that it last had.
+// client and does none twice. Made again are also the last writes that were answered, where the server does not know of
+// them: one that is killed may not have written them down, and a replica that takes over may not have heard of them. The
+// log goes on where it was left. When entries are missing (the log is kept at a bounded length, the data may be gone)
+// the followed tables are read anew: what is there is told as changed, what is missing as removed, with the content that
+// it last had.
 //
 // All of it happens with the office's mutex, on whatever thread.
 #ifndef MOM_REDIS_LINE_HPP
@@ -20,6 +21,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -87,7 +89,8 @@ class redis_line : private redis_tables::asker
         uint64_t number = 0;  // 0: may be made again
         std::list<redis_operation> parts;
         steady::time_point sent;
-        bool awaited = false;  // its answer has a place in the order of what is told
+        bool awaited = false;                          // its answer has a place in the order of what is told
+        std::optional<steady::time_point> first_sent;  // of one that was answered, and is kept or made again
     };
     struct held {
         uint64_t position = 0;
@@ -97,7 +100,7 @@ class redis_line : private redis_tables::asker
 
     int32_t put_ahead(redis_operation &&operation);
     void keep(std::list<call> &&answered, bool done) noexcept;
-    void make_again(const std::string &epoch, uint64_t last_done, steady::time_point now) noexcept;
+    void make_again(const std::string &epoch, uint64_t last_done) noexcept;
     void recycle(std::list<redis_operation> &parts) noexcept;
     void ask(redis_operation &&operation) override { queue_.push_back(std::move(operation)); }
 

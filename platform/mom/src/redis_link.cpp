@@ -25,8 +25,8 @@ namespace
 constexpr auto NAME_LIFE = std::chrono::seconds(1);  // long enough for all who wait for it
 constexpr int MAX_DEPTH = 8;
 
-// Takes off the line that a value of the protocol begins with: a letter for its kind, and how much belongs to it, if the
-// kind has that. False: not all of it has come.
+// Takes off the line that a value of the protocol begins with: a letter for its kind, and how much belongs to it, if
+// the kind has that. False: not all of it has come.
 bool take_head(std::string_view &bytes, char &kind, size_t &count)
 {
     const size_t end = bytes.find("\r\n");

@@ -45,6 +45,7 @@ struct redis_operation {
     redis_words words;                                  // of a fetch: the command; else arguments of the server's side
     bool at_once = false;                               // `finish` does not wait for the log
     bool ahead = false;                                 // of what waits; a notice
+    bool refused = false;                               // a write that was answered
     std::function<void(const redis_outcome &)> finish;  // may be empty
     counted_write counted;                              // of a write that somebody counts
     std::shared_ptr<table_step> step;                   // of a table that is read

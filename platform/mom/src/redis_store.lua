@@ -572,19 +572,22 @@ end
 
 local function is_long_ago(clock) return tonumber(clock) + CLIENT_SECONDS < tonumber(state.clock) end
 
+-- Not the one that comes: it is to hear which call of it is known.
 local function forget_clients()
     set_clock()
+    local own = 'done:' .. client
     local step = call('HSCAN', 'mom:state', call('HGET', 'mom:state', 'cursor') or '0', 'COUNT', CLIENTS_A_STEP)
     call('HSET', 'mom:state', 'cursor', step[1])
     local fields = step[2]
     for i = 1, #fields, 2 do
-        local clock = string.match(fields[i], '^done:') and string.match(fields[i + 1], '^%d+ (%d+)')
+        local clock = fields[i] ~= own and string.match(fields[i], '^done:') and
+            string.match(fields[i + 1], '^%d+ (%d+)')
         if clock and is_long_ago(clock) then
             call('HDEL', 'mom:state', fields[i])
         end
     end
     for id, each in pairs(state.clients) do
-        if is_long_ago(each.clock) then
+        if id ~= client and is_long_ago(each.clock) then
             state.clients[id] = nil
         end
     end

@@ -433,7 +433,6 @@ void redis_tables::say_read(const std::string &name)
     server_.ask(std::move(said));
 }
 
-// False: one who would hear of what is left of the page has no room for it.
 bool redis_tables::tell_page()
 {
     record_page &page = *page_;

@@ -1,7 +1,7 @@
 // The tables of one database of a Redis server that are followed or scanned: a replica of each, which the log keeps.
 //
-// A table is read page by page (table_step.hpp) when somebody begins to follow or to scan it, and once more when the log
-// does not lead on: what is there is told as changed then, what is missing as removed, with the content that it last had.
+// A table is read page by page (table_step.hpp) when somebody begins to follow or to scan it, and once more when the
+// log does not lead on: what is there is told as changed then, what is missing as removed, with the content that it had.
 // Meanwhile the log goes on, and each record is told of from the page on that has shown it. Scans are served from the
 // replica. A table that nobody follows, and no scan reads, is not kept.
 //
