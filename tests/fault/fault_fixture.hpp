@@ -141,6 +141,7 @@ class FaultTest : public StoreTest
     {
         if (url_.starts_with("mem:"))
             throw std::runtime_error("needs EBRIDGE_CONTRACT_URL to name a Redis store");
+        store_may_be_away();
         writer = open(url_);
         reader = open(url_);
         EXPECT_EQ(0, qz_mom_client_set_reconnect_cb(reader, app_db, note_event, this));

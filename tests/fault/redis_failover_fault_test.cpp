@@ -291,7 +291,8 @@ TEST(RedisHistory, AServerThatTookOverAnothersHistoryIsComparedAnew)
             leaves.write(numbered(100 + i));
         leaves.settle();
     }
-    here.run_until([&] { return here.view().size() == 13; });
+    here.settle();
+    ASSERT_EQ(13u, here.view().size());
 
     first.commands(app_db, "CONFIG SET requirepass shut");
     first.commands(app_db, "AUTH shut\nCLIENT KILL TYPE normal SKIPME yes\nCLIENT KILL TYPE pubsub");

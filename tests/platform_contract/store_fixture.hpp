@@ -125,6 +125,8 @@ class StoreTest : public testing::Test
 
     // Runs the master until all that has happened so far has been heard by every handle.
     void settle();
+    // For tests that do something to a store that may cost its connection any moment: settle() waits until it is back.
+    void store_may_be_away() { may_be_away_ = true; }
     // Runs the master until the condition holds; fails the test when it never does.
     void run_until(const std::function<bool()> &done);
     void pass_time(int64_t milliseconds);
@@ -151,6 +153,7 @@ class StoreTest : public testing::Test
 
     std::vector<qz_mom_handle *> handles_;
     std::vector<std::unique_ptr<fence>> fences_;
+    bool may_be_away_ = false;
     int32_t fence_number_ = 0;
 };
 
