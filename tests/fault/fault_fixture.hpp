@@ -101,18 +101,25 @@ inline std::string call_with_writes(const std::string &client, int number, int o
     return call({writes_of(client, number, oldest, writes)});
 }
 
-// What the server keeps in the function's language is forgotten, and nobody loses his connection. `from` is `to` in the
-// function then.
-inline void load_function_anew(const std::string &from = "", const std::string &to = "")
+// The server's function, with `to` in the place of `from`.
+inline std::string changed_function(const std::string &from, const std::string &to)
 {
     const std::string list = store_server().commands(app_db, "FUNCTION LIST WITHCODE");
     const size_t head = list.find("library_code\r\n$") + sizeof "library_code\r\n$" - 1;
     const size_t size = std::stoul(list.substr(head));
     std::string code = list.substr(list.find('\n', head) + 1, size);
     const size_t place = code.find(from);
-    ASSERT_NE(place, code.npos) << from;
-    code.replace(place, from.size(), to);
-    EXPECT_TRUE(contains(store_server().commands(app_db, encoded({"FUNCTION", "LOAD", "REPLACE", code})), "\r\nmom_"));
+    if (place == code.npos)
+        throw std::runtime_error("the function has no " + from);
+    return code.replace(place, from.size(), to);
+}
+
+// What the server keeps in the function's language is forgotten, and nobody loses his connection. `from` is `to` in the
+// function then.
+inline void load_function_anew(const std::string &from = "", const std::string &to = "")
+{
+    const std::vector<std::string> load{"FUNCTION", "LOAD", "REPLACE", changed_function(from, to)};
+    EXPECT_TRUE(contains(store_server().commands(app_db, encoded(load)), "\r\nmom_"));
 }
 
 // What the server has done since it began or compacted it.

@@ -72,6 +72,27 @@ TEST_F(RedisLoss, SoAreTheLastEightCallsAndAgainWhenThatIsLostToo)
     EXPECT_EQ(9u, store_after(numbered(20)).size());
 }
 
+// The server comes back and is asked to write them again, and is gone once more before it has done so.
+TEST_F(RedisLoss, WhatIsBeingWrittenAgainIsNotLostWithTheNextLoss)
+{
+    wait_for_answers();
+    const auto kept = size_kept();
+    const std::string hangs =
+        changed_function("function verbs.write()\n", "function verbs.write()\nwhile true do end\n");
+    for (int32_t i = 1; i <= 3; ++i)
+        exchange(writer, numbered(i, i));
+    lose_what_is_behind(kept, [&] { change_behind_the_back({{"FUNCTION", "LOAD", "REPLACE", hangs}}); });
+    lose_what_is_behind(kept);
+    EXPECT_EQ(4u, store_after(numbered(4)).size());
+    lose_what_is_behind(kept, [&] { change_behind_the_back({{"FUNCTION", "LOAD", "REPLACE", hangs}}); });
+    store_server().kill();
+    store_server().forget();
+    events.clear();
+    store_server().start();
+    run_until_events({QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE});
+    EXPECT_EQ(1u, store_after(numbered(5)).size());
+}
+
 TEST_F(RedisLoss, AnEmptiedServerIsNotFilledAgain)
 {
     write(numbered(1));
