@@ -321,6 +321,21 @@ TEST_F(RedisCalls, WhereverTheServerForgetsItGoesOnFromThere)
     EXPECT_EQ(static_cast<size_t>(BETWEEN_NOTES + 10), told.changes().size());
 }
 
+// As one that was its replica for a while does: the log has come as far, in the same second, and tells of something else.
+TEST_F(RedisCalls, AServerWhoseLogIsAnotherOnesByNowTakesItForWhatWasDone)
+{
+    const auto write = [](int number) { return call_with_writes("one", number, number, {"h", KEY, "8", request(1)}); };
+    EXPECT_EQ("", write(1));
+    const std::string replaces =
+        "local newest = redis.call('XREVRANGE', KEYS[1], '+', '-', 'COUNT', 1)[1] redis.call('DEL', KEYS[1]) "
+        "redis.call('XADD', KEYS[1], newest[1], newest[2][1], ARGV[1])";
+    const std::string other = writes_of("one", 7, 7, {"h", KEY, "8", request(7)});
+    store_server().commands(app_db, encoded({"EVAL", replaces, "1", "mom:log", other}));
+    EXPECT_EQ("gone", call({"left", std::to_string(app_db), "two", "0", "0", "mark"}));
+    EXPECT_EQ("again", write(7));
+    EXPECT_EQ("", write(8));
+}
+
 TEST_F(RedisCalls, WritesGoOnWhileTheFunctionIsFlushedAndLoadedAnewAndTheServerDies)
 {
     for (int round = 0; round < 3; ++round) {

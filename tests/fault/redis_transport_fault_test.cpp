@@ -200,6 +200,27 @@ TEST_F(RedisTransport, AFenceIsALockByItsNameAndItsToken)
     EXPECT_TRUE(contains(store_server().commands(app_db, "EXISTS two"), ":0"));
 }
 
+// Of one handle they are one write: who clears a mark and writes the record is likely to be the same.
+TEST_F(RedisTransport, AMarkIsClearedAlsoWhenTheNextWriteIsThatOfAnotherHandleWhoseLockIsLost)
+{
+    lock_ear ear;
+    listener expired;
+    const session_record record(numbered(1));
+    auto *locker = open(url_);
+    EXPECT_EQ(0, qz_mom_lock(locker, app_db, "x", lock_ear::hear, &ear));
+    run_until([&] { return ear.all == std::vector<int32_t>{1}; });
+    exchange(writer, numbered(1));
+    EXPECT_EQ(0, expire(writer, numbered(1), QZ_MOM_EXPIRE_EVLAN_SESSION, {1000, 0}, expired));
+    wait_for_answers();
+    store_server().commands(app_db, "SET mom:lock:x \"of another\"");
+    EXPECT_EQ(0, qz_mom_clear_expire(writer, app_db, record.message(), nullptr, nullptr));
+    EXPECT_EQ(0, hmset(locker, numbered(1, 7), REQUEST));
+    run_until([&] { return expired.ends(QZ_MOM_END_EXPIRY) == 1; });
+    settle();
+    EXPECT_EQ(1, store().at("app1").request_value);
+    close(locker);
+}
+
 TEST_F(RedisTransport, ClientsThatAreLongGoneAreForgotten)
 {
     const auto has = [](const std::string &client) {
