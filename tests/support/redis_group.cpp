@@ -77,9 +77,17 @@ std::string redis_group::url() const
     return "redis+sentinel://" + places + "/board";
 }
 
+// The server waits for what was written on the connection that asks.
+void redis_group::bring_in_step() const
+{
+    wait_until("the replica is never in step",
+               [&] { return master_.commands(0, "SET asked now\nWAIT 1 1000").find(":1\r\n") != std::string::npos; });
+}
+
 // The master does not know the user as whom the replica will come back.
 void redis_group::cut_replication() const
 {
+    bring_in_step();
     replica_.commands(0, "CONFIG SET masteruser nobody masterauth nothing");
     master_.commands(0, "CLIENT KILL TYPE replica");
     wait_until("the replica is never cut off", [&] {

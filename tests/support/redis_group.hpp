@@ -26,7 +26,9 @@ class redis_group
     redis_server &sentinel(size_t index) { return *sentinels_[index]; }
     int sentinel_port(size_t index) const { return sentinel_ports_[index]; }
 
-    // From now on the replica hears nothing more of the master, though it goes on watching it.
+    // Returns when the replica has all that the master has done.
+    void bring_in_step() const;
+    // From now on the replica, which has all until now, hears nothing more of the master, though it goes on watching it.
     void cut_replication() const;
 
   private:
