@@ -2,6 +2,7 @@
 // what the follower has been told adds up to what the store holds.
 #pragma once
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -62,12 +63,16 @@ inline std::string packed(const std::vector<std::string> &texts)
 
 inline std::string packed(int number) { return {'\xcd', static_cast<char>(number >> 8), static_cast<char>(number)}; }
 
-// Puts so many sessions into the store at once, past the log.
+// Puts so many sessions into the store at once, past the log; in pieces, as a server that is busy for seconds is taken for
+// lost.
 inline void fill_store(int32_t count)
 {
-    store_server().commands(app_db, "EVAL \"for i = 1, " + std::to_string(count) +
-                                        " do redis.call('HSET', 'u_bridge.evlan_session:app:32:' .. i, '8', '@' .. "
-                                        "string.char(1)) end\" 0");
+    for (int32_t first = 1; first <= count; first += 5000) {
+        const int32_t last = std::min(first + 4999, count);
+        store_server().commands(app_db, "EVAL \"for i = " + std::to_string(first) + ", " + std::to_string(last) +
+                                            " do redis.call('HSET', 'u_bridge.evlan_session:app:32:' .. i, '8', '@' .. "
+                                            "string.char(1)) end\" 0");
+    }
 }
 
 inline std::string function_name()

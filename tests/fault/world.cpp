@@ -243,17 +243,15 @@ void FaultWorld::expect_the_ledger_to_be_clean(const excuses &excused)
     }
     std::vector<std::string> wrong;
     store_view seen;
-    wait_until(
-        [&] {
-            bool all_idle = false;
-            const auto views = look(&all_idle);
-            seen = read_store();
-            wrong = ledger(seen, views, excused);
-            if (!all_idle)
-                wrong.push_back("some requests are not answered yet");
-            return wrong.empty();
-        },
-        20);
+    wait_until([&] {
+        bool all_idle = false;
+        const auto views = look(&all_idle);
+        seen = read_store();
+        wrong = ledger(seen, views, excused);
+        if (!all_idle)
+            wrong.push_back("some requests are not answered yet");
+        return wrong.empty();
+    });
     for (size_t i = 0; i < std::min(wrong.size(), MOST_SHOWN); ++i)
         ADD_FAILURE() << wrong[i] << (i == 0 ? ", seed " + std::to_string(seed_) : "");
     EXPECT_LE(2 * users_.size(), seen.sessions.size());
