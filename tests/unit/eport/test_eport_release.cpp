@@ -197,6 +197,18 @@ TEST_F(EportRelease, OfAPortThatThePortTableDoesNotKnowGoesOn)
     EXPECT_EQ(g_diagnosis_stat.eport_total_release, 1u);
 }
 
+// Its id is then that of aggregate 0, like any translation that fails.
+TEST_F(EportRelease, OfAPortThatThePortTableDoesNotKnowTakesTheRecordOfAggregate0)
+{
+    add_user({.name = "app"});
+    ASSERT_NE(sw_eport_attr_db_verify(0, "app", 0x20000000), nullptr);
+    recording::reset();
+    EXPECT_EQ(release_direct("app", ap, 0, 33), 0);
+    EXPECT_EQ(held("app", 0x20000000), nullptr);
+    ASSERT_EQ(recording::calls_of("qz_mom_del").size(), 2u);
+    EXPECT_EQ(call_text(recording::calls_of("qz_mom_del").at(0)), "qz_mom_del 13 " + attribute_key("app", 0x20000000));
+}
+
 TEST_F(EportRelease, OfAnIdWithoutALocalRecordLeavesTheAttributesAlone)
 {
     add_user({.name = "app"});
@@ -224,7 +236,7 @@ TEST_F(EportRelease, OfAForeignKeyLeavesTheHoldersRecord)
 // The record goes with the release, and the caller's name with it.
 TEST_F(EportRelease, TakesANameThatStandsInTheRecordItWithdraws)
 {
-    add_user({.name = "app"});
+    const sw_ebridge_list_item *user = add_user({.name = "app"});
     for (const uint32_t delayed : {0u, 1u}) {
         grant("app", ac, 7, 8, 0x30000005);
         sw_eport_attr *record = held("app", 0x30000005);
@@ -237,7 +249,10 @@ TEST_F(EportRelease, TakesANameThatStandsInTheRecordItWithdraws)
             EXPECT_THAT(call.record, testing::HasSubstr("t_user:\"app\""));
         EXPECT_EQ(recording::logged().back(), "User[app] release eport[type:0x30, keyid1:7, keyid2:8].");
     }
-    std::free(recording::calls().back().args);
+    const auto *kept = static_cast<const UBridge__EportAppIndex *>(recording::calls().back().args);
+    ASSERT_NE(kept, nullptr);
+    EXPECT_EQ(kept->t_user, user->user_name);  // read again when the delay is over
+    end_delays();
 }
 
 class EportReleaseOfAType : public EportTest, public testing::WithParamInterface<uint32_t>

@@ -326,6 +326,17 @@ TEST_F(EvlanIndexMap, AnUnterminatedNameIsCutAt31Characters)
     EXPECT_EQ(std::string(made->user_name, 32), std::string(31, 'y') + '\0');
 }
 
+TEST_F(EvlanIndexMap, AnUnterminatedNameIsCutInTheLineOfAFailureToo)
+{
+    add_user({.name = "app"});
+    sw_evlan_index_map item = app_to_udp("", vxlan, 7);
+    std::memset(item.user_name, 'x', sizeof item.user_name);
+    item.ds_flag = 0x79797979;  // what stands behind the name
+    EXPECT_THAT(errors_when_allocation_fails(1, [&] { EXPECT_EQ(create(item), nullptr); }),
+                ElementsAre("Assert:EVLAN Index map failed, user is " + std::string(31, 'x') +
+                            ", type is 0, keyid1 is 0x7, keyid2 is 0x0."));
+}
+
 TEST_F(EvlanIndexMap, UpdateWithoutMemoryReportsBoth)
 {
     add_user({.name = "app"});

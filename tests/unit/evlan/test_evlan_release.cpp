@@ -81,20 +81,22 @@ TEST_F(EvlanRelease, OfAHeldIdDropsItsAttributesThenDelaysTheSession)
 // The record goes with the release, and the caller's name with it.
 TEST_F(EvlanRelease, TakesANameThatStandsInTheRecordItWithdraws)
 {
-    add_user({.name = "app"});
-    grant("app", vxlan, 7, 0x20000005);
-    sw_evlan_attr *record = sw_evlan_db_get_item(0, "app", 0x20000005);
-    ASSERT_NE(record, nullptr);
-    recording::reset();
-    UBridge__EvlanAppIndex app = U_BRIDGE__EVLAN_APP_INDEX__INIT;
-    app.t_user = record->user_name;
-    app.type = static_cast<int32_t>(vxlan);
-    app.keyid = 7;
-    EXPECT_EQ(sw_evlan_release_direct(&app), 0);
-    const auto deleted = recording::calls_of("qz_mom_del");
-    ASSERT_EQ(deleted.size(), 2u);
-    for (const auto &call : deleted)
-        EXPECT_THAT(call.record, testing::HasSubstr("t_user:\"app\""));
+    const sw_ebridge_list_item *user = add_user({.name = "app"});
+    for (const uint32_t delayed : {0u, 1u}) {
+        grant("app", vxlan, 7, 0x20000005);
+        sw_evlan_attr *record = sw_evlan_db_get_item(0, "app", 0x20000005);
+        ASSERT_NE(record, nullptr);
+        recording::reset();
+        app_key key(record->user_name, vxlan, 7);
+        spoiling(record, [&] { EXPECT_EQ(sw_evlan_release_exec(&key, delayed), 0); });
+        ASSERT_EQ(recording::calls().size(), 2u);
+        for (const auto &call : recording::calls())
+            EXPECT_THAT(call.record, testing::HasSubstr("t_user:\"app\""));
+    }
+    const auto *kept = static_cast<const UBridge__EvlanAppIndex *>(recording::calls().back().args);
+    ASSERT_NE(kept, nullptr);
+    EXPECT_EQ(kept->t_user, user->user_name);  // read again when the delay is over
+    end_delays();
 }
 
 // A record that came in through the exported cache is on no list, and its link may be null.

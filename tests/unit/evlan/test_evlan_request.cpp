@@ -221,6 +221,19 @@ TEST_F(EvlanRequest, CancelsNothingForAKeyNotYetGranted)
     EXPECT_EQ(g_diagnosis_stat.evlan_request, 2u);
 }
 
+TEST_F(EvlanRequest, GoesByTheIdNotByTheGrantedBit)
+{
+    add_user({.name = "app"});
+    request("app", vxlan, 7);
+    app_item(vxlan, 7)->ds_flag = SW_INDEX_MAP_GRANTED;
+    request("app", vxlan, 7);
+    EXPECT_THAT(recording::calls_of("qz_mom_clear_expire"), IsEmpty());
+    app_item(vxlan, 7)->ds_flag = 0;
+    app_item(vxlan, 7)->value[0] = 0x20000005;
+    request("app", vxlan, 7);
+    EXPECT_EQ(recording::calls_of("qz_mom_clear_expire").size(), 1u);
+}
+
 TEST_F(EvlanRequest, OfAKeyThatAnotherUserHoldsMarksItButCancelsNothing)
 {
     const sw_ebridge_list_item *holder = add_user({.name = "holder"});
