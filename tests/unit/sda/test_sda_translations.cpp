@@ -233,6 +233,19 @@ TEST_F(SdaEportSdk2Sdp, OfAPortAsksThePortTable)
     }
 }
 
+TEST_F(SdaEportSdk2Sdp, OfAPortWhoseIdIsNotACardsOwnIsAnAggregate)
+{
+    start_without_users();
+    int32_t port = 0;
+    for (const uint32_t kind : {0u, 7u, 9u, 0x88u, 0xffu}) {
+        add_port(kind << 24 | 0xfffffe, 1, ++port);
+        eport_sdk in = physical(1, port);
+        eport out(1);
+        EXPECT_EQ(sda_eport_sdk2sdp(1, &in, &out), 0);
+        EXPECT_EQ(out.id(), 0x20fffffeu) << kind;
+    }
+}
+
 TEST_F(SdaEportSdk2Sdp, OfAPortThatIsNotInTheTableGives0)
 {
     start_without_users();

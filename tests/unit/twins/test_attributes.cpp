@@ -592,9 +592,11 @@ TEST_F(EportPush, SendsAnIpv6AddressWhole)
     sw_eport_attr attr = eports::make("app", ac_5);
     for (uint8_t i = 0; i < 16; ++i)
         attr.attr.overlay.sip.address[i] = static_cast<uint8_t>(i * 17);
-    attr.attr.overlay.sip.is_ipv6 = 1;
-    EXPECT_EQ(pushed(attr),
-              eport_record(ac_5, " vlan_filter:7 overlay{sip{v6{data:00112233445566778899aabbccddeeff}}}"));
+    for (const uint32_t any : {1u, 2u, 0x80000000u}) {
+        attr.attr.overlay.sip.is_ipv6 = any;
+        EXPECT_EQ(pushed(attr),
+                  eport_record(ac_5, " vlan_filter:7 overlay{sip{v6{data:00112233445566778899aabbccddeeff}}}"));
+    }
     std::memset(attr.attr.overlay.sip.address, 0, 16);
     EXPECT_EQ(pushed(attr),
               eport_record(ac_5, " vlan_filter:7 overlay{sip{v6{data:00000000000000000000000000000000}}}"));
