@@ -940,6 +940,17 @@ TEST_F(EportRemoval, OfABareRequestIsHeardToo)
 }
 
 // An evlan that was requested again keeps its items.
+// The key alone names an item, so whose session goes makes no difference.
+TEST_F(EportRemoval, OfAnotherUsersSessionOfTheKeyEmptiesTheMapToo)
+{
+    add_user({.name = "holder"});
+    grant("holder", ac, 7, 8, 0x30000005);
+    session of("other", ac, 7, 8);
+    EXPECT_EQ(apply(of.answered(0x30000006), 0), 0);
+    EXPECT_EQ(sw_eport_index_map_hash_size(0), 0u);
+    EXPECT_NE(held("holder", 0x30000005), nullptr);
+}
+
 TEST_F(EportRemoval, WhileRequestedAgainRemovesBothItemsAllTheSame)
 {
     add_user({.name = "app"});

@@ -219,6 +219,18 @@ TEST_F(EvlanRelease, OfAForeignKeyTakesTheReleasersOwnRecords)
     EXPECT_EQ(call_text(recording::calls().at(1)), "qz_mom_del 4 " + session_key("other", vxlan, 7));
 }
 
+TEST_F(EvlanRelease, OfAForeignKeyEndsTheHoldersRequest)
+{
+    add_user({.name = "holder"});
+    add_user({.name = "other"});
+    request("holder", vxlan, 7);
+    grant("holder", vxlan, 7, 0x20000005);
+    ASSERT_EQ(app_item(vxlan, 7)->ds_flag, 3u);
+    EXPECT_EQ(release("other", vxlan, 7), 0);
+    EXPECT_EQ(app_item(vxlan, 7)->ds_flag, 1u);
+    end_delays();
+}
+
 class EvlanReleaseOfUnderlay : public EvlanTest, public testing::WithParamInterface<uint32_t>
 {
 };

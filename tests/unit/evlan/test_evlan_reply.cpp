@@ -884,6 +884,27 @@ TEST_F(EvlanRemoval, WhileRequestedAgainKeepsBothItems)
     EXPECT_EQ(g_diagnosis_stat.evlan_del_reply, 1u);
 }
 
+// The key alone names an item, so whose session goes makes no difference.
+TEST_F(EvlanRemoval, OfAnotherUsersSessionOfTheKeyEmptiesTheMapToo)
+{
+    add_user({.name = "holder"});
+    grant("holder", vxlan, 7, 0x20000005);
+    session of("other", vxlan, 7);
+    EXPECT_EQ(apply(of.answered(0x20000006), 0), 0);
+    EXPECT_EQ(sw_evlan_index_map_hash_size(0), 0u);
+}
+
+TEST_F(EvlanRemoval, OfAnotherUsersSessionOfARequestedKeyKeepsBothItems)
+{
+    add_user({.name = "holder"});
+    request("holder", vxlan, 7);
+    grant("holder", vxlan, 7, 0x20000005);
+    session of("other", vxlan, 7);
+    EXPECT_EQ(apply(of.answered(0x20000006), 0), 0);
+    EXPECT_NE(app_item(vxlan, 7), nullptr);
+    EXPECT_NE(udp_item(0x20000005), nullptr);
+}
+
 TEST_F(EvlanRemoval, IsHeardByEveryUserWithACallback)
 {
     add_user({.name = "a"});
