@@ -53,6 +53,17 @@ TEST_P(EportCopyOfUnderlay, TakesTheWholeBlockAndNeverTheKey)
     EXPECT_EQ(std::memcmp(&to, &expected, sizeof to), 0);
 }
 
+// No filter is a filter like the others.
+TEST_P(EportCopyOfUnderlay, TakesNoFilterToo)
+{
+    sw_eport_attr from, to;
+    sw_eport_init(&from, "app", eport_id(GetParam(), 5));
+    to = from;
+    from.vlan_filter = 0;
+    EXPECT_EQ(sw_eport_attr_copy(&to, &from), 0);
+    EXPECT_EQ(to.vlan_filter, 0u);
+}
+
 INSTANTIATE_TEST_SUITE_P(Underlay, EportCopyOfUnderlay, testing::Values(port, local_port, ap));
 
 class EportCopyOfOverlay : public EportTest, public testing::WithParamInterface<uint32_t>

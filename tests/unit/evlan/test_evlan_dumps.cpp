@@ -189,7 +189,7 @@ TEST_F(EvlanAttrDump, OfTheDataPlaneGoesThroughTheUsersOfAllSlots)
 {
     add_user({.name = "a"});
     add_user_in_slot(2, "chip");
-    add_user_in_slot(4, "a");
+    add_user_in_slot(5, "a");
     insert("a", 0x20000006);
     insert("chip", 0x20000007, 2);
     const std::string of_a = user_heading("a") + blank_record("a", 0x20000006) + total(1);

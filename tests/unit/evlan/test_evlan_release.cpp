@@ -219,6 +219,16 @@ TEST_F(EvlanRelease, OfAForeignKeyTakesTheReleasersOwnRecords)
     EXPECT_EQ(call_text(recording::calls().at(1)), "qz_mom_del 4 " + session_key("other", vxlan, 7));
 }
 
+// The user is found by 31 characters of the name; its session carries the name as it was asked for.
+TEST_F(EvlanRelease, NamesTheSessionAsTheCallerDoes)
+{
+    const std::string shown(31, 'n'), longer = shown + "and more";
+    add_user({.name = shown.c_str()});
+    EXPECT_EQ(release_direct(longer.c_str(), vxlan, 7), 0);
+    ASSERT_EQ(recording::calls().size(), 1u);
+    EXPECT_EQ(call_text(recording::calls().at(0)), "qz_mom_del 4 " + session_key(longer.c_str(), vxlan, 7));
+}
+
 TEST_F(EvlanRelease, OfAForeignKeyEndsTheHoldersRequest)
 {
     add_user({.name = "holder"});
