@@ -712,8 +712,9 @@ int32_t sw_evlan_attr_set(sw_evlan_attr *attr);
  * sessions of both kinds, and it deletes whatever is not requested when it fires: mark and request both kinds to the end
  * before either is deleted, and do not mark while `age_timer_armed` is 1. Records that are neither refreshed nor deleted
  * expire at the end of the aging time. `aging_timer` null: 1800 s. A `callback` hears the end of the marks. A key should
- * have one user in a process: items of the index map are shared, and are on the list of the user who came first. Results:
- * 0; -2 unknown user; or the store's code. */
+ * have one user in a process: items of the index map are shared, and are on the list of the user who came first. To the
+ * store a user named "" is any user: he would mark, and delete, what is everybody's. Results: 0; -2 unknown user; or the
+ * store's code. */
 
 /* Marks the user's sessions of all types, and clears the active-request bits of its index map items. */
 int32_t sw_evlan_aging_flag_set(const char *user_name, const qz_mom_timeval *aging_timer, qz_mom_msg_cb callback,
