@@ -144,7 +144,7 @@ SW_EXPORT int32_t sw_vlan_port_add(const char *user_name, int32_t vid, int32_t i
 SW_EXPORT int32_t sw_vlan_port_add_with_flag(const char *user_name, int32_t vid, int32_t ifx, int32_t tag,
                                              int32_t send_flag)
 {
-    if (sw::find_user(SW_HERE, user_name) == nullptr || !is_vlan(SW_HERE, vid))
+    if (!is_vlan(SW_HERE, vid))
         return -2;
     bitmap vbmp = {};
     bitmap ubmp = {};
@@ -154,7 +154,8 @@ SW_EXPORT int32_t sw_vlan_port_add_with_flag(const char *user_name, int32_t vid,
         set_bit(ubmp, vid);
     if ((send_flag & kMulticast) != 0)
         set_bit(mcbmp, vid);
-    SW_LOG(debug, "user_name: %s, vid: %d, ifx: %d, tag: %d, send_flag: %d.", user_name, vid, ifx, tag, send_flag);
+    SW_LOG(debug, "user_name: %s, vid: %d, ifx: %d, tag: %d, send_flag: %d.", sw::printable(user_name), vid, ifx, tag,
+           send_flag);
     return sw_vlan_port_range_vids_add_with_flag(user_name, ifx, vbmp, ubmp, mcbmp, send_flag);
 }
 
@@ -166,7 +167,7 @@ SW_EXPORT int32_t sw_vlan_port_del(const char *user_name, int32_t vid, int32_t i
 
 SW_EXPORT int32_t sw_vlan_port_del_with_flag(const char *user_name, int32_t vid, int32_t ifx, int32_t send_flag)
 {
-    if (sw::find_user(SW_HERE, user_name) == nullptr || !is_vlan(SW_HERE, vid))
+    if (!is_vlan(SW_HERE, vid))
         return -2;
     bitmap bmp = {};
     set_bit(bmp, vid);

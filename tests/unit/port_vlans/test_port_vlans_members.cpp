@@ -346,20 +346,25 @@ TEST_F(PortVlansAdd, ThatIsNotPublishedTellsItsOwnCodeAndStaysLocally)
 TEST_F(PortVlansAdd, RefusesUnknownUsers)
 {
     add_user();
+    const std::string refused = line("error", "range_vids_add_with_flag", no_such_user);
+    const std::string asked =
+        line("debug", "add_with_flag", format("user_name: nobody, vid: 1, ifx: %d, tag: 1, send_flag: 3.", port_3));
     EXPECT_EQ(sw_vlan_port_add_with_flag("nobody", 1, port_3, tagged, 3), -2);
-    EXPECT_THAT(trace(), ElementsAre(line("error", "add_with_flag", no_such_user)));
+    EXPECT_THAT(trace(), ElementsAre(asked, refused));
     recording::reset();
     EXPECT_EQ(sw_vlan_port_add("nobody", 1, port_3, tagged), -2);
     EXPECT_THAT(trace(), ElementsAre(line("debug", "add", format("user: nobody, vid: 1, add ifx: %d, tag: 1.", port_3)),
-                                     line("error", "add_with_flag", no_such_user)));
+                                     asked, refused));
     recording::reset();
     EXPECT_EQ(add_range({vlans({1}), {}, {}}, 3, port_3, "nobody"), -2);
-    EXPECT_THAT(trace(), ElementsAre(line("error", "range_vids_add_with_flag", no_such_user)));
+    EXPECT_THAT(trace(), ElementsAre(refused));
     recording::reset();
     EXPECT_EQ(sw_vlan_port_add(nullptr, 1, port_3, tagged), -2);
     EXPECT_EQ(sw_vlan_port_add_with_flag(nullptr, 1, port_3, tagged, 3), -2);
     EXPECT_EQ(add_range({vlans({1}), {}, {}}, 3, port_3, nullptr), -2);
     EXPECT_EQ(trace().front(), line("debug", "add", format("user: NULL, vid: 1, add ifx: %d, tag: 1.", port_3)));
+    EXPECT_EQ(trace().at(1), line("debug", "add_with_flag",
+                                  format("user_name: NULL, vid: 1, ifx: %d, tag: 1, send_flag: 3.", port_3)));
     EXPECT_THAT(errors(), testing::Contains("Assert:No user named 'NULL'.\n").Times(3));
     EXPECT_THAT(recording::calls(), IsEmpty());
 }
@@ -482,7 +487,7 @@ TEST_F(PortVlansDel, RefusesUnknownUsers)
     add_user();
     const bitmap one(vlans({1}));
     EXPECT_EQ(sw_vlan_port_del_with_flag("nobody", 1, port_3, publish), -2);
-    EXPECT_THAT(trace(), ElementsAre(line("error", "del_with_flag", no_such_user)));
+    EXPECT_THAT(trace(), ElementsAre(line("error", "range_vids_del_with_flag", no_such_user)));
     recording::reset();
     EXPECT_EQ(sw_vlan_port_range_vids_del_with_flag("nobody", port_3, one, publish), -2);
     EXPECT_THAT(trace(), ElementsAre(line("error", "range_vids_del_with_flag", no_such_user)));
