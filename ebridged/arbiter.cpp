@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "notification.hpp"
-#include "numbers.hpp"
 #include "service.hpp"
 
 namespace ebridged
@@ -33,24 +32,21 @@ const char *user_of(const UBridge__EmatchIndex &index) { return index.t_user ? i
 
 }  // namespace
 
-void *arbiter::number_arg() const { return arbiters::argument(number_); }
+void *arbiter::number_arg() const { return number_.argument(); }
 
 arbiter::arbiter(qz_mom_handle *handle, const ebridged_options *options)
-    : handle_(handle),
-      log(options),
-      has_table_(!std::exchange(table_is_taken, true)),
-      number_(arbiters::add(this)),
-      followed_(handle, log, *this)
+    : handle_(handle), log(options), number_(this), followed_(handle, log, *this)
 {
     for (const uint32_t db : databases_of(options))
         followed_.add(0, db, &all_rules().base);
+    // Last: one that never comes to be for lack of memory takes no table.
+    has_table_ = !std::exchange(table_is_taken, true);
 }
 
 arbiter::~arbiter()
 {
     if (has_table_)
         table_is_taken = false;
-    arbiters::remove(number_);
     for (const sw_ematch_item *rule : rules_)
         sw_ematch_item_cache_destroy(0, rule);
 }

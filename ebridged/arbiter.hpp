@@ -25,6 +25,7 @@
 
 #include "ebridged.h"
 #include "followed_tables.hpp"
+#include "numbers.hpp"
 #include "qz_mom.h"
 #include "rules.hpp"
 #include "service_log.hpp"
@@ -78,10 +79,10 @@ class arbiter : followed_tables::follower
 
     qz_mom_handle *const handle_;
     const service_log log;
-    const bool has_table_;
-    const uintptr_t number_;      // for callbacks
-    bool serving_ = false;        // every rule is read
-    bool told_of_start_ = false;  // the first keys are decided
+    bool has_table_ = false;
+    const numbers<arbiter *>::own number_;  // for callbacks
+    bool serving_ = false;                  // every rule is read
+    bool told_of_start_ = false;            // the first keys are decided
     std::unordered_multiset<sw_ematch_item *, rival_hash, are_rivals> rules_;
     size_t keys_ = 0;                                  // among these rules
     size_t contested_ = 0;                             // keys of several rules

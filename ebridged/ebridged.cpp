@@ -2,6 +2,7 @@
 #include "ebridged.h"
 
 #include <memory>
+#include <new>
 
 #include "arbiter.hpp"
 #include "pvid_resolver.hpp"
@@ -13,10 +14,11 @@ struct ebridged_service {
     ebridged::pvid_resolver pvids;
 };
 
-int32_t ebridged_start(qz_mom_handle *handle, const ebridged_options *options, ebridged_service **service)
+namespace
 {
-    if (!handle || !service || (options && options->databases && options->database_count == 0))
-        return QZ_MOM_EINVAL;
+
+int32_t start(qz_mom_handle *handle, const ebridged_options *options, ebridged_service **service)
+{
     std::unique_ptr<ebridged_service> made(
         new ebridged_service{{handle, options}, {handle, options}, {handle, options}});
     int32_t code = made->ids.start();
@@ -29,6 +31,19 @@ int32_t ebridged_start(qz_mom_handle *handle, const ebridged_options *options, e
     made->pvids.serve();
     *service = made.release();
     return code;
+}
+
+}  // namespace
+
+int32_t ebridged_start(qz_mom_handle *handle, const ebridged_options *options, ebridged_service **service)
+{
+    if (!handle || !service || (options && options->databases && options->database_count == 0))
+        return QZ_MOM_EINVAL;
+    try {
+        return start(handle, options, service);
+    } catch (const std::bad_alloc &) {
+        return QZ_MOM_ENOMEM;  // no exception gets to a program in C
+    }
 }
 
 void ebridged_stop(ebridged_service *service) { delete service; }

@@ -73,7 +73,7 @@ typedef struct ebridged_stat {
 /* Starts the service on a handle, which may have other users and must outlive it; `options` may be null. It serves once
  * it has read the session tables (ebridged_get_stat()); requests written before that are answered then. It decides once
  * it has read the match rules; of rules written before that, those keys are published whose results are not what their
- * records say. 0, or the store's code; *service is set on 0 only. */
+ * records say. 0, QZ_MOM_ENOMEM or what else the store says; *service is set on 0 only. */
 int32_t ebridged_start(qz_mom_handle *handle, const ebridged_options *options, ebridged_service **service);
 /* Ends it. Ids stay granted: the next service reads them from the sessions. Results stay in their records. Null is
  * allowed. */

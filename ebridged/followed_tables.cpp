@@ -4,7 +4,6 @@
 #include <algorithm>
 
 #include "notification.hpp"
-#include "numbers.hpp"
 
 namespace ebridged
 {
@@ -16,17 +15,14 @@ followed_tables::followed_tables(qz_mom_handle *handle, const service_log &its_l
 
 followed_tables::~followed_tables()
 {
-    for (const table &each : tables_) {
-        numbers<table *>::remove(each.number);
+    for (const table &each : tables_)
         if (each.state != progress::unfollowed)
-            qz_mom_unsubscribe(handle_, each.db, each.pattern, on_change, numbers<table *>::argument(each.number));
-    }
+            qz_mom_unsubscribe(handle_, each.db, each.pattern, on_change, each.number.argument());
 }
 
 void followed_tables::add(int tag, uint32_t db, const ProtobufCMessage *pattern)
 {
-    table &made = tables_.emplace_back(table{this, tag, db, pattern});
-    made.number = numbers<table *>::add(&made);
+    tables_.emplace_back(this, tag, db, pattern);
 }
 
 // Begins what may begin.
@@ -50,7 +46,7 @@ int32_t followed_tables::advance()
 
 int32_t followed_tables::begin(const table &which)
 {
-    void *const number = numbers<table *>::argument(which.number);
+    void *const number = which.number.argument();
     if (which.state == progress::unfollowed)
         return qz_mom_subscribe(handle_, which.db, which.pattern, 0, on_change, number);
     return qz_mom_scan(handle_, which.db, which.pattern, 0, on_scan, number);
@@ -89,7 +85,7 @@ void followed_tables::retry_later(const table &its)
 {
     if (retry_pending_)
         return;
-    void *const number = numbers<table *>::argument(its.number);
+    void *const number = its.number.argument();
     retry_pending_ = qz_thread_call_after(qz_mom_handle_master(handle_), RETRY_USEC, on_retry, number) == 0;
     if (!retry_pending_)
         log(EBRIDGED_LOG_ERROR, "no timer: database %u is not read", its.db);

@@ -12,6 +12,7 @@
 #include <string>
 #include <unordered_set>
 
+#include "numbers.hpp"
 #include "qz_mom.h"
 #include "service_log.hpp"
 
@@ -44,11 +45,15 @@ class followed_tables
   private:
     enum class progress { unfollowed, following, unread, reading, read };
     struct table {
-        followed_tables *self;
-        int tag;
-        uint32_t db;
-        const ProtobufCMessage *pattern;
-        uintptr_t number = 0;  // for callbacks
+        followed_tables *const self;
+        const int tag;
+        const uint32_t db;
+        const ProtobufCMessage *const pattern;
+        const numbers<table *>::own number{this};  // for callbacks
+        table(followed_tables *its, int its_tag, uint32_t its_db, const ProtobufCMessage *its_pattern)
+            : self(its), tag(its_tag), db(its_db), pattern(its_pattern)
+        {
+        }
         progress state = progress::unfollowed;
         std::unordered_set<std::string> changed = {};  // until read: key texts
     };

@@ -14,6 +14,31 @@ template <typename Target>
 class numbers
 {
   public:
+    // A number, and its target's for as long as this lives: also when what has it never comes to be for lack of memory.
+    class own
+    {
+      public:
+        explicit own(const Target &target) : number_(add(target)) {}
+        ~own() { remove(number_); }
+        own(const own &) = delete;
+        own &operator=(const own &) = delete;
+
+        void *argument() const { return reinterpret_cast<void *>(number_); }
+
+      private:
+        const uintptr_t number_;
+    };
+
+    // A target that is nobody when it has ended.
+    static Target find(const void *number)
+    {
+        registry &all = the_registry();
+        const std::lock_guard guard(all.lock);
+        const auto entry = all.live.find(reinterpret_cast<uintptr_t>(number));
+        return entry == all.live.end() ? Target() : entry->second;
+    }
+
+  private:
     static uintptr_t add(const Target &target)
     {
         registry &all = the_registry();
@@ -27,17 +52,6 @@ class numbers
         const std::lock_guard guard(all.lock);
         all.live.erase(number);
     }
-    // A target that is nobody when it has ended.
-    static Target find(const void *number)
-    {
-        registry &all = the_registry();
-        const std::lock_guard guard(all.lock);
-        const auto entry = all.live.find(reinterpret_cast<uintptr_t>(number));
-        return entry == all.live.end() ? Target() : entry->second;
-    }
-    static void *argument(uintptr_t number) { return reinterpret_cast<void *>(number); }
-
-  private:
     struct registry {
         std::mutex lock;
         std::unordered_map<uintptr_t, Target> live;

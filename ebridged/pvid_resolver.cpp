@@ -7,7 +7,6 @@
 #include <tuple>
 
 #include "notification.hpp"
-#include "numbers.hpp"
 #include "service.hpp"
 
 namespace ebridged
@@ -56,10 +55,10 @@ std::string_view user_of(const UBridge__PortIndex &index) { return index.t_user 
 
 }  // namespace
 
-void *pvid_resolver::number_arg() const { return resolvers::argument(number_); }
+void *pvid_resolver::number_arg() const { return number_.argument(); }
 
 pvid_resolver::pvid_resolver(qz_mom_handle *handle, const ebridged_options *options)
-    : handle_(handle), log(options), number_(resolvers::add(this)), followed_(handle, log, *this)
+    : handle_(handle), log(options), number_(this), followed_(handle, log, *this)
 {
     for (const uint32_t db : databases_of(options)) {
         followed_.add(CLAIMS, db, all_claims());
@@ -69,8 +68,6 @@ pvid_resolver::pvid_resolver(qz_mom_handle *handle, const ebridged_options *opti
     for (const auto &[db, its] : tables_)
         followed_.add(TABLE, db, all_entries());
 }
-
-pvid_resolver::~pvid_resolver() { resolvers::remove(number_); }
 
 void pvid_resolver::stat(ebridged_stat *out) const
 {

@@ -27,6 +27,7 @@
 
 #include "ebridged.h"
 #include "followed_tables.hpp"
+#include "numbers.hpp"
 #include "qz_mom.h"
 #include "service_log.hpp"
 #include "u_bridge.pb-c.h"
@@ -38,7 +39,6 @@ class pvid_resolver : followed_tables::follower
 {
   public:
     pvid_resolver(qz_mom_handle *handle, const ebridged_options *options);
-    ~pvid_resolver() override;
     pvid_resolver(const pvid_resolver &) = delete;
     pvid_resolver &operator=(const pvid_resolver &) = delete;
 
@@ -104,7 +104,7 @@ class pvid_resolver : followed_tables::follower
 
     qz_mom_handle *const handle_;
     const service_log log;
-    const uintptr_t number_;  // for callbacks
+    const numbers<pvid_resolver *>::own number_;  // for callbacks
     bool read_ = false;
     bool has_turn_ = false;
     bool serving_ = false;                                    // all is read, and it has its turn

@@ -36,7 +36,7 @@ std::vector<uint32_t> databases_of(const ebridged_options *options)
     return databases;
 }
 
-void *service::number_arg(kind of) const { return numbers<address>::argument(numbers_.at(of)); }
+void *service::number_arg(kind of) const { return numbers_.at(of).argument(); }
 
 service::service(qz_mom_handle *handle, const ebridged_options *options)
     : handle_(handle), log(options), databases_(databases_of(options))
@@ -46,15 +46,13 @@ service::service(qz_mom_handle *handle, const ebridged_options *options)
     writes_[MIRROR_DB];
     for (const kind of : KINDS) {
         allocators_.emplace(of, types_of(of));
-        numbers_.emplace(of, numbers<address>::add({this, of}));
+        numbers_.try_emplace(of, address{this, of});
     }
 }
 
 service::~service()
 {
     send_last();
-    for (const auto &[of, number] : numbers_)
-        numbers<address>::remove(number);
     for (const start_task &task : tasks_) {
         if (task.state == progress::waiting)
             continue;

@@ -176,7 +176,7 @@ class service
 
     qz_mom_handle *handle_;
     const service_log log;
-    std::map<kind, uintptr_t> numbers_;  // of this service, for callbacks
+    std::map<kind, numbers<address>::own> numbers_;  // of this service, for callbacks
     std::map<kind, allocator> allocators_;
     std::vector<uint32_t> databases_;  // whose sessions are answered
     std::vector<start_task> tasks_;

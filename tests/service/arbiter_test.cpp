@@ -676,3 +676,17 @@ TEST_P(Arbiter, OfTwoServicesInAProcessTheFirstOneDecides)
     decide();
     EXPECT_EQ(stat().deciding, 1U);
 }
+
+TEST_P(Arbiter, AStartThatLacksMemoryIsRefusedAndLeavesTheTableToTheNext)
+{
+    const auto start_anew = [this] {
+        store.follows.clear();
+        return ebridged_start(store.handle(), nullptr, &service);
+    };
+    EXPECT_GT(failures_reported(start_anew, QZ_MOM_ENOMEM), 10U);
+    ASSERT_TRUE(follows("subscribe"));
+    store.confirm(live(), 4);
+    end_scan();
+    heard({"a", 10, 5});
+    EXPECT_THAT(written(), ElementsAre("hmupdate 4 a/10/5 = 0"));
+}
