@@ -282,6 +282,21 @@ TEST_P(Resolver, OfTablesThatDifferAndDoNotFollowEachOtherTheFirstOneDecides)
     }
 }
 
+// Though it is the first one: the other two tell that of one of them a later one is known.
+TEST_P(Resolver, ATableThatNoOtherOneFollowsDecidesNothingWhereOneFollowsAnother)
+{
+    follow({4, 5});
+    for (const claim &each : {claim{"a", 1, 10}, claim{"b", 1, 20}, claim{"c", 1, 30}})
+        found(each);
+    store.entry_told(table_scan(4), 4, {.port = 1, .old_pvid = 7, .new_pvid = 10});
+    store.entry_told(table_scan(5), 5, {.port = 1, .old_pvid = 8, .new_pvid = 20});
+    store.entry_told(table_scan(MIRROR), MIRROR, {.port = 1, .old_pvid = 20, .new_pvid = 30});
+    read();
+    EXPECT_THAT(written(4), ElementsAre("set 4 1: 10 -> 30"));
+    EXPECT_THAT(written(5), ElementsAre("set 5 1: 20 -> 30"));
+    EXPECT_THAT(written(MIRROR), IsEmpty());
+}
+
 TEST_P(Resolver, OfThoseThatWereThereTheTableSaysWhichWasLastAndWhichWasBefore)
 {
     follow();
@@ -735,6 +750,30 @@ TEST_P(Resolver, WhatCanNeverBeWrittenIsNotTriedAgain)
     store.codes.clear();
     set({"a", 1, 11});
     EXPECT_THAT(written(), ElementsAre("set 4 1: 0 -> 11"));
+}
+
+// The store calls it another form's, and nobody has told of such a record: a removal would not make room.
+TEST_P(Resolver, AFormThatNobodyToldOfIsNotWrittenAgain)
+{
+    serve();
+    set({"a", 1, 10});
+    written();
+    set({"a", 1, 11});
+    store.write_done(take().at(0), 4, QZ_MOM_EFORM);
+    EXPECT_THAT(written(), IsEmpty());
+    EXPECT_THAT(store.timers, IsEmpty());
+    EXPECT_EQ(stat().waiting_pvids, 0U);
+}
+
+TEST_P(Resolver, AForeignRecordIsNoReasonToTryAgainWhatCanNeverBeWritten)
+{
+    serve();
+    set({"a", 1, 10});
+    const store_write failed = take().at(0);
+    store.entry_told(table(), 4, {.port = 1, .new_pvid = 77}, QZ_MOM_CMD_HMSET);
+    store.write_done(failed, 4, QZ_MOM_EINVAL);
+    EXPECT_THAT(written(), IsEmpty());
+    EXPECT_EQ(stat().waiting_pvids, 0U);
 }
 
 // Another one resolves now, and this one is about to hear of it.
