@@ -438,6 +438,9 @@ TEST_F(Registry, PvidTableFailsOnce)
                 "sw_vlan_pvid_db_init");
     EXPECT_EQ(0, sw_vlan_pvid_db_init());
     EXPECT_EQ(1u, errors().size());
+    sw_vlan_pvid_entry entry{7, 1, 1}, *stored = nullptr;
+    sw_vlan_pvid_entry_cache_create(0, &stored, &entry);
+    EXPECT_EQ(nullptr, stored);  // and it is not made later
 }
 
 TEST_F(Registry, PvidTableIsMade)

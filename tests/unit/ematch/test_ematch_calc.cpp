@@ -456,12 +456,12 @@ TEST_F(EmatchPublishing, GoesOnAfterARefusal)
     const strings users = add_users(3);
     const std::vector<sw_ematch_item *> items = insert_each(users, {1, 2, 3});
     recording::reset();
-    recording::set_result("qz_mom_hmupdate", -104, 1);
+    recording::set_result("qz_mom_hmupdate", -6, 1);  // which ends a walk when it is the step's
     recording::set_result("qz_mom_hmupdate", -105, 3);
     EXPECT_NE(calculate(1), nullptr);
     EXPECT_THAT(recording::calls(), SizeIs(3));
     EXPECT_THAT(errors(),
-                ElementsAre("Assert:qz_mom_hmupdate failed, rv: -104\n", "Assert:qz_mom_hmupdate failed, rv: -105\n"));
+                ElementsAre("Assert:qz_mom_hmupdate failed, rv: -6\n", "Assert:qz_mom_hmupdate failed, rv: -105\n"));
     EXPECT_EQ(current_results(items), (numbers{fail_priority, fail_priority, success}));
 }
 

@@ -88,11 +88,15 @@ TEST_F(PvidNotice, OfAnErrorKeepsThePairAlsoAtTheEnd)
 TEST_F(PvidNotice, OfTheUnsubscriptionFreesThePair)
 {
     add_user();
-    sw_ebridge_callback_args *pair = own_pair(with_func);
-    const notice over(QZ_MOM_CMD_UNSUBSCRIBED);
-    EXPECT_THAT(freed_by([&] { EXPECT_EQ(deliver(over, pair), 0); }), ElementsAre(pair));
-    EXPECT_THAT(trace(), ElementsAre(callback_line(
-                             "warning", format("unsubscribe from DB[4], args is %p.", static_cast<void *>(pair)))));
+    for (const qz_mom_end end : {QZ_MOM_END_NONE, QZ_MOM_END_SCAN}) {
+        recording::reset();
+        sw_ebridge_callback_args *pair = own_pair(with_func);
+        notice over(QZ_MOM_CMD_UNSUBSCRIBED);
+        over.end = end;
+        EXPECT_THAT(freed_by([&] { EXPECT_EQ(deliver(over, pair), 0); }), ElementsAre(pair));
+        EXPECT_THAT(trace(), ElementsAre(callback_line(
+                                 "warning", format("unsubscribe from DB[4], args is %p.", static_cast<void *>(pair)))));
+    }
     EXPECT_THAT(func_calls, IsEmpty());
 }
 
@@ -261,6 +265,9 @@ TEST_F(PvidWritten, IsOfSixteenBits)
     EXPECT_THAT(heard(), ElementsAre("app hears port 11: 10 was 65535"));
     EXPECT_TRUE(traced(change_line(port_1, ifx_1, 10, 65535, without_func)));
     EXPECT_EQ(cached_text(ifx_1), "10 was 65535");
+    EXPECT_EQ(write(port_2, 0xabcde, 0), 0);
+    EXPECT_EQ(remove(port_2), 0);
+    EXPECT_EQ(heard().back(), "app hears port 12: 0 was 48350");
 }
 
 TEST_F(PvidWritten, MayBe0)
