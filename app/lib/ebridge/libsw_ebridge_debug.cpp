@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 
@@ -333,7 +334,7 @@ SW_EXPORT int32_t sw_bridge_logging_redirect2collectfile(const char *name)
         SW_LOG(error, "Assert:Bad args.");
         return -2;
     }
-    char path[4096];
+    char path[PATH_MAX + 1];  // one that does not fit in is too long for the system, too: it names no other file
     std::snprintf(path, sizeof path, "%s/%s.log", folder, name);
     if (const int32_t rv = mkdir(folder, 0777); rv != 0) {
         SW_LOG(info, "mkdir failed, rv: %d\n", rv);

@@ -234,6 +234,26 @@ TEST_F(Redirection, OverlongNameIsAFileThatCannotBeOpened)
     EXPECT_LE(out.size(), 4096 + sizeof " open failed\n");
 }
 
+// What is left of it would name another file: here a file of the folder itself.
+TEST_F(Redirection, OverlongNameNamesNoOtherFile)
+{
+    const std::string folder = "/data/collect/";
+    std::string name;
+    while (folder.size() + name.size() < 4094)
+        name += "./";
+    name += "cut-here";
+    int32_t result = 0;
+    std::string out;
+    {
+        const kept_streams kept;
+        out = output_of([&] { result = sw_bridge_logging_redirect2collectfile(name.c_str()); });
+        sw_bridge_logging_redirect2std();
+    }
+    EXPECT_EQ(-1, result);
+    EXPECT_EQ((folder + name).substr(0, 4096) + " open failed\n", out);
+    EXPECT_TRUE(std::filesystem::is_empty("/data/collect"));
+}
+
 TEST_F(Redirection, NullNameIsRefused)
 {
     EXPECT_EQ(-2, sw_bridge_logging_redirect2collectfile(nullptr));
