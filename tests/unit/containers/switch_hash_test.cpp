@@ -210,7 +210,8 @@ TEST_F(SwitchHash, BucketCountersWrapAt256)
 
 TEST_F(SwitchHash, WarnsWhenABucketExceedsTheThreshold)
 {
-    std::vector<item> items{{2, 'a'}, {2, 'b'}, {2, 'c'}};
+    std::vector<item> items{{2, 'a'}, {2, 'b'}, {2, 'c'}}, elsewhere{{0, 'd'}, {1, 'e'}, {3, 'f'}};
+    insert_tail(elsewhere);
     recording::printed().clear();
     table->warning_threshold = 2;
     ASSERT_EQ(sw_switch_hash_insert_item(table, &items[0]), 0);
@@ -341,6 +342,8 @@ int32_t stop_at_b(void *visited, void *arg)
     return static_cast<item *>(visited)->name == 'b' ? -6 : 0;
 }
 
+int32_t first_name(void *visited, void *) { return static_cast<item *>(visited)->name; }
+
 TEST_F(SwitchHash, WalksStopAtTheFirstNonZeroResultAndReturnIt)
 {
     std::vector<item> items{{1, 'a'}, {1, 'b'}, {1, 'c'}};
@@ -351,6 +354,8 @@ TEST_F(SwitchHash, WalksStopAtTheFirstNonZeroResultAndReturnIt)
     visited.clear();
     EXPECT_EQ(sw_switch_hash_each_item_op_with_index(table, 0, 4, stop_at_b, &visited), -6);
     EXPECT_EQ(visited, (names{'a', 'b'}));
+    EXPECT_EQ(sw_switch_hash_each_item_op(table, first_name, nullptr), 'a');
+    EXPECT_EQ(sw_switch_hash_each_item_op_with_index(table, 0, 4, first_name, nullptr), 'a');
 }
 
 TEST_F(SwitchHash, RangesCoverTheBucketsThatExist)

@@ -77,6 +77,8 @@ TEST_F(Congestion, ConnectedSaysWhatItWasGivenAndRegistersTheUser)
         outer, inner);
     EXPECT_THAT(connected(ca, 0), testing::UnorderedElementsAre(outer, inner));
     expect_line(text, kInfo, kFile, kCallback);
+    EXPECT_THAT(recording::logged(),
+                ElementsAre(text, HasSubstr("current db_flags:"), "user: libvlan_user, mom_db: 8\n"));
     expect_line("current db_flags: 0x2000000, all_db_flags: 0x2000000, user: user.", kInfo, kFile, kCallback);
     EXPECT_EQ(1u, recording::calls_of("libcgstctrl_gen_init").size());
 }
@@ -170,6 +172,15 @@ TEST_F(Congestion, LongestNameFitsTheModuleName)
     EXPECT_EQ("libvlan_" + name, recording::calls_of("libcgstctrl_gen_init").at(0).name);
 }
 
+// A longer name finds the same user, and its module is the same.
+TEST_F(Congestion, ModuleNameHasAtMost39Characters)
+{
+    const std::string name(31, 'n');
+    release(connecting(name.c_str(), 6));
+    EXPECT_EQ(0, sw_ebridge_congestion_init((name + "and more").c_str()));
+    EXPECT_EQ("libvlan_" + name, recording::calls_of("libcgstctrl_gen_init").at(0).name);
+}
+
 // Congestion control may keep what it is given, so it must live as long as the process.
 TEST_F(Congestion, ModuleNameThatWasHandedOverStays)
 {
@@ -187,7 +198,7 @@ TEST_F(Congestion, ModuleNameIsKeptOncePerUser)
 {
     release(connecting("user", 6));
     EXPECT_EQ(0, sw_ebridge_congestion_init("user"));
-    EXPECT_EQ(0, sw_ebridge_congestion_init("user"));
+    EXPECT_EQ(1u, freed_by([] { EXPECT_EQ(0, sw_ebridge_congestion_init("user")); }).size()) << "the second copy";
     const auto producers = recording::calls_of("libcgstctrl_gen_init");
     ASSERT_EQ(2u, producers.size());
     EXPECT_EQ(producers[0].args, producers[1].args);

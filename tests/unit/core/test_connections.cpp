@@ -137,6 +137,13 @@ TEST_F(Connections, ConnectedRefusesNoBlock)
     EXPECT_EQ(1u, recording::logged().size());
 }
 
+TEST_F(Connections, ConnectedLooksAtTheFlagFirst)
+{
+    auto *ca = static_cast<sw_ebridge_connecting_args *>(std::calloc(1, sizeof(sw_ebridge_connecting_args)));
+    EXPECT_EQ(-2, connected(ca));
+    EXPECT_THAT(recording::logged(), ElementsAre("Assert:Bad global args."));
+}
+
 TEST_F(Connections, RefusedConnectionDoesNotCountAsConnected)
 {
     auto *refused = connecting(evlan_user("user"), 8);
@@ -677,6 +684,9 @@ TEST_F(Connections, ConfirmationThatComesTwiceIsTakenOnce)
     const auto freed = freed_by([&] { EXPECT_EQ(0, subscribed(notification(), sa[0])); });
     EXPECT_THAT(freed, IsEmpty());
     EXPECT_THAT(recording::calls(), IsEmpty());
+    auto failed = notification();
+    failed.error = -105;
+    EXPECT_THAT(freed_by([&] { EXPECT_EQ(-2, subscribed(failed, sa[0])); }), IsEmpty());
 }
 
 TEST_F(Connections, AlikeUsersOfAProcessBothReachTheScan)
@@ -690,6 +700,22 @@ TEST_F(Connections, AlikeUsersOfAProcessBothReachTheScan)
         EXPECT_EQ(1u, recording::calls_of("qz_mom_scan").size()) << name;
         recording::reset();
     }
+}
+
+// Each waits for its own confirmation, also while the other waits for one of the same table.
+TEST_F(Connections, AlikeUsersThatWaitTogetherBothReachTheScan)
+{
+    for (const char *name : {"first", "second"})
+        EXPECT_EQ(0, connected(connecting(evlan_user(name), 4)));
+    std::vector<void *> waiting;
+    for (const char *name : {"first", "second"})
+        waiting.push_back(static_cast<sw_ebridge_callback_args *>(sw_ebridge_list_item_get(name)->mom_ds_args[4])->arg);
+    recording::reset();
+    for (void *sa : waiting)
+        EXPECT_EQ(2u, freed_by([&] { EXPECT_EQ(0, subscribed(notification(), sa)); }).size());
+    EXPECT_EQ(2u, recording::calls_of("qz_mom_scan").size());
+    for (const char *name : {"first", "second"})
+        EXPECT_TRUE(recording::has_logged(format("begin to scan app_db evlan_data, user: %s.", name), kInfo));
 }
 
 // A later cycle finds its confirmations in place and scans at the first of them.

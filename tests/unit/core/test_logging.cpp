@@ -197,6 +197,14 @@ TEST(DebugFileFromNothing, FileThatCannotBeOpenedIsLikeNone)
     EXPECT_EQ(0u, g_sw_vlan_std_zlog_level);
 }
 
+TEST(DebugFileFromNothing, FileThatCannotBeReadIsLikeAnEmptyOne)
+{
+    const temporary_folder folder;
+    EXPECT_EQ(0, sw_vlan_debug_init("user", folder.path().c_str()));  // a folder can be opened
+    EXPECT_EQ(4u, g_sw_vlan_file_zlog_level);
+    EXPECT_EQ(4u, g_sw_vlan_std_zlog_level);
+}
+
 TEST(DebugFileFromNothing, SetUpTellsWhatItFound)
 {
     const temporary_folder folder;

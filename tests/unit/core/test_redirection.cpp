@@ -149,6 +149,55 @@ TEST_F(Redirection, BufferedTextIsFlushedIntoTheCollectFile)
     EXPECT_EQ("", read_file("/tmp/before"));
 }
 
+TEST_F(Redirection, TextBufferedBeforeIsFlushedToWhereItWasMeantFor)
+{
+    {
+        const kept_streams kept;
+        use_own_output();
+        std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
+        std::printf("earlier\n");
+        sw_bridge_logging_redirect2collectfile("app");
+        std::printf("later\n");
+        sw_bridge_logging_redirect2std();
+    }
+    EXPECT_EQ("earlier\n", read_file("/tmp/before"));
+    EXPECT_EQ("later\n", read_file("/data/collect/app.log"));
+}
+
+TEST_F(Redirection, CollectFileIsOpenForReadingAndWriting)
+{
+    int mode = 0;
+    {
+        const kept_streams kept;
+        sw_bridge_logging_redirect2collectfile("app");
+        mode = fcntl(STDIN_FILENO, F_GETFL) & O_ACCMODE;
+        sw_bridge_logging_redirect2std();
+    }
+    EXPECT_EQ(O_RDWR, mode);
+}
+
+// The descriptor of the saved standard output may be anybody's by then.
+TEST_F(Redirection, SecondReturnLeavesTheStreamsAlone)
+{
+    bool same = false;
+    std::vector<int> others;
+    std::vector<int> still_open;
+    {
+        const kept_streams kept;
+        use_own_output();
+        sw_bridge_logging_redirect2collectfile("app");
+        sw_bridge_logging_redirect2std();
+        for (int i = 0; i < 4; ++i)
+            others.push_back(open("/tmp/another", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        sw_bridge_logging_redirect2std();
+        same = same_file(STDOUT_FILENO, before_);
+        for (const int fd : others)
+            still_open.push_back(close(fd));
+    }
+    EXPECT_TRUE(same);
+    EXPECT_THAT(still_open, testing::Each(0));
+}
+
 TEST_F(Redirection, FolderIsMadeForEverybody)
 {
     const mode_t mask = umask(0);

@@ -178,6 +178,23 @@ TEST_F(Registry, AddOverwritesInPlace)
     EXPECT_EQ(nullptr, user->scan_args);
 }
 
+// A record of the caller's own may carry a name without an end, or something behind its end; look-ups take neither.
+TEST_F(Registry, AddStoresTheFirst31CharactersOfTheNameAndZeros)
+{
+    sw_ebridge_list_init();
+    auto record = record_of("");
+    std::memset(record.user_name, 'n', sizeof record.user_name);
+    EXPECT_EQ(0, sw_ebridge_list_add(&record));
+    EXPECT_TRUE(recording::has_logged("user: " + kName31 + ", reg mom_db: 0x0.", kInfo));
+    const auto *stored = sw_ebridge_list_item_get(kName31.c_str());
+    ASSERT_NE(nullptr, stored);
+    EXPECT_EQ('\0', stored->user_name[31]);
+    std::memcpy(record.user_name, "short", sizeof "short");
+    EXPECT_EQ(0, sw_ebridge_list_add(&record));
+    EXPECT_NE(nullptr, sw_ebridge_list_item_get("short"));
+    EXPECT_EQ(2u, sw_ebridge_list_item_hash_size(0));
+}
+
 void link_two(sw_list_head &head, sw_list_head (&links)[2])
 {
     head.next = &links[0];

@@ -119,6 +119,7 @@ TEST_F(AgeTimer, ThatTheThreadLibraryRefusesIsNotArmed)
     EXPECT_EQ(freed_by([] { EXPECT_NE(sw_ebridge_age_timer_create("app"), 0); }).size(), 1u);
     EXPECT_THAT(errors(), ElementsAre(StartsWith("Assert:")));
     EXPECT_EQ(user->age_timer_armed, 0);
+    EXPECT_EQ(user->stat, 0);
     EXPECT_EQ(sw_ebridge_age_timer_create("app"), 0);
     EXPECT_EQ(user->age_timer_armed, 1);
     EXPECT_EQ(recording::calls_of("qz_thread_insert_timer").size(), 2u);
