@@ -171,7 +171,9 @@ void service::finish(uint32_t db, kind of, step what, int32_t error)
 
 void service::begin_serving()
 {
-    adopt_found();
+    if (!adopted_)
+        adopt_found();
+    adopted_ = true;  // once: what is decided from here on may give a key another id than its session says
     remove_stale_mirrors();
     answer_found();
     serving_ = true;  // last: what failed for lack of memory is done from the beginning

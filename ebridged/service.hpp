@@ -180,6 +180,7 @@ class service
     std::map<kind, allocator> allocators_;
     std::vector<uint32_t> databases_;  // whose sessions are answered
     std::vector<start_task> tasks_;
+    bool adopted_ = false;  // the granted ids
     bool serving_ = false;
     std::map<std::pair<uint32_t, std::string>, found_session> found_;  // until serving; by database and key text
     std::vector<mirror_record> mirrors_;                               // until serving

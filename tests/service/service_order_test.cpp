@@ -164,6 +164,20 @@ TEST_P(ServiceOrder, GrantedIdsAreTakenOverBeforeAnythingIsDecided)
     EXPECT_THAT(store.texts(), testing::IsSupersetOf({"hmupdate 4 a/32/1 0x20000002", "hmupdate 4 b/32/2 0x20000001"}));
 }
 
+// Its old id is another's by then. What lacks memory in between is done again from what there was before.
+TEST_P(ServiceOrder, AnotherIdThatWasAskedForWhileNobodyServedIsGivenAtTheStart)
+{
+    follow();
+    store.written(scan(), 4, "a", 1, 0x20000005, 0x20000007);
+    store.written(scan(), 4, "b", 2, 0, 0x20000005);
+    end_scans();
+    store.run_timers();
+    const auto all = store.texts();
+    EXPECT_THAT(all, testing::IsSupersetOf({"hmupdate 4 a/32/1 0x20000007", "hmset 8 a/32/1 0x20000007",
+                                            "hmupdate 4 b/32/2 0x20000005", "hmset 8 b/32/2 0x20000005"}));
+    EXPECT_THAT(all, testing::Not(testing::Contains(testing::HasSubstr("0xffffffff"))));
+}
+
 TEST_P(ServiceOrder, AScanThatFailsIsMadeAgain)
 {
     follow();
