@@ -21,7 +21,7 @@ void service::note_due(duty what, const session_id &id)
     if (!is_new)
         return;
     try {
-        due_.push_back(*noted);
+        due_.insert(what == duty::removal ? due_.begin() : due_.end(), *noted);
     } catch (const std::bad_alloc &) {
         due_set_.erase(noted);
         throw;
@@ -37,10 +37,12 @@ void service::put_answer(session_entry &answered)
 void service::put_mirror(const mirror_write &made)
 {
     if (!due_.empty() || outcome(made.id, send_mirror(made)) != QZ_MOM_OK)
-        put_off(duty::mirror, made.id);
+        put_off(mirror_duty(made), made.id);
 }
 
-// Behind all that is due.
+service::duty service::mirror_duty(const mirror_write &made) { return made.shown ? duty::mirror : duty::removal; }
+
+// Behind all that is due, a removal ahead of it.
 void service::put_off(duty what, const session_id &id)
 {
     note_due(what, id);
@@ -131,11 +133,15 @@ void service::on_held(void *number)
     }
 }
 
-// As things stand.
+// As things stand. What is removed by now has a removal of its own; what is there again after one is due behind it.
 int32_t service::write(duty what, const session_id &id)
 {
-    if (what == duty::mirror)
-        return outcome(id, send_mirror(mirror_of(id, find_session(id))));
+    if (what == duty::removal)
+        return outcome(id, send_mirror({id, std::nullopt, {}}));
+    if (what == duty::mirror) {
+        const mirror_write made = mirror_of(id, find_session(id));
+        return made.shown ? outcome(id, send_mirror(made)) : QZ_MOM_OK;
+    }
     const auto session = sessions_.find(id);
     return session == sessions_.end() ? QZ_MOM_OK : outcome(id, send_answer(*session));
 }
@@ -191,7 +197,7 @@ void service::write_failed(kind of, const qz_mom_notification &msg)
     if (sessions_.contains(id))
         note_due(duty::answer, id);
     if (msg.db == MIRROR_DB)
-        note_due(duty::mirror, id);
+        note_due(mirror_duty(mirror_of(id, find_session(id))), id);
     retry_later();
 }
 

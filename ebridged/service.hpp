@@ -8,6 +8,8 @@
 //
 // Writes. What the store cannot take yet is remembered as "this session's answer is due" or "this mirror is due", not
 // as a write: when its turn comes it is written as things stand then. Nothing is lost, and nothing old is written late.
+// Removals of mirrors go first: who follows the mirrors hears that an id is free before it is another key's, whose mirror
+// may have been due for longer.
 //
 // A session that is removed and requested again while its answer is under way: the answer lands on the new request, and
 // its user hears it. So that id stays the answer, unless somebody else has got it meanwhile. Once the new request is
@@ -108,14 +110,14 @@ class service
     };
     using session_map = std::unordered_map<session_id, session, session_id_hash>;
     using session_entry = session_map::value_type;
-    enum class duty { answer, mirror };
+    enum class duty { answer, mirror, removal };  // removal: of a mirror
     struct due {
         duty what;
         session_id id;
         bool operator==(const due &) const = default;
     };
     struct due_hash {
-        size_t operator()(const due &d) const { return session_id_hash()(d.id) * 2 + (d.what == duty::mirror); }
+        size_t operator()(const due &d) const { return session_id_hash()(d.id) * 3 + static_cast<size_t>(d.what); }
     };
 
     // Callbacks of the store client and of the master. Their argument is a number for a service and a kind.
@@ -163,6 +165,7 @@ class service
     void send_last();
     void put_answer(session_entry &answered);
     void put_mirror(const mirror_write &made);
+    static duty mirror_duty(const mirror_write &made);
     void put_off(duty what, const session_id &id);
     void note_due(duty what, const session_id &id);
     void send_due();

@@ -423,11 +423,28 @@ TEST_P(ServiceOrder, HeldMirrorsThatTheStoreRefusesComeLaterAsThingsStandThen)
     store.run_timers();
     EXPECT_EQ(stat().waiting, 2U);
     store.removed(live(), 4, "a", 1);
-    EXPECT_EQ(stat().waiting, 2U);
+    EXPECT_EQ(stat().waiting, 3U);
     store.codes.clear();
     store.writes.clear();
     EXPECT_THAT(written(), ElementsAre("del 8 a/32/1", "hmset 8 a/32/2 0x20000002"));
     EXPECT_THAT(store.timers, IsEmpty());
+}
+
+// The mirror of b is due from before: its refusal.
+TEST_P(ServiceOrder, ARemovalThatWaitsIsMirroredBeforeItsIdIsAnothers)
+{
+    serve();
+    store.written(live(), 4, "a", 1, 0, 0x20000001);
+    written();
+    store.codes = {{"hmset", QZ_MOM_EFULL}, {"del", QZ_MOM_EFULL}};
+    store.written(live(), 4, "b", 2, 0, 0x20000001);
+    store.run_timers();
+    store.removed(live(), 4, "a", 1);
+    store.written(live(), 4, "b", 2, 0, 0x20000001);
+    store.codes.clear();
+    store.writes.clear();
+    EXPECT_THAT(written(), ElementsAre("del 8 a/32/1", "hmset 8 b/32/2 0x20000001", "hmupdate 4 b/32/2 0x20000001"));
+    EXPECT_EQ(stat().waiting, 0U);
 }
 
 TEST_P(ServiceOrder, WhatIsHeldIsWrittenBeforeTheEnd)
