@@ -48,6 +48,9 @@ struct settings {
     bool syslog = false;
 };
 
+// The parser takes a text without a digit for 0.
+std::string is_given(const std::string &number) { return number.empty() ? "a number is missing" : ""; }
+
 // -1: go on; otherwise the exit status.
 int read_arguments(int argc, char **argv, settings *out)
 {
@@ -55,7 +58,10 @@ int read_arguments(int argc, char **argv, settings *out)
         "ebridged - hands out ids of evlans and eports to the users of a message store, and decides their match rules"};
     app.footer(FOOTER);
     app.add_option("--store", out->store, "URL of the message store")->required()->type_name("URL");
-    app.add_option("--db", out->databases, "database to serve, may be repeated")->type_name("N")->capture_default_str();
+    app.add_option("--db", out->databases, "database to serve, may be repeated")
+        ->type_name("N")
+        ->capture_default_str()
+        ->check(CLI::Validator(is_given, ""));
     app.add_flag("--verbose", out->verbose, "log every answer and every changed verdict");
     app.add_flag("--syslog", out->syslog, "log to the system's log instead of standard error");
     try {

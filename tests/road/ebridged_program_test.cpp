@@ -51,6 +51,7 @@ TEST(EbridgedProgram, BadArgumentsAreOneLine)
                                                          {"--store"},
                                                          {"--db", "4"},
                                                          {"--store", "mem:x", "--db", "four"},
+                                                         {"--store", "mem:x", "--db", ""},
                                                          {"--store", "mem:x", "--db", "99"},
                                                          {"--store", "mem:x", "more"}};
     for (std::vector<std::string> arguments : cases) {
