@@ -83,6 +83,8 @@ class allocator
     bool set_range(uint32_t type, uint32_t min, uint32_t max);
     // Back to the type's own numbers.
     bool reset_range(uint32_t type);
+    // What may be given of a known type.
+    number_range range_of(uint32_t type) const { return pools_.at(type).range(); }
 
     uint32_t id_of(const id_key &key) const;      // 0: none
     size_t holders_of(const id_key &key) const;   // 0: not held

@@ -50,6 +50,7 @@ class id_pool
 
     // A narrower range takes nothing away: numbers outside stay taken until they are given back.
     void set_range(number_range range) { range_ = range; }
+    number_range range() const { return range_; }
     bool in_range(uint32_t number) const { return number >= range_.min && number <= range_.max; }
     // Not taken; a resting number is free.
     bool is_free(uint32_t number) const { return free_.contains(number) || place_of_.contains(number); }

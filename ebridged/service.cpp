@@ -337,14 +337,15 @@ void service::range_heard(kind of, const qz_mom_notification &msg)
     allocator &ids = allocators_.at(of);
     const bool known = read_range(of, msg, &read) &&
                        (is_removed(msg.cmd) ? ids.reset_range(type) : ids.set_range(type, numbers.min, numbers.max));
-    const bool none = numbers.min > numbers.max;
     if (!known)
         log(EBRIDGED_LOG_ERROR, "database %u, %s: a range of no known type, skipped", msg.db, msg.key);
     else if (is_removed(msg.cmd))
         log(EBRIDGED_LOG_INFO, "%s type %u: its own numbers again", kind_name(of), type);
+    else if (const auto [min, max] = ids.range_of(type); min <= max)
+        log(EBRIDGED_LOG_INFO, "%s type %u: numbers %u to %u", kind_name(of), type, min, max);
     else
-        log(none ? EBRIDGED_LOG_ERROR : EBRIDGED_LOG_INFO, "%s type %u: numbers %u to %u%s", kind_name(of), type,
-            numbers.min, numbers.max, none ? ", so none can be given" : "");
+        log(EBRIDGED_LOG_ERROR, "%s type %u: numbers %u to %u, so none can be given", kind_name(of), type, numbers.min,
+            numbers.max);
 }
 
 void service::mirror_heard(kind of, const qz_mom_notification &msg)

@@ -304,6 +304,21 @@ TEST_P(ServiceRoad, RangesAreFollowed)
     EXPECT_EQ(answer("app/4"), 0x20000001U);
 }
 
+TEST_P(ServiceRoad, ARangeIsToldAsFarAsItsTypeHasNumbers)
+{
+    const std::string type = GetParam() == kind::evlan ? "evlan type 32: " : "eport type 32: ";
+    start_service();
+    write_range(VXLAN, 0, 5);
+    settle();
+    EXPECT_EQ(service_log.back(), type + "numbers 1 to 5");
+    write_range(VXLAN, 0, 0);
+    settle();
+    EXPECT_EQ(service_log.back(), type + "numbers 0 to 0, so none can be given");
+    write_range(VXLAN, 10, 5);
+    settle();
+    EXPECT_EQ(service_log.back(), type + "numbers 10 to 5, so none can be given");
+}
+
 TEST_P(ServiceRoad, RequestsThatMakeNoSenseAreRefused)
 {
     start_service();
