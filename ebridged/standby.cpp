@@ -69,6 +69,7 @@ bool standby::get_stat(ebridged_stat *out) const
 int32_t standby::open()
 {
     connected_ = held_ = 0;
+    resolver_.reset();  // it follows on the old one
     handle_ = nullptr;
     int32_t code = qz_mom_client_open(url_.c_str(), master_, &handle_);
     for (size_t i = 0; code == QZ_MOM_OK && i < written_.size(); ++i)
@@ -80,8 +81,7 @@ int32_t standby::open()
     } catch (const std::bad_alloc &) {
         // when it serves, then
     }
-    ask();
-    return code;
+    return ask();
 }
 
 // While it stands by it hears in which order pvids are set: nobody could tell it later.
@@ -101,13 +101,17 @@ int32_t standby::on_connected(qz_mom_handle *handle, void *args)
 }
 
 // For the next lock; with all of them it serves.
-void standby::ask()
+int32_t standby::ask()
 {
-    if (held_ == written_.size())
-        return serve();
-    if (const int32_t code = qz_mom_lock(handle_, written_[held_], LOCK, on_lock, this); code != QZ_MOM_OK)
+    if (held_ == written_.size()) {
+        serve();
+        return QZ_MOM_OK;
+    }
+    const int32_t code = qz_mom_lock(handle_, written_[held_], LOCK, on_lock, this);
+    if (code != QZ_MOM_OK)
         log_(EBRIDGED_LOG_ERROR, "database %u: the lock cannot be asked for: %s", written_[held_],
              qz_mom_strerror(code));
+    return code;
 }
 
 int32_t standby::on_lock(qz_mom_handle *handle, uint32_t, int32_t held, void *args)
@@ -120,7 +124,8 @@ int32_t standby::on_lock(qz_mom_handle *handle, uint32_t, int32_t held, void *ar
     } else {
         // Of a call that comes again, because serving failed for lack of memory, all are held already.
         self->held_ = std::min(self->held_ + 1, self->written_.size());
-        self->ask();
+        if (self->ask() != QZ_MOM_OK)
+            self->open_anew();
     }
     return 0;
 }

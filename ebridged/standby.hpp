@@ -5,7 +5,8 @@
 // applied. So the next one may begin with what the store says at that moment, and no id is given twice, however long a
 // process was stopped between deciding and writing.
 //
-// Who loses one of its locks gives the others back: it closes its handle and stands by with a new one.
+// Who loses one of its locks, or cannot ask for the next one, gives the others back: it closes its handle and stands by with
+// a new one.
 //
 // All calls come on the master's thread, or while no thread runs it.
 #pragma once
@@ -52,7 +53,7 @@ class standby
     int32_t open();
     void enter(state now);
     void follow();
-    void ask();
+    int32_t ask();
     void serve();
     void end_service();
     void step_down();
