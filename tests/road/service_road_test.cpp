@@ -178,6 +178,27 @@ TEST_P(ServiceRoad, AMirrorOfWhatWasReleasedWhileNobodyServedGoesBeforeItsIdIsAn
     EXPECT_EQ(answers(UDP_DB), (ids{{"app/1", 0x20000001}, {"app/8", 0x20000002}}));
 }
 
+// The mirror of a says an id that is not a's any more; that of b is right, but the id is taken away.
+TEST_P(ServiceRoad, AMirrorOfAnIdThatItsKeyHasNoLongerGoesBeforeAnythingIsGranted)
+{
+    put_answered("a", 1, 0x20000003);
+    put_answered("b", 2, 0x20000003);
+    for (const auto &[name, key, id] : {std::tuple("a", 1U, 0x20000009U), std::tuple("b", 2U, 0x20000003U)})
+        ASSERT_EQ(put_session(UDP_DB, with_answer(asking(name, VXLAN, key, VXLAN << 24), id, APP_DB)), 0);
+    spy(UDP_DB);
+    start_service();
+    const std::string answered = "6 request_value,priority,request,reply_value,reply,mom_db";
+    EXPECT_THAT(written, ElementsAre("3", "3", answered, answered));
+    EXPECT_EQ(answers(UDP_DB), (ids{{"a/1", 0x20000003}, {"b/2", REFUSED}}));
+}
+
+TEST_P(ServiceRoad, ARefusalIsDecidedAnewAtTheStart)
+{
+    put_answered("a", 1, REFUSED);
+    start_service();
+    EXPECT_EQ(answers(), (ids{{"a/1", 0x20000001}}));
+}
+
 TEST_P(ServiceRoad, MirrorsOfDatabasesThatItDoesNotServeAreLeftAlone)
 {
     for (const auto &[name, db] : {std::pair("far", 5), std::pair("gone", 4)})

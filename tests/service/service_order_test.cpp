@@ -273,6 +273,16 @@ TEST_P(ServiceOrder, ASessionRequestedAgainWhileItsAnswerIsUnderWayKeepsTheId)
     }
 }
 
+TEST_P(ServiceOrder, WhoAsksAgainForACertainIdIsGivenThatOne)
+{
+    serve();
+    store.written(live(), 4, "a", 1);
+    store.removed(live(), 4, "a", 1);
+    written();
+    store.written(live(), 4, "a", 1, 0, 0x20000009);
+    EXPECT_THAT(written(), ElementsAre("hmupdate 4 a/32/1 0x20000009", "hmset 8 a/32/1 0x20000009"));
+}
+
 TEST_P(ServiceOrder, AnIdRestsOnceItsAnswerIsDone)
 {
     serve();
