@@ -334,6 +334,19 @@ TEST_P(ServiceOrder, AWriteThatFailsLaterIsMadeAgain)
     EXPECT_THAT(written(), ElementsAre("hmset 8 a/32/1 0x20000001"));
 }
 
+TEST_P(ServiceOrder, ARemovalThatFailsLaterIsMadeAgain)
+{
+    serve();
+    store.written(live(), 4, "a", 1);
+    written();
+    store.removed(live(), 4, "a", 1);
+    store.run_timers();
+    const std::vector<store_write> removal = std::exchange(store.writes, {});
+    ASSERT_EQ(removal.size(), 1U);
+    store.write_done(removal[0], 8, "a", 1, QZ_MOM_EDOWN);
+    EXPECT_THAT(written(), ElementsAre("del 8 a/32/1"));
+}
+
 TEST_P(ServiceOrder, AWriteThatCanNeverSucceedIsNotMadeAgain)
 {
     serve();
