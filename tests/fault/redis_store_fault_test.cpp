@@ -33,6 +33,20 @@ TEST_F(RedisFault, AKilledServerIsToldOfAndRefusesUntilItIsBack)
     EXPECT_EQ(1u, told.count(QZ_MOM_CMD_SUBSCRIBED));  // none for what the client repeats by itself
 }
 
+// An application that starts up just then would be refused, and has no way to take back what it has begun.
+TEST_F(RedisFault, ADatabaseThatIsAskedForDuringALossIsConnectedBehindIt)
+{
+    int calls = 0;
+    const auto count = [](qz_mom_handle *, void *of) { return ++*static_cast<int *>(of); };
+    store_server().kill();
+    run_until_events({QZ_MOM_RECONNECT_ERROR});
+    EXPECT_EQ(0, qz_mom_client_connect(writer, app_db, count, &calls));
+    pass_time(50);
+    EXPECT_EQ(0, calls);
+    store_server().start();
+    run_until([&] { return calls == 1; });
+}
+
 // Also what is written as it was before: so does a user who asks once more for what he has, and waits for his answer.
 TEST_F(RedisFault, AServerThatIsBackWithItsDataIsFollowedOnFromWhereItWasLeft)
 {

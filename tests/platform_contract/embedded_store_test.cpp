@@ -230,6 +230,20 @@ TEST_F(EmbeddedStore, LostConnectionHoldsBackWhatWaitsAndRefusesCalls)
     EXPECT_EQ((std::vector<int32_t>{QZ_MOM_CMD_SUBSCRIBED, QZ_MOM_CMD_HSET}), hears.commands());
 }
 
+TEST_F(EmbeddedStore, ADatabaseThatIsAskedForDuringALossIsConnectedBehindIt)
+{
+    auto *handle = open();
+    int calls = 0;
+    const auto count = [](qz_mom_handle *, void *of) { return ++*static_cast<int *>(of); };
+    EXPECT_EQ(0, qz_mom_embedded_lose(name));
+    EXPECT_EQ(0, qz_mom_client_connect(handle, app_db, count, &calls));
+    run(master_);
+    EXPECT_EQ(0, calls);
+    EXPECT_EQ(0, qz_mom_embedded_restore(name));
+    run(master_);
+    EXPECT_EQ(1, calls);
+}
+
 TEST_F(EmbeddedStore, MarksRunOnWhileTheConnectionIsLost)
 {
     auto *handle = open();

@@ -153,7 +153,8 @@ void qz_mom_client_close(qz_mom_handle *handle);
 /* One line for a code; "unknown code" for any other value. Static text. */
 const char *qz_mom_strerror(int32_t code);
 
-/* Asks for a database; `cb` runs once it is connected. Other calls work on a database that nobody connected, too. */
+/* Asks for a database; `cb` runs once it is connected, or connected again: a loss is no EDOWN here. Other calls work on a
+ * database that nobody connected, too. */
 int32_t qz_mom_client_connect(qz_mom_handle *handle, uint32_t db, qz_mom_connected_cb cb, void *args);
 /* `cb` hears every loss and return of the connection to `db`; a second call for the same db replaces the first. */
 int32_t qz_mom_client_set_reconnect_cb(qz_mom_handle *handle, uint32_t db, qz_mom_reconnect_cb cb, void *args);

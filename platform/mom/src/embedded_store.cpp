@@ -110,8 +110,6 @@ int32_t embedded_store::connect(client &from, uint32_t, const connection &answer
     deliveries out;
     out.push_back({&from, answer});
     const std::scoped_lock lock(office_->mutex);
-    if (office_->held())
-        return QZ_MOM_EDOWN;
     if (!office_->room_for(out))
         return QZ_MOM_EFULL;
     office_->send(out);

@@ -259,7 +259,10 @@ int32_t redis_line::connect(client &from, const connection &answer)
         if (const auto to = office_.attached(who))
             office_.post(*to, answer);
     };
-    return put(std::move(asked));
+    if (queue_.size() >= MAX_QUEUED)
+        return QZ_MOM_EFULL;
+    ask(std::move(asked));  // also when the server is away: it is answered once that is back
+    return QZ_MOM_OK;
 }
 
 void redis_line::want_lock(client &from, wanted_lock &&wanted)
