@@ -63,7 +63,7 @@ class table_reader : public nlohmann::json_sax<json>
     bool number_integer(int64_t value) override { return scalar(std::to_string(value), true); }
     bool number_unsigned(uint64_t value) override { return scalar(std::to_string(value), true); }
     bool number_float(double, const std::string &) override { return scalar({}, false); }
-    bool string(std::string &text) override { return scalar(text, true); }
+    bool string(std::string &text) override { return check_text(text) && scalar(text, true); }
     bool binary(json::binary_t &) override { return fail("binary data"); }
 
     bool start_object(size_t) override { return open(true); }
@@ -85,6 +85,11 @@ class table_reader : public nlohmann::json_sax<json>
     bool open(bool object);
     bool close();
     bool begin_value(bool object);
+    // Who takes the text for a C string reads nothing of what comes after such a character.
+    bool check_text(const std::string &text)
+    {
+        return text.find('\0') == std::string::npos || fail("has a NUL character");
+    }
     // The field of whose array this is an item; null elsewhere.
     config_field *array_around();
     bool fail(const std::string &what);
@@ -125,7 +130,7 @@ bool table_reader::key(std::string &name)
     if (open_.size() == 3 && table().meant)
         table().entries.back().fields.push_back(
             {.name = name, .text = {}, .scalar = false, .line = *line_, .items = {}});
-    return true;
+    return check_text(name);
 }
 
 // What may stand where: called for every value, before it.
