@@ -9,9 +9,12 @@
 #include <thread>
 #include <vector>
 
+#include "config_file.hpp"
 #include "notify.hpp"
 #include "shell_commands.hpp"
 #include "standby.hpp"
+
+using config_text::printable;
 
 namespace
 {
@@ -48,20 +51,19 @@ struct settings {
     bool syslog = false;
 };
 
-// The parser takes a text without a digit for 0.
-std::string is_given(const std::string &number) { return number.empty() ? "a number is missing" : ""; }
-
 // -1: go on; otherwise the exit status.
 int read_arguments(int argc, char **argv, settings *out)
 {
     CLI::App app{
         "ebridged - hands out ids of evlans and eports to the users of a message store, and decides their match rules"};
     app.footer(FOOTER);
-    app.add_option("--store", out->store, "URL of the message store")->required()->type_name("URL");
+    // One that is there and empty is most likely a variable of a script that was never set.
+    const CLI::Validator is_told([](const std::string &text) { return text.empty() ? "is empty" : ""; }, "");
+    app.add_option("--store", out->store, "URL of the message store")->required()->type_name("URL")->check(is_told);
     app.add_option("--db", out->databases, "database to serve, may be repeated")
         ->type_name("N")
         ->capture_default_str()
-        ->check(CLI::Validator(is_given, ""));
+        ->check(is_told);
     app.add_flag("--verbose", out->verbose, "log every answer and every changed verdict");
     app.add_flag("--syslog", out->syslog, "log to the system's log instead of standard error");
     try {
@@ -69,7 +71,7 @@ int read_arguments(int argc, char **argv, settings *out)
     } catch (const CLI::CallForHelp &help) {
         return app.exit(help);
     } catch (const CLI::ParseError &error) {
-        std::fprintf(stderr, "ebridged: %s (see ebridged --help)\n", error.what());
+        std::fprintf(stderr, "ebridged: %s (see ebridged --help)\n", printable(error.what()).c_str());
         return BAD_ARGUMENT;
     }
     return -1;
@@ -134,7 +136,7 @@ int serve(qz_thread_master *master, settings *given, const sigset_t *signals)
     reporter told(given);
     ebridged::standby turns(given->store, master, options, &told);
     if (const int32_t code = turns.start(); code != QZ_MOM_OK) {
-        std::fprintf(stderr, "ebridged: %s: %s\n", given->store.c_str(), qz_mom_strerror(code));
+        std::fprintf(stderr, "ebridged: %s: %s\n", printable(given->store).c_str(), qz_mom_strerror(code));
         return code == QZ_MOM_EDB || code == QZ_MOM_EINVAL ? BAD_ARGUMENT : NO_STORE;
     }
     const ebridged::shell_commands shell(master, &turns);

@@ -51,8 +51,10 @@ TEST(EbridgedProgram, BadArgumentsAreOneLine)
                                                          {"--store"},
                                                          {"--db", "4"},
                                                          {"--store", "mem:x", "--db", "four"},
-                                                         {"--store", "mem:x", "--db", ""},
                                                          {"--store", "mem:x", "--db", "99"},
+                                                         {"--store", "mem:x", "--db", ""},
+                                                         {"--store", ""},
+                                                         {"--store", "mem:x", "--two\nlines"},
                                                          {"--store", "mem:x", "more"}};
     for (std::vector<std::string> arguments : cases) {
         arguments.insert(arguments.begin(), EBRIDGED_PROGRAM);
