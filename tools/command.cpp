@@ -15,9 +15,19 @@ int complain(const std::string &line, int status)
     return status;
 }
 
+void keep_standard_descriptors()
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fcntl(fd, F_GETFD) < 0)
+            open("/dev/null",
+                 fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // gets the lowest free number, which is this one
+}
+
 int keep_output_clean()
 {
     std::fflush(stdout);
+    if ((fcntl(STDOUT_FILENO, F_GETFL) & O_ACCMODE) == O_RDONLY)
+        return -1;
     const int result = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
     if (result < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
         return -1;

@@ -31,6 +31,10 @@ void add_watch(CLI::App *ebridge, std::vector<command> *commands);
 // One line on standard error. Returns the status.
 int complain(const std::string &line, int status);
 
+// Where standard input, output or error was closed by whoever started the command, something stands in that cannot be used
+// either. Otherwise the next file or socket gets its number, and what is printed goes there.
+void keep_standard_descriptors();
+
 // With --json standard output is the object's alone: whatever else is printed there, by the library's log for instance,
 // goes to standard error. Returns the descriptor for the object, or -1.
 int keep_output_clean();

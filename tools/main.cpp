@@ -1,6 +1,7 @@
 // ebridge, the command: finds the subcommand that is asked for, reads its arguments and runs it.
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <iostream>
 #include <new>
 
 #include "command.hpp"
@@ -27,6 +28,12 @@ std::string understood(const CLI::App &app)
     return app.get_name() + (below.empty() ? "" : ' ' + understood(*below.front()));
 }
 
+int print_help(const CLI::App &app, const CLI::CallForHelp &help)
+{
+    const int status = app.exit(help);
+    return std::cout.flush() ? status : complain("the help cannot be written", SOMETHING_DIFFERS);
+}
+
 int ebridge(int argc, char **argv)
 {
     CLI::App app{"ebridge - try out and look into the extended bridge", "ebridge"};
@@ -38,7 +45,7 @@ int ebridge(int argc, char **argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp &help) {
-        return app.exit(help);
+        return print_help(app, help);
     } catch (const CLI::ParseError &error) {
         return complain(config_text::printable(error.what()) + " (see " + understood(app) + " --help)", BAD_INPUT);
     }
@@ -50,6 +57,7 @@ int ebridge(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
+    keep_standard_descriptors();
     try {
         return ebridge(argc, argv);
     } catch (const std::bad_alloc &) {

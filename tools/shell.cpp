@@ -292,6 +292,8 @@ int run_shell(const shell_query &query)
         const int made = run_line(query, *line, &processes, &over);
         status = status == DONE ? made : status;
     }
+    if (std::ferror(stdin) != 0)
+        return complain("standard input cannot be read", BAD_INPUT);
     return isatty(STDIN_FILENO) == 1 ? DONE : status;
 }
 

@@ -389,6 +389,18 @@ TEST(EbridgeRun, WrongUsageIsOneLine)
         expect_bad_input(ebridge({"run", "--range", range, EXAMPLES_DIR "/leaf.json"}), range);
 }
 
+// The number of a standard output that was closed must not become a file's or a socket's, which would get the result.
+TEST(EbridgeRun, AResultThatNobodyCanGetIsStatusOne)
+{
+    for (const char *output : {">&-", "> /dev/full"})
+        for (const char *words : {" run ", " run --dump ", " run --json ", " run --help "}) {
+            const outcome seen =
+                run({"/bin/sh", "-c", std::string(EBRIDGE_PROGRAM) + words + EXAMPLES_DIR "/leaf.json " + output});
+            EXPECT_EQ(seen.status, 1) << words << output;
+            EXPECT_THAT(seen.err, HasSubstr("ebridge: ")) << words << output;
+        }
+}
+
 TEST(EbridgeRun, HelpTeachesByExampleAndNamesTheStatuses)
 {
     const outcome seen = ebridge({"run", "--help"});

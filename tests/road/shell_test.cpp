@@ -370,6 +370,19 @@ TEST_F(Shell, WhatIsCutOffEndsQuietlyAndTheProcessGoesOnServing)
     EXPECT_EQ(shell({"some module", "say"}).status, 0);
 }
 
+// The socket to the process must not get the number of a standard output that was closed.
+TEST_F(Shell, WithoutAStandardOutputTheProcessIsNotSentItsOwnAnswer)
+{
+    const outcome seen = run({"/bin/sh", "-c", std::string(EBRIDGE_PROGRAM) + " shell 'some module' say >&-"});
+    expect_line(seen, 1, "the output cannot be written");
+}
+
+TEST_F(Shell, LinesThatCannotBeReadAreOneLine)
+{
+    const outcome seen = run({"/bin/sh", "-c", std::string(EBRIDGE_PROGRAM) + " shell < /tmp"});
+    expect_line(seen, 2, "standard input cannot be read");
+}
+
 TEST_F(Shell, ManyClientsAtOnceEachGetTheirOwn)
 {
     std::vector<std::thread> clients;
