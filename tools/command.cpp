@@ -9,6 +9,11 @@
 namespace ebridge_tool
 {
 
+std::string shared_store_fault(const std::string &url)
+{
+    return url.starts_with("mem:") ? url + " lives within one process, no other can read it" : "";
+}
+
 int complain(const std::string &line, int status)
 {
     std::fprintf(stderr, "ebridge: %s\n", line.c_str());

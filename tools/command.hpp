@@ -28,6 +28,9 @@ void add_shell(CLI::App *ebridge, std::vector<command> *commands);
 void add_show(CLI::App *ebridge, std::vector<command> *commands);
 void add_watch(CLI::App *ebridge, std::vector<command> *commands);
 
+// What is wrong with the URL of a store that other processes are to look into; empty when nothing is.
+std::string shared_store_fault(const std::string &url);
+
 // One line on standard error. Returns the status.
 int complain(const std::string &line, int status);
 

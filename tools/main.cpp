@@ -28,10 +28,31 @@ std::string understood(const CLI::App &app)
     return app.get_name() + (below.empty() ? "" : ' ' + understood(*below.front()));
 }
 
+// What is wrong, and of a subcommand that there is not also its name.
+std::string fault(const CLI::App &app, const CLI::ParseError &error)
+{
+    const CLI::App *last = &app;
+    while (!last->get_subcommands().empty())
+        last = last->get_subcommands().front();
+    const bool has_subcommands = !last->get_subcommands(std::function<bool(const CLI::App *)>()).empty();
+    const std::vector<std::string> rest = app.remaining(true);
+    return error.what() + (has_subcommands && !rest.empty() ? ", and \"" + rest.front() + "\" is none" : "");
+}
+
 int print_help(const CLI::App &app, const CLI::CallForHelp &help)
 {
     const int status = app.exit(help);
     return std::cout.flush() ? status : complain("the help cannot be written", SOMETHING_DIFFERS);
+}
+
+// An argument that is there and empty is most likely a variable of a script that was never set.
+void refuse_empty(CLI::App *app)
+{
+    const CLI::Validator is_told([](const std::string &text) { return text.empty() ? "is empty" : ""; }, "");
+    for (CLI::Option *option : app->get_options(std::function<bool(CLI::Option *)>()))
+        option->check(is_told);
+    for (CLI::App *below : app->get_subcommands(std::function<bool(CLI::App *)>()))
+        refuse_empty(below);
 }
 
 int ebridge(int argc, char **argv)
@@ -42,12 +63,13 @@ int ebridge(int argc, char **argv)
     std::vector<command> commands;
     for (const auto add : {add_run, add_shell, add_show, add_watch})
         add(&app, &commands);
+    refuse_empty(&app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp &help) {
         return print_help(app, help);
     } catch (const CLI::ParseError &error) {
-        return complain(config_text::printable(error.what()) + " (see " + understood(app) + " --help)", BAD_INPUT);
+        return complain(config_text::printable(fault(app, error)) + " (see " + understood(app) + " --help)", BAD_INPUT);
     }
     const auto asked = std::ranges::find_if(commands, [](const command &one) { return one.app->parsed(); });
     return asked->run();

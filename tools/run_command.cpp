@@ -191,7 +191,7 @@ void add_run(CLI::App *ebridge, std::vector<command> *commands)
     run->add_flag("--json", given->json, "print one JSON object, and nothing else, on standard output");
     run->add_flag("--dump", given->dump, "print the library's users and tables at the end");
     CLI::Option *store = run->add_option("--store", given->store, "URL of the message store of a running ebridged");
-    store->type_name("URL");
+    store->type_name("URL")->check(CLI::Validator(shared_store_fault, ""));
     run->add_option("--users", given->users, "processes that share the requests, 1 to 64; 1 unless given")
         ->type_name("N")
         ->check(CLI::Range(1, 64))

@@ -2,6 +2,7 @@
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
+#include <climits>
 #include <memory>
 
 #include "command.hpp"
@@ -62,7 +63,7 @@ void add_shell(CLI::App *ebridge, std::vector<command> *commands)
     CLI::App *shell = ebridge->add_subcommand("shell", "Look into running processes: [MODULE COMMAND [ARG ...]]");
     shell->footer(SHELL_FOOTER);
     shell->prefix_command();
-    shell->add_option("--pid", given->pid, "process to ask")->type_name("N")->check(CLI::PositiveNumber);
+    shell->add_option("--pid", given->pid, "process to ask")->type_name("N")->check(CLI::Range(1, INT_MAX));
     CLI::Option *list = shell->add_flag("--list", given->list, "list modules and commands with their help");
     shell->add_flag("--json", given->json, "with --list: one JSON array, an object for each command")->needs(list);
     commands->push_back({shell, [given, shell] { return shell_it(*given, shell); }});

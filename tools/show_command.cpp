@@ -12,17 +12,6 @@
 namespace ebridge_tool
 {
 
-namespace
-{
-
-// A store that others can look into.
-std::string is_shared_store(const std::string &url)
-{
-    return url.starts_with("mem:") ? url + " lives within one process, no other can read it" : "";
-}
-
-}  // namespace
-
 int status_of(int32_t code)
 {
     if (code == QZ_MOM_EDB)
@@ -35,7 +24,7 @@ void add_store_options(CLI::App *view, const store_options &of)
     view->add_option("--store", *of.store, "URL of the message store, as for ebridge run")
         ->required()
         ->type_name("URL")
-        ->check(CLI::Validator(is_shared_store, ""));
+        ->check(CLI::Validator(shared_store_fault, ""));
     view->add_option("--db", *of.databases, "database to read, may be repeated")->type_name("N")->capture_default_str();
     view->add_flag("--json", *of.json, "print one JSON " + of.json_form + ", and nothing else, on standard output");
 }

@@ -166,7 +166,7 @@ void add_watch(CLI::App *ebridge, std::vector<command> *commands)
     watch->add_flag("--now", given->query.now, "tell first what is there");
     watch->add_option("--count", given->query.count, "end after so many changes")
         ->type_name("N")
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::Range(uint64_t{1}, uint64_t{1'000'000'000'000}));
     watch->callback([given] {
         remove_repeated(&given->query.databases);
         read_tables(given->tables, &given->query.tables);

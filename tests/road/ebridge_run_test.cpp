@@ -389,6 +389,38 @@ TEST(EbridgeRun, WrongUsageIsOneLine)
         expect_bad_input(ebridge({"run", "--range", range, EXAMPLES_DIR "/leaf.json"}), range);
 }
 
+// A variable that was never set would otherwise choose the store inside, or ports of the configuration.
+TEST(EbridgeRun, AnArgumentThatIsThereAndEmptyIsOneLine)
+{
+    for (const char *option : {"--store", "--ports", "--range"})
+        expect_bad_input(ebridge({"run", option, "", EXAMPLES_DIR "/leaf.json"}), std::string(option) + ": is empty");
+    expect_bad_input(ebridge({"run", ""}), "CONFIG: is empty");
+    for (const char *option : {"--db", "--user", "--type"})
+        expect_bad_input(ebridge({"show", "sessions", "--store", "redis://127.0.0.1:1", option, ""}),
+                         std::string(option) + ": is empty");
+}
+
+TEST(EbridgeRun, AStoreOfOneProcessIsOneLine)
+{
+    expect_bad_input(ebridge({"run", "--store", "mem:x", EXAMPLES_DIR "/leaf.json"}),
+                     "mem:x lives within one process, no other can read it");
+}
+
+TEST(EbridgeRun, ASubcommandThatThereIsNotIsNamed)
+{
+    expect_bad_input(ebridge({"walk"}), "subcommand is required, and \"walk\" is none (see ebridge --help)");
+    expect_bad_input(ebridge({"show", "run"}), "subcommand is required, and \"run\" is none (see ebridge show --help)");
+    expect_bad_input(ebridge({"show"}), "subcommand is required (see ebridge show --help)");
+}
+
+TEST(EbridgeRun, NumbersOutOfRangeAreToldWithTheirRange)
+{
+    for (const char *count : {"0", "-1", "99999999999999999999"})
+        expect_bad_input(ebridge({"watch", "--store", "redis://127.0.0.1:1", "--count", count}),
+                         std::string("--count: Value ") + count + " not in range 1 to 1000000000000");
+    expect_bad_input(ebridge({"shell", "--pid", "0", "a", "b"}), "--pid: Value 0 not in range 1 to 2147483647");
+}
+
 // The number of a standard output that was closed must not become a file's or a socket's, which would get the result.
 TEST(EbridgeRun, AResultThatNobodyCanGetIsStatusOne)
 {
