@@ -18,8 +18,8 @@ namespace
 constexpr const char *SHELL_FOOTER =
     "A process that serves a debug shell (ebridged does) has a socket of its own in $EBRIDGE_SHELL_DIR, which unless\n"
     "set is /run/ebridge-shell (root), $XDG_RUNTIME_DIR/ebridge-shell or /tmp/ebridge-shell-UID, or in a folder below\n"
-    "it. The owner of a process and its group can ask it. Without MODULE, lines are read: with editing, history and completion on a terminal, and\n"
-    "from a file or a pipe as they are.\n"
+    "it. The owner of a process and its group can ask it. Without MODULE, lines are read: with editing, history and\n"
+    "completion on a terminal, and from a file or a pipe as they are.\n"
     "\n"
     "A command's help names its arguments: db_type=%d is a decimal number, evlan_id=0x%x a hexadecimal one. Those that\n"
     "are missing at the end are 0.\n"
@@ -32,7 +32,8 @@ constexpr const char *SHELL_FOOTER =
     "  echo 'libvlan_app dump_list' | ebridge shell      as a script\n"
     "\n"
     "Exit status: 0 done; 1 the command's result is not 0, or its output cannot be written; 2 there is no such module or\n"
-    "command, or an argument makes no sense; 3 nobody serves a debug shell, or the process does not answer.";
+    "command, an argument makes no sense, or standard input cannot be read; 3 nobody serves a debug shell, or the\n"
+    "process does not answer.";
 
 struct arguments {
     int pid = 0;
