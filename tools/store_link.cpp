@@ -54,11 +54,14 @@ bool store_link::wait_until(const std::function<bool()> &condition, int64_t pati
 int32_t store_link::patiently(const std::function<int32_t()> &call, int64_t patience)
 {
     constexpr int64_t PAUSE_USEC = 20'000;
-    const int64_t give_up = qz_thread_now(master_) + patience;
+    const int64_t give_up = qz_thread_now(master_) + (waited_in_vain_ ? 0 : patience);
     for (;;) {
         const int32_t code = call();
-        if ((code != QZ_MOM_EFULL && code != QZ_MOM_EDOWN) || qz_thread_now(master_) >= give_up)
+        const bool later = code == QZ_MOM_EFULL || code == QZ_MOM_EDOWN;
+        if (!later || qz_thread_now(master_) >= give_up) {
+            waited_in_vain_ = later;
             return code;
+        }
         wait_until([this, before = happenings_] { return happenings_ != before; }, std::min(PAUSE_USEC, patience));
     }
 }

@@ -27,7 +27,8 @@ class store_link
     // On the loop's thread: the condition that is waited for may hold now.
     void happened();
     // Makes a call of the store, or of the library, again as long as the store cannot take it. 0, or the code that it
-    // failed with.
+    // failed with. Patience ends once: after that calls are made once each until one is taken, or who has thousands to make
+    // would wait for each of them.
     int32_t patiently(const std::function<int32_t()> &call, int64_t patience_usec);
 
     qz_thread_master *master() const { return master_; }
@@ -40,6 +41,7 @@ class store_link
     uint64_t happenings_ = 0;  // so far
     int64_t quiet_since_ = 0;  // when something was heard last
     int64_t wake_time_ = 0;    // of the latest timer that ends a turn of the loop
+    bool waited_in_vain_ = false;
     const std::function<bool()> *condition_ = nullptr;
     qz_thread_master *master_ = nullptr;
     qz_mom_handle *handle_ = nullptr;
