@@ -99,4 +99,15 @@ std::string fault_line(std::string_view name, const config_fault &fault)
     return printable(name) + line + ": " + printable(fault.what);
 }
 
+// The last '@' ends a password, which may hold one.
+std::string printable_url(std::string_view url)
+{
+    constexpr std::string_view begin = "://";
+    const size_t user = url.find(begin);
+    const size_t end = url.rfind('@');
+    if (user == url.npos || end == url.npos || end < user || url.substr(user + begin.size()).starts_with('/'))
+        return printable(url);
+    return printable(std::string(url.substr(0, user + begin.size())) + "..." + std::string(url.substr(end)));
+}
+
 }  // namespace config_text

@@ -20,6 +20,9 @@ int read_file(const std::string &path, std::string *out);
 // Text of any origin, fit for one line of a message: control characters as \xNN, cut when it is long.
 std::string printable(std::string_view text);
 
+// The URL of a store, fit for one line as well, without user and password.
+std::string printable_url(std::string_view url);
+
 // "FILE:LINE: what", or "FILE: what" when the line is not known: one line, whatever the file is called and holds.
 std::string fault_line(std::string_view name, const config_fault &fault);
 

@@ -136,7 +136,8 @@ int serve(qz_thread_master *master, settings *given, const sigset_t *signals)
     reporter told(given);
     ebridged::standby turns(given->store, master, options, &told);
     if (const int32_t code = turns.start(); code != QZ_MOM_OK) {
-        std::fprintf(stderr, "ebridged: %s: %s\n", printable(given->store).c_str(), qz_mom_strerror(code));
+        std::fprintf(stderr, "ebridged: %s: %s\n", config_text::printable_url(given->store).c_str(),
+                     qz_mom_strerror(code));
         return code == QZ_MOM_EDB || code == QZ_MOM_EINVAL ? BAD_ARGUMENT : NO_STORE;
     }
     const ebridged::shell_commands shell(master, &turns);

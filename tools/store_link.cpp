@@ -33,7 +33,7 @@ int32_t store_link::open(const std::string &url, std::span<const uint32_t> datab
     if (code == 0 && !wait_until([&] { return connected_ == databases.size(); }, PATIENCE_USEC))
         code = QZ_MOM_EDOWN;
     if (code != 0)
-        *error = config_text::printable(url) + ": " + qz_mom_strerror(code);
+        *error = config_text::printable_url(url) + ": " + qz_mom_strerror(code);
     return code;
 }
 

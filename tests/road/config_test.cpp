@@ -7,6 +7,7 @@
 
 using namespace ebridge_tool;
 using config_text::printable;
+using config_text::printable_url;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -418,4 +419,13 @@ TEST(Config, PrintableTextKeepsWholeCharacters)
     EXPECT_EQ(printable(page + '\xae' + page + '\xa8'), "\\xe2\\x80\\xae\\xe2\\x80\\xa8");
     const char *const neighbours = "\xe2\x80\x90\xe2\x80\xa7\xe2\x80\xaf\xe2\x81\xa5";
     EXPECT_EQ(printable(neighbours), neighbours);
+}
+
+TEST(PrintableUrl, HasNoPassword)
+{
+    EXPECT_EQ(printable_url("redis://app:se@cr:et@host:x"), "redis://...@host:x");
+    EXPECT_EQ(printable_url("redis+unix://app:secret@/run/redis.sock"), "redis+unix://...@/run/redis.sock");
+    for (const char *url :
+         {"redis://host:1", "redis+unix:///run/a@b.sock", "file:///etc/a@b.json", "mem:x@y", "@://", ""})
+        EXPECT_EQ(printable_url(url), url);
 }
