@@ -137,34 +137,37 @@ bool session::start_users(std::string *error)
 }
 
 // An observer in a process of its own follows the attributes, too: with the store's client, as the library does not.
-bool session::follow(const run_options &options, std::string *error)
+std::vector<session::subscription> session::subscriptions()
 {
     const char *follower = users_.observer ? OBSERVER : requester();
     const auto db = static_cast<int32_t>(followed_db());
-    int subscribed = 0;
-    for (const twin_calls &twin : TWINS) {
-        if (const int32_t code = twin.subscribe(follower, db, on_subscribed, this); code != 0)
-            return fail(error, "the sessions cannot be subscribed", code);
-        ++subscribed;
-    }
-    if (users_.requester != cast::NOBODY && !rules_->empty()) {
-        if (const int32_t code = sw_ematch_subscribe(requester(), on_subscribed, this); code != 0)
-            return fail(error, "the match rules cannot be subscribed", code);
-        ++subscribed;
-    }
-    if (users_.requester != cast::NOBODY && !members_->empty()) {
-        if (const int32_t code = sw_vlan_pvid_subscribe(requester(), on_subscribed, this); code != 0)
-            return fail(error, "the default VLANs cannot be subscribed", code);
-        ++subscribed;
-    }
+    const bool requests = users_.requester != cast::NOBODY;
+    std::vector<subscription> wanted;
+    for (const twin_calls &twin : TWINS)
+        wanted.push_back({"the sessions cannot be subscribed",
+                          [=, this] { return twin.subscribe(follower, db, on_subscribed, this); }});
+    if (requests && !rules_->empty())
+        wanted.push_back({"the match rules cannot be subscribed",
+                          [this] { return sw_ematch_subscribe(requester(), on_subscribed, this); }});
+    if (requests && !members_->empty())
+        wanted.push_back({"the default VLANs cannot be subscribed",
+                          [this] { return sw_vlan_pvid_subscribe(requester(), on_subscribed, this); }});
     if (users_.observer && !is_both())
-        for (const ProtobufCMessage *pattern : ALL_ATTRIBUTES) {
-            const int32_t code = qz_mom_subscribe(link_.handle(), SW_EBRIDGE_UDP_DB, pattern, 0, on_attributes, this);
-            if (code != 0)
-                return fail(error, "the attributes cannot be subscribed", code);
-            ++subscribed;
-        }
-    if (wait_until([this, subscribed] { return confirmed_ == subscribed; }, options.patience_usec))
+        for (const ProtobufCMessage *pattern : ALL_ATTRIBUTES)
+            wanted.push_back({"the attributes cannot be subscribed", [=, this] {
+                                  return qz_mom_subscribe(link_.handle(), SW_EBRIDGE_UDP_DB, pattern, 0, on_attributes,
+                                                          this);
+                              }});
+    return wanted;
+}
+
+bool session::follow(const run_options &options, std::string *error)
+{
+    const std::vector<subscription> wanted = subscriptions();
+    for (const subscription &each : wanted)
+        if (const int32_t code = patiently(each.call, options.patience_usec); code != 0)
+            return fail(error, each.fault, code);
+    if (wait_until([&] { return confirmed_ == wanted.size(); }, options.patience_usec))
         return users_.requester == cast::NOBODY || members_->empty() || scan_pvids(error);
     *error = "the subscription was not confirmed";
     return false;

@@ -123,8 +123,14 @@ class session
     qz_thread_master *master() const { return link_.master(); }
 
   private:
+    struct subscription {
+        const char *fault;  // when it is refused
+        std::function<int32_t()> call;
+    };
+
     bool write_ranges(std::span<const range_setting> ranges, std::string *error);
     bool start_users(std::string *error);
+    std::vector<subscription> subscriptions();
     bool follow(const run_options &options, std::string *error);
     uint32_t followed_db() const { return users_.observer ? SW_EBRIDGE_UDP_DB : SW_EBRIDGE_APP_DB; }
     bool is_both() const { return users_.observer && users_.requester != cast::NOBODY; }
@@ -197,7 +203,7 @@ class session
     std::vector<std::string> strangers_;
     bool connected_ = false;
     bool written_ = false;     // all that was, up to a call that told so
-    int confirmed_ = 0;        // subscriptions
+    size_t confirmed_ = 0;     // subscriptions
     int ended_ = 0;            // scans, of those that are waited for
     int marks_ended_ = 0;      // marks of which nothing is left any more
     int32_t marks_error_ = 0;  // why one of them could not be set
