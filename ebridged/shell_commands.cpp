@@ -52,7 +52,7 @@ int32_t shell_commands::print_stat(int32_t, const int32_t *)
 {
     if (!asked)
         return -1;
-    print("state: %s\n", name_of(asked->now()));
+    print("state: %s%s\n", name_of(asked->now()), asked->store_is_away() ? ", and the store is away" : "");
     ebridged_stat stat{};
     if (asked->get_stat(&stat))
         print_counts(stat);

@@ -69,11 +69,13 @@ bool standby::get_stat(ebridged_stat *out) const
 int32_t standby::open()
 {
     connected_ = held_ = 0;
+    away_.clear();
     resolver_.reset();  // it follows on the old one
     handle_ = nullptr;
     int32_t code = qz_mom_client_open(url_.c_str(), master_, &handle_);
     for (size_t i = 0; code == QZ_MOM_OK && i < written_.size(); ++i)
-        code = qz_mom_client_connect(handle_, written_[i], on_connected, this);
+        if (code = qz_mom_client_connect(handle_, written_[i], on_connected, this); code == QZ_MOM_OK)
+            code = qz_mom_client_set_reconnect_cb(handle_, written_[i], on_reconnect, this);
     if (code != QZ_MOM_OK)
         return code;
     try {
@@ -97,6 +99,16 @@ int32_t standby::on_connected(qz_mom_handle *handle, void *args)
     auto *self = static_cast<standby *>(args);
     if (handle == self->handle_ && ++self->connected_ == self->written_.size() && self->service_ == nullptr)
         self->enter(state::standing_by);
+    return 0;
+}
+
+int32_t standby::on_reconnect(qz_mom_handle *handle, uint32_t db, int32_t type, void *args)
+{
+    auto *self = static_cast<standby *>(args);
+    if (handle == self->handle_ && type == QZ_MOM_RECONNECT_ERROR)
+        self->away_.insert(db);
+    else if (handle == self->handle_ && type == QZ_MOM_RECONNECT_DONE)
+        self->away_.erase(db);
     return 0;
 }
 
@@ -169,7 +181,7 @@ void standby::open_anew()
     qz_mom_client_close(lost);
     if (code == QZ_MOM_OK)
         return;
-    log_(EBRIDGED_LOG_DEBUG, "%s: %s", url_.c_str(), qz_mom_strerror(code));
+    log_(EBRIDGED_LOG_DEBUG, "the store: %s", qz_mom_strerror(code));
     const auto again = [](void *self) { static_cast<standby *>(self)->open_anew(); };
     if (qz_thread_call_after(master_, RETRY_USEC, again, this) != 0)
         log_(EBRIDGED_LOG_ERROR, "no timer: this process will not serve again");

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -43,11 +44,14 @@ class standby
     int32_t start();
 
     state now() const { return now_; }
+    // The connection to a database that it writes is lost, so that whatever it does has to wait.
+    bool store_is_away() const { return !away_.empty(); }
     // False unless it serves.
     bool get_stat(ebridged_stat *out) const;
 
   private:
     static int32_t on_connected(qz_mom_handle *handle, void *self);
+    static int32_t on_reconnect(qz_mom_handle *handle, uint32_t db, int32_t type, void *self);
     static int32_t on_lock(qz_mom_handle *handle, uint32_t db, int32_t held, void *self);
 
     int32_t open();
@@ -68,6 +72,7 @@ class standby
     std::vector<uint32_t> served_;
     std::vector<uint32_t> written_;  // databases, the mirror's included
     qz_mom_handle *handle_ = nullptr;
+    std::set<uint32_t> away_;  // databases
     size_t connected_ = 0;
     size_t held_ = 0;  // so many of the locks, from the front
     std::unique_ptr<service> service_;

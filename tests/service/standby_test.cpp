@@ -4,6 +4,8 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include "qz_mom_embedded.h"
+
 namespace
 {
 
@@ -53,4 +55,19 @@ TEST_F(Standby, WithoutMemoryForItsFirstLockItDoesNotStart)
     standby one("mem:standby", master, {}, &told);
     without_memory = 4;
     EXPECT_EQ(one.start(), QZ_MOM_ENOMEM);
+}
+
+TEST_F(Standby, ItKnowsWhetherTheStoreIsAway)
+{
+    standby one("mem:standby", master, {}, &told);
+    ASSERT_EQ(one.start(), 0);
+    qz_thread_advance(master, 1'000'000);
+    EXPECT_FALSE(one.store_is_away());
+    ASSERT_EQ(qz_mom_embedded_lose("standby"), 0);
+    qz_thread_advance(master, 1'000'000);
+    EXPECT_TRUE(one.store_is_away());
+    EXPECT_EQ(one.now(), standby::state::serving);
+    ASSERT_EQ(qz_mom_embedded_restore("standby"), 0);
+    qz_thread_advance(master, 1'000'000);
+    EXPECT_FALSE(one.store_is_away());
 }
