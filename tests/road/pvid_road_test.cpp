@@ -5,10 +5,6 @@
 #include <algorithm>
 #include <array>
 
-#ifdef __SANITIZE_ADDRESS__
-#include <sanitizer/lsan_interface.h>
-#endif
-
 #include "libddm.h"
 #include "rule_results.hpp"
 #include "world.hpp"
@@ -54,16 +50,6 @@ void have_ports(uint32_t first, uint32_t last)
     }
 }
 
-// The library keeps what belongs to a subscription until the store says that it is over, and has no call to end it: at the
-// end of the process it is there by intention.
-int32_t follow(int32_t (*subscribe)(const char *user), const char *user)
-{
-#ifdef __SANITIZE_ADDRESS__
-    const __lsan::ScopedDisabler kept;
-#endif
-    return subscribe(user);
-}
-
 // A record of the table, as somebody might write it.
 struct table_entry {
     UBridge__PortIndex index = U_BRIDGE__PORT_INDEX__INIT;
@@ -99,7 +85,7 @@ class Pvids : public world
             init(args);
         }
         const auto subscribe = [](const char *name) { return sw_vlan_pvid_subscribe(name, nullptr, nullptr); };
-        EXPECT_EQ(follow(subscribe, NAMES[0]), 0);
+        EXPECT_EQ(subscribe(NAMES[0]), 0);
         settle();
     }
     void serve(const std::vector<uint32_t> &databases = {APP_DB})
@@ -281,7 +267,7 @@ TEST_F(Pvids, AUserThatSaysSoEndsTheDeliveryToThoseAfterIt)
         args.pvid_change = std::array{note_told<0>, note_told<1>, note_told<2>}[static_cast<size_t>(n)];
         init(args);
     }
-    EXPECT_EQ(follow(sw_ebridge_data_subscribe, NAMES[0]), 0);
+    EXPECT_EQ(sw_ebridge_data_subscribe(NAMES[0]), 0);
     settle();
     serve();
     std::vector<int> order;
