@@ -366,8 +366,7 @@ TEST_F(DdmFile, EntriesThatAreNoPortAreRefusedWithTheirLineAndTable)
     EXPECT_EQ("FILE:2: PORT|a: speed \"\" is not a whole number", error_of_port(R"("a": {"lanes": "1", "speed": ""})"));
     EXPECT_EQ("FILE:2: PORT|: the name must be 1 to 64 characters, no blank and no bar",
               error_of_port(R"("": {"lanes": "1"})"));
-    EXPECT_EQ("FILE:2: PORT|a\\x00b: the name must be 1 to 64 characters, no blank and no bar",
-              error_of_port("\"a\\u0000b\": {\"lanes\": \"1\"}"));
+    EXPECT_EQ("FILE:2: PORT|a\\x00b: has a NUL character", error_of_port("\"a\\u0000b\": {\"lanes\": \"1\"}"));
 }
 
 TEST_F(DdmFile, TextThatIsNoConfigurationIsRefusedWithItsLine)
