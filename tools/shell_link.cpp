@@ -14,6 +14,7 @@
 #include <memory>
 #include <utility>
 
+#include "config_file.hpp"
 #include "ssat.h"
 
 namespace ebridge_tool
@@ -59,7 +60,8 @@ bool list_sockets(const std::string &directory, std::vector<shell_process> *out,
     std::error_code failure;
     std::filesystem::directory_iterator entry(directory, failure);
     if (failure)
-        return failure == std::errc::no_such_file_or_directory || fail(error, directory + ": " + failure.message());
+        return failure == std::errc::no_such_file_or_directory ||
+               fail(error, config_text::printable(directory) + ": " + failure.message());
     for (; entry != std::filesystem::directory_iterator(); entry.increment(failure)) {
         std::string ignored;
         if (entry->is_directory(failure) && !entry->is_symlink(failure))

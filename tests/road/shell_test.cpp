@@ -239,6 +239,8 @@ TEST_F(Shell, WhatIsNotThereIsOneLine)
                 "process 1 serves no debug shell, or is not yours to ask");
     setenv("EBRIDGE_SHELL_DIR", (directory() + "/none").c_str(), 1);
     expect_line(shell({"some module", "say"}), 3, "no process serves a debug shell, or none that is yours to ask");
+    setenv("EBRIDGE_SHELL_DIR", "/dev/null/two\nlines", 1);
+    expect_line(shell({"some module", "say"}), 3, "/dev/null/two\\x0alines: Not a directory");
 }
 
 TEST_F(Shell, ListsModulesWithCommandsAndTheirHelp)
