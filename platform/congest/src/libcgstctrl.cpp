@@ -132,8 +132,10 @@ void hear_mark(qz_mom_handle *handle, int32_t above, uint32_t, void *)
 
 void set_congested(registered_topic &which, bool above)
 {
-    if (which.congested != above)
-        which.owner->congested_topics += above ? 1 : -1;
+    if (above && !which.congested)
+        ++which.owner->congested_topics;
+    else if (!above && which.congested)
+        --which.owner->congested_topics;
     which.congested = above;
 }
 

@@ -9,7 +9,10 @@ namespace mom
 
 void backlog::count(bool more) noexcept
 {
-    depth += more ? 1 : -1;
+    if (more)
+        ++depth;
+    else
+        --depth;
     update_marks();
 }
 
