@@ -196,6 +196,11 @@ int32_t redis_line::put(redis_operation &&operation)
         queue_.back() = std::move(operation);
         return QZ_MOM_OK;
     }
+    return enqueue(std::move(operation));
+}
+
+int32_t redis_line::enqueue(redis_operation &&operation)
+{
     if (queue_.size() >= MAX_QUEUED)
         return QZ_MOM_EFULL;
     if (spare_.empty()) {
@@ -259,10 +264,7 @@ int32_t redis_line::connect(client &from, const connection &answer)
         if (const auto to = office_.attached(who))
             office_.post(*to, answer);
     };
-    if (queue_.size() >= MAX_QUEUED)
-        return QZ_MOM_EFULL;
-    ask(std::move(asked));  // also when the server is away: it is answered once that is back
-    return QZ_MOM_OK;
+    return enqueue(std::move(asked));  // also when the server is away: it is answered once that is back
 }
 
 void redis_line::want_lock(client &from, wanted_lock &&wanted)

@@ -99,6 +99,7 @@ class redis_line : private redis_tables::asker
     };
 
     int32_t put_ahead(redis_operation &&operation);
+    int32_t enqueue(redis_operation &&operation);
     void keep(std::list<call> &&answered, bool done) noexcept;
     void make_again(const std::string &epoch, uint64_t last_done) noexcept;
     void recycle(std::list<redis_operation> &parts) noexcept;
