@@ -99,6 +99,8 @@ std::string fault_line(std::string_view name, const config_fault &fault)
     return printable(name) + line + ": " + printable(fault.what);
 }
 
+std::string empty_fault(const std::string &argument) { return argument.empty() ? "is empty" : ""; }
+
 // The last '@' ends a password, which may hold one.
 std::string printable_url(std::string_view url)
 {

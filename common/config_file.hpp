@@ -23,6 +23,10 @@ std::string printable(std::string_view text);
 // The URL of a store, fit for one line as well, without user and password.
 std::string printable_url(std::string_view url);
 
+// What is wrong with an argument that is there and empty: most likely it is a variable of a script that was never set.
+// Nothing of others.
+std::string empty_fault(const std::string &argument);
+
 // "FILE:LINE: what", or "FILE: what" when the line is not known: one line, whatever the file is called and holds.
 std::string fault_line(std::string_view name, const config_fault &fault);
 

@@ -15,6 +15,7 @@
 #include "standby.hpp"
 
 using config_text::printable;
+using config_text::printable_url;
 
 namespace
 {
@@ -57,8 +58,7 @@ int read_arguments(int argc, char **argv, settings *out)
     CLI::App app{
         "ebridged - hands out ids of evlans and eports to the users of a message store, and decides their match rules"};
     app.footer(FOOTER);
-    // One that is there and empty is most likely a variable of a script that was never set.
-    const CLI::Validator is_told([](const std::string &text) { return text.empty() ? "is empty" : ""; }, "");
+    const CLI::Validator is_told(config_text::empty_fault, "");
     app.add_option("--store", out->store, "URL of the message store")->required()->type_name("URL")->check(is_told);
     app.add_option("--db", out->databases, "database to serve, may be repeated")
         ->type_name("N")
@@ -136,8 +136,7 @@ int serve(qz_thread_master *master, settings *given, const sigset_t *signals)
     reporter told(given);
     ebridged::standby turns(given->store, master, options, &told);
     if (const int32_t code = turns.start(); code != QZ_MOM_OK) {
-        std::fprintf(stderr, "ebridged: %s: %s\n", config_text::printable_url(given->store).c_str(),
-                     qz_mom_strerror(code));
+        std::fprintf(stderr, "ebridged: %s: %s\n", printable_url(given->store).c_str(), qz_mom_strerror(code));
         return code == QZ_MOM_EDB || code == QZ_MOM_EINVAL ? BAD_ARGUMENT : NO_STORE;
     }
     const ebridged::shell_commands shell(master, &turns);

@@ -45,10 +45,9 @@ int print_help(const CLI::App &app, const CLI::CallForHelp &help)
     return std::cout.flush() ? status : complain("the help cannot be written", SOMETHING_DIFFERS);
 }
 
-// An argument that is there and empty is most likely a variable of a script that was never set.
 void refuse_empty(CLI::App *app)
 {
-    const CLI::Validator is_told([](const std::string &text) { return text.empty() ? "is empty" : ""; }, "");
+    const CLI::Validator is_told(config_text::empty_fault, "");
     for (CLI::Option *option : app->get_options(std::function<bool(CLI::Option *)>()))
         option->check(is_told);
     for (CLI::App *below : app->get_subcommands(std::function<bool(CLI::App *)>()))
