@@ -77,14 +77,16 @@ TEST_F(RedisLoss, WhatIsBeingWrittenAgainIsNotLostWithTheNextLoss)
 {
     wait_for_answers();
     const auto kept = size_kept();
-    const std::string hangs =
-        changed_function("function verbs.write()\n", "function verbs.write()\nwhile true do end\n");
+    const auto hangs =
+        [code = changed_function("function verbs.write()\n", "function verbs.write()\nwhile true do end\n")] {
+            change_behind_the_back({{"FUNCTION", "LOAD", "REPLACE", code}});
+        };
     for (int32_t i = 1; i <= 3; ++i)
         exchange(writer, numbered(i, i));
-    lose_what_is_behind(kept, [&] { change_behind_the_back({{"FUNCTION", "LOAD", "REPLACE", hangs}}); });
+    lose_what_is_behind(kept, hangs);
     lose_what_is_behind(kept);
     EXPECT_EQ(4u, store_after(numbered(4)).size());
-    lose_what_is_behind(kept, [&] { change_behind_the_back({{"FUNCTION", "LOAD", "REPLACE", hangs}}); });
+    lose_what_is_behind(kept, hangs);
     store_server().kill();
     store_server().forget();
     events.clear();

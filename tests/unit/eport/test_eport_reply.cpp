@@ -939,7 +939,6 @@ TEST_F(EportRemoval, OfABareRequestIsHeardToo)
     EXPECT_EQ(app_item(ac, 7, 8), nullptr);
 }
 
-// An evlan that was requested again keeps its items.
 // The key alone names an item, so whose session goes makes no difference.
 TEST_F(EportRemoval, OfAnotherUsersSessionOfTheKeyEmptiesTheMapToo)
 {
@@ -951,6 +950,7 @@ TEST_F(EportRemoval, OfAnotherUsersSessionOfTheKeyEmptiesTheMapToo)
     EXPECT_NE(held("holder", 0x30000005), nullptr);
 }
 
+// An evlan that was requested again keeps its items.
 TEST_F(EportRemoval, WhileRequestedAgainRemovesBothItemsAllTheSame)
 {
     add_user({.name = "app"});
