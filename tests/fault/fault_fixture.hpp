@@ -256,12 +256,15 @@ struct followed : FaultTest {
     void TestBody() override {}
     using FaultTest::events;
     using FaultTest::expect_view_equals_store;
+    using FaultTest::expire;
+    using FaultTest::pass_time;
     using FaultTest::run_until;
     using FaultTest::run_until_events;
     using FaultTest::settle;
     using FaultTest::told;
     using FaultTest::view;
     using FaultTest::write;
+    using FaultTest::writer;
 };
 
 }  // namespace contract

@@ -316,5 +316,43 @@ TEST(RedisHistory, AServerThatTookOverAnothersHistoryIsComparedAnew)
     here.expect_view_equals_store();
 }
 
+// The server's process has lived through it with what it kept of the time before: that there are no marks.
+TEST(RedisHistory, AServerThatIsMasterOnceMoreKnowsTheMarksThatWereSetMeanwhile)
+{
+    support::redis_group group;
+    support::redis_server &first = group.master();
+    support::redis_server &second = group.replica();
+    group.sentinel(0).kill();  // the roles are changed by hand
+    const auto is_in_step = [](support::redis_server &server) {
+        return server.commands(app_db, "INFO replication").find("master_link_status:up") != std::string::npos;
+    };
+    followed here(first.url());
+    here.write(numbered(1));
+    here.write(numbered(2));
+    here.settle();
+
+    group.bring_in_step();
+    second.commands(app_db, "REPLICAOF NO ONE");
+    first.commands(app_db, "REPLICAOF 127.0.0.1 " + std::to_string(group.replica_port()));
+    here.run_until([&] { return here.events.size() == 1 && is_in_step(first); });
+    listener ended;
+    {
+        followed there(second.url());
+        EXPECT_EQ(0, there.expire(there.writer, any_session(), QZ_MOM_EXPIRE_PATTERN, {3, 0}, ended));
+        there.settle();
+    }
+    second.commands(app_db, "SET asked now\nWAIT 1 1000");
+    first.commands(app_db, "REPLICAOF NO ONE");
+    here.run_until_events(LOST_AND_BACK);
+    here.write(numbered(1, 2));
+    here.run_until([&] { return here.told.count(QZ_MOM_CMD_EXPIRED) > 0; });
+    here.settle();
+    here.pass_time(500);
+    EXPECT_EQ(1u, here.told.count(QZ_MOM_CMD_EXPIRED));
+    ASSERT_EQ(1u, here.view().size());
+    EXPECT_EQ(2, here.view().begin()->second.request_value);
+    here.expect_view_equals_store();
+}
+
 }  // namespace
 }  // namespace contract
