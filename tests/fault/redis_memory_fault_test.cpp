@@ -42,6 +42,28 @@ TEST_F(RedisMemory, AScanEndsWithAllThatIsThere)
     }
 }
 
+// Wherever memory ends while a table is read that comes in one piece.
+TEST_F(RedisMemory, NoRecordOfASmallTableIsPassedOver)
+{
+    constexpr int32_t COUNT = 10;
+    for (int32_t i = 1; i <= COUNT; ++i)
+        write(numbered(i));
+    settle();
+    close(reader);
+    close(writer);
+    for (int64_t allowed = 0; allowed < 240 && !HasFailure(); allowed += 3) {
+        qz_mom_handle *stranger = open(other_url_of_the_same(url_));
+        pass_time(20);
+        listener found;
+        const session_record any(any_session());
+        ASSERT_EQ(0, qz_mom_scan(stranger, app_db, any.message(), 0, listener::hear, &found));
+        run_with(allowed, 5);
+        run_until([&] { return found.ends(QZ_MOM_END_SCAN) == 1; });
+        EXPECT_EQ(static_cast<size_t>(COUNT), found.changes().size()) << allowed;
+        close(stranger);
+    }
+}
+
 // How often each key was told of, counted without memory.
 struct counting {
     std::array<uint32_t, 1024> of{};

@@ -338,9 +338,9 @@ redis_tables::record_page::record_page(table_step &read, bool last, const Protob
     : name(read.name),
       load(read.load),
       is_last(last),
-      records(read.take_records()),
       numbers(data_numbers(type)),
-      names(std::make_shared<std::string>(names_of(type, numbers)))
+      names(std::make_shared<std::string>(names_of(type, numbers))),
+      records(read.take_records())
 {
 }
 

@@ -115,11 +115,12 @@ class redis_tables
         const std::string name;
         const uint64_t load;
         const bool is_last;
-        const std::vector<table_step::shown> records;
-        size_t next_record = 0;
         // What may have been written of a record meanwhile: any field. One that is at its default again does not show.
         const std::vector<uint32_t> numbers;
         const std::shared_ptr<const std::string> names;
+        // Taken last: without memory for all else the step still has them.
+        const std::vector<table_step::shown> records;
+        size_t next_record = 0;
         size_t next_slot = 0;  // of the replica, when what is gone is looked for
     };
 
