@@ -64,6 +64,23 @@ TEST_F(RedisMemory, NoRecordOfASmallTableIsPassedOver)
     }
 }
 
+// Neither taken and never told of, nor told of only when something else happens.
+TEST_F(RedisMemory, ALockThatNobodyHoldsIsToldOf)
+{
+    close(reader);
+    close(writer);
+    for (int64_t allowed = 0; allowed < 40 && !HasFailure(); ++allowed) {
+        qz_mom_handle *stranger = open(other_url_of_the_same(url_));
+        settle();
+        lock_ear ear;
+        EXPECT_EQ(0, qz_mom_lock(stranger, app_db, "x", lock_ear::hear, &ear));
+        run_with(allowed, 8);
+        run_until([&] { return !ear.all.empty(); });
+        EXPECT_EQ(std::vector<int32_t>{1}, ear.all) << allowed;
+        close(stranger);
+    }
+}
+
 // How often each key was told of, counted without memory.
 struct counting {
     std::array<uint32_t, 1024> of{};

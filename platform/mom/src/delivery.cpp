@@ -354,6 +354,14 @@ void post_office::wake(const client &who) noexcept
         serving->wake();
 }
 
+void post_office::wake_waiting() noexcept
+{
+    for (const auto &who : clients_) {
+        if (turn(*who) != nullptr || who->box.above != who->box.told_above || who->marks_crossed)
+            wake(*who);
+    }
+}
+
 void post_office::look_at(client &who) noexcept
 {
     who.box.update_marks();

@@ -143,6 +143,8 @@ class post_office : public std::enable_shared_from_this<post_office>
 
     // Has the pump of the handle's master come by, also when there is nothing to deliver.
     void wake(const client &who) noexcept;
+    // The same for all for whom something waits: a master may have had no memory to be told of it.
+    void wake_waiting() noexcept;
     // Null: nobody. Whoever it is stays until it is replaced.
     void set_between_calls(between_calls *done) noexcept { between_calls_ = done; }
 

@@ -407,18 +407,19 @@ void redis_line::take_tokens(const std::vector<std::weak_ptr<client>> &asked, co
     std::string_view tokens = fired.more;
     for (const auto &who : asked) {
         tokens.remove_prefix(std::min(tokens.find(' '), tokens.size() - 1) + 1);
-        const std::string token(tokens.substr(0, tokens.find(' ')));
+        std::string token(tokens.substr(0, tokens.find(' ')));
         const auto to = office_.attached(who);
         if (token.empty() || to == nullptr || token == "=")
             continue;
         wanted_lock &wanted = to->locks.at(db_);
         if (wanted.announced)
             tell_lock(*to, {});
-        wanted.given = token == "-" ? std::string() : token;
-        // All that was written before the lock was given is told first.
-        if (!wanted.given.empty())
+        // All that was written before the lock was given is told first. Without memory to tell of it, it is not taken for
+        // given: it runs out then, and is asked for anew.
+        if (token != "-")
             held_.push_back(
                 {fired.position, [this, who, token](const redis_outcome &) { tell_given(who, token); }, {}});
+        wanted.given = token == "-" ? std::string() : std::move(token);
     }
 }
 

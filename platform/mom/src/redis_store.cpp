@@ -516,6 +516,7 @@ bool redis_store::turn()
         advance(each, now);
         each.line.flush();
     });
+    office_->wake_waiting();
     if (office_->clients().empty() && is_settled())
         drained_.notify_all();
     look_up_names(lock);
