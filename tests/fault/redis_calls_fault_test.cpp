@@ -408,6 +408,18 @@ TEST_F(RedisCalls, WhoReadsIsRefusedByAServerThatHasForgottenIt)
     EXPECT_TRUE(newest_is_whole());
 }
 
+// What it has found so far is gone, and the place that it has come to lies elsewhere in what was written since.
+TEST_F(RedisCalls, WhoReadsIsRefusedByAServerThatWasEmptied)
+{
+    call_with_writes("one", 1, 1, {"h", KEY, "8", request(1)});
+    EXPECT_EQ("", reads("two", "begin"));
+    EXPECT_EQ("", reads("two", "go on"));
+    store_server().commands(app_db, "FLUSHALL");
+    EXPECT_EQ("lapsed", reads("two", "go on"));
+    EXPECT_EQ("", reads("two", "begin"));
+    EXPECT_EQ("", reads("two", "go on"));
+}
+
 // Else writes would be told whole for ever because of one who will never go on. Half a minute is a second here.
 TEST_F(RedisCalls, WhoReadsAndIsNotHeardOfForHalfAMinuteLapses)
 {

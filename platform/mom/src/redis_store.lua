@@ -424,11 +424,15 @@ local function now()
     return tonumber(time[1]) * 1000000 + tonumber(time[2])
 end
 
--- Another log begins: whoever followed the old one compares anew.
+-- Another log begins: whoever followed the old one compares anew. The data may have been lost, and the place to which
+-- somebody has read a table means nothing then: who goes on from there lapses.
 local function new_epoch()
     local epoch = client .. '-' .. string.format('%.0f', now())
     call('SET', 'mom:epoch', epoch)
     call('DEL', 'mom:lives')
+    if state then
+        state.loaders, state.is_read = {}, false
+    end
     return epoch
 end
 
