@@ -118,11 +118,14 @@ TEST_F(RedisTransport, AFollowerThatDoesNotReadHearsAllOfItInTheEnd)
     qz_thread_master_free(idle);
 }
 
+// Whether so many clients hear the log of the database.
+bool listeners(const char *count)
+{
+    return contains(store_server().commands(app_db, "PUBSUB NUMSUB mom:log:4"), count);
+}
+
 TEST_F(RedisTransport, WhoFollowsNothingAnyMoreIsNotPushedTo)
 {
-    const auto listeners = [](const char *count) {
-        return contains(store_server().commands(app_db, "PUBSUB NUMSUB mom:log:4"), count);
-    };
     qz_thread_master *master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
     qz_mom_handle *handle = nullptr;
     listener hears;
@@ -144,6 +147,45 @@ TEST_F(RedisTransport, WhoFollowsNothingAnyMoreIsNotPushedTo)
         exchange(writer, numbered(1));
     }
     qz_mom_client_close(handle);
+    qz_thread_master_free(master);
+}
+
+// Another handle of the same store stays open, and nobody lets go of anything later.
+TEST_F(RedisTransport, NothingIsPushedForAHandleThatWasClosedInTheMiddle)
+{
+    fill_store(10'000);
+    settle();
+    const std::string url = other_url_of_the_same(url_);
+    qz_thread_master *master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
+    const auto run_own_until = [&](const std::function<bool()> &done) {
+        run_until([&] {
+            qz_thread_run_pending(master, 0);
+            return done();
+        });
+    };
+    qz_mom_handle *leaving = nullptr, *staying = nullptr;
+    ASSERT_EQ(0, qz_mom_client_open(url.c_str(), master, &staying));
+
+    listener found;
+    const session_record any(any_session());
+    found.also = [&](qz_mom_handle *by, const qz_mom_notification &) {
+        if (found.all.size() == 200)
+            qz_mom_client_close(by);
+    };
+    ASSERT_EQ(0, qz_mom_client_open(url.c_str(), master, &leaving));
+    ASSERT_EQ(0, qz_mom_scan(leaving, app_db, any.message(), 0, listener::hear, &found));
+    run_own_until([&] { return found.all.size() >= 200; });
+    run_own_until([] { return listeners(":1"); });
+
+    listener ended;
+    ASSERT_EQ(0, qz_mom_client_open(url.c_str(), master, &leaving));
+    EXPECT_EQ(0, expire(leaving, any_session(), QZ_MOM_EXPIRE_PATTERN, {1000, 0}, ended));
+    run_own_until([] { return listeners(":2"); });
+    qz_mom_client_close(leaving);
+    run_own_until([] { return listeners(":1"); });
+    EXPECT_EQ(200u, found.all.size());
+    EXPECT_TRUE(ended.all.empty());
+    qz_mom_client_close(staying);
     qz_thread_master_free(master);
 }
 

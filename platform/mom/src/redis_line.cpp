@@ -290,6 +290,12 @@ int32_t redis_line::unfollow(client &from, const target &of, const receiver &to)
     return put(std::move(asked));
 }
 
+void redis_line::drop_unused() noexcept
+{
+    tables_.drop_unused();
+    std::erase_if(marks_, [this](const auto &each) { return office_.attached(each.second.owner) == nullptr; });
+}
+
 bool redis_line::settled() const
 {
     const auto changes = [](const call &each) { return each.number != 0; };
@@ -585,7 +591,7 @@ std::list<redis_line::call> redis_line::next_call(steady::time_point now)
     mark_step *const mark = first.mark.get();
     if (mark != nullptr)
         mark->id = client_name_ + ':' + std::to_string(last_call_ + 1);
-    if (mark != nullptr && mark->to.cb != nullptr)
+    if (mark != nullptr && mark->to.cb != nullptr && office_.attached(mark->owner) != nullptr)
         marks_.emplace(mark->id, waiting_mark{mark->owner, mark->end, mark->to});
 
     next.sent = now;

@@ -60,8 +60,8 @@ class redis_line : private redis_tables::asker
     bool may_send() const;
     // Another full call waits; true once for each.
     bool has_full_call() const;
-    // Lets go of the tables that a handle which was closed was the last to follow.
-    void drop_unused() noexcept { tables_.drop_unused(); }
+    // Lets go of the tables that a handle which was closed was the last to follow, and of its expiry calls.
+    void drop_unused() noexcept;
     // Nothing that was taken over is still to be done, as far as it can be done at all.
     bool settled() const;
 

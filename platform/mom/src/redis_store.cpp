@@ -148,6 +148,7 @@ void redis_store::close(client &from) noexcept
         subscriptions_.remove_all(from);
         let_go(from);
         office_->detach(from);
+        from.box.queue.clear();  // a scan that waits there would keep its table
         for (const auto &[db, each] : served_)
             each->line.drop_unused();
         choose_reader();
