@@ -218,6 +218,21 @@ TEST_F(RedisTransport, AUserWithoutTheChannelIsRefusedBeforeAnythingIsWritten)
     close(handle);
 }
 
+// Else whoever has no password would have all rights of the user whom nobody names.
+TEST_F(RedisTransport, AUserWithoutAPasswordHasHisOwnRights)
+{
+    store_server().commands(app_db, "ACL SETUSER app on nopass ~elsewhere +@all");
+    std::string url = as_user(url_);
+    url.erase(url.find("secret"), 6);
+    qz_mom_handle *handle = open(url);
+    EXPECT_EQ(0, hmset(handle, numbered(7), REQUEST));
+    const qz_mom_timeval later{1000, 0};
+    EXPECT_EQ(QZ_MOM_EDOWN, qz_mom_pexpire_sync(handle, app_db, session_record(numbered(7)).message(),
+                                                QZ_MOM_EXPIRE_EVLAN_SESSION, &later));
+    EXPECT_TRUE(contains(store_server().commands(app_db, "EXISTS u_bridge.evlan_session:app:32:7"), ":0"));
+    close(handle);
+}
+
 // ---- what the server keeps ------------------------------------------------------------------------------------------
 
 TEST_F(RedisTransport, MarksAreMetAlsoWhenItIsForgottenThatThereAreAny)

@@ -259,7 +259,7 @@ void redis_link::send(const redis_words &words)
 void redis_link::send_hello(const redis_address &to)
 {
     redis_words words{"HELLO", "3"};
-    if (!to.password.empty())
+    if (!to.user.empty() || !to.password.empty())
         words.append({"AUTH", to.user.empty() ? "default" : to.user, to.password});
     send(words);
 }
