@@ -242,6 +242,21 @@ TEST(StoreUrl, OfOneServerHoldsSixteenDatabases)
     EXPECT_EQ("p@", map->at(0)->server.password);
 }
 
+TEST(StoreUrl, OfASocketMayHoldAnAtSignInItsPath)
+{
+    for (const std::string path : {"/run/a@b/redis.sock", "/run/a@/redis.sock", "/run/a:b@c"}) {
+        const auto plain = redis_instance::parse("redis+unix://" + path);
+        ASSERT_TRUE(plain) << path;
+        EXPECT_EQ(path, plain->server.path);
+        EXPECT_EQ("", plain->server.user);
+    }
+    const auto by_user = redis_instance::parse("redis+unix://u:p@w@/run/a@b");
+    ASSERT_TRUE(by_user);
+    EXPECT_EQ("u", by_user->server.user);
+    EXPECT_EQ("p@w", by_user->server.password);
+    EXPECT_EQ("/run/a@b", by_user->server.path);
+}
+
 TEST(StoreUrl, OfAGroupNamesItsSentinelsAndTheGroup)
 {
     const auto group = redis_instance::parse("redis+sentinel://u:p/w@a,b:7,[::1]:8/board");
@@ -279,6 +294,8 @@ TEST(StoreUrl, OfNoSenseIsRefused)
                             "redis://",
                             "redis://a:",
                             "redis+unix://x",
+                            "redis+unix://u@/x",
+                            "redis+unix://u:p@x",
                             "file:/x",
                             ""}) {
         std::string fault;

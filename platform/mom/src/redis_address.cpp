@@ -38,10 +38,11 @@ bool take(std::string_view &text, std::string_view prefix)
     return true;
 }
 
-// "user:password@"; the last '@' ends it, so that a password may hold one.
-bool take_user(std::string_view &text, redis_address &out)
+// "user:password@"; the last '@' ends it, so that a password may hold one. `end`: with what stands behind it, where a place
+// may hold one, too.
+bool take_user(std::string_view &text, redis_address &out, std::string_view end = "@")
 {
-    const size_t at = text.rfind('@');
+    const size_t at = text.rfind(end);
     if (at == std::string_view::npos)
         return true;
     const std::string_view who = text.substr(0, at);
@@ -108,7 +109,8 @@ std::optional<redis_instance> redis_instance::parse(std::string_view url)
     redis_instance made;
     bool well = false;
     if (take(url, "redis+unix://")) {
-        well = take_user(url, made.server) && url.starts_with('/');
+        well = url.starts_with('/') || take_user(url, made.server, "@/");
+        well = well && url.starts_with('/');
         made.server.path = url;
     } else if (take(url, "redis+sentinel://")) {
         well = take_user(url, made.server) && take_group(url, made);
