@@ -81,6 +81,36 @@ TEST_F(RedisMemory, ALockThatNobodyHoldsIsToldOf)
     }
 }
 
+struct count_of_command {
+    int32_t cmd;
+    uint32_t count = 0;
+
+    static int32_t hear(qz_mom_handle *, const qz_mom_notification *msg, void *self)
+    {
+        auto &its = *static_cast<count_of_command *>(self);
+        its.count += msg->cmd == its.cmd ? 1 : 0;
+        return 0;
+    }
+};
+
+TEST_F(RedisMemory, TheEndOfASubscriptionIsConfirmedOnce)
+{
+    close(reader);
+    const session_record any(any_session());
+    for (int64_t allowed = 0; allowed < 60 && !HasFailure(); ++allowed) {
+        count_of_command gone{QZ_MOM_CMD_UNSUBSCRIBED};
+        ASSERT_EQ(0, qz_mom_subscribe(writer, app_db, any.message(), 0, count_of_command::hear, &gone));
+        settle();
+        run_until([&] {
+            return qz_mom_unsubscribe(writer, app_db, any.message(), count_of_command::hear, &gone) == QZ_MOM_OK;
+        });
+        run_with(allowed, 5);
+        run_until([&] { return gone.count > 0; });
+        settle();
+        EXPECT_EQ(1u, gone.count) << allowed;
+    }
+}
+
 // How often each key was told of, counted without memory.
 struct counting {
     std::array<uint32_t, 1024> of{};

@@ -243,14 +243,14 @@ void redis_tables::scan_ended(const replica_scan &scan, const std::string &name)
 }
 
 // A table that nobody follows and no scan reads is not kept.
-bool redis_tables::is_used(const std::string &name, table &in)
+bool redis_tables::is_used(std::string_view name, table &in) noexcept
 {
     std::erase_if(in.running, [](const auto &each) { return each.expired(); });
     std::erase_if(in.scans, [this](const auto &each) { return office_.attached(each.from) == nullptr; });
     return in.awaited != 0 || !in.scans.empty() || !in.running.empty() || subscriptions_.any(db_, name);
 }
 
-void redis_tables::drop_unused(const std::string &name)
+void redis_tables::drop_unused(std::string_view name) noexcept
 {
     if (const auto at = tables_.find(name); at != tables_.end() && !is_used(name, at->second))
         tables_.erase(at);

@@ -55,7 +55,7 @@ class redis_tables
     int32_t follow(std::vector<subscription> &&added);
     int32_t scan(client &from, const target &of, const receiver &to);
     // Lets go of a table that nobody uses any more; of all such.
-    void drop_unused(const std::string &name);
+    void drop_unused(std::string_view name) noexcept;
     void drop_unused() noexcept;
     // Somebody follows or scans one, and was answered.
     bool any() const;
@@ -129,7 +129,7 @@ class redis_tables
     void activate(std::vector<subscription> added);
     void start_scan(table &in, const waiting_scan &scan);
     void scan_ended(const replica_scan &scan, const std::string &name);
-    bool is_used(const std::string &name, table &in);
+    bool is_used(std::string_view name, table &in) noexcept;
 
     static std::shared_ptr<const content> take_content(const told_row &row, size_t fields, log_entry &entry);
     bool has_room(const deliveries &out) const;
