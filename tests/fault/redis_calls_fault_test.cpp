@@ -526,6 +526,22 @@ TEST_F(RedisCalls, ANoteThatIsRemovedIsMadeUpForByTheLog)
     expect_all_told();
 }
 
+// Else each call would begin another log, and each follower compare all that he knows anew, for ever.
+TEST_F(RedisCalls, ALogThatIsLedToTheEndOfAllNumbersBeginsAnewOnce)
+{
+    int number = 0;
+    for (const char *end : {"9007199254740992", "9007199254740993", "18446744073709551614"}) {
+        store_server().commands(app_db, std::string("XADD mom:log ") + end + "-0 s1 x");
+        call({"fire", std::to_string(app_db), "one", "0", "0"});  // looks at the log
+        for (int i = 0; i < 5; ++i, ++number)
+            EXPECT_EQ("", call_with_writes("one", number + 1, number + 1, {"h", KEY, "8", request(number)}));
+        EXPECT_TRUE(contains(store_server().commands(app_db, "XLEN mom:log"), ":5")) << end;
+    }
+    write_on(20);
+    run_until_last_told();
+    expect_view_equals_store();
+}
+
 // As nobody knows what was in it, what is there is told again; what comes behind it is told once.
 class RedisLogRemoved : public RedisCalls, public testing::WithParamInterface<int32_t>
 {

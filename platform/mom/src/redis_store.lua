@@ -61,6 +61,7 @@ local CLIENTS_A_STEP = 200
 local LOADER_SECONDS = 30
 local SCAN_PAGE = 1000
 local PIECE_PAGES, PIECE_RECORDS = 10, 2000 -- at most, of what is walked over and of what is found; some ms
+local LAST_POSITION = 2 ^ 52 -- this language counts no further than twice of it
 local UNFINISHED = 2 ^ 40 -- marks that an expiry call seems to have beside its own until all of them are set
 
 local call, pcall, unpack, tonumber -- as elsewhere; they are not there yet while this is loaded
@@ -682,11 +683,12 @@ local function note_state()
     each_batch(fields, function(batch) pcall('HSET', 'mom:state', unpack(batch)) end)
 end
 
--- Where somebody has broken the log a new one is begun, behind a gap, so that all are heard of.
+-- Where somebody has broken the log a new one is begun, behind a gap, so that all are heard of. One that was led to where
+-- numbers have no successor begins at 1.
 local function begin_log_anew()
     call('DEL', 'mom:log')
     new_epoch()
-    go_to(state.position + 1)
+    go_to(state.position < LAST_POSITION and state.position + 1 or 1)
     state.is_new = true
     note_state() -- what the entries said is gone
 end
