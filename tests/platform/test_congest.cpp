@@ -23,12 +23,14 @@ struct watcher {
 };
 std::map<qz_mom_handle *, watcher> watchers;
 int32_t watch_result = 0;
+uint32_t depth = 0;
 
 // Plays a mark of the handle's queue.
 void mark(qz_mom_handle &handle, int32_t above)
 {
     const watcher &heard = watchers.at(&handle);
-    heard.cb(&handle, above, above ? 100 : 10, heard.args);
+    depth = above ? 100 : 10;
+    heard.cb(&handle, above, depth, heard.args);
 }
 
 struct watched_writes {
@@ -125,6 +127,8 @@ int32_t qz_mom_set_queue_cb(qz_mom_handle *handle, qz_mom_queue_cb cb, void *arg
         watchers[handle] = {cb, args};
     return watch_result;
 }
+
+uint32_t qz_mom_queue_depth(qz_mom_handle *) { return depth; }
 
 int32_t qz_mom_watch_writes(qz_mom_handle *handle, uint32_t db, const ProtobufCMessageDescriptor *type, uint32_t low,
                             uint32_t high, qz_mom_queue_cb cb, void *args)
@@ -440,6 +444,27 @@ TEST(Congest, RegisteringAgainTellsNothingTwice)
     EXPECT_EQ(2U, notices.size());
     EXPECT_EQ(1U, state.highs);
     EXPECT_EQ(1U, state.lows);
+}
+
+TEST(Congest, HandleThatWasClosedWhileCongestedBeginsAnew)
+{
+    qz_mom_handle handle{};
+    libcgstctrl_state first{}, second{};
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", &first));
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 5, "n", &second));
+    mark(handle, 1);
+    depth = 0;  // that of another one, which has got its address
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", &first));
+    for (const auto *state : {&first, &second}) {
+        EXPECT_EQ(0U, state->congested);
+        EXPECT_EQ(1U, state->lows);
+    }
+    mark(handle, 1);
+    mark(handle, 0);
+    for (const auto *state : {&first, &second}) {
+        EXPECT_EQ(2U, state->highs);
+        EXPECT_EQ(2U, state->lows);
+    }
 }
 
 TEST(Congest, TopicOfAHandleThatWasClosedWhileCongestedBeginsAnew)

@@ -2,6 +2,7 @@
 // store client itself promises of watched writes and of notices that go ahead, as far as it takes no server.
 #include <gtest/gtest.h>
 
+#include <list>
 #include <memory>
 
 #include "libcgstctrl.h"
@@ -133,4 +134,49 @@ TEST(CongestWithStore, NoticeIsARecordLikeOthers)
     EXPECT_EQ(QZ_MOM_EINVAL, qz_mom_set_ahead(nullptr, db, &any.base));
     EXPECT_EQ(QZ_MOM_EINVAL, qz_mom_set_ahead(handle.get(), db, nullptr));
     EXPECT_EQ(QZ_MOM_EDB, qz_mom_set_ahead(handle.get(), 1000, &any.base));
+}
+
+namespace
+{
+
+// Names its producer again when so many notifications have been heard.
+struct registering {
+    int at;
+    int heard = 0;
+    libcgstctrl_state state{};
+};
+
+int32_t register_again(qz_mom_handle *handle, const qz_mom_notification *, void *args)
+{
+    auto *self = static_cast<registering *>(args);
+    if (++self->heard == self->at) {
+        EXPECT_EQ(0, libcgstctrl_gen_init(handle, db, "libvlan_again", &self->state));
+    }
+    return 0;
+}
+
+}  // namespace
+
+// Also where the queue has just fallen to the low mark and nobody has been told yet.
+TEST(CongestWithStore, NamingAProducerAgainAtAnyMomentLosesNoMark)
+{
+    static std::list<registering> all;  // state blocks live as long as the process
+    for (int at = 1; at <= 11; ++at) {
+        const master_ptr master(qz_thread_master_create(QZ_THREAD_CLOCK_DRIVEN));
+        const handle_ptr handle = open(master);
+        registering &seen = all.emplace_back(registering{.at = at});
+        ASSERT_EQ(0, qz_mom_set_queue_limits(handle.get(), 2, 5, 100));
+        ASSERT_EQ(0, libcgstctrl_gen_init(handle.get(), db, "libvlan_again", &seen.state));
+        UBridge__EvlanAppIndex any = U_BRIDGE__EVLAN_APP_INDEX__INIT;
+        UBridge__EvlanSession everything = U_BRIDGE__EVLAN_SESSION__INIT;
+        everything.index = &any;
+        ASSERT_EQ(0, qz_mom_subscribe(handle.get(), db, &everything.base, 0, register_again, &seen));
+        qz_thread_run_pending(master.get(), 0);
+        for (int32_t number = 1; number <= 10; ++number)
+            write_record(handle, number);
+        qz_thread_run_pending(master.get(), 0);
+        EXPECT_EQ(0U, seen.state.congested) << at;
+        EXPECT_EQ(1U, seen.state.highs) << at;
+        EXPECT_EQ(1U, seen.state.lows) << at;
+    }
 }

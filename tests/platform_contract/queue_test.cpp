@@ -84,6 +84,27 @@ TEST_F(Queues, MarksAreHeardInTurnsBeginningWithTheHighOne)
     EXPECT_EQ(2u, told.size());
 }
 
+// It says so once for each notification, also for that with which the queue falls to the low mark.
+TEST_F(Queues, WhoListensAgainHearsTheMarksInTurns)
+{
+    if (!driven_)
+        GTEST_SKIP() << "needs a store whose queues fill without the master running";
+    static std::vector<int32_t> told;
+    told.clear();
+    auto *handle = open();
+    static const qz_mom_queue_cb tell = [](qz_mom_handle *, int32_t above, uint32_t, void *) { told.push_back(above); };
+    const auto listen = [](qz_mom_handle *self, const qz_mom_notification *, void *) {
+        return qz_mom_set_queue_cb(self, tell, nullptr);
+    };
+    ASSERT_EQ(0, qz_mom_set_queue_limits(handle, 2, 5, 100));
+    ASSERT_EQ(0, qz_mom_set_queue_cb(handle, tell, nullptr));
+    for (int i = 0; i < 8; ++i)
+        ASSERT_EQ(0, qz_mom_clear_expire(handle, app_db, session_record({}).message(), listen, nullptr));
+    run_until([&] { return qz_mom_queue_depth(handle) == 0; });
+    settle();
+    EXPECT_EQ((std::vector<int32_t>{1, 0}), told);
+}
+
 TEST_F(Queues, LimitsThatMakeNoSenseAreRefused)
 {
     auto *handle = open();

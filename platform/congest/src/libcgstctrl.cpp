@@ -122,12 +122,17 @@ void count_mark(producer &of, bool above)
     count(of, above);
 }
 
+void count_mark_of_handle(const qz_mom_handle *handle, bool above)
+{
+    for (producer &each : all().producers)
+        if (each.handle == handle)
+            count_mark(each, above);
+}
+
 void hear_mark(qz_mom_handle *handle, int32_t above, uint32_t, void *)
 {
     const std::lock_guard lock(all().lock);
-    for (producer &each : all().producers)
-        if (each.handle == handle)
-            count_mark(each, above != 0);
+    count_mark_of_handle(handle, above != 0);
 }
 
 void set_congested(registered_topic &which, bool above)
@@ -195,6 +200,9 @@ int32_t watch(registered_topic &which)
 int32_t register_producer(qz_mom_handle *handle, uint32_t db, const char *module, libcgstctrl_state *state)
 {
     const std::lock_guard lock(all().lock);
+    // What a handle that was closed has left behind is over; of one that is open the low mark is about to be told.
+    if (qz_mom_queue_depth(handle) == 0)
+        count_mark_of_handle(handle, false);
     producer *const known = find_producer(handle, db, module);
     take_state(known ? *known : add_producer(handle, db, module), state);
     return 0;

@@ -242,7 +242,8 @@ int32_t qz_mom_lock(qz_mom_handle *handle, uint32_t db, const char *name, qz_mom
 typedef void (*qz_mom_queue_cb)(qz_mom_handle *handle, int32_t above, uint32_t depth, void *args);
 /* Limits of what waits to be delivered to this handle, in notifications: low < high <= hard, EINVAL otherwise. */
 int32_t qz_mom_set_queue_limits(qz_mom_handle *handle, uint32_t low, uint32_t high, uint32_t hard);
-/* Who hears of the marks (congestion control); runs on the master's thread. Null ends it. */
+/* Who hears of the marks (congestion control); runs on the master's thread. Null ends it. The same callback and argument
+ * again change nothing: who has heard the high mark hears the low one next. */
 int32_t qz_mom_set_queue_cb(qz_mom_handle *handle, qz_mom_queue_cb cb, void *args);
 /* Notifications that wait for this handle. */
 uint32_t qz_mom_queue_depth(qz_mom_handle *handle);

@@ -393,9 +393,10 @@ int32_t qz_mom_set_queue_cb(qz_mom_handle *handle, qz_mom_queue_cb cb, void *arg
         return QZ_MOM_EINVAL;
     client &who = client_of(handle);
     const std::scoped_lock lock(who.kept_in->office().mutex);
+    if (who.box.queue_cb != cb || who.box.queue_args != args)
+        who.box.told_above = false;  // whoever listens begins with the high mark
     who.box.queue_cb = cb;
     who.box.queue_args = args;
-    who.box.told_above = false;  // whoever listens begins with the high mark
     who.kept_in->office().look_at(who);
     return QZ_MOM_OK;
 }
