@@ -74,13 +74,12 @@ bool connection::serve()
         const std::string line = received_.substr(0, end);
         received_.erase(0, end + 1);
         patience_ = PATIENCE;
-        if (line.size() > LONGEST_REQUEST || !answer(line))
+        if (line.size() > LONGEST_REQUEST)
+            return refuse("the request is too long");
+        if (!answer(line))
             return false;
     }
-    if (received_.size() <= LONGEST_REQUEST)
-        return !gone_;
-    end_with('!', "the request is too long");
-    return false;
+    return received_.size() > LONGEST_REQUEST ? refuse("the request is too long") : !gone_;
 }
 
 bool connection::answer(std::string_view line)
@@ -91,8 +90,7 @@ bool connection::answer(std::string_view line)
         return list();
     if (word == "run")
         return run(fields);
-    end_with('!', "this is no request");
-    return false;
+    return refuse("this is no request");
 }
 
 bool connection::list()
@@ -101,8 +99,8 @@ bool connection::list()
         static_cast<connection *>(self)->print(plain(module) + '\t' + plain(command) + '\t' + plain(help) + '\n');
         return int32_t{0};
     };
-    ssat_for_each(print_one, this);
-    return end_with('=', "0");
+    const bool whole = ssat_for_each(print_one, this) == 0;
+    return whole ? end_with('=', "0") : end_with('!', "out of memory");
 }
 
 bool connection::run(std::string_view fields)
@@ -157,6 +155,12 @@ bool connection::end_with(char kind, std::string_view text)
     flush();
     send(kind + std::string(text) + '\n');
     return !gone_;
+}
+
+bool connection::refuse(std::string_view why)
+{
+    end_with('!', why);
+    return false;
 }
 
 // Waits for a client that does not read as long as its patience lasts.

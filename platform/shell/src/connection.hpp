@@ -21,8 +21,8 @@ class connection
     int fd() const { return fd_; }
     // Reads what has come and answers the requests that are whole. False: the connection is over.
     bool serve();
-    // What is said to a client that is not taken.
-    void refuse(std::string_view why) { end_with('!', why); }
+    // The last that is said to a client; false.
+    bool refuse(std::string_view why);
 
   private:
     using clock = std::chrono::steady_clock;

@@ -59,8 +59,10 @@ void take(ssat_server *server, int fd)
         close(fd);
         throw;
     }
-    if (server->clients.size() >= MOST_CLIENTS)
-        return client->refuse("there are too many clients");
+    if (server->clients.size() >= MOST_CLIENTS) {
+        client->refuse("there are too many clients");
+        return;
+    }
     server->clients.emplace(number, std::move(client));
     if (qz_thread_watch(server->master, fd, on_client, as_argument(number)) != 0)
         server->clients.erase(number);
