@@ -1,6 +1,7 @@
 // See directory.hpp.
 #include "directory.hpp"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,10 +27,28 @@ std::string directory()
     return "/tmp/ebridge-shell-" + std::to_string(geteuid());
 }
 
+namespace
+{
+
+// Whatever the process takes off the modes of its files. Others may go through it, to a folder of their own in there.
+void open_to_group(const std::string &path)
+{
+    constexpr mode_t OWNER_AND_GROUP = 0751;
+    const int folder = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (folder < 0)
+        return;
+    fchmod(folder, OWNER_AND_GROUP);
+    close(folder);
+}
+
+}  // namespace
+
 bool make_directory(const std::string &path)
 {
-    constexpr mode_t OWNER_AND_GROUP = 0750, OTHERS_WRITE = 0022;
-    if (mkdir(path.c_str(), OWNER_AND_GROUP) != 0 && errno != EEXIST)
+    constexpr mode_t OWNER = 0700, OTHERS_WRITE = 0022;
+    if (mkdir(path.c_str(), OWNER) == 0)
+        open_to_group(path);
+    else if (errno != EEXIST)
         return false;
     struct stat found = {};
     if (lstat(path.c_str(), &found) != 0)
