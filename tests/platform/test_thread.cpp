@@ -1,6 +1,8 @@
 // The thread master against its header: order, driven clock, threads.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -999,6 +1001,30 @@ TEST(ThreadMemory, CreateGivesNullWithoutMemory)
         EXPECT_LE(1U, failures_reported(create, nullptr));
         EXPECT_NE(nullptr, master);
     }
+}
+
+namespace
+{
+
+// Whether the first master of a process is made when the process may have so many descriptors.
+[[noreturn]] void make_with_descriptors(rlim_t most)
+{
+    const rlimit limit{most, most};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    const bool made = make_master(QZ_THREAD_CLOCK_REAL) != nullptr;
+    std::_Exit(made ? 1 : 0);
+}
+
+}  // namespace
+
+TEST(ThreadMemoryDeathTest, CreateGivesNullWithoutDescriptors)
+{
+    GTEST_FLAG_SET(death_test_style, EBRIDGE_DEATH_TEST_STYLE);
+    const auto ends = [](int status) { return WIFEXITED(status); };
+    for (rlim_t most = 3; most < 16; ++most)
+        EXPECT_EXIT(make_with_descriptors(most), ends, "") << most;
+    EXPECT_EXIT(make_with_descriptors(3), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(make_with_descriptors(100), testing::ExitedWithCode(1), "");
 }
 
 TEST(ThreadMemory, InsertingATimerWithoutMemoryLeavesNothingBehind)

@@ -55,7 +55,7 @@ enum {
 
 enum qz_thread_clock { QZ_THREAD_CLOCK_REAL = 0, QZ_THREAD_CLOCK_DRIVEN = 1 };
 
-/* New master; null without memory. Owned by the caller. It does not run by itself. */
+/* New master; null without memory or descriptors. Owned by the caller. It does not run by itself. */
 qz_thread_master *qz_thread_master_create(enum qz_thread_clock clock);
 /* Frees the master. Timers and calls still pending are dropped unrun. The master must not be running. Null is allowed.
  */

@@ -29,6 +29,19 @@ void take_standard_descriptors()
     }
 }
 
+// The first loop of a process aborts it where descriptors run out half-way: that they are there is seen before.
+bool descriptors_for_a_loop()
+{
+    std::array<int, 3> taken;
+    for (int &each : taken)
+        each = epoll_create1(EPOLL_CLOEXEC);
+    for (const int each : taken) {
+        if (each >= 0)
+            ::close(each);
+    }
+    return std::ranges::none_of(taken, [](int each) { return each < 0; });
+}
+
 }  // namespace
 
 bool sleeper::open()
@@ -36,7 +49,7 @@ bool sleeper::open()
     take_standard_descriptors();
     watched_ = epoll_create1(EPOLL_CLOEXEC);
     clock_ = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-    if (watched_ < 0 || clock_ < 0 || uv_loop_init(&loop_) != 0)
+    if (watched_ < 0 || clock_ < 0 || !descriptors_for_a_loop() || uv_loop_init(&loop_) != 0)
         return false;
     if (uv_async_init(&loop_, &async_, [](uv_async_t *) {}) != 0) {
         uv_loop_close(&loop_);
