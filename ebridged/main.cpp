@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <string>
 #include <thread>
 #include <vector>
@@ -168,7 +169,12 @@ int main(int argc, char **argv)
         std::fputs("ebridged: no event loop: out of memory or descriptors\n", stderr);
         return NO_STORE;
     }
-    const int status = serve(master, &given, &signals);
+    int status = NO_STORE;
+    try {
+        status = serve(master, &given, &signals);
+    } catch (const std::exception &error) {  // no memory, or no thread
+        std::fprintf(stderr, "ebridged: %s\n", error.what());
+    }
     qz_thread_master_free(master);
     return status;
 }

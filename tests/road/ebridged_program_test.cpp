@@ -71,6 +71,20 @@ TEST(EbridgedProgram, AStoreThatCannotBeOpenedIsOneLine)
     EXPECT_EQ(seen.err, "ebridged: nowhere:x: malformed URL, unknown scheme, or a map file that makes no sense\n");
 }
 
+// A thread's stack is as large as the limit says, which is larger than all memory.
+TEST(EbridgedProgram, WithoutAThreadForItsSignalsItEndsWithOneLine)
+{
+    if (sizeof(void *) == 4)
+        GTEST_SKIP() << "such a limit is none to a 32-bit program";
+    constexpr int NOT_ALLOWED = 77;
+    const outcome seen =
+        run({"/bin/sh", "-c", "ulimit -s 200000000000 || exit 77; exec \"$0\" --store mem:test", EBRIDGED_PROGRAM});
+    if (seen.status == NOT_ALLOWED)
+        GTEST_SKIP() << seen.err;
+    EXPECT_EQ(seen.status, 3);
+    EXPECT_EQ(seen.err, "ebridged: waiting for the store\nebridged: Resource temporarily unavailable\n");
+}
+
 TEST(EbridgedProgram, AMapFileThatMakesNoSenseIsNamedWithItsPlace)
 {
     const temporary_file map(R"({"INSTANCES": {"redis": {"hostname": "h", "port": "x", "password": "open-sesame"}}})");
