@@ -3,15 +3,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <string_view>
+#include <sstream>
 #include <vector>
 
 #include "flood.hpp"
 #include "notices.hpp"
 #include "plot.hpp"
+#include "program.hpp"
 #include "redis_server.hpp"
 #include "starving.hpp"
 
@@ -107,22 +106,19 @@ json show(const figures &listening, const figures &other)
 
 int main(int argc, char **argv)
 {
-    if (argc > 1) {
-        const bool help = argc == 2 && std::string_view(argv[1]) == "--help";
-        std::fputs(help ? HELP : "congest_bench: takes no arguments, see --help\n", help ? stdout : stderr);
-        return help ? 0 : 2;
-    }
+    if (const int status = read_no_arguments(argc, argv, "congest_bench", HELP); status >= 0)
+        return status;
     try {
         const figures listening = median_of(manners::listens);
         const figures other = median_of(manners::does_not);
-        const auto folder = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-        const auto table = folder / "congest.json", drawing = folder / "congestion.svg";
-        std::ofstream(table) << json{{"rows", show(listening, other)}}.dump(2) << '\n';
+        const json rows = show(listening, other);
+        write_beside("congest.json", json{{"rows", rows}}.dump(2) + '\n');
+        std::ostringstream drawing;
         write_plot(drawing, "Writes that wait for a starving server, over time",
                    {{"listens to congestion control", "#2b6cb0", listening.flood.depths},
                     {"does not", "#c05621", other.flood.depths}},
                    {{"limit of the client", 65536}, {"high mark", HIGH_MARK}, {"low mark", LOW_MARK}});
-        std::printf("written to %s and %s\n", table.c_str(), drawing.c_str());
+        write_beside("congestion.svg", drawing.str());
     } catch (const std::exception &error) {
         std::fprintf(stderr, "congest_bench: %s\n", error.what());
         return 1;

@@ -1,6 +1,7 @@
-// A plot of depths over time as an SVG file.
+// A plot of depths over time as the text of an SVG file.
 #pragma once
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -20,8 +21,7 @@ struct level {
     double depth;
 };
 
-// Throws std::runtime_error when the file cannot be written.
-void write_plot(const std::string &file, const std::string &title, const std::vector<curve> &curves,
+void write_plot(std::ostream &to, const std::string &title, const std::vector<curve> &curves,
                 const std::vector<level> &levels);
 
 }  // namespace bench

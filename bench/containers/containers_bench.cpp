@@ -418,7 +418,7 @@ int main(int argc, char **argv)
     int count = static_cast<int>(args.size());
     benchmark::Initialize(&count, args.data());
     if (benchmark::ReportUnrecognizedArguments(count, args.data()))
-        return 1;
+        return 2;
 
     register_key<4>();
     register_key<16>();

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "processes.hpp"
+#include "program.hpp"
 #include "raw.hpp"
 #include "redis_server.hpp"
 #include "report.hpp"
@@ -21,6 +22,11 @@ namespace
 {
 
 using namespace bench;
+
+constexpr const char *HELP =
+    "usage: mechanisms_bench\n"
+    "Measures ways to have a redis-server write a record and tell of it, on plain hiredis alone, as shares of pipelined HSET\n"
+    "that nobody hears. Prints a table, which is also written to mechanisms.json beside the program.\n";
 
 constexpr int TURNS = 3;
 constexpr int WRITES = 2000 * GROUP;
@@ -255,8 +261,10 @@ void measure(report &out, const std::string &placement)
 
 }  // namespace
 
-int main()
+int main(int argc, char **argv)
 {
+    if (const int status = read_no_arguments(argc, argv, "mechanisms_bench", HELP); status >= 0)
+        return status;
     try {
         report out("mechanisms", "HSET");
         measure(out, "free");

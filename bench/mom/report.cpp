@@ -2,11 +2,10 @@
 #include "report.hpp"
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <utility>
 
 #include "processes.hpp"
+#include "program.hpp"
 
 namespace bench
 {
@@ -72,11 +71,6 @@ void report::row(const std::string &placement, const std::string &what, double b
              "\", \"bytes\": " + text_of("%.0f", bytes) + '}';
 }
 
-void report::write() const
-{
-    const auto file = std::filesystem::read_symlink("/proc/self/exe").parent_path() / (name_ + ".json");
-    std::ofstream(file) << "[\n" << rows_ << "\n]\n";
-    std::printf("written to %s\n", file.c_str());
-}
+void report::write() const { write_beside(name_ + ".json", "[\n" + rows_ + "\n]\n"); }
 
 }  // namespace bench

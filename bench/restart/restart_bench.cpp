@@ -8,8 +8,6 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
-#include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
@@ -19,6 +17,7 @@
 
 #include "application.hpp"
 #include "processes.hpp"
+#include "program.hpp"
 #include "raw.hpp"
 #include "redis_server.hpp"
 #include "server_view.hpp"
@@ -309,9 +308,7 @@ void write_json(const figures &ours, const figures &raw, int records)
                                              {"cpu_seconds", raw[i].cpu.all()},
                                              {"server_cpu_seconds", raw[i].cpu.server}};
     }
-    const auto file = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "restart.json";
-    std::ofstream(file) << nlohmann::ordered_json{{"records", records}, {"phases", phases}}.dump(2) << '\n';
-    std::printf("written to %s\n", file.c_str());
+    write_beside("restart.json", nlohmann::ordered_json{{"records", records}, {"phases", phases}}.dump(2) + '\n');
 }
 
 void measure(int records)

@@ -13,16 +13,22 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
+#include <exception>
 #include <nlohmann/json.hpp>
 #include <vector>
 
 #include "ebridged.h"
+#include "program.hpp"
 #include "sw_ebridge.h"
 
 namespace
 {
+
+constexpr const char *HELP =
+    "usage: road_bench\n"
+    "Measures 1,000 to 100,000 evlans on the embedded store: requested by one user, granted, heard by three users, released\n"
+    "and heard again. Of three runs the one in the middle. Prints a table, which is also written to road.json beside the\n"
+    "program. Exit status 1 when somebody has not heard all.\n";
 
 constexpr std::array<uint32_t, 5> SIZES{1'000, 3'000, 10'000, 30'000, 100'000};
 constexpr int RUNS = 3;
@@ -168,8 +174,10 @@ timing median(uint32_t count)
 
 }  // namespace
 
-int main()
+int main(int argc, char **argv)
 {
+    if (const int status = bench::read_no_arguments(argc, argv, "road_bench", HELP); status >= 0)
+        return status;
     nlohmann::ordered_json rows = nlohmann::ordered_json::array();
     std::printf("%8s  %11s  %11s  %14s  %11s  %11s  %14s\n", "EVLANS", "REQUEST s", "REQUESTS/s", "us CPU/REQUEST",
                 "RELEASE s", "RELEASES/s", "us CPU/RELEASE");
@@ -188,8 +196,10 @@ int main()
                         {"releases_per_second", count / release.wall},
                         {"release_cpu_seconds", release.processor}});
     }
-    const auto file = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "road.json";
-    std::ofstream(file) << nlohmann::ordered_json{{"road", rows}}.dump(2) << '\n';
-    std::printf("written to %s\n", file.c_str());
+    try {
+        bench::write_beside("road.json", nlohmann::ordered_json{{"road", rows}}.dump(2) + '\n');
+    } catch (const std::exception &error) {
+        give_up(error.what());
+    }
     return 0;
 }

@@ -3,8 +3,6 @@
 #include <charconv>
 #include <cstdio>
 #include <exception>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -14,6 +12,7 @@
 #include "burst.hpp"
 #include "calculation.hpp"
 #include "processes.hpp"
+#include "program.hpp"
 #include "rule_set.hpp"
 
 namespace
@@ -142,9 +141,7 @@ int main(int argc, char **argv)
         json all;
         all["bursts"] = show_bursts(rules);
         all["calculation"] = show_calculations();
-        const auto file = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "rules.json";
-        std::ofstream(file) << all.dump(2) << '\n';
-        std::printf("written to %s\n", file.c_str());
+        write_beside("rules.json", all.dump(2) + '\n');
     } catch (const std::exception &error) {
         std::fprintf(stderr, "rules_bench: %s\n", error.what());
         return 1;

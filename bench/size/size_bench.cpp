@@ -6,15 +6,18 @@
 #include <link.h>
 #include <malloc.h>
 
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
+#include <exception>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "program.hpp"
 #include "sw_ebridge.h"
 
 namespace
@@ -113,12 +116,22 @@ std::vector<family_size> measure_families()
     };
 }
 
+// False: the arguments make no sense.
+bool read_arguments(int argc, char **argv, uint64_t &limit)
+{
+    if (argc == 1)
+        return true;
+    const std::string_view number = argc == 3 && std::strcmp(argv[1], "--limit") == 0 ? argv[2] : "";
+    const auto read = std::from_chars(number.data(), number.data() + number.size(), limit);
+    return !number.empty() && read.ec == std::errc() && read.ptr == number.data() + number.size();
+}
+
 }  // namespace
 
 int main(int argc, char **argv)
 {
-    const bool limited = argc == 3 && std::strcmp(argv[1], "--limit") == 0;
-    if (argc != 1 && !limited) {
+    uint64_t limit = UINT64_MAX;
+    if (!read_arguments(argc, argv, limit)) {
         std::fprintf(stderr, "usage: size_bench [--limit BYTES]\n");
         return 2;
     }
@@ -138,20 +151,18 @@ int main(int argc, char **argv)
         rows.push_back({{"family", family.name}, {"record_bytes", family.record}, {"heap_bytes", family.per_record}});
     }
 
-    const auto file = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "size.json";
-    std::ofstream(file) << nlohmann::ordered_json{{"pointer_bits", 8 * sizeof(void *)},
-                                                  {"library",
-                                                   {{"text", library.text},
-                                                    {"data", library.data},
-                                                    {"bss", library.bss},
-                                                    {"total", library.total()}}},
-                                                  {"records", RECORDS},
-                                                  {"cached", rows}}
-                               .dump(2)
-                        << '\n';
-    std::printf("written to %s\n", file.c_str());
-
-    if (limited && library.total() > std::strtoull(argv[2], nullptr, 10)) {
+    const nlohmann::ordered_json all{
+        {"pointer_bits", 8 * sizeof(void *)},
+        {"library", {{"text", library.text}, {"data", library.data}, {"bss", library.bss}, {"total", library.total()}}},
+        {"records", RECORDS},
+        {"cached", rows}};
+    try {
+        bench::write_beside("size.json", all.dump(2) + '\n');
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "size_bench: %s\n", error.what());
+        return 1;
+    }
+    if (library.total() > limit) {
         std::fprintf(stderr, "size_bench: the library has %zu bytes, more than %s\n", library.total(), argv[2]);
         return 1;
     }

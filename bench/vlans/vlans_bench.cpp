@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <vector>
@@ -12,6 +10,7 @@
 #include "application.hpp"
 #include "listener.hpp"
 #include "ports.hpp"
+#include "program.hpp"
 #include "raw.hpp"
 #include "redis_server.hpp"
 
@@ -183,11 +182,8 @@ json show_call(const char *what, const call_cost &of)
 
 int main(int argc, char **argv)
 {
-    if (argc > 1) {
-        const bool help = argc == 2 && std::string_view(argv[1]) == "--help";
-        std::fputs(help ? HELP : "vlans_bench: takes no arguments, see --help\n", help ? stdout : stderr);
-        return help ? 0 : 2;
-    }
+    if (const int status = read_no_arguments(argc, argv, "vlans_bench", HELP); status >= 0)
+        return status;
     try {
         json all;
         const figures ours = median_of(run_ours);
@@ -202,9 +198,7 @@ int main(int argc, char **argv)
         all["adding"] = show_call("VLANs added to a port's table", costs.add);
         all["deleting"] = show_call("VLANs deleted from it", costs.remove);
         all["publishing"] = show_call("published into an embedded store (1, 128 words)", costs.publish);
-        const auto file = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "vlans.json";
-        std::ofstream(file) << all.dump(2) << '\n';
-        std::printf("written to %s\n", file.c_str());
+        write_beside("vlans.json", all.dump(2) + '\n');
     } catch (const std::exception &error) {
         std::fprintf(stderr, "vlans_bench: %s\n", error.what());
         return 1;
