@@ -131,7 +131,7 @@ bool session::start_users(std::string *error)
     if (code != 0)
         return fail(error, "the library cannot be initialised", code);
     // Each refusal is told in a line of this command's own; the library's goes to a log file where one is wanted.
-    if (std::getenv("QZ_ZLOG_DIR") == nullptr)
+    if (const char *folder = std::getenv("QZ_ZLOG_DIR"); folder == nullptr || *folder == '\0')
         g_sw_vlan_file_zlog_level = 0;
     return true;
 }

@@ -228,3 +228,12 @@ TEST(Zlog, WithoutAFolderOtherCategoriesGoToStandardError)
     EXPECT_THAT(testing::internal::GetCapturedStderr(), EndsWith("sw_ebridge_init: hello\n"));
     EXPECT_EQ("", testing::internal::GetCapturedStdout());
 }
+
+// A variable of a script that was never set names no folder; "/" least of all.
+TEST(Zlog, AnEmptyFolderIsNone)
+{
+    setenv("QZ_ZLOG_DIR", "", 1);
+    testing::internal::CaptureStderr();
+    log_at(qz_zlog_init("ebridge_test_of_an_empty_folder"), QZ_ZLOG_WARN, "%s", "hello");
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), EndsWith("sw_ebridge_init: hello\n"));
+}

@@ -2,7 +2,7 @@
  *
  * A category is a named channel. This implementation sends categories whose name ends in "_std" to standard output and
  * all others to the file NAME.log in the folder that the environment variable QZ_ZLOG_DIR names, or to standard error
- * when it is not set. Each message is one line, written out at once:
+ * when it is not set or empty. Each message is one line, written out at once:
  *
  *     2024-03-01 12:00:00.000000 ERROR sw_vlan_file app/lib/ebridge/libsw_ebridge.cpp:120 sw_ebridge_init: the text
  *

@@ -30,7 +30,7 @@ spdlog::sink_ptr make_sink(const std::string &name)
 {
     if (name.ends_with("_std"))
         return std::make_shared<spdlog::sinks::stdout_sink_mt>();
-    if (const char *folder = std::getenv("QZ_ZLOG_DIR"))
+    if (const char *folder = std::getenv("QZ_ZLOG_DIR"); folder && *folder != '\0')
         return std::make_shared<spdlog::sinks::basic_file_sink_mt>(std::string(folder) + "/" + name + ".log");
     return std::make_shared<spdlog::sinks::stderr_sink_mt>();
 }
