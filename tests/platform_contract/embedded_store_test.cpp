@@ -288,6 +288,18 @@ class ForeignData : public EmbeddedStore
     const std::filesystem::path folder_;
 };
 
+TEST_F(ForeignData, IsOneLoggedLineWhateverItsKeyHolds)
+{
+    auto *handle = open();
+    put("u_bridge.evlan_session:app:32:7\n2026-03-01 ERROR\x1b[2J\x7f", "", true);
+    const std::string tail(5000, 'x');
+    put(("u_bridge.evlan_session:long:" + tail).c_str(), "", true);
+    EXPECT_TRUE(scan(handle, any_session()).empty());
+    EXPECT_EQ(
+        1u, logged("skipped, not a record of ours: u_bridge.evlan_session:app:32:7\\x0a2026-03-01 ERROR\\x1b[2J\\x7f"));
+    EXPECT_EQ(1u, logged("evlan_session:long:" + tail));
+}
+
 TEST_F(ForeignData, ScanSkipsItWithOneLoggedLineEach)
 {
     auto *handle = open();

@@ -1,7 +1,10 @@
 // Log lines of the client.
 #include "mom_log.hpp"
 
+#include <cstdio>
 #include <cstring>
+#include <new>
+#include <string>
 
 #include "qz_zlog.h"
 
@@ -18,16 +21,25 @@ qz_zlog_category *category()
 
 }  // namespace
 
-void log_foreign(const char *key)
-{
-    qzdf_zlog(category(), __FILE__, std::strlen(__FILE__), __func__, std::strlen(__func__), __LINE__, QZ_ZLOG_ERROR,
-              "skipped, not a record of ours: %s", key);
-}
-
 void log_failure(const char *what)
 {
     qzdf_zlog(category(), __FILE__, std::strlen(__FILE__), __func__, std::strlen(__func__), __LINE__, QZ_ZLOG_ERROR,
               "%s", what);
+}
+
+// Somebody else has chosen the key: control characters, which would break the line or do worse, are shown as \xNN.
+void log_foreign(const char *key)
+try {
+    std::string line = "skipped, not a record of ours: ";
+    for (; *key != '\0'; ++key) {
+        char shown[8];
+        const auto byte = static_cast<unsigned char>(*key);
+        std::snprintf(shown, sizeof shown, byte < ' ' || byte == 0x7f ? "\\x%02x" : "%c", byte);
+        line += shown;
+    }
+    log_failure(line.c_str());
+} catch (const std::bad_alloc &) {
+    log_failure("skipped, not a record of ours; no memory for its key");
 }
 
 }  // namespace mom
