@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -10,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -52,6 +54,18 @@ int32_t say_arguments(int32_t argc, const int32_t *argv)
     for (int32_t i = 0; i < argc; ++i)
         print("argument %d is %d\n", i, argv[i]);
     return 7;
+}
+
+// Goes on when the client has read what it has said so far.
+std::atomic<bool> has_been_read = false;
+int32_t talk(int32_t, const int32_t *)
+{
+    constexpr int MOMENTS = 20'000;
+    print("first\n");
+    for (int moment = 0; moment < MOMENTS && !has_been_read; ++moment)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    print("second\n");
+    return has_been_read ? 0 : 1;
 }
 
 // argv[0] rows.
@@ -144,6 +158,7 @@ class ShellServer : public testing::Test
         ssat_lib_init("some module", &module);
         ssat_reg_mod_cmd(module, "say", 0, "says its arguments, one=%d, other=0x%x", say_arguments);
         ssat_reg_mod_cmd(module, "flood", 0, "prints\trows=%d", flood);
+        ssat_reg_mod_cmd(module, "talk", 0, "talks", talk);
         the_master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
         loop_ = std::thread([] { qz_thread_run(the_master); });
     }
@@ -216,9 +231,11 @@ TEST_F(ShellServer, TheSocketIsItsOwnersAndGroups)
 TEST_F(ShellServer, AFolderThatOthersCanWriteToIsRefused)
 {
     std::filesystem::create_directory(directory());
-    ASSERT_EQ(0, chmod(directory().c_str(), 0777));
-    EXPECT_EQ(SSAT_EIO, ssat_serve(the_master, &server_));
-    EXPECT_EQ(EACCES, errno);
+    for (const mode_t mode : {0777, 0770, 0702}) {
+        ASSERT_EQ(0, chmod(directory().c_str(), mode));
+        EXPECT_EQ(SSAT_EIO, ssat_serve(the_master, &server_)) << mode;
+        EXPECT_EQ(EACCES, errno);
+    }
     ASSERT_EQ(0, chmod(directory().c_str(), 0700));
     start();
 }
@@ -412,6 +429,41 @@ TEST_F(ShellServer, SeveralClientsAreServedInTurnsEachItsOwn)
         next.send("run\tsome module\tsay\n");
         answer = next.read_until("=7\n");
     }
+}
+
+TEST_F(ShellServer, OutputIsSentAsItIsPrinted)
+{
+    start();
+    client asking(path());
+    asking.read_until(GREETING);
+    asking.send("run\tsome module\ttalk\n");
+    EXPECT_EQ("+6\nfirst\n", asking.read_until("first\n"));
+    has_been_read = true;
+    EXPECT_EQ("+7\nsecond\n=0\n", asking.read_until("=0\n"));
+}
+
+// Clients wait until there is one: the server looks again after a second.
+TEST_F(ShellServer, WithoutADescriptorItServesLater)
+{
+    start();
+    rlimit before = {};
+    getrlimit(RLIMIT_NOFILE, &before);
+    rlimit few = before;
+    few.rlim_cur = 256;
+    setrlimit(RLIMIT_NOFILE, &few);
+    std::vector<int> taken;
+    for (int fd = dup(0); fd >= 0; fd = dup(0))
+        taken.push_back(fd);
+    ASSERT_FALSE(taken.empty());
+    close(taken.back());
+    taken.pop_back();
+    client asking(path());  // takes the last one
+    char nothing[64];
+    EXPECT_EQ("", asking.read_into(nothing, {"\n"}));
+    for (const int fd : taken)
+        close(fd);
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(GREETING, asking.read_until("\n"));
 }
 
 TEST_F(ShellServer, LongOutputComesWhole)

@@ -261,6 +261,29 @@ TEST_F(EmbeddedStore, MarksRunOnWhileTheConnectionIsLost)
     EXPECT_EQ(1u, end.ends(QZ_MOM_END_EXPIRY));
 }
 
+// The oldest handle's clock is another one, and goes with it; what is left of the delay does not change.
+TEST_F(EmbeddedStore, MarksGoOnByTheClockOfTheNextHandle)
+{
+    auto *first_master = qz_thread_master_create(QZ_THREAD_CLOCK_DRIVEN);
+    qz_thread_advance(first_master, 7000000);
+    qz_mom_handle *first = nullptr;
+    ASSERT_EQ(0, qz_mom_client_open("mem:clocks", first_master, &first));
+    qz_mom_handle *second = nullptr;
+    ASSERT_EQ(0, qz_mom_client_open("mem:clocks", master_, &second));
+    listener hears, end;
+    follow(second, any_session(), hears);
+    hmset(first, {}, {6});
+    expire(first, {}, QZ_MOM_EXPIRE_PATTERN, {10, 0}, end);
+    qz_thread_advance(first_master, 4000000);
+    qz_mom_client_close(first);
+    qz_thread_master_free(first_master);
+    qz_thread_advance(master_, 5900000);
+    EXPECT_EQ(0u, hears.count(QZ_MOM_CMD_EXPIRED));
+    qz_thread_advance(master_, 200000);
+    EXPECT_EQ(1u, hears.count(QZ_MOM_CMD_EXPIRED));
+    qz_mom_client_close(second);
+}
+
 class ForeignData : public EmbeddedStore
 {
   protected:
