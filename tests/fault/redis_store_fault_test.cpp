@@ -312,6 +312,38 @@ TEST_F(RedisFault, ASlowFollowerHoldsABoundedQueueAndHearsEverythingLater)
     expect_view_equals_store();
 }
 
+// Nobody runs the reader's master, and the reader goes on asking.
+TEST_F(RedisFault, WhoAsksOnAndOnAndNeverListensIsRefused)
+{
+    EXPECT_EQ(0, qz_mom_set_queue_limits(reader, 10, 20, 40));
+    listener found, ended;
+    const session_record any(any_session());
+    const auto ask = [&] { return qz_mom_scan(reader, app_db, any.message(), 0, listener::hear, &found); };
+    const qz_mom_timeval delay{1000, 0};
+    size_t taken = 0;
+    int32_t code = 0;
+    while (taken < 1000 && (code = ask()) == 0) {
+        ++taken;
+        if (taken % 10 == 0) {
+            EXPECT_EQ(0, qz_mom_pexpire_sync(writer, app_db, session_record(numbered(1000)).message(),
+                                             QZ_MOM_EXPIRE_EVLAN_SESSION, &delay));
+        }
+    }
+    EXPECT_EQ(QZ_MOM_EFULL, code);
+    EXPECT_LE(80u, taken);
+    EXPECT_EQ(QZ_MOM_EFULL, follow(reader, any_session(), found));
+    EXPECT_EQ(QZ_MOM_EFULL, qz_mom_unsubscribe(reader, app_db, any.message(), listener::hear, &found));
+    const auto connected = [](qz_mom_handle *, void *) { return 0; };
+    EXPECT_EQ(QZ_MOM_EFULL, qz_mom_client_connect(reader, app_db, connected, nullptr));
+    EXPECT_EQ(QZ_MOM_EFULL, expire(reader, any_session(), QZ_MOM_EXPIRE_PATTERN, {1, 0}, ended));
+    EXPECT_EQ(QZ_MOM_EFULL, qz_mom_del_expire(reader, app_db, any.message(), QZ_MOM_EXPIRE_PATTERN, nullptr, nullptr));
+    EXPECT_EQ(0, hmset(reader, numbered(1), REQUEST)) << "it waits for the server, not for the reader";
+    run_until([&] { return found.ends(QZ_MOM_END_SCAN) == taken; });
+    EXPECT_EQ(0, ask());
+    run_until([&] { return found.ends(QZ_MOM_END_SCAN) == taken + 1; });
+    EXPECT_TRUE(ended.all.empty());
+}
+
 TEST_F(RedisFault, KeysAndBytesThatAreNotOursDisturbNobody)
 {
     store_server().commands(app_db,

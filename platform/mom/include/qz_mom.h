@@ -24,8 +24,9 @@
  *  8. Bounds. What waits to be delivered to a handle is bounded (qz_mom_set_queue_limits); past the hard limit the
  *     calls that would add to it are refused with QZ_MOM_EFULL. Only the ends of expiry calls already accepted may come
  *     on top. On Redis a full queue refuses no write but one that wants an answer: the log of changes is read on when
- *     there is room. There EFULL means that the handle's answers, waiting and under way, have reached the limit, or
- *     that 65,536 calls wait for the server; and what a table that is read anew after a loss differs in may come on top.
+ *     there is room. There EFULL means that the handle's answers, waiting and under way, have reached the limit (of
+ *     writes), that twice the limit waits (of all other calls), or that 65,536 calls wait for the server; and what a
+ *     table that is read anew after a loss differs in may come on top.
  *  9. Keys. The key of a record that is delivered is read from its key text (see below). So an address in a key that
  *     was written as zeros comes back as null.
  * 10. Foreign data. Records whose key text or content is not of the type asked for are skipped; each is logged once per
@@ -166,7 +167,8 @@ int32_t qz_mom_client_set_reconnect_cb(qz_mom_handle *handle, uint32_t db, qz_mo
 int32_t qz_mom_set(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record, qz_mom_msg_cb cb, void *args);
 /* As qz_mom_set, without an answer, but ahead of all that waits for the server: for the few notices that tell of just
  * that. In call order among themselves only, so a record is written either always this way or never. Taken over also
- * while the server is away and when 65,536 other calls wait; EFULL when another 1,024 notices do. */
+ * while the server is away, of a handle that is fenced, and when 65,536 other calls wait; EFULL when another 1,024
+ * notices do. */
 int32_t qz_mom_set_ahead(qz_mom_handle *handle, uint32_t db, const ProtobufCMessage *record);
 /* Writes the named fields (numbers of the record's descriptor, not the key's, `count` >= 1; a number given twice counts
  * once) of a hash record, creates it when absent, leaves its other fields alone and clears its mark. Writing the set

@@ -229,13 +229,6 @@ int32_t redis_store::taken_over(client &from, const redis_line &by, int32_t code
     return code;
 }
 
-int32_t redis_store::put(client &from, uint32_t db, redis_operation &&operation)
-{
-    const std::scoped_lock lock(office_->mutex);
-    redis_line &asked = line(db);
-    return taken_over(from, asked, asked.put(std::move(operation)));
-}
-
 std::function<void(const redis_outcome &)> redis_store::answer_to(client &from, const target &at, const receiver &to,
                                                                   int32_t end)
 {
@@ -253,11 +246,21 @@ std::function<void(const redis_outcome &)> redis_store::answer_to(client &from, 
     };
 }
 
-int32_t redis_store::connect(client &from, uint32_t db, const connection &answer)
+// What the log leads to never passes a handle's limit, and waits there in a flood. What the handle asks for may come on top
+// of that, up to as much again.
+template <typename Ask>
+int32_t redis_store::ask(client &from, uint32_t db, Ask what)
 {
     const std::scoped_lock lock(office_->mutex);
+    if (from.box.depth() / 2 >= from.box.hard)
+        return QZ_MOM_EFULL;
     redis_line &asked = line(db);
-    return taken_over(from, asked, asked.connect(from, answer));
+    return taken_over(from, asked, what(asked));
+}
+
+int32_t redis_store::connect(client &from, uint32_t db, const connection &answer)
+{
+    return ask(from, db, [&](redis_line &asked) { return asked.connect(from, answer); });
 }
 
 // A fenced handle's write carries what the server is to find at its lock.
@@ -296,7 +299,9 @@ int32_t redis_store::write_ahead(client &from, const target &at, content &&body)
     redis_operation notice;
     notice.row = {"s", at.keys.text(), body.bytes};
     notice.ahead = true;
-    return put(from, at.db, std::move(notice));
+    const std::scoped_lock lock(office_->mutex);
+    redis_line &asked = line(at.db);
+    return taken_over(from, asked, asked.put(std::move(notice)));
 }
 
 int32_t redis_store::write_fields(client &from, const target &at, const field_write &fields, const receiver &to)
@@ -326,23 +331,17 @@ int32_t redis_store::clear_mark(client &from, const target &at, const receiver &
 
 int32_t redis_store::scan(client &from, const target &of, const receiver &to)
 {
-    const std::scoped_lock lock(office_->mutex);
-    redis_line &asked = line(of.db);
-    return taken_over(from, asked, asked.scan(from, of, to));
+    return ask(from, of.db, [&](redis_line &asked) { return asked.scan(from, of, to); });
 }
 
 int32_t redis_store::subscribe(client &from, uint32_t db, std::vector<subscription> &&added)
 {
-    const std::scoped_lock lock(office_->mutex);
-    redis_line &asked = line(db);
-    return taken_over(from, asked, asked.follow(std::move(added)));
+    return ask(from, db, [&](redis_line &asked) { return asked.follow(std::move(added)); });
 }
 
 int32_t redis_store::unsubscribe(client &from, const target &of, const receiver &to)
 {
-    const std::scoped_lock lock(office_->mutex);
-    redis_line &asked = line(of.db);
-    return taken_over(from, asked, asked.unfollow(from, of, to));
+    return ask(from, of.db, [&](redis_line &asked) { return asked.unfollow(from, of, to); });
 }
 
 int32_t redis_store::mark(client &from, const target &of, int64_t delay_usec, const receiver &end)
@@ -351,7 +350,7 @@ int32_t redis_store::mark(client &from, const target &of, int64_t delay_usec, co
     asked.mark->owner = from.weak_from_this();
     asked.mark->end = answer(of, QZ_MOM_END_EXPIRY, QZ_MOM_OK);
     asked.mark->to = end;
-    return put(from, of.db, std::move(asked));
+    return ask(from, of.db, [&](redis_line &by) { return by.put(std::move(asked)); });
 }
 
 int32_t redis_store::mark_now(client &, const target &of, int64_t delay_usec)
@@ -375,7 +374,7 @@ int32_t redis_store::remove_marked(client &from, const target &of, const receive
     asked.what = redis_operation::kind::sweep;
     asked.words = words_of(of);
     asked.finish = answer_to(from, of, end, QZ_MOM_END_EXPIRY);
-    return put(from, of.db, std::move(asked));
+    return ask(from, of.db, [&](redis_line &by) { return by.put(std::move(asked)); });
 }
 
 int32_t redis_store::lock(client &from, uint32_t db, const std::string &name, const lock_news &news)

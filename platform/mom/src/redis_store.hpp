@@ -62,7 +62,8 @@ class redis_store : public store,
     };
 
     redis_line &line(uint32_t db);
-    int32_t put(client &from, uint32_t db, redis_operation &&operation);
+    template <typename Ask>
+    int32_t ask(client &from, uint32_t db, Ask what);
     int32_t put_write(client &from, const target &at, packed_texts &&row, const receiver &to);
     void let_go(const client &leaving) noexcept;
     std::function<void(const redis_outcome &)> answer_to(client &from, const target &at, const receiver &to,
