@@ -86,6 +86,24 @@ TEST_F(Locks, WhoAsksFirstHoldsItUntilItIsClosed)
     EXPECT_EQ(std::vector<int32_t>{1}, c.all);
 }
 
+// It tells of the handle, not of what the lock guards.
+TEST_F(Locks, ANoticeThatGoesAheadIsWrittenWithoutIt)
+{
+    auto *first = open();
+    auto *second = open();
+    auto *reader = open();
+    listener hears;
+    lock_ear a, b;
+    EXPECT_EQ(0, qz_mom_subscribe(reader, locked_db, evlan_record("", 0).message(), 0, listener::hear, &hears));
+    EXPECT_EQ(0, ask(first, a));
+    run_until([&] { return a.held(); });
+    EXPECT_EQ(0, ask(second, b));
+    settle();
+    EXPECT_EQ(0, qz_mom_set_ahead(second, locked_db, evlan_record("app", 7).message()));
+    run_until([&] { return hears.count(QZ_MOM_CMD_SET) == 1; });
+    EXPECT_TRUE(b.all.empty());
+}
+
 TEST_F(Locks, OneWhoWaitsAndLeavesIsPassedOver)
 {
     auto *first = open();

@@ -40,6 +40,13 @@ void add_answer(client &from, const target &at, const receiver &to, int32_t end,
         out.push_back({&from, message{plain(at.db, at.keys.text(), QZ_MOM_CMD_NONE, end), to}});
 }
 
+std::shared_ptr<change> whole_write(const target &at, content &&body)
+{
+    auto what = make_change({at.db, QZ_MOM_CMD_SET, 0, at.keys.text(), {}, nullptr});
+    what->body = std::make_shared<content>(std::move(body));
+    return what;
+}
+
 }  // namespace
 
 int32_t open_embedded(std::string_view name, const std::shared_ptr<client> &who)
@@ -140,27 +147,36 @@ void embedded_store::each_match(const target &of, Visit visit)
 
 int32_t embedded_store::write_whole(client &from, const target &at, content &&body, const receiver &answer)
 {
-    auto what = make_change({at.db, QZ_MOM_CMD_SET, 0, at.keys.text(), {}, nullptr});
-    what->body = std::make_shared<content>(std::move(body));
-    return apply(at, what, nullptr, from, answer);
+    const auto what = whole_write(at, std::move(body));
+    const std::scoped_lock lock(office_->mutex);
+    const int32_t code = refusal(from, at.db);
+    return code != QZ_MOM_OK ? code : apply(at, what, nullptr, from, answer);
+}
+
+// Neither a fence nor a loss keeps it back.
+int32_t embedded_store::write_ahead(client &from, const target &at, content &&body)
+{
+    const auto what = whole_write(at, std::move(body));
+    const std::scoped_lock lock(office_->mutex);
+    return apply(at, what, nullptr, from, receiver{});
 }
 
 int32_t embedded_store::write_fields(client &from, const target &at, const field_write &write, const receiver &answer)
 {
     const int32_t cmd = write.numbers.size() == 1 ? QZ_MOM_CMD_HSET : QZ_MOM_CMD_HMSET;
     auto names = std::make_shared<std::string>(names_of(at.keys.type(), write.numbers));
-    return apply(at, make_change({at.db, cmd, 0, at.keys.text(), std::move(names), nullptr}), &write, from, answer);
+    const auto what = make_change({at.db, cmd, 0, at.keys.text(), std::move(names), nullptr});
+    const std::scoped_lock lock(office_->mutex);
+    const int32_t code = refusal(from, at.db);
+    return code != QZ_MOM_OK ? code : apply(at, what, &write, from, answer);
 }
 
-// `what` comes without content when it is a write by field: that depends on what the record holds now.
+// With the mutex. `what` comes without content when it is a write by field: that depends on what the record holds now.
 int32_t embedded_store::apply(const target &at, const std::shared_ptr<change> &what, const field_write *by_field,
                               client &from, const receiver &answer)
 {
     const std::span<const uint32_t> written =
         by_field != nullptr ? std::span(by_field->numbers) : std::span<const uint32_t>();
-    const std::scoped_lock lock(office_->mutex);
-    if (const int32_t code = refusal(from, at.db))
-        return code;
     table &records = tables_[at.db];
     auto found = records.find(what->key);
     const bool absent = found == records.end();

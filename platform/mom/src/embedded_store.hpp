@@ -33,6 +33,7 @@ class embedded_store : public store, public post_target, public std::enable_shar
     void close(client &from) noexcept override;
     int32_t connect(client &from, uint32_t db, const connection &answer) override;
     int32_t write_whole(client &from, const target &at, content &&body, const receiver &answer) override;
+    int32_t write_ahead(client &from, const target &at, content &&body) override;
     int32_t write_fields(client &from, const target &at, const field_write &write, const receiver &answer) override;
     int32_t remove(client &from, const target &at, const receiver &answer) override;
     int32_t scan(client &from, const target &of, const receiver &to) override;

@@ -46,11 +46,8 @@ class store
     virtual int32_t connect(client &from, uint32_t db, const connection &answer) = 0;
 
     virtual int32_t write_whole(client &from, const target &at, content &&body, const receiver &answer) = 0;
-    // Ahead of what waits for the server, where something does.
-    virtual int32_t write_ahead(client &from, const target &at, content &&body)
-    {
-        return write_whole(from, at, std::move(body), receiver{});
-    }
+    // Ahead of what waits for the server, where something does. Neither a fence nor a loss keeps it back.
+    virtual int32_t write_ahead(client &from, const target &at, content &&body) = 0;
     virtual int32_t write_fields(client &from, const target &at, const field_write &write, const receiver &answer) = 0;
     virtual int32_t remove(client &from, const target &at, const receiver &answer) = 0;
 
