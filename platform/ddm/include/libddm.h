@@ -43,8 +43,8 @@ uint32_t libddm_table_size(void);
  *
  * A file whose first character, blanks aside, is "{" is a switch configuration in JSON (config_db.json): its tables PORT,
  * PORTCHANNEL and PORTCHANNEL_MEMBER are read. Any other is a list of ports (port_config.ini): rows of fields between
- * blanks; "#" at the beginning of a field makes the rest of its line a comment. A comment line that has the words "name"
- * and "lanes" names the columns of the rows below it; fields at the end of a row may be missing.
+ * blanks, of 4096 bytes at most; "#" at the beginning of a field makes the rest of its line a comment. A comment line that
+ * has the words "name" and "lanes" names the columns of the rows below it; fields at the end of a row may be missing.
  *
  * Of a port name and lanes (numbers from 0 to 65535 with commas between them) are needed; alias, index and speed may be
  * there, and whatever else is skipped. No two ports have a name or a lane in common. A member of an aggregate is one of

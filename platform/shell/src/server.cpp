@@ -103,7 +103,7 @@ void on_connection(void *argument)
     if (!server)
         return;
     const int fd = accept4(server->listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd < 0 && (errno == EMFILE || errno == ENFILE))
+    if (fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS))
         return pause(server, argument);
     if (fd < 0)
         return;
