@@ -356,6 +356,25 @@ TEST_F(RedisFault, KeysAndBytesThatAreNotOursDisturbNobody)
     EXPECT_EQ(4, found[0].keyid);
 }
 
+// They are marked as little as they are read; an expiry call must neither remove them nor wait for them.
+TEST_F(RedisFault, PatternsNeitherMarkNorRemoveKeysThatAreNotOurs)
+{
+    const std::string table = "u_bridge.evlan_session";
+    const std::string letter = table + ":app:32:x", nothing = table + ":app::7", space = '"' + table + ":my app:32:7\"";
+    store_server().commands(app_db, "SET " + letter + " x\nSET " + nothing + " x\nSET " + space + " x");
+    write({.user = "my app", .type = 32, .keyid = -7});
+    settle();
+    listener later, now;
+    EXPECT_EQ(0, expire(writer, any_session(), QZ_MOM_EXPIRE_PATTERN, {1000, 0}, later));
+    EXPECT_EQ(0, expire(writer, any_session(), QZ_MOM_EXPIRE_PATTERN, {0, 0}, now));
+    settle();
+    EXPECT_EQ(1u, later.ends(QZ_MOM_END_EXPIRY));
+    EXPECT_EQ(1u, now.ends(QZ_MOM_END_EXPIRY));
+    EXPECT_EQ(1u, told.count(QZ_MOM_CMD_EXPIRED));
+    EXPECT_NE(std::string::npos,
+              store_server().commands(app_db, "EXISTS " + letter + " " + nothing + " " + space).find(":3"));
+}
+
 // A host's name is looked up for each connection, on the side.
 TEST(RedisByName, AServerIsFoundAndFoundAgainByTheNameOfItsHost)
 {

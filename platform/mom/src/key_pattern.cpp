@@ -8,10 +8,12 @@ namespace mom
 namespace
 {
 
-bool number(const ProtobufCFieldDescriptor &field)
+key_pattern::shape shape_of(const ProtobufCFieldDescriptor &field)
 {
-    return field.type != PROTOBUF_C_TYPE_STRING && field.type != PROTOBUF_C_TYPE_BYTES &&
-           field.type != PROTOBUF_C_TYPE_MESSAGE;
+    if (field.type == PROTOBUF_C_TYPE_MESSAGE)
+        return key_pattern::shape::message;
+    const bool text = field.type == PROTOBUF_C_TYPE_STRING || field.type == PROTOBUF_C_TYPE_BYTES;
+    return text ? key_pattern::shape::text : key_pattern::shape::number;
 }
 
 // The piece up to the next ':', which is taken off the text.
@@ -58,7 +60,8 @@ std::optional<key_pattern> key_pattern::of(const ProtobufCMessage &pattern)
     bool fixed = true;
     for (const auto *field : key_fields(*made.type_)) {
         std::string_view piece = next_piece(rest);
-        if (number(*field) && piece == "0")
+        made.shapes_.push_back(shape_of(*field));
+        if (made.shapes_.back() == shape::number && piece == "0")
             piece = {};
         made.wanted_.emplace_back(piece);
         if (fixed)

@@ -3,6 +3,7 @@
 #ifndef MOM_KEY_PATTERN_HPP
 #define MOM_KEY_PATTERN_HPP
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,6 +36,9 @@ class key_pattern
     bool exact() const { return exact_; }
     // One per key field; empty: any value. Nothing where exact().
     const std::vector<std::string> &wanted() const { return wanted_; }
+    // What the value of each of these fields looks like in a key text.
+    enum class shape : uint8_t { number, text, message };
+    const std::vector<shape> &shapes() const { return shapes_; }
     bool past(std::string_view key) const { return exact_ ? key != text_ : !key.starts_with(prefix_); }
 
   private:
@@ -45,6 +49,7 @@ class key_pattern
     size_t name_size_;                 // of the record's name, with which the text begins
     std::string prefix_;               // unless exact
     std::vector<std::string> wanted_;  // one per key field; empty: any value
+    std::vector<shape> shapes_;
     bool exact_ = false;
 };
 

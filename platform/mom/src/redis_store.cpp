@@ -57,14 +57,29 @@ std::string joined(const std::vector<uint32_t> &numbers)
     return text;
 }
 
+// How the server is told that any value of a key field will do: no piece of a key text is "#" or "*".
+std::string_view any_value(key_pattern::shape shape)
+{
+    switch (shape) {
+        case key_pattern::shape::number:
+            return "#";
+        case key_pattern::shape::text:
+            return "*";
+        case key_pattern::shape::message:
+            break;
+    }
+    return "";
+}
+
 // What the server needs to find the records of a target: a glob, whether it is one key, and the pieces of the key.
 redis_words words_of(const target &of)
 {
     if (of.keys.exact())
         return {of.keys.text(), "1"};
     redis_words words{std::string(record_name(of.keys.text())) + ":*", "0"};
-    for (const auto &wanted : of.keys.wanted())
-        words.add(wanted);
+    const auto &wanted = of.keys.wanted();
+    for (size_t i = 0; i < wanted.size(); ++i)
+        words.add(wanted[i].empty() ? any_value(of.keys.shapes()[i]) : wanted[i]);
     return words;
 }
 

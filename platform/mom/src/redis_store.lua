@@ -388,12 +388,15 @@ function verbs.write()
     return letters and letters .. string.rep('k', count) or ''
 end
 
--- ARGV 6: glob of the keys that can match. 7: "1" when that is one key exactly. 8...: the key's pieces, "" for any. As a
--- Lua pattern of the whole key:
+-- ARGV 6: glob of the keys that can match. 7: "1" when that is one key exactly. 8...: the key's pieces, "#" for any number,
+-- "*" for any text, "" for anything. So most keys that somebody else has put beside ours are left alone. As a Lua pattern
+-- of the whole key:
+local any_piece = {['#'] = '%-?%d+', ['*'] = '[%w._%%-]*', [''] = '[^:]*'}
+
 local function pattern_of_pieces()
     local pattern = '^[^:]*'
     for at = 8, #ARGV do
-        pattern = pattern .. ':' .. (ARGV[at] == '' and '[^:]*' or string.gsub(ARGV[at], '%W', '%%%0'))
+        pattern = pattern .. ':' .. (any_piece[ARGV[at]] or string.gsub(ARGV[at], '%W', '%%%0'))
     end
     return pattern .. '$'
 end
