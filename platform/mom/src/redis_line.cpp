@@ -830,9 +830,13 @@ void redis_line::look_for_lost_marks()
         redis_operation asked;
         asked.what = redis_operation::kind::lost_mark;
         asked.words = {id};
+        // At once: that it is there says nothing any more behind the next loss, which may come before the log has been told
+        // up to here. That it is gone is told in its turn.
+        asked.at_once = true;
         asked.finish = [this, id = id](const redis_outcome &found) {
             if (found.text == "gone")
-                end_of_mark(id, QZ_MOM_OK);
+                held_.push_back(
+                    {found.position, [this, id](const redis_outcome &) { end_of_mark(id, QZ_MOM_OK); }, {}});
             else if (const auto at = marks_.find(id); at != marks_.end())
                 at->second.looked_for = false;
         };
