@@ -510,6 +510,36 @@ TEST_F(RedisCalls, AFollowerWhoseLoadLapsesBeginsAnewAndHearsEveryState)
     EXPECT_EQ(std::set<int32_t>(), untold);
 }
 
+// What was there before went meanwhile, and came back with fewer fields: who follows one that is not among them has to hear.
+TEST_F(RedisCalls, WhoFollowsAFieldHearsOfARecordThatIsMadeAnewWhileTheTableIsReadAgain)
+{
+    constexpr int32_t FIRST = 100'000, COUNT = 40;
+    fill_store(20'000);
+    listener hears;
+    EXPECT_EQ(0, follow_field(reader, any_session(), 11, hears));
+    std::string removals;
+    for (int32_t i = FIRST; i < FIRST + COUNT; ++i) {
+        EXPECT_EQ(0, hmset(writer, {.keyid = i, .request_value = 1, .reply = 5}, {6, 11}));
+        removals += "DEL u_bridge.evlan_session:app:32:" + std::to_string(i) + '\n';
+    }
+    settle();
+    EXPECT_EQ(size_t{COUNT}, hears.changes().size());
+    auto *other = open(other_url_of_the_same(url_));
+    settle();
+    const int64_t before = pages_read();
+    store_server().commands(app_db, removals + "DEL mom:log");  // all read their tables anew
+    run_until([&] { return pages_read() - before >= 10; });
+    for (int32_t i = FIRST; i < FIRST + COUNT; ++i)
+        run_until([&] { return hmset(other, {.keyid = i, .request_value = 2}, {6}) == 0; });
+    settle();
+    EXPECT_EQ(20'000u + COUNT, scan(reader, any_session()).size());  // waits for the end of the load
+    std::map<int32_t, int32_t> replies;
+    for (const heard &each : hears.changes())
+        replies[session_of(*each.record).keyid] = each.cmd == QZ_MOM_CMD_DEL ? 0 : session_of(*each.record).reply;
+    for (int32_t i = FIRST; i < FIRST + COUNT; ++i)
+        EXPECT_EQ(0, replies[i]) << i;
+}
+
 // ---- what others do to the server's notes ---------------------------------------------------------------------------
 
 TEST_F(RedisCalls, ANoteThatIsRemovedIsMadeUpForByTheLog)

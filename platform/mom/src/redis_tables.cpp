@@ -280,6 +280,13 @@ void redis_tables::written_fields::become(std::string_view other, const Protobuf
     *this = std::move(made);
 }
 
+void redis_tables::written_fields::become_all(const ProtobufCMessageDescriptor &type)
+{
+    auto numbers = data_numbers(type);
+    auto all_names = std::make_shared<std::string>(names_of(type, numbers));
+    *this = {"*", numbers, numbers, std::move(all_names)};
+}
+
 // Null: it is not ours.
 std::shared_ptr<const content> redis_tables::take_content(const told_row &row, size_t fields, log_entry &entry)
 {
@@ -306,14 +313,22 @@ bool redis_tables::tell(const told_row &row, log_entry &entry)
         return true;
     }
     auto *known = in.records.find(row.key);
-    if (row.is_part && !row.written.empty()) {
-        if (in.loading != 0 && (known == nullptr || known->seen < in.good_from))
+    const bool by_field = !row.written.empty();
+    const bool missed = in.loading != 0 && (known == nullptr || known->seen < in.good_from);
+    if (row.is_part && by_field) {
+        if (missed)
             return true;  // a page is still to show it
         body = merge(known != nullptr ? known->body.get() : nullptr, std::move(body), in.written.all);
     }
+    int32_t cmd = row.cmd;
+    if (missed && known != nullptr && by_field) {
+        // It may have gone meanwhile, and come back: any field may be another than it was.
+        in.written.become_all(*in.type);
+        cmd = QZ_MOM_CMD_HMSET;
+    }
     if (entry.told == nullptr)
         entry.told = std::make_shared<change_block>(entry.bytes.size());
-    newest_told what(*entry.told, {db_, row.cmd, 0, row.key, row.written.empty() ? nullptr : in.written.names, body});
+    newest_told what(*entry.told, {db_, cmd, 0, row.key, by_field ? in.written.names : nullptr, body});
     deliveries out;
     subscriptions_.address(what.made, in.written.named, office_, out);
     if (!has_room(out))

@@ -90,6 +90,7 @@ class redis_tables
 
         // Without memory it stays as it was.
         void become(std::string_view other, const ProtobufCMessageDescriptor &type);
+        void become_all(const ProtobufCMessageDescriptor &type);
     };
     struct table {
         const ProtobufCMessageDescriptor *type = nullptr;
