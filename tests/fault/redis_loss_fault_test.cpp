@@ -269,6 +269,27 @@ TEST_F(RedisLoss, AnExpiryCallWhoseMarksTheServerHasNotKeptEnds)
     EXPECT_EQ(2u, view().size());
 }
 
+// The server is back with a copy of its data in which the call has marks still to set. Its client has had the last answer.
+TEST_F(RedisLoss, AnExpiryCallEndsThoughTheServerIsBackInTheMidstOfSettingItsMarks)
+{
+    write(numbered(1));
+    write(numbered(2));
+    listener ended;
+    EXPECT_EQ(0, expire(writer, any_session(), QZ_MOM_EXPIRE_PATTERN, {1000, 0}, ended));
+    settle();
+    wait_for_answers();
+    store_server().commands(app_db,
+                            "EVAL \"for _, id in ipairs(redis.call('HKEYS', 'mom:left')) do redis.call('HINCRBY', "
+                            "'mom:left', id, 1099511627776) end\" 0\n"
+                            "CLIENT KILL TYPE normal\nCLIENT KILL TYPE pubsub");
+    run_until_events({QZ_MOM_RECONNECT_ERROR, QZ_MOM_RECONNECT_DONE});
+    settle();
+    EXPECT_EQ(0u, ended.ends(QZ_MOM_END_EXPIRY));
+    for (int32_t i = 1; i <= 2; ++i)
+        EXPECT_EQ(0, del(writer, numbered(i)));
+    run_until([&] { return ended.ends(QZ_MOM_END_EXPIRY) == 1; });
+}
+
 // Behind one loss the server has the marks, behind the next it has not: what it said first, while the changes before that
 // still waited for room, counts no more.
 TEST_F(RedisLoss, AnExpiryCallEndsThoughItsMarksWereThereAtTheLossBefore)

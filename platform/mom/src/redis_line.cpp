@@ -691,8 +691,8 @@ void redis_line::answered(call &made, const redisReply &reply)
             own.code = code_of(letters.front());
             letters.remove_prefix(1);
         }
-        if (part.mark != nullptr && outcome.code != QZ_MOM_OK)
-            end_of_mark(part.mark->id, outcome.code);
+        if (part.mark != nullptr)
+            mark_answered(part.mark->id, outcome.code);
         part.refused = own.code != QZ_MOM_OK;
         if (!made.first_sent.has_value())
             conclude(part, std::move(own));
@@ -806,6 +806,14 @@ void redis_line::tell_all()
     }
 }
 
+void redis_line::mark_answered(const std::string &id, int32_t code)
+{
+    if (code != QZ_MOM_OK)
+        end_of_mark(id, code);
+    else if (const auto at = marks_.find(id); at != marks_.end())
+        at->second.is_set = true;
+}
+
 // `error`: why the server has refused the call.
 void redis_line::end_of_mark(const std::string &id, int32_t error)
 {
@@ -829,7 +837,7 @@ void redis_line::look_for_lost_marks()
             continue;
         redis_operation asked;
         asked.what = redis_operation::kind::lost_mark;
-        asked.words = {id};
+        asked.words = {id, mark.is_set ? "set" : "being set"};
         // At once: that it is there says nothing any more behind the next loss, which may come before the log has been told
         // up to here. That it is gone is told in its turn.
         asked.at_once = true;

@@ -129,6 +129,7 @@ class redis_line : private redis_tables::asker
     bool tell_next(log_entry &entry);
     bool may_tell(uint64_t position) const;
     void restart_at(uint64_t position);
+    void mark_answered(const std::string &id, int32_t code);
     void end_of_mark(const std::string &id, int32_t error);
     void look_for_lost_marks();
 
@@ -175,6 +176,7 @@ class redis_line : private redis_tables::asker
         std::weak_ptr<client> owner;
         change_ptr end;
         receiver to;
+        bool is_set = false;      // the server has said so
         bool looked_for = false;  // the server is being asked whether it still has it
     };
     std::map<std::string, waiting_mark> marks_;  // expiry calls whose end has not come, by number

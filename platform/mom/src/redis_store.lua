@@ -564,8 +564,16 @@ function verbs.fire()
     return fired == RECORD_BATCH and 'more' or 'k', table.concat(answers, ' ')
 end
 
--- ARGV 6: number of an expiry call.
-function verbs.left() return call_own('HEXISTS', 'mom:left', ARGV[6]) == 1 and 'k' or 'gone' end
+-- ARGV 6: number of an expiry call. 7: "set": all its marks were, as the client knows. A server that has lost data may be back
+-- in the midst of setting them.
+function verbs.left()
+    local id = ARGV[6]
+    local left = tonumber(call_own('HGET', 'mom:left', id))
+    if left and left > UNFINISHED / 2 and ARGV[7] == 'set' then
+        marks_gone(id, UNFINISHED)
+    end
+    return call_own('HEXISTS', 'mom:left', id) == 1 and 'k' or 'gone'
+end
 
 -- ARGV 6: "begin", "go on" or "end". 7: the name of a table. Its records are read by commands that follow this one. From
 -- the beginning to the end writes are told whole. "lapsed": that has taken too long, and is to begin anew.
