@@ -231,7 +231,7 @@ TEST_F(ShellServer, TheSocketIsItsOwnersAndGroups)
 TEST_F(ShellServer, AFolderThatOthersCanWriteToIsRefused)
 {
     std::filesystem::create_directory(directory());
-    for (const mode_t mode : {0777, 0770, 0702}) {
+    for (const mode_t mode : {0777U, 0770U, 0702U}) {
         ASSERT_EQ(0, chmod(directory().c_str(), mode));
         EXPECT_EQ(SSAT_EIO, ssat_serve(the_master, &server_)) << mode;
         EXPECT_EQ(EACCES, errno);
