@@ -190,6 +190,7 @@ class FaultTest : public StoreTest
     {
         run_until([&] { return mark_nothing() == QZ_MOM_OK; });
     }
+    // Such a call; its code.
     int32_t mark_nothing()
     {
         const qz_mom_timeval delay{1000, 0};

@@ -323,8 +323,8 @@ TEST(RedisHistory, AServerThatIsMasterOnceMoreKnowsTheMarksThatWereSetMeanwhile)
     support::redis_server &first = group.master();
     support::redis_server &second = group.replica();
     group.sentinel(0).kill();  // the roles are changed by hand
-    const auto is_in_step = [](support::redis_server &server) {
-        return server.commands(app_db, "INFO replication").find("master_link_status:up") != std::string::npos;
+    const auto is_following = [](const support::redis_server &server) {
+        return contains(server.commands(app_db, "INFO replication"), "master_link_status:up");
     };
     followed here(first.url());
     here.write(numbered(1));
@@ -334,14 +334,14 @@ TEST(RedisHistory, AServerThatIsMasterOnceMoreKnowsTheMarksThatWereSetMeanwhile)
     group.bring_in_step();
     second.commands(app_db, "REPLICAOF NO ONE");
     first.commands(app_db, "REPLICAOF 127.0.0.1 " + std::to_string(group.replica_port()));
-    here.run_until([&] { return here.events.size() == 1 && is_in_step(first); });
+    here.run_until([&] { return here.events.size() == 1 && is_following(first); });
     listener ended;
     {
         followed there(second.url());
         EXPECT_EQ(0, there.expire(there.writer, any_session(), QZ_MOM_EXPIRE_PATTERN, {3, 0}, ended));
         there.settle();
     }
-    second.commands(app_db, "SET asked now\nWAIT 1 1000");
+    support::redis_group::bring_in_step(second);
     first.commands(app_db, "REPLICAOF NO ONE");
     here.run_until_events(LOST_AND_BACK);
     here.write(numbered(1, 2));

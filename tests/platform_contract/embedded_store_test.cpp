@@ -244,6 +244,21 @@ TEST_F(EmbeddedStore, ADatabaseThatIsAskedForDuringALossIsConnectedBehindIt)
     EXPECT_EQ(1, calls);
 }
 
+TEST_F(EmbeddedStore, ANoticeThatGoesAheadIsTakenOverDuringALossAndHeardBehindIt)
+{
+    auto *handle = open();
+    listener hears;
+    follow_evlans(handle, hears);
+    run(master_);
+    EXPECT_EQ(0, qz_mom_embedded_lose(name));
+    EXPECT_EQ(0, qz_mom_set_ahead(handle, app_db, evlan_record("app", 1).message()));
+    run(master_);
+    EXPECT_EQ(0u, hears.count(QZ_MOM_CMD_SET));
+    EXPECT_EQ(0, qz_mom_embedded_restore(name));
+    run(master_);
+    EXPECT_EQ(1u, hears.count(QZ_MOM_CMD_SET));
+}
+
 TEST_F(EmbeddedStore, MarksRunOnWhileTheConnectionIsLost)
 {
     auto *handle = open();
@@ -261,8 +276,8 @@ TEST_F(EmbeddedStore, MarksRunOnWhileTheConnectionIsLost)
     EXPECT_EQ(1u, end.ends(QZ_MOM_END_EXPIRY));
 }
 
-// The oldest handle's clock is another one, and goes with it; what is left of the delay does not change.
-TEST_F(EmbeddedStore, MarksGoOnByTheClockOfTheNextHandle)
+// A timer of the clock that goes would be taken for one that fires soon enough.
+TEST_F(EmbeddedStore, MarksGoOnByTheNextHandlesClockAlsoWhereThatIsBehind)
 {
     auto *first_master = qz_thread_master_create(QZ_THREAD_CLOCK_DRIVEN);
     qz_thread_advance(first_master, 7000000);

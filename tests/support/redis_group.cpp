@@ -78,10 +78,10 @@ std::string redis_group::url() const
 }
 
 // The server waits for what was written on the connection that asks.
-void redis_group::bring_in_step() const
+void redis_group::bring_in_step(const redis_server &leader)
 {
     wait_until("the replica is never in step",
-               [&] { return master_.commands(0, "SET asked now\nWAIT 1 1000").find(":1\r\n") != std::string::npos; });
+               [&] { return leader.commands(0, "SET asked now\nWAIT 1 1000").find(":1\r\n") != std::string::npos; });
 }
 
 // The master does not know the user as whom the replica will come back.

@@ -27,7 +27,9 @@ class redis_group
     int sentinel_port(size_t index) const { return sentinel_ports_[index]; }
 
     // Returns when the replica has all that the master has done.
-    void bring_in_step() const;
+    void bring_in_step() const { bring_in_step(master_); }
+    // The same of a server that leads the other one now.
+    static void bring_in_step(const redis_server &leader);
     // From now on the replica, which has all until now, hears nothing more of the master, though it goes on watching it.
     void cut_replication() const;
 

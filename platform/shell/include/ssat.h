@@ -57,8 +57,8 @@ int32_t ssat_exec(const char *module, const char *command, int32_t argc, const i
  *
  * A process serves its modules on a unix socket of its own, "PROGRAM.PID" in ssat_directory(). Whoever may use the socket,
  * which are its owner and group, may run every command; others may go through the folder, where services of other accounts
- * have folders of their own. All happens on the thread of `master` (real clock), which has to
- * run: handlers run there, several clients take turns, a command at a time.
+ * have folders of their own. All happens on the thread of `master` (real clock), which has to run: handlers run there,
+ * several clients take turns, a command at a time.
  *
  * A client that does not read what it has asked for makes the process wait, for half a second a command at most; then it is
  * dropped, and the handler goes on without it. Clients are 16 at most; the next one is told so and closed.
