@@ -6,6 +6,7 @@
 #include <fstream>
 #include <numeric>
 
+#include "drawn_calls.hpp"
 #include "qz_mom_embedded.h"
 #include "store_fixture.hpp"
 
@@ -448,6 +449,22 @@ TEST_F(EmbeddedStore, ClosingWithCallsAndMarksPendingLeavesNothingBehind)
     qz_mom_client_close(handle);
     qz_thread_master_free(own_master);
     EXPECT_TRUE(hears.all.empty());
+}
+
+TEST_F(DrawnCalls, EndAsThePromisesSayInAnyInterleaving)
+{
+    open();
+    for (uint64_t seed = 1; seed <= 10 && !HasFailure(); ++seed) {
+        EXPECT_EQ(0, qz_mom_embedded_seed(name, seed));
+        run_sequences(3);
+    }
+}
+
+TEST_F(DrawnCalls, LoseNothingWithTheConnection)
+{
+    lose_ = [](uint32_t) { EXPECT_EQ(0, qz_mom_embedded_lose(name)); };
+    bring_back_ = [] { EXPECT_EQ(0, qz_mom_embedded_restore(name)); };
+    run_sequences(20);
 }
 
 }  // namespace contract

@@ -231,6 +231,8 @@ void StoreTest::settle()
             return std::ranges::any_of(each->heard_by.all, reached) && !each->answered.all.empty();
         });
     });
+    for (const auto &each : fences_)
+        each->heard_by.all.clear();
 }
 
 // By the first `count` handles.

@@ -130,6 +130,8 @@ class StoreTest : public testing::Test
     // Runs the master until the condition holds; fails the test when it never does.
     void run_until(const std::function<bool()> &done);
     void pass_time(int64_t milliseconds);
+    // Runs the master for a moment.
+    void run_once();
 
     // The calls, with the arguments that most tests use.
     int32_t hmset(qz_mom_handle *by, const session &what, const std::vector<uint32_t> &fields);
@@ -149,7 +151,6 @@ class StoreTest : public testing::Test
   private:
     struct fence;
     void post_fences(size_t count);
-    void run_once();
 
     std::vector<qz_mom_handle *> handles_;
     std::vector<std::unique_ptr<fence>> fences_;
