@@ -111,6 +111,8 @@ void DrawnCalls::run_sequence()
     open_writers();
     for (uint32_t rounds = 2 + below(4); rounds != 0 && !HasFailure(); --rounds)
         draw_round();
+    if (HasFailure())
+        return;
     remove_all();
     settle_all();
     for (auto *each : writers_)
