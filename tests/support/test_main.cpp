@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -14,20 +15,24 @@
 namespace
 {
 
-// Exit status of one test run in a child; 1 when it died.
-int run_in_child(const std::string &name)
+enum outcome { PASSED, FAILED, SKIPPED };  // exit statuses of children
+
+// One that died has failed.
+outcome run_in_child(const std::string &name)
 {
     std::fflush(nullptr);
     const pid_t child = fork();
     if (child < 0)
-        return 1;
+        return FAILED;
     if (child == 0) {
         testing::GTEST_FLAG(filter) = name;
-        std::exit(RUN_ALL_TESTS());
+        if (RUN_ALL_TESTS() != 0)
+            std::exit(FAILED);
+        std::exit(testing::UnitTest::GetInstance()->skipped_test_count() != 0 ? SKIPPED : PASSED);
     }
     int status = 0;
     waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+    return WIFEXITED(status) && WEXITSTATUS(status) <= SKIPPED ? static_cast<outcome>(WEXITSTATUS(status)) : FAILED;
 }
 
 // gtest decides what its filter selects only inside RUN_ALL_TESTS(), so the parent does it again here.
@@ -102,8 +107,7 @@ int main(int argc, char **argv)
     if (testing::GTEST_FLAG(list_tests) || one_name(filter))
         return RUN_ALL_TESTS();
 
-    int run = 0;
-    std::vector<std::string> failed;
+    std::array<std::vector<std::string>, SKIPPED + 1> names;
     auto *unit = testing::UnitTest::GetInstance();
     for (int s = 0; s < unit->total_test_suite_count(); ++s) {
         auto *suite = unit->GetTestSuite(s);
@@ -111,13 +115,14 @@ int main(int argc, char **argv)
             const std::string name = std::string(suite->name()) + "." + suite->GetTestInfo(t)->name();
             if (!filter_selects(filter, name))
                 continue;
-            ++run;
-            if (run_in_child(name) != 0)
-                failed.push_back(name);
+            names[run_in_child(name)].push_back(name);
         }
     }
-    std::printf("%d passed, %zu failed\n", run - static_cast<int>(failed.size()), failed.size());
-    for (const auto &name : failed)
+    std::printf("%zu passed, %zu skipped, %zu failed\n", names[PASSED].size(), names[SKIPPED].size(),
+                names[FAILED].size());
+    for (const auto &name : names[SKIPPED])
+        std::printf("SKIPPED %s\n", name.c_str());
+    for (const auto &name : names[FAILED])
         std::printf("FAILED %s\n", name.c_str());
-    return failed.empty() ? 0 : 1;
+    return names[FAILED].empty() ? 0 : 1;
 }
