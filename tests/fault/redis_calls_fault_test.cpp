@@ -540,6 +540,25 @@ TEST_F(RedisCalls, WhoFollowsAFieldHearsOfARecordThatIsMadeAnewWhileTheTableIsRe
         EXPECT_EQ(0, replies[i]) << i;
 }
 
+// It was believed to be in neither form, and so not to be ours.
+TEST_F(RedisCalls, ARecordThatIsInTheOtherFormWheneverItIsLookedAtIsReadInTheEnd)
+{
+    write(numbered(7));
+    settle();
+    const std::string step = "local step, loader = ARGV[6], client .. ' ' .. ARGV[7]\n";
+    load_function_anew(step, step + R"(
+        if step == 'go on' and ARGV[7] == 'u_bridge.evlan_session' and call('INCR', 'looks') <= 3 then
+            local key = 'u_bridge.evlan_session:app:32:7'
+            local is_whole = call('TYPE', key).ok == 'string'
+            call('DEL', key)
+            call(unpack(is_whole and {'HSET', key, '8', '@\1'} or {'SET', key, '@\1'}))
+        end
+    )");
+    const session now{.keyid = 7, .request = 1};
+    EXPECT_EQ(std::vector<session>{now}, scan(open(other_url_of_the_same(url_)), any_session()));
+    EXPECT_TRUE(contains(store_server().commands(app_db, "GET looks"), "4"));
+}
+
 // ---- what others do to the server's notes ---------------------------------------------------------------------------
 
 TEST_F(RedisCalls, ANoteThatIsRemovedIsMadeUpForByTheLog)

@@ -431,11 +431,12 @@ void redis_tables::take_page(table_step &read)
 void redis_tables::read_on(table &in, const table_step &read)
 {
     std::vector<table_step::wanted> keys = read.doubtful();
-    if (!keys.empty())
-        in.whole = keys.front().whole;
+    const auto newly = std::ranges::find(keys, 1, &table_step::wanted::doubts);
+    if (newly != keys.end())
+        in.whole = newly->whole;
     keys.reserve(keys.size() + read.found().size());
     for (const std::string &key : read.found())
-        keys.push_back({key, in.whole, false});
+        keys.push_back({key, in.whole});
     server_.ask(operation_of(std::make_shared<table_step>(read.name, read.load, read.next_cursor(), std::move(keys))));
 }
 

@@ -9,6 +9,8 @@ namespace
 {
 
 constexpr const char *KEYS_A_STEP = "1000";
+// Between two steps a record may have been removed and written in the other form.
+constexpr int DOUBTS = 4;
 
 }  // namespace
 
@@ -72,10 +74,10 @@ void table_step::take_record(const wanted &from, const redisReply &reply, std::s
     if (reply.type == REDIS_REPLY_ERROR) {
         if (!text_of(reply).starts_with("WRONGTYPE"))
             refused_ = true;
-        else if (from.doubted)
+        else if (from.doubts + 1 == DOUBTS)
             records_.push_back({from.key, nullptr});  // neither form
         else
-            doubtful_.push_back({from.key, !from.whole, true});
+            doubtful_.push_back({from.key, !from.whole, from.doubts + 1});
     } else if (reply.type == REDIS_REPLY_STRING) {
         records_.push_back({from.key, std::make_shared<content>(content{form::whole, std::string(text_of(reply))})});
     } else if (!map.empty()) {

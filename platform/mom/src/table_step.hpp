@@ -25,8 +25,8 @@ class table_step
   public:
     struct wanted {
         std::string key;
-        bool whole = false;    // it is believed to be a record in one piece
-        bool doubted = false;  // it was believed to be of the other form before
+        bool whole = false;  // it is believed to be a record in one piece
+        int doubts = 0;      // so many times it was believed to be of one form and was of another
     };
     struct shown {
         std::string key;
