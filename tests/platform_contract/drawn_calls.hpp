@@ -1,7 +1,7 @@
 // Calls drawn by lot, and what has to be heard of each. Several writers, each with records that nobody else writes: so the
 // promises leave one outcome of any sequence of calls, which is kept here beside the store's.
 //
-// A sequence is told by its seed, which a failure names. EBRIDGE_DRAWN_SEED and EBRIDGE_DRAWN_SEQUENCES in the environment
+// The calls of a sequence are told by its seed, which a failure names; the timing of a real server is not. EBRIDGE_DRAWN_SEED and EBRIDGE_DRAWN_SEQUENCES in the environment
 // ask for others than the few that are always run.
 #ifndef PLATFORM_CONTRACT_DRAWN_CALLS_HPP
 #define PLATFORM_CONTRACT_DRAWN_CALLS_HPP
@@ -28,7 +28,9 @@ class DrawnCalls : public StoreTest
     // When set: takes the connections away, in a way that is drawn, and gives them back; with all data that was there. Who
     // follows may hear of a change once more then, or not of each, but ends at what is there.
     std::function<void(uint32_t)> lose_;
-    std::function<void()> bring_back_ = [] {};
+    std::function<void()> bring_back_;  // none: the client does it by itself
+    // Runs at the begin of each sequence, with its seed.
+    std::function<void(uint32_t)> before_each_ = [](uint32_t) {};
 
   private:
     // A state that a record came to, and how.
@@ -85,6 +87,7 @@ class DrawnCalls : public StoreTest
     bool one_in(uint32_t count) { return below(count) == 0; }
     session draw_pattern(const session &key);
     std::vector<uint32_t> draw_fields();
+    int32_t draw_value();
 
     void run_sequence();
     void open_writers();
@@ -107,6 +110,8 @@ class DrawnCalls : public StoreTest
     std::vector<record *> matching(const session &pattern, bool is_exact, const qz_mom_handle *writer);
     static void unmark(record &what);
     void settle_all();
+    bool is_all_over() const;
+    void compare_with_store();
     void begin_next_round();
     void check_answer(const asked &what) const;
     void check_following(const following &by) const;
@@ -126,6 +131,7 @@ class DrawnCalls : public StoreTest
     std::list<scanning> scans_;
     std::vector<std::string> calls_;  // since all was settled
     uint64_t calls_made_ = 0;
+    int32_t last_value_ = 3;
     std::map<const qz_mom_handle *, uint64_t> last_answered_;
     bool is_away_ = false;
     bool was_lost_ = false;  // in this round
