@@ -152,8 +152,8 @@ void DrawnCalls::draw_round()
             lose_or_bring_back();
     }
     if (one_in(3)) {  // only these are left in the round: it does not matter when they fire, nor which
-        expire_in(records_[below(static_cast<uint32_t>(records_.size()))], {0, 100000});
-        expire_in(records_[below(static_cast<uint32_t>(records_.size()))], {0, 100000});
+        expire_in(draw_record(), {0, 100000});
+        expire_in(draw_record(), {0, 100000});
         pass_time(150);
     }
     settle_all();
@@ -172,7 +172,7 @@ void DrawnCalls::lose_or_bring_back()
 
 void DrawnCalls::draw_call()
 {
-    auto &of = records_[below(static_cast<uint32_t>(records_.size()))];
+    auto &of = draw_record();
     const uint32_t lot = below(100);
     if (lot < 50)
         write_fields(of);
@@ -213,6 +213,10 @@ void DrawnCalls::remove_all()
 
 // ---- calls ----------------------------------------------------------------------------------------------------------
 
+DrawnCalls::record &DrawnCalls::draw_record() { return records_[below(static_cast<uint32_t>(records_.size()))]; }
+
+qz_mom_handle *DrawnCalls::draw_writer() { return writers_[below(static_cast<uint32_t>(writers_.size()))]; }
+
 session DrawnCalls::draw_pattern(const session &key)
 {
     session pattern = key;
@@ -220,6 +224,15 @@ session DrawnCalls::draw_pattern(const session &key)
         pattern.keyid = 0;
     if (one_in(3))
         pattern.type = 0;
+    return pattern;
+}
+
+// Of one user's records, or of all users'.
+session DrawnCalls::draw_pattern_of_any()
+{
+    session pattern = draw_pattern(draw_record().key);
+    if (one_in(2))
+        pattern.user.clear();
     return pattern;
 }
 
@@ -370,10 +383,8 @@ void DrawnCalls::remove_marked(record &of)
 
 void DrawnCalls::begin_scan()
 {
-    auto *by = writers_[below(static_cast<uint32_t>(writers_.size()))];
-    session pattern = draw_pattern(records_[below(static_cast<uint32_t>(records_.size()))].key);
-    if (one_in(2))
-        pattern.user.clear();
+    auto *by = draw_writer();
+    const session pattern = draw_pattern_of_any();
     auto &scan = scans_.emplace_back(scanning{.call = "scan " + text_of(pattern), .pattern = pattern});
     for (const auto &each : records_)
         scan.begun.push_back(each.writer == by ? each.history.size() : each.settled);
@@ -385,10 +396,8 @@ void DrawnCalls::begin_scan()
 // All that others do behind the confirmation is told; of what they did shortly before it may be told, or be known.
 void DrawnCalls::begin_to_follow()
 {
-    auto *by = writers_[below(static_cast<uint32_t>(writers_.size()))];
-    session pattern = draw_pattern(records_[below(static_cast<uint32_t>(records_.size()))].key);
-    if (one_in(2))
-        pattern.user.clear();
+    auto *by = draw_writer();
+    const session pattern = draw_pattern_of_any();
     const uint32_t field = one_in(2) ? FIELDS[below(std::size(FIELDS))] : 0;
     auto &made = followings_.emplace_back(
         following{.call = "follow " + text_of(pattern) + (field != 0 ? ' ' + name_of(field) : ""),

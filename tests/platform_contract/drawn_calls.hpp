@@ -1,8 +1,8 @@
 // Calls drawn by lot, and what has to be heard of each. Several writers, each with records that nobody else writes: so the
 // promises leave one outcome of any sequence of calls, which is kept here beside the store's.
 //
-// The calls of a sequence are told by its seed, which a failure names; the timing of a real server is not. EBRIDGE_DRAWN_SEED and EBRIDGE_DRAWN_SEQUENCES in the environment
-// ask for others than the few that are always run.
+// The calls of a sequence are told by its seed, which a failure names; the timing of a real server is not.
+// EBRIDGE_DRAWN_SEED and EBRIDGE_DRAWN_SEQUENCES in the environment ask for others than the few that are always run.
 #ifndef PLATFORM_CONTRACT_DRAWN_CALLS_HPP
 #define PLATFORM_CONTRACT_DRAWN_CALLS_HPP
 
@@ -85,7 +85,10 @@ class DrawnCalls : public StoreTest
 
     uint32_t below(uint32_t bound) { return static_cast<uint32_t>(random_() % bound); }
     bool one_in(uint32_t count) { return below(count) == 0; }
+    record &draw_record();
+    qz_mom_handle *draw_writer();
     session draw_pattern(const session &key);
+    session draw_pattern_of_any();
     std::vector<uint32_t> draw_fields();
     int32_t draw_value();
 
