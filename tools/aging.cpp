@@ -37,7 +37,7 @@ int32_t session::on_marks_ended(qz_mom_handle *, const qz_mom_notification *msg,
 
 // The sessions are read first: what the index map does not know of is neither refreshed nor deleted. The marks are set
 // before anything that is written after them, so nobody has to wait for them.
-bool session::mark_all(const run_options &options, std::string *error)
+bool session::mark_all(std::string *error)
 {
     if (!read_own(error))
         return false;
@@ -46,7 +46,7 @@ bool session::mark_all(const run_options &options, std::string *error)
         marks.insert(marks.end(), {twin.mark_sessions, twin.mark_attributes});
     for (const auto mark : marks) {
         const auto call = [&] { return mark(requester(), nullptr, on_marks_ended, this); };
-        if (const int32_t code = patiently(call, options.patience_usec); code != 0) {
+        if (const int32_t code = patiently(call); code != 0) {
             *error = "what it had cannot be marked: " + std::to_string(code) + ", " + qz_mom_strerror(code);
             return false;
         }
@@ -64,9 +64,9 @@ bool session::delete_marked(const run_options &options, std::string *error)
         return false;
     }
     for (const twin_calls &twin : TWINS)
-        patiently([&] { return twin.delete_attributes(requester(), nullptr, nullptr); }, options.patience_usec);
+        patiently([&] { return twin.delete_attributes(requester(), nullptr, nullptr); });
     for (const auto deletion : DELETIONS)
-        patiently([&] { return deletion(requester(), nullptr, nullptr); }, options.patience_usec);
+        patiently([&] { return deletion(requester(), nullptr, nullptr); });
     if (options.delete_now)
         delete_sessions_now();
     else
@@ -74,7 +74,7 @@ bool session::delete_marked(const run_options &options, std::string *error)
     constexpr int64_t DELETED_USEC = 5'000'000;
     constexpr int TRIES = 4;
     const auto over = [this] { return marks_ended_ == ALL_MARKS || marks_error_ != 0; };
-    for (int tries = 0; tries < TRIES && !wait_until(over, DELETED_USEC); ++tries)
+    for (int tries = 0; tries < TRIES && !look_until(over, DELETED_USEC); ++tries)
         if (!delete_what_is_left(error))
             return false;
     if (marks_ended_ == ALL_MARKS)
@@ -93,7 +93,7 @@ void session::wait_for_age_timer()
     const sw_ebridge_list_item *user = sw_ebridge_list_item_get(requester());
     constexpr int64_t LOOK_USEC = 100'000;
     const auto over = [&] { return user->age_timer_armed == 0 || marks_ended_ == ALL_MARKS; };
-    while (!wait_until(over, LOOK_USEC)) {
+    while (!look_until(over, LOOK_USEC)) {
     }
 }
 

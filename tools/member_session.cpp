@@ -36,7 +36,7 @@ bool read_vlans(const UBridge__PortVlans &record, member_sight *out)
 
 // ---- publishing -------------------------------------------------------------------------------------------------------
 
-void session::publish_members(const run_options &options)
+void session::publish_members()
 {
     for (size_t i = 0; i < members_->size(); ++i) {
         const vlan_port &port = members_->at(i);
@@ -48,17 +48,17 @@ void session::publish_members(const run_options &options)
         int32_t code = sw_vlan_port_range_vids_add_with_flag(requester(), eport, port.vlans.words(),
                                                              port.untagged.words(), port.vlans.words(), KEEP_LOCAL);
         if (code == 0)
-            code = patiently(publish, options.patience_usec);
+            code = patiently(publish);
         // None is wanted: one of an earlier life goes.
-        const int32_t pvid_code = patiently(set_pvid, options.patience_usec);
+        const int32_t pvid_code = patiently(set_pvid);
         members_->set(i, {.code = code, .pvid_code = pvid_code, .pvid = port.asked.pvid});
     }
 }
 
-void session::wait_for_pvids(const run_options &options)
+void session::wait_for_pvids()
 {
-    wait_until([this] { return members_->is_settled(users_.requester); }, options.patience_usec);
-    wait_for_writes(SW_EBRIDGE_APP_DB, options.patience_usec);
+    wait_until([this] { return members_->is_settled(users_.requester); });
+    wait_for_writes(SW_EBRIDGE_APP_DB);
 }
 
 void session::pvid_changed(uint32_t ifx, int32_t pvid)
@@ -90,7 +90,7 @@ bool session::scan_members(std::string *error)
         const auto scan = [&] {
             return qz_mom_scan(link_.handle(), each.first, each.second, 0, on_members_read, this);
         };
-        if (const int32_t code = patiently(scan, SCAN_PATIENCE_USEC); code != 0) {
+        if (const int32_t code = patiently(scan); code != 0) {
             *error = std::string("the VLANs of ports cannot be scanned: ") + qz_mom_strerror(code);
             return false;
         }
@@ -103,7 +103,7 @@ bool session::scan_pvids(std::string *error)
 {
     ended_ = 0;
     const auto scan = [&] { return sw_vlan_pvid_table_scan(requester(), on_scanned, this); };
-    if (const int32_t code = patiently(scan, SCAN_PATIENCE_USEC); code != 0) {
+    if (const int32_t code = patiently(scan); code != 0) {
         *error = std::string("the default VLANs cannot be scanned: ") + qz_mom_strerror(code);
         return false;
     }

@@ -41,7 +41,7 @@ const ProtobufCMessage *const ALL_ATTRIBUTES[2] = {&any_evlan.base, &any_eport.b
 
 bool session::wait_for_ends(int wanted, const char *what, std::string *error)
 {
-    if (wait_until([this, wanted] { return ended_ == wanted; }, SCAN_PATIENCE_USEC))
+    if (wait_until([this, wanted] { return ended_ == wanted; }))
         return true;
     *error = std::string("the scan of the ") + what + " did not end";
     return false;
@@ -52,7 +52,7 @@ bool session::scan_sessions(const char *user, std::string *error)
     ended_ = 0;
     for (const twin_calls &twin : TWINS) {
         const auto scan = [&] { return twin.scan(user, static_cast<int32_t>(followed_db()), on_scanned, this); };
-        if (const int32_t code = patiently(scan, SCAN_PATIENCE_USEC); code != 0)
+        if (const int32_t code = patiently(scan); code != 0)
             return fail(error, "the sessions cannot be scanned", code);
     }
     return wait_for_ends(std::size(TWINS), "sessions", error);
@@ -65,7 +65,7 @@ bool session::scan_attributes(std::string *error)
         const auto scan = [&] {
             return qz_mom_scan(link_.handle(), SW_EBRIDGE_UDP_DB, pattern, 0, on_attributes_read, this);
         };
-        if (const int32_t code = patiently(scan, SCAN_PATIENCE_USEC); code != 0)
+        if (const int32_t code = patiently(scan); code != 0)
             return fail(error, "the attributes cannot be scanned", code);
     }
     return wait_for_ends(std::size(ALL_ATTRIBUTES), "attributes", error);
@@ -80,7 +80,7 @@ bool session::scan_rules(std::string *error)
     const auto scan = [&] {
         return qz_mom_scan(link_.handle(), SW_EBRIDGE_APP_DB, &any_rule.base, 0, on_rules_read, this);
     };
-    if (const int32_t code = patiently(scan, SCAN_PATIENCE_USEC); code != 0)
+    if (const int32_t code = patiently(scan); code != 0)
         return fail(error, "the match rules cannot be scanned", code);
     return wait_for_ends(1, "match rules", error);
 }

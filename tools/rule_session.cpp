@@ -56,14 +56,14 @@ bool is_same_rule(const sw_ematch_item &one, const sw_ematch_item &other)
 
 }  // namespace
 
-void session::add_rules(const run_options &options)
+void session::add_rules()
 {
     for (size_t i : own_rules()) {
         rule_facts facts = rules_->at(i).asked;
         facts.sent = true;
         rules_->set(i, facts);
         const rule_record record(rules_->at(i).item, requester());
-        const int32_t code = patiently([&] { return sw_ematch_entry_add(&record.entry()); }, options.patience_usec);
+        const int32_t code = patiently([&] { return sw_ematch_entry_add(&record.entry()); });
         facts = rules_->at(i).asked;  // a verdict may have come
         facts.code = code;
         rules_->set(i, facts);
@@ -75,11 +75,11 @@ void session::publish_rules(const run_options &options)
     if (rules_->empty())
         return;
     const auto mark = [&] { return sw_ematch_aging_flag_set(requester(), nullptr, nullptr, nullptr); };
-    const bool marked = patiently(mark, options.patience_usec) == 0;
-    add_rules(options);
+    const bool marked = patiently(mark) == 0;
+    add_rules();
     const auto clean = [&] { return sw_ematch_aged_data_delete(requester(), nullptr, nullptr); };
     if (marked && std::ranges::all_of(own_rules(), [&](size_t i) { return rules_->at(i).asked.code == 0; }))
-        patiently(clean, options.patience_usec);
+        patiently(clean);
     wait_for_verdicts(options);
 }
 
@@ -90,22 +90,22 @@ void session::wait_for_verdicts(const run_options &options)
         progress.at(requests_->settled() + rules_->settled());
         return rules_->unheard_of(users_.requester) == 0;
     };
-    wait_until(all_heard, options.patience_usec);
+    wait_until(all_heard);
     progress.last(requests_->settled() + rules_->settled());
 }
 
-void session::remove_order_rules(const run_options &options)
+void session::remove_order_rules()
 {
     bool removed = false;
     for (size_t i : own_rules()) {
         if (!rules_->at(i).tells_order())
             continue;
         const rule_record record(rules_->at(i).item, requester());
-        patiently([&] { return sw_ematch_entry_del(&record.entry()); }, options.patience_usec);
+        patiently([&] { return sw_ematch_entry_del(&record.entry()); });
         removed = true;
     }
     if (removed)
-        wait_for_writes(SW_EBRIDGE_APP_DB, options.patience_usec);
+        wait_for_writes(SW_EBRIDGE_APP_DB);
 }
 
 void session::decided(const UBridge__EmatchEntry &record)

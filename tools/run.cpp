@@ -22,10 +22,10 @@ bool run_here(const run_options &options, run_books *books, run_result *out, std
         return false;
     }
     users.request_all(options);
-    users.describe_all(options);
-    users.publish_members(options);
+    users.describe_all();
+    users.publish_members();
     users.publish_rules(options);
-    users.wait_for_pvids(options);
+    users.wait_for_pvids();
     if (!users.read_back(error))
         return false;
     users.note_tables();

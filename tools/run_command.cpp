@@ -62,7 +62,8 @@ constexpr const char *RUN_FOOTER =
     "  1  something was refused, differs or is left over; each such entry is named on standard error. Or a process\n"
     "     of this command has died, and is named; or the result cannot be written, or memory has run out\n"
     "  2  CONFIG or a list of ports is missing or makes no sense, or an argument is wrong; nothing was requested\n"
-    "  3  nobody answers at the store's URL, or it makes no sense";
+    "  3  nobody answers at the store's URL, or it makes no sense; or the store was lost and has not come back for as\n"
+    "     long as --patience says";
 
 struct arguments {
     std::string config;
@@ -73,6 +74,7 @@ struct arguments {
     size_t users = 1;
     bool restart = false;
     bool delete_now = false;
+    int64_t patience = 30;  // seconds
     std::vector<std::string> without;
     std::vector<std::string> range_texts;
     std::vector<range_setting> ranges;
@@ -152,7 +154,10 @@ int run_it(const arguments &given)
         return complain("standard output cannot be kept apart", SOMETHING_DIFFERS);
     end_tidily_on(SIGINT);
     end_tidily_on(SIGTERM);
-    run_options options{.ranges = given.ranges, .progress = show_progress};
+    run_options options{.ranges = given.ranges,
+
+                        .patience_usec = given.patience * 1'000'000,
+                        .progress = show_progress};
     if (!given.store.empty()) {
         options.store = given.store;
         options.serve = false;
@@ -206,6 +211,10 @@ void add_run(CLI::App *ebridge, std::vector<command> *commands)
         ->needs(restart);
     run->add_flag("--delete-now", given->delete_now, "delete what is dropped at once, not by the timer")
         ->needs(restart);
+    run->add_option("--patience", given->patience,
+                    "without any answer for so long, what is open counts as refused, 1 to 3600; 30 unless given")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, 3600));
     run->add_option("--range", given->range_texts, "numbers that the allocator may give, may be repeated")
         ->type_name("TYPE=MIN-MAX")
         ->excludes(store);

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "config_file.hpp"
 #include "twin_calls.hpp"
 
 namespace ebridge_tool
@@ -64,8 +65,10 @@ session::~session()
 
 bool session::open(const run_options &options, std::string *error)
 {
-    const uint32_t followed = followed_db();
-    connected_ = link_.open(options.store, {&followed, 1}, error) == 0;
+    constexpr uint32_t DATABASES[] = {SW_EBRIDGE_APP_DB, SW_EBRIDGE_UDP_DB};
+    url_ = options.store;
+    patience_usec_ = options.patience_usec;
+    connected_ = link_.open(url_, DATABASES, error) == 0;
     if (!connected_ || !write_ranges(options.ranges, error))
         return false;
     if (options.serve) {
@@ -73,8 +76,46 @@ bool session::open(const run_options &options, std::string *error)
             return fail(error, "the allocator cannot be started", code);
     }
     ssat_serve(link_.master(), &shell_);
-    return start_users(error) && follow(options, error) && (!users_.observer || read_back(error));
+    return start_users(error) && follow(error) && (!users_.observer || read_back(error));
 }
+
+// ---- waiting --------------------------------------------------------------------------------------------------------
+
+// The time for which the store has been away was spent: by another wait, or while this session had nothing to do.
+int64_t session::patience_left() const
+{
+    const int64_t since = link_.away_since();
+    return since == 0 ? patience_usec_ : std::max<int64_t>(since + patience_usec_ - qz_thread_now(master()), 0);
+}
+
+void session::check_store() const
+{
+    if (link_.away_since() != 0 && patience_left() == 0)
+        throw store_lost(config_text::printable_url(url_) + ": the store is lost, and has not come back for " +
+                         std::to_string(patience_usec_ / 1'000'000) + " s");
+}
+
+bool session::wait_until(const std::function<bool()> &condition)
+{
+    for (;;) {
+        const int64_t patience = patience_left();
+        if (link_.wait_until(condition, patience))
+            return true;
+        check_store();
+        if (link_.away_since() == 0 && patience == patience_usec_)
+            return false;
+    }
+}
+
+int32_t session::patiently(const std::function<int32_t()> &call)
+{
+    const int32_t code = link_.patiently(call, patience_left());
+    if (code == QZ_MOM_EDOWN)
+        check_store();
+    return code;
+}
+
+// ---- opening --------------------------------------------------------------------------------------------------------
 
 bool session::write_ranges(std::span<const range_setting> ranges, std::string *error)
 {
@@ -161,13 +202,13 @@ std::vector<session::subscription> session::subscriptions()
     return wanted;
 }
 
-bool session::follow(const run_options &options, std::string *error)
+bool session::follow(std::string *error)
 {
     const std::vector<subscription> wanted = subscriptions();
     for (const subscription &each : wanted)
-        if (const int32_t code = patiently(each.call, options.patience_usec); code != 0)
+        if (const int32_t code = patiently(each.call); code != 0)
             return fail(error, each.fault, code);
-    if (wait_until([&] { return confirmed_ == wanted.size(); }, options.patience_usec))
+    if (wait_until([&] { return confirmed_ == wanted.size(); }))
         return users_.requester == cast::NOBODY || members_->empty() || scan_pvids(error);
     *error = "the subscription was not confirmed";
     return false;
@@ -220,7 +261,7 @@ void session::request_all(const run_options &options)
         requester_facts facts = requests_->at(i).requester;
         facts.sent = true;
         requests_->set(i, facts);
-        facts.code = patiently([&] { return send(requests_->at(i)); }, options.patience_usec);
+        facts.code = patiently([&] { return send(requests_->at(i)); });
         if (facts.code != 0) {
             note(i, facts);
             continue;
@@ -228,14 +269,14 @@ void session::request_all(const run_options &options)
         ++sent;
         progress.at(requests_->settled());
         const auto has_room = [&] { return open_requests() < window / 2; };
-        if (open_requests() >= window && !wait_until(has_room, options.patience_usec))
+        if (open_requests() >= window && !wait_until(has_room))
             return;
     }
     const auto all_settled = [&] {
         progress.at(requests_->settled());
         return open_requests() == 0;
     };
-    wait_until(all_settled, options.patience_usec);
+    wait_until(all_settled);
     progress.last(requests_->settled());
 }
 
@@ -249,22 +290,22 @@ int32_t session::describe(const request &of)
     return sw_eport_attr_set(&attr);
 }
 
-void session::describe_all(const run_options &options)
+void session::describe_all()
 {
     for (size_t i : own_wanted()) {
         const request &of = requests_->at(i);
         if (of.requester.reply == -1)
             continue;
         requester_facts facts = of.requester;
-        facts.attr_code = patiently([&] { return describe(of); }, options.patience_usec);
+        facts.attr_code = patiently([&] { return describe(of); });
         requests_->set(i, facts);
     }
-    wait_for_writes(SW_EBRIDGE_UDP_DB, options.patience_usec);
+    wait_for_writes(SW_EBRIDGE_UDP_DB);
 }
 
 // Some writes have no answer, and what is still under way when a process ends is lost. A call that has one is answered after
 // them.
-void session::wait_for_writes(uint32_t db, int64_t patience)
+void session::wait_for_writes(uint32_t db)
 {
     UBridge__EvlanIndex index = U_BRIDGE__EVLAN_INDEX__INIT;
     index.t_user = const_cast<char *>(requester());
@@ -277,8 +318,8 @@ void session::wait_for_writes(uint32_t db, int64_t patience)
         return int32_t{0};
     };
     const auto ask = [&] { return qz_mom_clear_expire(link_.handle(), db, &none.base, note, this); };
-    if (patiently(ask, patience) == 0)
-        wait_until([this] { return written_; }, patience);
+    if (patiently(ask) == 0)
+        wait_until([this] { return written_; });
 }
 
 // ---- what is heard --------------------------------------------------------------------------------------------------

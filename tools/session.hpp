@@ -6,6 +6,7 @@
 #include <functional>
 #include <optional>
 #include <span>
+#include <stdexcept>
 #include <string>
 
 #include "ebridged.h"
@@ -29,7 +30,11 @@ struct cast {
 
 // Patience is without anything heard, in microseconds.
 constexpr int64_t ENDLESS = int64_t{1} << 60;
-constexpr int64_t SCAN_PATIENCE_USEC = 30'000'000;
+
+// The store went away, and did not come back while patience lasted: nothing more can be learned.
+struct store_lost : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
 // Tells run_options::progress of every 64 requests or so.
 class progress_teller
@@ -66,6 +71,7 @@ struct session_listener {
     std::function<void(session *, const held_id &, const attributes *)> described{};
 };
 
+// Waiting and calling throw store_lost where the store is, see wait_until(); what was noted so far stays noted.
 class session
 {
   public:
@@ -88,19 +94,19 @@ class session
     // Sends the requester's requests, and returns when all are settled, or when nothing has been heard for too long.
     void request_all(const run_options &options);
     // Sets the attributes of what was granted.
-    void describe_all(const run_options &options);
+    void describe_all();
     // Publishes the VLANs of the requester's ports, and asks for their default VLANs.
-    void publish_members(const run_options &options);
+    void publish_members();
     // Returns when the default VLANs are what was asked for, or when nothing has been heard for too long.
-    void wait_for_pvids(const run_options &options);
+    void wait_for_pvids();
     // Publishes the requester's match rules in place of those that it may have of an earlier life, and returns when a
     // verdict of each was heard, or when nothing has been heard for too long. Verdicts may change afterwards.
     void publish_rules(const run_options &options);
     // Without the earlier life's being deleted, and without waiting.
-    void add_rules(const run_options &options);
+    void add_rules();
     void wait_for_verdicts(const run_options &options);
     // Those that are there for their verdicts alone.
-    void remove_order_rules(const run_options &options);
+    void remove_order_rules();
     // Notes what the tables of the library make of the ids that the users of this session have heard. Where requester and
     // observer are in one process the library's merge of the attributes goes into the book.
     void note_tables();
@@ -110,11 +116,14 @@ class session
     // A restart of the requester, in steps: reads and marks all that it had, then request_all() and describe_all(), then
     // deletes what is still marked. False with a line in *error; deleting when something is left. After that the map is to
     // be read again: the removal of an eport's session takes its key out of the map, whoever else holds that key.
-    bool mark_all(const run_options &options, std::string *error);
+    bool mark_all(std::string *error);
     bool delete_marked(const run_options &options, std::string *error);
 
-    // Runs the loop until the condition holds. False when nothing has been heard for `patience_usec`.
-    bool wait_until(const std::function<bool()> &condition, int64_t patience_usec)
+    // Runs the loop until the condition holds. False when nothing has been heard for as long as the options say; throws
+    // store_lost when the store has been away for so long.
+    bool wait_until(const std::function<bool()> &condition);
+    // The same for a shorter or an endless time, whether or not the store is there.
+    bool look_until(const std::function<bool()> &condition, int64_t patience_usec)
     {
         return link_.wait_until(condition, patience_usec);
     }
@@ -131,17 +140,17 @@ class session
     bool write_ranges(std::span<const range_setting> ranges, std::string *error);
     bool start_users(std::string *error);
     std::vector<subscription> subscriptions();
-    bool follow(const run_options &options, std::string *error);
+    bool follow(std::string *error);
     uint32_t followed_db() const { return users_.observer ? SW_EBRIDGE_UDP_DB : SW_EBRIDGE_APP_DB; }
     bool is_both() const { return users_.observer && users_.requester != cast::NOBODY; }
     const char *requester() const { return requests_->users()[users_.requester].c_str(); }
-    int32_t patiently(const std::function<int32_t()> &call, int64_t patience)
-    {
-        return link_.patiently(call, patience);
-    }
+    // Makes a call again as long as the store cannot take it: as wait_until().
+    int32_t patiently(const std::function<int32_t()> &call);
+    int64_t patience_left() const;
+    void check_store() const;
     int32_t send(const request &wanted);
     int32_t describe(const request &of);
-    void wait_for_writes(uint32_t db, int64_t patience);
+    void wait_for_writes(uint32_t db);
     void answered(const app_key &key, int32_t id);
     void observed(const char *user, const app_key &key, int32_t id, bool removed);
     bool scan_sessions(const char *user, std::string *error);
@@ -201,6 +210,8 @@ class session
     cast users_;
     session_listener listener_;
     std::vector<std::string> strangers_;
+    std::string url_;
+    int64_t patience_usec_ = 0;
     bool connected_ = false;
     bool written_ = false;     // all that was, up to a call that told so
     size_t confirmed_ = 0;     // subscriptions

@@ -75,6 +75,8 @@ int report_of(reporter *to, const std::function<bool()> &work)
         to->add(FINISHED, 0, {});
         to->flush();
         return 0;
+    } catch (const store_lost &lost) {
+        report_failure(to, NO_STORE, lost.what());
     } catch (const std::bad_alloc &) {
         report_failure(to, FAILED, "out of memory");
     } catch (const std::exception &failure) {
@@ -135,7 +137,7 @@ char wait_for_order(session *users, reporter *to)
         };
         qz_thread_call(waiting.users->master(), note, &waiting);
     });
-    users->wait_until([&waiting] { return waiting.heard; }, ENDLESS);
+    users->look_until([&waiting] { return waiting.heard; }, ENDLESS);
     listener.join();
     return what;
 }
@@ -145,13 +147,13 @@ char wait_for_order(session *users, reporter *to)
 bool request_again(session *requesting, const run_options &options, reporter *to)
 {
     std::string error;
-    if (!requesting->mark_all(options, &error))
+    if (!requesting->mark_all(&error))
         return report_failure(to, FAILED, error);
     report_phase("marked", to);
     requesting->request_all(options);
-    requesting->describe_all(options);
-    requesting->publish_members(options);
-    requesting->add_rules(options);
+    requesting->describe_all();
+    requesting->publish_members();
+    requesting->add_rules();
     to->add(REFRESHED, 0, {});
     report_phase("refreshed", to);
     if (wait_for_order(requesting, to) != DELETE)
@@ -159,21 +161,20 @@ bool request_again(session *requesting, const run_options &options, reporter *to
     report_phase(options.delete_now ? "deleting" : "deleting, by the age timer of 40 s", to);
     if (!requesting->delete_marked(options, &error))
         to->add(NOT_DELETED, 0, error);
-    requesting->wait_for_pvids(options);
+    requesting->wait_for_pvids();
     requesting->wait_for_verdicts(options);
     return true;
 }
 
 // Goes on hearing verdicts until nobody publishes any more, and reports what came of everything.
-bool finish_share(session *requesting, size_t user, bool again, const run_books &books, const run_options &options,
-                  reporter *to)
+bool finish_share(session *requesting, size_t user, bool again, const run_books &books, reporter *to)
 {
     report_published(books, user, to);
     to->add(SETTLED, 0, {});
     to->flush();
     if (wait_for_order(requesting, to) != FINISH)
         return true;
-    requesting->remove_order_rules(options);
+    requesting->remove_order_rules();
     if (std::string error; again && !requesting->read_own(&error))
         return report_failure(to, FAILED, error);
     requesting->note_tables();
@@ -201,12 +202,12 @@ int request_share(size_t user, bool again, run_books *books, const run_options &
             return false;
         if (!again) {
             requesting.request_all(options);
-            requesting.describe_all(options);
-            requesting.publish_members(options);
+            requesting.describe_all();
+            requesting.publish_members();
             requesting.publish_rules(options);
-            requesting.wait_for_pvids(options);
+            requesting.wait_for_pvids();
         }
-        if (!finish_share(&requesting, user, again, *books, options, to))
+        if (!finish_share(&requesting, user, again, *books, to))
             return false;
         if (!options.restarted || again)
             return true;
@@ -570,6 +571,7 @@ bool run_spread(const run_options &options, run_books *books, run_result *out, s
     evaluate(books->rules, out);
     if (options.restarted) {
         if (!running.restart()) {
+            out->store_missing = running.store_missing();
             *error = running.error();
             return false;
         }

@@ -28,13 +28,31 @@ int32_t store_link::open(const std::string &url, std::span<const uint32_t> datab
         return QZ_MOM_ENOMEM;
     }
     int32_t code = qz_mom_client_open(url.c_str(), master_, &handle_);
-    for (size_t i = 0; code == 0 && i < databases.size(); ++i)
-        code = qz_mom_client_connect(handle_, databases[i], note, this);
+    for (size_t i = 0; code == 0 && i < databases.size(); ++i) {
+        code = qz_mom_client_set_reconnect_cb(handle_, databases[i], on_connection, this);
+        if (code == 0)
+            code = qz_mom_client_connect(handle_, databases[i], note, this);
+    }
     if (code == 0 && !wait_until([&] { return connected_ == databases.size(); }, PATIENCE_USEC))
         code = QZ_MOM_EDOWN;
     if (code != 0)
         *error = config_text::printable_url(url) + ": " + qz_mom_strerror(code);
     return code;
+}
+
+int32_t store_link::on_connection(qz_mom_handle *, uint32_t db, int32_t type, void *self)
+{
+    auto *of = static_cast<store_link *>(self);
+    const bool was_whole = of->lost_.empty();
+    if (type == QZ_MOM_RECONNECT_ERROR)
+        of->lost_.insert(db);
+    if (was_whole)
+        of->away_since_ = qz_thread_now(of->master_);
+    if (type == QZ_MOM_RECONNECT_DONE) {
+        of->lost_.erase(db);
+        of->happened();
+    }
+    return 0;
 }
 
 bool store_link::wait_until(const std::function<bool()> &condition, int64_t patience_usec)

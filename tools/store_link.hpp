@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <set>
 #include <span>
 #include <string>
 
@@ -19,7 +20,8 @@ class store_link
     store_link(const store_link &) = delete;
     store_link &operator=(const store_link &) = delete;
 
-    // Opens the store and waits until these databases are connected. 0, or a qz_mom_code and a line in *error.
+    // Opens the store and waits until these databases are connected. 0, or a qz_mom_code and a line in *error. Whoever needs
+    // to hear of losses of one of them himself sets its reconnect callback afterwards, and away_since() leaves it out.
     int32_t open(const std::string &url, std::span<const uint32_t> databases, std::string *error);
 
     // Runs the loop until the condition holds. False when nothing has happened for `patience_usec`.
@@ -31,11 +33,15 @@ class store_link
     // would wait for each of them.
     int32_t patiently(const std::function<int32_t()> &call, int64_t patience_usec);
 
+    // Since when one of the databases is lost; 0 while all are connected. It is heard of when the loop runs.
+    int64_t away_since() const { return lost_.empty() ? 0 : away_since_; }
+
     qz_thread_master *master() const { return master_; }
     qz_mom_handle *handle() const { return handle_; }
 
   private:
     static void on_wake(void *self);
+    static int32_t on_connection(qz_mom_handle *handle, uint32_t db, int32_t type, void *self);
     void wake_at(int64_t time);
 
     uint64_t happenings_ = 0;  // so far
@@ -46,6 +52,8 @@ class store_link
     qz_thread_master *master_ = nullptr;
     qz_mom_handle *handle_ = nullptr;
     size_t connected_ = 0;  // databases
+    std::set<uint32_t> lost_{};
+    int64_t away_since_ = 0;
 };
 
 }  // namespace ebridge_tool

@@ -66,17 +66,17 @@ struct store_user {
 class NobodyAnswers : public testing::Test
 {
   protected:
-    void start(bool terminal = false)
+    void start(bool terminal = false, const std::string &patience = "30")
     {
         redis.commands(4, "FLUSHALL");  // of an earlier run
-        running.emplace(command(redis, {"--users", "3", "--json", LEAF}), terminal);
+        running.emplace(command(redis, {"--users", "3", "--patience", patience, "--json", LEAF}), terminal);
         const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         for (const char *key : {"ebridge_run_2:16:10", "ebridge_run_3:32:5101", "ebridge_run_1:32:5102"})
             while (stored(redis, 4, key, 6).empty() && std::chrono::steady_clock::now() < give_up)
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 
-    const support::redis_server redis;
+    support::redis_server redis;
     std::optional<child> running;
 };
 
@@ -204,6 +204,16 @@ TEST(SpreadRun, UsersAreOneTo64AndNeedAStore)
     EXPECT_THAT(seen.err, HasSubstr("--users requires --store"));
 }
 
+TEST(SpreadRun, PatienceIsOneSecondToAnHour)
+{
+    for (const char *seconds : {"0", "3601", "-1", "soon", "1.5", ""}) {
+        const outcome seen = run({EBRIDGE_PROGRAM, "run", "--patience", seconds, LEAF});
+        EXPECT_EQ(seen.status, 2) << seconds;
+        EXPECT_THAT(seen.err, AllOf(StartsWith("ebridge: "), HasSubstr("--patience")));
+        EXPECT_EQ(std::count(seen.err.begin(), seen.err.end(), '\n'), 1) << seen.err;
+    }
+}
+
 // ---- match rules ----------------------------------------------------------------------------------------------------
 
 namespace
@@ -327,6 +337,41 @@ TEST(SpreadRun, VerdictsThatNoOrderOfTheUsersExplainsAreNamed)
         "order of the users: ebridge_run_2: differs: its user heard that it holds, and by the calculation it loses to "
         "ebridge_run_1\n");
     EXPECT_THAT(seen.out, HasSubstr(R"("ACL_RULE":{"requested":1,"granted":1,"refused":0,"verified":0,)"));
+}
+
+// ---- a store that goes away -----------------------------------------------------------------------------------------
+
+TEST_F(NobodyAnswers, WhatIsNotAnsweredWhilePatienceLastsIsRefused)
+{
+    start(false, "1");
+    const outcome seen = running->finish();
+    EXPECT_EQ(seen.status, 1);
+    EXPECT_THAT(seen.err, HasSubstr("VLAN|Vlan10: refused: "));
+    EXPECT_THAT(seen.out, HasSubstr(R"("evlan":{"requested":60,"granted":0,"refused":60,"verified":0})"));
+}
+
+TEST_F(NobodyAnswers, AStoreThatIsLostForGoodEndsTheRunInALineAndStatus3)
+{
+    start(false, "2");
+    redis.kill();
+    const outcome seen = running->finish();
+    EXPECT_EQ(seen.status, 3);
+    EXPECT_THAT(seen.out, IsEmpty());
+    EXPECT_THAT(seen.err,
+                EndsWith("\nebridge: " + redis.url() + ": the store is lost, and has not come back for 2 s\n"));
+    EXPECT_THAT(seen.err, Not(HasSubstr("refused")));
+}
+
+TEST_F(NobodyAnswers, AStoreThatComesBackInTimeCostsNothing)
+{
+    start();
+    redis.kill();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    redis.start();
+    child service({EBRIDGED_PROGRAM, "--store", redis.url()});
+    const outcome seen = running->finish();
+    EXPECT_EQ(seen.status, 0) << seen.err;
+    EXPECT_THAT(seen.out, HasSubstr(ALL_VERIFIED));
 }
 
 // ---- processes that die ---------------------------------------------------------------------------------------------
