@@ -18,7 +18,7 @@ namespace sw
 {
 
 // The sources that log by a site of their own, as log lines name them. One that is missing here does not compile.
-inline constexpr char kSources[][sizeof "app/lib/ebridge/libsw_ebridge_port_vlans.cpp"] = {
+inline constexpr char kSources[][sizeof "app/lib/ebridge/libsw_ebridge_port_vlan.cpp"] = {
     "app/lib/ebridge/libsw_ebridge.cpp",
     "app/lib/ebridge/libsw_ebridge_congest.cpp",
     "app/lib/ebridge/libsw_ebridge_debug.cpp",
@@ -26,7 +26,7 @@ inline constexpr char kSources[][sizeof "app/lib/ebridge/libsw_ebridge_port_vlan
     "app/lib/ebridge/libsw_ebridge_eport.cpp",
     "app/lib/ebridge/libsw_ebridge_evlan.cpp",
     "app/lib/ebridge/libsw_ebridge_port_vid.cpp",
-    "app/lib/ebridge/libsw_ebridge_port_vlans.cpp",
+    "app/lib/ebridge/libsw_ebridge_port_vlan.cpp",
     "app/lib/ebridge/libsw_ebridge_sda.cpp",
     "app/lib/ebridge/libsw_ematch.cpp",
     "app/lib/ebridge/libsw_ematch_print.cpp",

@@ -176,7 +176,7 @@ inline std::string line(const char *level, const char *function, const std::stri
 class PortVlansTest : public BridgeTest
 {
   protected:
-    PortVlansTest() : BridgeTest("app/lib/ebridge/libsw_ebridge_port_vlans.cpp") {}
+    PortVlansTest() : BridgeTest("app/lib/ebridge/libsw_ebridge_port_vlan.cpp") {}
 };
 
 }  // namespace port_vlans_test
