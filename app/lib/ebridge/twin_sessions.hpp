@@ -203,12 +203,16 @@ int32_t release(site where, typename Kind::app_index *given, uint32_t delayed)
     return 0;
 }
 
-// The delayed release is over once the store says that the expiry has ended: fired, or cleared by a new request.
+// The delayed release is over once the store says that the expiry has ended: fired, or cleared by a new request. An end
+// with an error is the last that is heard of it, too.
 template <class Kind>
 int32_t hear_release_end(site where, const qz_mom_notification *msg, void *args)
 {
-    if (const int32_t rv = check_expiry(where, msg, args); rv != 0)
+    if (const int32_t rv = check_expiry(where, msg, args); rv != 0) {
+        if (msg != nullptr && msg->end == QZ_MOM_END_EXPIRY)
+            std::free(args);
         return rv;
+    }
     SW_LOG_AT(where, info, "db: 0x%x, key: %s, field: %s, cmd: %d, args: %p.", msg->db, msg->key, msg->field, msg->cmd,
               args);
     if (msg->end == QZ_MOM_END_EXPIRY) {

@@ -402,6 +402,22 @@ TEST_F(EportReleaseEnd, FreesTheCopy)
             "info sw_eport_release_callback: pexpire_end, user: app, type: 0x30, keyid1: 7, keyid2: -8."));
 }
 
+// The store took the call, and its server has refused it: nothing more comes.
+TEST_F(EportReleaseEnd, WithAnErrorFreesTheCopyToo)
+{
+    add_user({.name = "app"});
+    release("app", ac, 7, -8);
+    void *copy = recording::calls().at(0).args;
+    recording::reset();
+    notice failed(QZ_MOM_CMD_NONE);
+    failed.error = -105;
+    const auto refused = [&] { EXPECT_EQ(sw_eport_release_callback(recording::handle(), &failed, copy), -2); };
+    EXPECT_THAT(freed_by(refused), IsEmpty()) << "more may come";
+    failed.end = QZ_MOM_END_EXPIRY;
+    EXPECT_THAT(freed_by(refused), ElementsAre(copy));
+    EXPECT_THAT(trace(), Each("error sw_eport_release_callback: Assert:MOM error is -105.\n"));
+}
+
 TEST_F(EportReleaseEnd, KeepsTheCopyUntilTheEnd)
 {
     add_user({.name = "app"});

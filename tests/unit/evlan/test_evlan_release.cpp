@@ -437,6 +437,22 @@ TEST_F(EvlanReleaseEnd, FreesTheCopy)
             "info sw_evlan_release_callback: pexpire_end, user: app, type: 0x20, keyid: 123."));
 }
 
+// The store took the call, and its server has refused it: nothing more comes.
+TEST_F(EvlanReleaseEnd, WithAnErrorFreesTheCopyToo)
+{
+    add_user({.name = "app"});
+    release("app", vxlan, 0x7b);
+    void *copy = recording::calls().at(0).args;
+    recording::reset();
+    notice failed(QZ_MOM_CMD_NONE);
+    failed.error = -105;
+    const auto refused = [&] { EXPECT_EQ(sw_evlan_release_callback(recording::handle(), &failed, copy), -2); };
+    EXPECT_THAT(freed_by(refused), IsEmpty()) << "more may come";
+    failed.end = QZ_MOM_END_EXPIRY;
+    EXPECT_THAT(freed_by(refused), ElementsAre(copy));
+    EXPECT_THAT(trace(), Each("error sw_evlan_release_callback: Assert:MOM error is -105.\n"));
+}
+
 TEST_F(EvlanReleaseEnd, KeepsTheCopyUntilTheEnd)
 {
     add_user({.name = "app"});
