@@ -470,14 +470,19 @@ TEST(Congest, HandleThatWasClosedWhileCongestedBeginsAnew)
 TEST(Congest, TopicOfAHandleThatWasClosedWhileCongestedBeginsAnew)
 {
     qz_mom_handle handle{};
-    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", nullptr));
+    libcgstctrl_state state{};
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", &state));
     ASSERT_EQ(0, add_topic(handle, 4, "m", port_vid));
     mark_writes(handle, port_vid, 1);
     watched.clear();
-    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", nullptr));
+    ASSERT_EQ(0, libcgstctrl_gen_init(&handle, 4, "m", &state));
     ASSERT_EQ(0, add_topic(handle, 4, "m", port_vid));
     EXPECT_EQ(1U, watched.size());
     EXPECT_EQ(0, libcgstctrl_congested(&handle, 4, "m", &port_vid));
+    EXPECT_EQ(0U, state.congested);
+    EXPECT_EQ(1U, state.lows);
+    ASSERT_EQ(0, add_topic(handle, 4, "m", port_vid));
+    EXPECT_EQ(1U, state.lows) << "a mark that tells nothing new";
 }
 
 TEST(Congest, ProducerCanAskBeforeItsCallbackHasRun)

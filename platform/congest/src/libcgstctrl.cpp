@@ -191,8 +191,10 @@ int32_t watch(qz_mom_handle *handle) { return code_of(qz_mom_set_queue_cb(handle
 int32_t watch(registered_topic &which)
 {
     const producer &owner = *which.owner;
-    if (qz_mom_writes_waiting(owner.handle, owner.db, which.topic.descriptor) == 0)
+    if (which.congested && qz_mom_writes_waiting(owner.handle, owner.db, which.topic.descriptor) == 0) {
         set_congested(which, false);
+        count(owner, false);
+    }
     return code_of(qz_mom_watch_writes(owner.handle, owner.db, which.topic.descriptor, which.low(), which.high(),
                                        hear_topic_mark, &which));
 }
