@@ -29,22 +29,21 @@ constexpr libcgstctrl_topic topics[] = {
 };
 constexpr libcgstctrl_topic port_vlans_topic = {.descriptor = &u_bridge__port_vlans__descriptor, .params = {}};
 
-// The marks that producers of port VLANs have heard, of all modules together.
+// The marks that producers of port VLANs have heard, counted together; `congested` is what the last of them has heard.
 constinit libcgstctrl_state port_vlans_state{};
 
 // The kept name of a user's module, made on first use. Null without memory.
 const char *module_name_of(const char *user_name)
 {
+    module_name wanted{};
+    std::snprintf(wanted.text, sizeof wanted.text, "libvlan_%s", user_name);
+    for (const module_name *known = module_names; known != nullptr; known = known->next)
+        if (std::strcmp(known->text, wanted.text) == 0)
+            return known->text;
     auto *fresh = static_cast<module_name *>(std::malloc(sizeof(module_name)));
     if (fresh == nullptr)
         return nullptr;
-    std::snprintf(fresh->text, sizeof fresh->text, "libvlan_%s", user_name);
-    for (const module_name *known = module_names; known != nullptr; known = known->next) {
-        if (std::strcmp(known->text, fresh->text) == 0) {
-            std::free(fresh);
-            return known->text;
-        }
-    }
+    *fresh = wanted;
     fresh->next = module_names;
     module_names = fresh;
     return fresh->text;
