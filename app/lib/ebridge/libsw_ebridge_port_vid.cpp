@@ -201,8 +201,8 @@ int32_t take_written(sw::site where, sw_vlan_pvid_entry &change, const UBridge__
     sw_vlan_pvid_entry_cache_create(0, &stored, &change);
     if (stored == nullptr) {
         SW_LOG_AT(where, error, "Assert:insert the (ifx = %d, new_pvid=%d, old_pvid=%d) into the pvid_db failed.",
-                  change.ifx, uint32_t{change.new_pvid}, uint32_t{change.old_pvid});
-        SW_LOG_AT(where, error, "Assert:set_pvid(%d) failed", uint32_t{change.new_pvid});
+                  change.ifx, record.new_pvid, record.old_pvid);
+        SW_LOG_AT(where, error, "Assert:set_pvid(%d) failed", record.new_pvid);
         return -4;
     }
     if (is_new)
@@ -244,9 +244,8 @@ int32_t take_change(sw::site where, qz_mom_handle *ctx, const qz_mom_notificatio
     sw_ebridge_list_for_each(
         0,
         [](sw_ebridge_list_item *user, void *arg, int32_t) -> int32_t {
-            auto *told = static_cast<sw_vlan_pvid_entry *>(arg);
-            return user->pvid_change != nullptr ? user->pvid_change(told->ifx, told->new_pvid, told->old_pvid, told)
-                                                : 0;
+            auto told = *static_cast<const sw_vlan_pvid_entry *>(arg);  // each user's own: it may write there
+            return user->pvid_change != nullptr ? user->pvid_change(told.ifx, told.new_pvid, told.old_pvid, &told) : 0;
         },
         &change);
     return 0;

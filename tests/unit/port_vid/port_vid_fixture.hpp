@@ -23,6 +23,7 @@ struct ears {
         EXPECT_EQ(change->ifx, ifx);
         EXPECT_EQ(change->new_pvid, new_pvid);
         EXPECT_EQ(change->old_pvid, old_pvid);
+        *change = {};  // what a user does with its record is nobody else's business
         hear(format("%s hears port %u: %u was %u", ear_names[N].c_str(), ifx, new_pvid, old_pvid));
         return ear_results[N];
     }

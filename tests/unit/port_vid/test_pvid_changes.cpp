@@ -308,23 +308,23 @@ TEST_F(PvidWritten, WithoutMemoryForAnEntryIsToldToNobody)
     for (uint64_t nth = 1; nth < 20; ++nth) {
         start_over();
         recording::fail_allocation(nth);
-        const int32_t rv = write(port_1, 10, 5, &with_func);
+        const int32_t rv = write(port_1, 0x1000a, -1, &with_func);
         recording::fail_allocation(0);
         if (rv == 0)
             break;
         ++failures;
         EXPECT_EQ(rv, -4);
         EXPECT_THAT(errors(),
-                    ElementsAre("Assert:insert the (ifx = 11, new_pvid=10, old_pvid=5) into the pvid_db failed.",
-                                "Assert:set_pvid(10) failed"));
-        EXPECT_EQ(trace().back(), refusal("Assert:set_pvid(10) failed"));
+                    ElementsAre("Assert:insert the (ifx = 11, new_pvid=65546, old_pvid=-1) into the pvid_db failed.",
+                                "Assert:set_pvid(65546) failed"));
+        EXPECT_EQ(trace().back(), refusal("Assert:set_pvid(65546) failed"));
         EXPECT_THAT(heard(), IsEmpty());
         EXPECT_THAT(func_calls, IsEmpty());
         EXPECT_FALSE(is_cached(ifx_1));
         EXPECT_EQ(counts(), "subscribe 0 set 0 get 0 delete 0 nums 0");
     }
     EXPECT_GE(failures, 2);
-    EXPECT_EQ(cached_text(ifx_1), "10 was 5");
+    EXPECT_EQ(cached_text(ifx_1), "10 was 65535");
     EXPECT_EQ(counts(), "subscribe 0 set 0 get 0 delete 0 nums 1");
 }
 
