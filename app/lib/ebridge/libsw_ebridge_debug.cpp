@@ -93,7 +93,7 @@ void read_levels(const char *path)
         return;
     }
     const int base = strncasecmp(text, "0x", 2) == 0 ? 16 : 10;
-    const unsigned long levels = std::strtoul(text, nullptr, base);
+    const unsigned long long levels = std::strtoull(text, nullptr, base);
     g_sw_vlan_file_zlog_level = static_cast<uint32_t>(levels >> 4 & 0xf);
     g_sw_vlan_std_zlog_level = static_cast<uint32_t>(levels & 0xf);
 }

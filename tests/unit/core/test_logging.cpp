@@ -172,6 +172,7 @@ INSTANTIATE_TEST_SUITE_P(
                     debug_file{"CapitalPrefix", "0X5a", 5, 10}, debug_file{"CapitalDigits", "0xFE", 15, 14},
                     debug_file{"Decimal", "23", 1, 7}, debug_file{"DecimalFull", "255", 15, 15},
                     debug_file{"LeadingZeroIsDecimal", "023", 1, 7}, debug_file{"HigherBitsDoNotCount", "0x9947", 4, 7},
+                    debug_file{"BitsAbove32DoNotCountEither", "0x1234567847", 4, 7},
                     debug_file{"WithNewline", "0x47\n", 4, 7}, debug_file{"Empty", "", 4, 4},
                     debug_file{"Zero", "0", 0, 0}, debug_file{"NoNumber", "seven", 0, 0},
                     debug_file{"OnlyTwentyBytesAreRead", "0x00000000000000004711", 4, 7},
