@@ -291,7 +291,7 @@ SW_EXPORT sw_eport_index_map *sw_eport_index_map_get_item(uint32_t inst, const s
 // Creation is part of it: there is no call of its own for that, as evlans have one.
 SW_EXPORT sw_eport_index_map *sw_eport_index_map_update_item(uint32_t inst, const sw_eport_index_map *item)
 {
-    if (!kind::good_map_arguments(SW_HERE, inst, item))
+    if (!sw::check_map_arguments(SW_HERE, inst, item))
         return nullptr;
     sw_eport_index_map *stored = sw_eport_index_map_hash_find(inst, item);
     if (stored == nullptr)

@@ -457,19 +457,18 @@ SW_EXPORT int32_t sw_evlan_udp2app(const UBridge__EvlanIndex *index, UBridge__Ev
 namespace
 {
 
-void dump_map_items(uint32_t inst, sw_ebridge_dump_args &filter)
+// The VLANs from `first` to `last` of a slot, and the running total; nothing of a slot that has no table.
+void dump_map_vlans(uint32_t inst, int32_t first, int32_t last, sw_ebridge_dump_args &filter)
 {
-    sw_evlan_index_map_hash_traverse(
-        inst,
-        [](sw_evlan_index_map *item, void *args, int32_t position) {
-            return sw_evlan_index_map_dump_op(item, args, position);
-        },
-        &filter);
-}
-
-void dump_map_slot(uint32_t inst, sw_ebridge_dump_args &filter)
-{
-    dump_map_items(inst, filter);
+    if (!sw::family<sw_evlan_index_map>::exists(inst))
+        return;
+    const auto dump = [](sw_evlan_index_map *item, void *args, int32_t position) {
+        return sw_evlan_index_map_dump_op(item, args, position);
+    };
+    for (int32_t vid = first; vid <= last; ++vid) {
+        filter.id = vlan_id_of(vid);
+        sw_evlan_index_map_hash_traverse(inst, dump, &filter);
+    }
     sw::print_map_total<kind>(inst, filter);
 }
 
@@ -497,17 +496,11 @@ SW_EXPORT int32_t sw_vlan_res_db_ut_dump(int32_t vid)
     sw_ebridge_dump_args filter = {};
     filter.type = kVlan;
     if (vid == 0) {
-        for (int32_t each = kFirstVid; each <= kLastVid; ++each) {
-            filter.id = vlan_id_of(each);
-            dump_map_items(0, filter);
-        }
-        sw::print_map_total<kind>(0, filter);
+        dump_map_vlans(0, kFirstVid, kLastVid, filter);
         return 0;
     }
-    for (int32_t step = 0; vid > 0 && step < SW_EBRIDGE_SLOTS && vid <= kLastVid - step; ++step) {
-        filter.id = vlan_id_of(vid + step);
-        dump_map_slot(static_cast<uint32_t>(step), filter);
-    }
+    for (int32_t step = 0; vid > 0 && step < SW_EBRIDGE_SLOTS && vid <= kLastVid - step; ++step)
+        dump_map_vlans(static_cast<uint32_t>(step), vid + step, vid + step, filter);
     return 0;
 }
 

@@ -269,7 +269,7 @@ typename Kind::map_item *create_map_item(site where, uint32_t inst, const typena
 template <class Kind>
 void replace_map_item(site where, typename Kind::map_item &stored, const typename Kind::map_item &item)
 {
-    std::memcpy(stored.value, item.value, sizeof stored.value);
+    std::memmove(stored.value, item.value, sizeof stored.value);  // it may be the stored item itself
     copy_name(stored.user_name, item.user_name);
     Kind::copy_carried(stored, item);
     stored.priority = item.priority;

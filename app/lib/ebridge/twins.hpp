@@ -38,6 +38,20 @@ sw_ebridge_list_item *user_of(site where, const Attr *attr)
     return find_user(where, user_name);
 }
 
+// Whether a call may change a slot's index map with this item; if not, why is logged.
+inline bool check_map_arguments(site where, uint32_t inst, const void *item)
+{
+    if (inst >= SW_EBRIDGE_SLOTS) {
+        SW_LOG_AT(where, error, "Assert:Bad inst %d.", inst);
+        return false;
+    }
+    if (item == nullptr) {
+        SW_LOG_AT(where, error, "Assert:Bad map info.");
+        return false;
+    }
+    return true;
+}
+
 struct evlan_kind {
     using app_index = UBridge__EvlanAppIndex;
     using index = UBridge__EvlanIndex;
@@ -172,18 +186,9 @@ struct evlan_kind {
         const bool whole = of != nullptr && of->index != nullptr && of->index->t_user != nullptr;
         return whole ? nullptr : "Assert:evlan session is NULL.";
     }
-    // The index map refuses bad slots and null items aloud.
     static bool good_map_arguments(site where, uint32_t inst, const map_item *item)
     {
-        if (inst >= SW_EBRIDGE_SLOTS) {
-            SW_LOG_AT(where, error, "Assert:Bad inst %d.", inst);
-            return false;
-        }
-        if (item == nullptr) {
-            SW_LOG_AT(where, error, "Assert:Bad map info.");
-            return false;
-        }
-        return true;
+        return check_map_arguments(where, inst, item);
     }
 
     static constexpr char no_user_to_insert[] = "Assert:No user named as %s.";
@@ -385,7 +390,7 @@ struct eport_kind {
     static void put_db(map_item &item, uint32_t db) { item.carried[0] = db; }
     static void copy_carried(map_item &to, const map_item &from)
     {
-        std::memcpy(to.carried, from.carried, sizeof to.carried);
+        std::memmove(to.carried, from.carried, sizeof to.carried);
     }
 
     // A new record keeps the attributes that it came with, and the caller's record takes the owner's name.
@@ -430,6 +435,7 @@ struct eport_kind {
             return "Assert:EPORT session is NULL.";
         return of->index != nullptr && of->index->t_user != nullptr ? nullptr : "Assert:EPORT session index is NULL.";
     }
+    // Look-ups and deletions are silent where those of evlans complain.
     static bool good_map_arguments(site, uint32_t inst, const map_item *item)
     {
         return inst < SW_EBRIDGE_SLOTS && item != nullptr;

@@ -102,19 +102,28 @@ TEST_F(EportIndexMap, GetFindsByKindAndKeyOnly)
 }
 
 // The evlan map complains.
-TEST_F(EportIndexMap, BadSlotsAndNullAreRefusedWithoutAWord)
+TEST_F(EportIndexMap, BadSlotsAndNullHaveNoItemsAndNothingIsSaid)
 {
     add_user({.name = "app"});
     const sw_eport_index_map item = app_to_udp("app", ac, 7, 8);
     for (const uint32_t slot : {6u, 10u, 0xffffffffu}) {
         EXPECT_EQ(sw_eport_index_map_get_item(slot, &item), nullptr);
-        EXPECT_EQ(sw_eport_index_map_update_item(slot, &item), nullptr);
         EXPECT_EQ(sw_eport_index_map_delete_item(slot, &item), 0);
     }
     EXPECT_EQ(sw_eport_index_map_get_item(0, nullptr), nullptr);
-    EXPECT_EQ(sw_eport_index_map_update_item(0, nullptr), nullptr);
     EXPECT_EQ(sw_eport_index_map_delete_item(0, nullptr), 0);
     EXPECT_THAT(trace(), IsEmpty());
+}
+
+TEST_F(EportIndexMap, NothingIsStoredForABadSlotOrOfNull)
+{
+    add_user({.name = "app"});
+    const sw_eport_index_map item = app_to_udp("app", ac, 7, 8);
+    const std::string error = "error sw_eport_index_map_update_item: Assert:Bad ";
+    EXPECT_EQ(sw_eport_index_map_update_item(6, &item), nullptr);
+    EXPECT_EQ(sw_eport_index_map_update_item(0xffffffff, nullptr), nullptr);
+    EXPECT_EQ(sw_eport_index_map_update_item(0, nullptr), nullptr);
+    EXPECT_THAT(trace(), ElementsAre(error + "inst 6.", error + "inst -1.", error + "map info."));
 }
 
 // ---- storing

@@ -369,6 +369,8 @@ TEST_F(EvlanMapDump, CountsOnThroughTheSlots)
 TEST_F(EvlanMapDump, WithoutTablesPrintsTheHeader)
 {
     EXPECT_EQ(printed_by([] { return sw_evlan_res_db_ut_dump(0, 0); }), map_header(0, 0));
+    for (const int vid : {0, 1, 5, 4094})
+        EXPECT_EQ(printed_by([=] { return sw_vlan_res_db_ut_dump(vid); }), vlan_header(vid));
 }
 
 TEST_F(EvlanMapDump, OfAllVlansPrintsSlot0InTheOrderOfTheirNumbers)
