@@ -19,8 +19,8 @@
  *     must live as long as they may be used. What is returned belongs to the library; a record stays valid until it is
  *     deleted. Nothing that was made at initialisation is ever freed.
  *  6. Strings are NUL-terminated. The name "" is accepted. A null name is an unknown user.
- *  7. Null pointers are refused with -2 (or a null result) and a message, but for the containers, the index map of
- *     eports and small helpers, which are silent; nothing dereferences them.
+ *  7. Null pointers are refused with -2 (or a null result) and a message, but for the containers, look-ups and deletions
+ *     in the index map of eports, and small helpers, which are silent; nothing dereferences them.
  *  8. Slots. Registry, local databases and index maps exist six times, numbered 0 to 5 ("inst"). Calls without a slot
  *     number use slot 0; chip drivers use one slot per unit.
  *  9. Messages. Every failure is logged before the return, in a line that begins "Assert:" (a few older texts do not)
@@ -545,7 +545,8 @@ int32_t sw_ebridge_mom_subscribed_callback(qz_mom_handle *handle, const qz_mom_n
 int32_t sw_ebridge_mom_reconnect_cb(qz_mom_handle *handle, uint32_t db, int32_t type, void *instance);
 /* Registers the reconnect handler of a user. 0, -2, -3. */
 int32_t sw_bridge_reg_reconnect(const char *user_name);
-/* Subscribes by hand the evlans and eports that the user has callbacks for, in its own database. 0, -2. */
+/* Subscribes by hand what the user has callbacks for: evlans and eports in its own database, and the table of default
+ * VLANs. 0, -2. */
 int32_t sw_ebridge_data_subscribe(const char *user_name);
 
 /* ---- congestion ------------------------------------------------------------------------------------------------- */
@@ -570,7 +571,8 @@ extern struct qz_zlog_category *g_sw_vlan_std_zlog_category;
 /* Reads the levels from the debug file (text such as 0x17: file level 1, standard output level 7) and opens the two
  * categories. Without a file: file 1, standard output 0; an empty file: 4 and 4. 0. */
 int32_t sw_vlan_debug_init(const char *user_name, const char *path);
-/* The same for the user of `args` with "/etc/libvlan_<user>_dbg", and registers the debug-shell commands. 0. */
+/* The same for the user of `args` with "/etc/libvlan_<user>_dbg", and registers the debug-shell commands; neither where
+ * logging is set up already. 0; -2 null. */
 int32_t lib_vlan_debug_init(const ebridge_args *args);
 /* Prints both levels, sets them, and logs a line at each level that is open now. 0. */
 int32_t sw_switch_vlan_logging_set(int32_t file_level, int32_t std_level);
@@ -786,7 +788,7 @@ void sw_eport_index_map_init_sdkkey(sw_eport_index_map *item, const UBridge__Epo
 /* The stored item, or null: absent, no such slot, or null. */
 sw_eport_index_map *sw_eport_index_map_get_item(uint32_t inst, const sw_eport_index_map *key);
 /* Replaces values, carried words, user and priority of a stored item (not ds_flag), or stores a copy at the head of its
- * user's list. Null without memory. */
+ * user's list. Null without memory, and with a message for a bad slot or null. */
 sw_eport_index_map *sw_eport_index_map_update_item(uint32_t inst, const sw_eport_index_map *item);
 /* 0, also when absent. */
 int32_t sw_eport_index_map_delete_item(uint32_t inst, const sw_eport_index_map *key);
@@ -1051,7 +1053,8 @@ int32_t sw_ematch_aged_data_delete(const char *user_name, qz_mom_msg_cb callback
 /* ---- match rules: deciding among users ------------------------------------------------------------------------------ */
 
 /* Decides which of the users' rules of one key hold, whatever the priority that `index` names: of each user the item of the
- * highest priority counts, and its others stay as they are. The index's `t_user` is registered as by
+ * highest priority from 7 to 0 counts, and its others stay as they are; one outside of that range counts for an index that
+ * names its priority, where the user has none within. The index's `t_user` is registered as by
  * sw_ebridge_match_db_init(): initialise first. Users are compared each with the one before it, in the order of the registry's table: a higher
  * priority wins over it, any other loses to it and lets it win, whatever it had lost to before. So more than one can win
  * (docs/operators.md). publish not 0: the result of every item that counts is written to its user's record (in the database
