@@ -813,7 +813,8 @@ int32_t libcgstctrl_gen_topic_reg(qz_mom_handle *handle, uint32_t db, const char
 namespace
 {
 
-// 0 and the row that matches; what the test chose, or ENOENT, and null.
+// 0 and the row that matches, or ENOENT and null. What the test chose comes with the row all the same: whoever asked is
+// not to use what a failed look-up left behind.
 struct found_port {
     int32_t result;
     const libddm_port *row;
@@ -825,12 +826,11 @@ found_port find_port(const char *function, Matches matches)
     const own_allocations own;
     call made;
     made.function = function;
-    if (const int32_t result = recording::record(made); result != 0)
-        return {result, nullptr};
+    const int32_t result = recording::record(made);
     for (const auto &port : recording::the().ports)
         if (matches(port))
-            return {0, &port};
-    return {LIBDDM_ENOENT, nullptr};
+            return {result, &port};
+    return {result != 0 ? result : LIBDDM_ENOENT, nullptr};
 }
 
 template <typename Value>

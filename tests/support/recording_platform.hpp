@@ -73,7 +73,8 @@ uint64_t allocations();  // since fail_allocation() was called last
 // Called with each pointer that is freed while set, before it is freed.
 void on_free(void (*hook)(void *));
 
-// Rows that the port look-ups find; reset() empties the list.
+// Rows that the port look-ups find; reset() empties the list. A look-up that set_result() lets fail fills its out
+// arguments all the same.
 std::vector<libddm_port> &ports();
 
 // Renders a message: u_bridge.evlan_session{index{t_user:"app" type:32} request:1}. Fields stand in the order of their

@@ -100,6 +100,19 @@ TEST(RecordingPlatform, EachResultCountsEveryCall)
     EXPECT_EQ(0, del());
 }
 
+TEST(RecordingPlatform, ALookUpThatIsMadeToFailFillsItsWordAllTheSame)
+{
+    recording::ports() = {{33, 5, 0, 0, 0}};
+    recording::set_result("libddm_get_phyid_by_ifx", 9);
+    uint32_t phyid = 1;
+    EXPECT_EQ(9, libddm_get_phyid_by_ifx(33, &phyid));
+    EXPECT_EQ(5u, phyid);
+    EXPECT_EQ(9, libddm_get_phyid_by_ifx(34, &phyid));
+    recording::set_result("libddm_get_phyid_by_ifx", 0);
+    EXPECT_EQ(LIBDDM_ENOENT, libddm_get_phyid_by_ifx(34, &phyid));
+    EXPECT_EQ(5u, phyid);
+}
+
 TEST(RecordingPlatform, AllocationsFailByCount)
 {
     recording::fail_allocation(2);

@@ -271,6 +271,7 @@ TEST_F(EportUdp2App, OfAnUnknownPortGivesThePortTablesCode)
         EXPECT_EQ(sw_eport_udp2app(&index, &out), LIBDDM_ENOENT);
         EXPECT_EQ(out.type, 77);
         EXPECT_EQ(out.keyid1, 0);
+        EXPECT_EQ(out.keyid2, 3);
         EXPECT_THAT(trace(),
                     ElementsAre(ifx_by_phyid,
                                 format("error sw_eport_udp2app: Get ifx by phyid[%s] failed, error is -2.", phyid)));
@@ -465,5 +466,68 @@ TEST_F(EportSdp2Udp, RefusesNull)
     EXPECT_THAT(trace(), SizeIs(2));
     EXPECT_THAT(trace(), Each("error sw_eport_sdp2udp: Assert:Bad App index."));
 }
+
+// ---- look-ups that fail, whatever their code, and leave something behind
+
+class EportFailedLookUp : public EportTest, public testing::WithParamInterface<int32_t>
+{
+  protected:
+    void SetUp() override
+    {
+        EportTest::SetUp();
+        add_user({.name = "app"});
+        add_row(33, global_kind | 5, local_kind | 2);
+    }
+};
+
+TEST_P(EportFailedLookUp, OfAnInterfaceGivesAggregate0AndItsCode)
+{
+    recording::set_result("libddm_get_phyid_by_ifx", GetParam());
+    const app_key key("app", port, 0, 33);
+    udp_index out("", 99);
+    EXPECT_EQ(sw_eport_app2udp(&key, &out), GetParam());
+    EXPECT_EQ(out.id(), 0x20000000u);
+    EXPECT_THAT(trace(),
+                ElementsAre(phyid_by_ifx,
+                            format("error sw_eport_app2udp: Get phyid by ifx[0x21] failed, error is %d.", GetParam()),
+                            format("info sw_eport_app2udp: libddm ifx: 33 => phyid: 0x0, rv: %d.", GetParam()),
+                            "info sw_eport_app2udp: eport[0x20000000]."));
+}
+
+TEST_P(EportFailedLookUp, OfAPhysicalIdLeavesTheSecondKeyAloneAndGivesItsCode)
+{
+    recording::set_result("libddm_get_ifx_by_phyid", GetParam());
+    const udp_index index("app", 0x10000005);
+    app_key out("mine", 77, 2, 3);
+    EXPECT_EQ(sw_eport_udp2app(&index, &out), GetParam());
+    EXPECT_EQ(out.keyid1, 0);
+    EXPECT_EQ(out.keyid2, 3);
+    EXPECT_THAT(trace(), ElementsAre(ifx_by_phyid,
+                                     format("error sw_eport_udp2app: Get ifx by phyid[0x7000005] failed, error is %d.",
+                                            GetParam())));
+}
+
+TEST_P(EportFailedLookUp, OfALocalIdCopiesThePortAndIsNoFailure)
+{
+    recording::set_result("libddm_get_lphyid_by_gphyid", GetParam());
+    EXPECT_EQ(to_card(0x10000005), 0x10000005u);
+}
+
+TEST_P(EportFailedLookUp, OfAGlobalIdGivesAggregate0AndItsCode)
+{
+    recording::set_result("libddm_get_gphyid_by_lphyid", GetParam());
+    const udp_index sdp("", 0x11000002);
+    udp_index udp("", 99);
+    EXPECT_EQ(sw_eport_sdp2udp(&sdp, &udp), GetParam());
+    EXPECT_EQ(udp.id(), 0x20000000u);
+    EXPECT_THAT(
+        trace(),
+        ElementsAre(gphyid_by_lphyid,
+                    format("error sw_eport_sdp2udp: libddm_get_gphyid_by_lphyid failed, rv: %d.", GetParam()),
+                    format("info sw_eport_sdp2udp: libddm lphyid: 0x8000002 => gphyid: 0x0, rv: %d.", GetParam()),
+                    "info sw_eport_sdp2udp: eport[0x20000000]."));
+}
+
+INSTANTIATE_TEST_SUITE_P(Codes, EportFailedLookUp, testing::Values(-5, 5));
 
 }  // namespace
