@@ -118,6 +118,14 @@ inline void add_user_in_slot(uint32_t slot, const char *name)
     recording::reset();
 }
 
+// Registers a user, callbacks and all, in each slot but 0 too.
+inline void add_to_other_slots(const sw_ebridge_list_item *user)
+{
+    for (uint32_t slot = 1; slot < SW_EBRIDGE_SLOTS; ++slot)
+        EXPECT_EQ(sw_ebridge_list_add_inst(slot, user), 0);
+    recording::reset();
+}
+
 // The users of slot 0 in the order in which walks meet them.
 inline strings registry_order()
 {

@@ -1134,4 +1134,50 @@ TEST_F(EportReentry, AUserRegisteredAgainWithinItsCallbackHearsOn)
     EXPECT_EQ(sw_eport_hash_size(0), 0u);
 }
 
+// ---- users of the other slots
+
+TEST_F(EportGrant, IsForTheUsersOfSlot0)
+{
+    add_to_other_slots(add_user({.name = "app"}));
+    grant("app", ac, 7, 8, 0x30000005);
+    EXPECT_EQ(heard().size(), 1u);
+    EXPECT_EQ(g_diagnosis_stat.eport_reply_cb, 1u);
+    for (uint32_t slot = 1; slot < SW_EBRIDGE_SLOTS; ++slot) {
+        EXPECT_EQ(sw_eport_index_map_hash_size(slot), 0u);
+        EXPECT_EQ(sw_eport_hash_size(slot), 0u);
+    }
+}
+
+TEST_F(EportRefusal, IsForTheUsersOfSlot0)
+{
+    add_to_other_slots(add_user({.name = "app"}));
+    session of("app", ac, 7, 8);
+    apply(of.refused(), 1);
+    EXPECT_EQ(heard().size(), 1u);
+    EXPECT_EQ(recording::calls_of("qz_mom_del").size(), 1u);
+    EXPECT_EQ(g_diagnosis_stat.eport_err_msg, 1u);
+}
+
+TEST_F(EportRemoval, IsForTheUsersAndItemsOfSlot0)
+{
+    add_to_other_slots(add_user({.name = "app"}));
+    grant("app", ac, 7, 8, 0x30000005);
+    const sw_eport_index_map forward = *app_item(ac, 7, 8), reverse = *udp_item(0x30000005);
+    for (uint32_t slot = 1; slot < SW_EBRIDGE_SLOTS; ++slot) {
+        ASSERT_NE(sw_eport_index_map_update_item(slot, &forward), nullptr);
+        ASSERT_NE(sw_eport_index_map_update_item(slot, &reverse), nullptr);
+        ASSERT_NE(sw_eport_db_insert_glb_item(slot, "app", 0x30000005), nullptr);
+    }
+    recording::reset();
+    session of("app", ac, 7, 8);
+    apply(of.answered(0x30000005), 0);
+    EXPECT_EQ(heard().size(), 1u);
+    EXPECT_EQ(g_diagnosis_stat.eport_release_cb, 1u);
+    EXPECT_EQ(sw_eport_index_map_hash_size(0), 0u);
+    for (uint32_t slot = 1; slot < SW_EBRIDGE_SLOTS; ++slot) {
+        EXPECT_EQ(sw_eport_index_map_hash_size(slot), 2u);
+        EXPECT_EQ(sw_eport_hash_size(slot), 1u);
+    }
+}
+
 }  // namespace

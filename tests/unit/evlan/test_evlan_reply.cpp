@@ -1114,4 +1114,47 @@ TEST_F(EvlanReentry, AUserRegisteredAgainWithinItsCallbackHearsOn)
     EXPECT_EQ(sw_evlan_index_map_hash_size(0), 0u);
 }
 
+// ---- users of the other slots
+
+TEST_F(EvlanGrant, IsForTheUsersOfSlot0)
+{
+    add_to_other_slots(add_user({.name = "app"}));
+    grant("app", vxlan, 7, 0x20000005);
+    EXPECT_EQ(heard().size(), 1u);
+    EXPECT_EQ(g_diagnosis_stat.evlan_reply_evlancb, 1u);
+    for (uint32_t slot = 1; slot < SW_EBRIDGE_SLOTS; ++slot) {
+        EXPECT_EQ(sw_evlan_index_map_hash_size(slot), 0u);
+        EXPECT_EQ(sw_evlan_hash_size(slot), 0u);
+    }
+}
+
+TEST_F(EvlanRefusal, IsForTheUsersOfSlot0)
+{
+    add_to_other_slots(add_user({.name = "app"}));
+    session of("app", vxlan, 7);
+    apply(of.refused(), 1);
+    EXPECT_EQ(heard().size(), 2u);
+    EXPECT_EQ(recording::calls_of("qz_mom_del").size(), 1u);
+    EXPECT_EQ(g_diagnosis_stat.evlan_err_msg, 1u);
+}
+
+TEST_F(EvlanRemoval, IsForTheUsersAndItemsOfSlot0)
+{
+    add_to_other_slots(add_user({.name = "app"}));
+    grant("app", vxlan, 7, 0x20000005);
+    const sw_evlan_index_map forward = *app_item(vxlan, 7), reverse = *udp_item(0x20000005);
+    for (uint32_t slot = 1; slot < SW_EBRIDGE_SLOTS; ++slot) {
+        ASSERT_NE(sw_evlan_index_map_update_item(slot, &forward), nullptr);
+        ASSERT_NE(sw_evlan_index_map_update_item(slot, &reverse), nullptr);
+    }
+    recording::reset();
+    session of("app", vxlan, 7);
+    apply(of.answered(0x20000005), 0);
+    EXPECT_EQ(heard().size(), 1u);
+    EXPECT_EQ(g_diagnosis_stat.evlan_release_cb, 1u);
+    EXPECT_EQ(sw_evlan_index_map_hash_size(0), 0u);
+    for (uint32_t slot = 1; slot < SW_EBRIDGE_SLOTS; ++slot)
+        EXPECT_EQ(sw_evlan_index_map_hash_size(slot), 2u);
+}
+
 }  // namespace
