@@ -344,6 +344,17 @@ TEST_F(EportDb, InsertNewWithoutMemoryLeavesTheFlagAlone)
                 ElementsAre("error sw_eport_db_insert_item_new: Assert:Insert inst[2].user[app].eport[0x5] failed."));
 }
 
+TEST_F(EportDb, InsertWithoutMemoryHasWrittenTheNameIntoTheCallersRecord)
+{
+    add_user({.name = "app"});
+    sw_eport_attr record;
+    std::memset(&record, 0x5a, sizeof record);
+    recording::fail_allocation(1, true);
+    EXPECT_EQ(sw_eport_db_insert_item(0, "app", &record), nullptr);
+    recording::fail_allocation(0);
+    EXPECT_STREQ(record.user_name, "app");
+}
+
 TEST_F(EportDb, OutlivesASecondRegistrationOfItsUser)
 {
     add_user({.name = "app"});
@@ -552,6 +563,24 @@ TEST_F(EportVerify, NewWithoutMemorySaysThatNothingWasMade)
     recording::fail_allocation(0);
     EXPECT_EQ(created, 0);
     EXPECT_TRUE(recording::has_logged("Assert:Insert inst[0].user[app].eport[0x20000003] failed.", 100));
+}
+
+TEST_F(EportVerify, WithoutMemoryIsReported)
+{
+    add_user({.name = "app"});
+    recording::fail_allocation(1, true);
+    EXPECT_EQ(sw_eport_attr_db_verify(0, "app", eport_id(ap, 3)), nullptr);
+    recording::fail_allocation(0);
+    EXPECT_THAT(recording::logged(100), ElementsAre("Assert:Insert inst[0].user[app].eport[0x20000003] failed."));
+}
+
+TEST_F(EportVerify, WithoutMemoryForTheUserIsReportedTwice)
+{
+    add_user({.name = "app"});
+    recording::fail_allocation(1, true);
+    EXPECT_EQ(sw_eport_attr_db_verify(0, "late", eport_id(ap, 3)), nullptr);
+    recording::fail_allocation(0);
+    EXPECT_THAT(recording::logged(100), ElementsAre("Assert:DL_HASH_CREATE fail.", "Assert:No user named 'late'."));
 }
 
 TEST_F(EportVerify, NewWorksWithoutAFlag)

@@ -350,6 +350,21 @@ TEST_F(EvlanDb, VerifyRegistersTheUserInItsSlot)
     EXPECT_EQ(sw_evlan_db_get_item(2, "late", evlan_id(vxlan, 7)), made);
 }
 
+TEST_F(EvlanDb, VerifyWithoutMemoryForTheUserIsReportedTwice)
+{
+    add_user({.name = "app"});
+    const udp_index index("late", evlan_id(vlan, 7));
+    uint8_t created = 42;
+    recording::fail_allocation(1, true);
+    EXPECT_EQ(sw_evlan_attr_db_verify(0, &index), nullptr);
+    EXPECT_EQ(sw_evlan_attr_db_verify_new(0, &index, &created), nullptr);
+    recording::fail_allocation(0);
+    EXPECT_EQ(created, 42);
+    EXPECT_THAT(recording::logged(100), ElementsAre("Assert:DL_HASH_CREATE fail.", "Assert:No user named as late.",
+                                                    "Assert:DL_HASH_CREATE fail.", "Assert:No user named as late."));
+    EXPECT_EQ(sw_ebridge_list_item_get("late"), nullptr);
+}
+
 TEST_F(EvlanDb, VerifyRefusesNull)
 {
     add_user({.name = "app"});
