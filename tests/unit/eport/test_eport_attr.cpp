@@ -108,8 +108,10 @@ TEST_F(EportCompare, RefusesNull)
     sw_eport_attr record{};
     EXPECT_EQ(sw_eport_attr_cmp(nullptr, &record), -2);
     EXPECT_EQ(sw_eport_attr_cmp(&record, nullptr), -2);
+    EXPECT_EQ(sw_eport_attr_cmp(nullptr, nullptr), -2);
     EXPECT_THAT(trace(), ElementsAre("error sw_eport_attr_cmp: Assert:Dest eport is NULL.",
-                                     "error sw_eport_attr_cmp: Assert:Src eport is NULL."));
+                                     "error sw_eport_attr_cmp: Assert:Src eport is NULL.",
+                                     "error sw_eport_attr_cmp: Assert:Dest eport is NULL."));
 }
 
 TEST_F(EportCompare, BothFlagWordsAndTheFilterCount)
@@ -119,6 +121,9 @@ TEST_F(EportCompare, BothFlagWordsAndTheFilterCount)
         sw_eport_attr a{}, b{};
         EXPECT_EQ(sw_eport_attr_cmp(&a, &b), 0);
         b.*member = 1;
+        EXPECT_EQ(sw_eport_attr_cmp(&a, &b), -1);
+        EXPECT_EQ(sw_eport_attr_cmp(&b, &a), -1);
+        a.attr.underlay.pvid = 0xffff;  // once they differ the block is not looked at
         EXPECT_EQ(sw_eport_attr_cmp(&a, &b), -1);
         EXPECT_EQ(sw_eport_attr_cmp(&b, &a), -1);
     }

@@ -193,6 +193,8 @@ TEST_F(EportMerge, KeepsTheTagOnceAnyoneSetIt)
     EXPECT_EQ(sw_eport_attr_merge(0x30000005)->attr.overlay.is_tagged, 0);
     holders.first->attr.overlay.is_tagged = 1;
     EXPECT_EQ(sw_eport_attr_merge(0x30000005)->attr.overlay.is_tagged, 1);
+    holders.first->attr.overlay.is_tagged = 2;
+    EXPECT_EQ(sw_eport_attr_merge(0x30000005)->attr.overlay.is_tagged, 1);
 }
 
 // One word that is set is enough, the one that only tells IPv6 too, and then none of the earlier address stays.

@@ -11,6 +11,16 @@ using EvlanCopy = EvlanTest;
 using EvlanCompare = EvlanTest;
 using EvlanMerge = EvlanTest;
 
+// The byte shares its place with an overlay's field, so it may hold what no bool does.
+void set_svl(sw_evlan_attr &record, int byte) { std::memset(&record.attr.underlay.svl, byte, 1); }
+
+uint8_t svl_of(const sw_evlan_attr &record)
+{
+    uint8_t byte = 0;
+    std::memcpy(&byte, &record.attr.underlay.svl, 1);
+    return byte;
+}
+
 // Every byte different from zero and from `other`.
 sw_evlan_attr filled(uint8_t byte, uint32_t type)
 {
@@ -49,6 +59,15 @@ TEST_P(EvlanCopyOfType, OfUnderlayTakesFidAndSvlAndNothingElse)
     expected.attr.underlay.svl = true;
     EXPECT_EQ(sw_evlan_attr_copy(&to, &from), 0);
     EXPECT_EQ(std::memcmp(&to, &expected, sizeof to), 0);
+}
+
+TEST_P(EvlanCopyOfType, OfUnderlayMakesABoolOfWhateverSvlHolds)
+{
+    sw_evlan_attr from{}, to{};
+    from.type = GetParam();
+    set_svl(from, 2);
+    EXPECT_EQ(sw_evlan_attr_copy(&to, &from), 0);
+    EXPECT_EQ(svl_of(to), 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Underlay, EvlanCopyOfType, testing::Values(vlan, l3intf_sub));
@@ -113,8 +132,10 @@ TEST_F(EvlanCompare, RefusesNull)
     sw_evlan_attr record{};
     EXPECT_EQ(sw_evlan_attr_cmp(nullptr, &record), -2);
     EXPECT_EQ(sw_evlan_attr_cmp(&record, nullptr), -2);
+    EXPECT_EQ(sw_evlan_attr_cmp(nullptr, nullptr), -2);
     EXPECT_THAT(trace(), ElementsAre("error sw_evlan_attr_cmp: Assert:Dest evlan is NULL.",
-                                     "error sw_evlan_attr_cmp: Assert:Src evlan is NULL."));
+                                     "error sw_evlan_attr_cmp: Assert:Src evlan is NULL.",
+                                     "error sw_evlan_attr_cmp: Assert:Dest evlan is NULL."));
 }
 
 TEST_F(EvlanCompare, FlagsClassAndTypeCount)
@@ -129,6 +150,9 @@ TEST_F(EvlanCompare, FlagsClassAndTypeCount)
     b = a;
     b.type = vlan;
     EXPECT_EQ(sw_evlan_attr_cmp(&a, &b), -1);
+    a.attr.words[0] = 0xffffffff;  // once they differ the words are not looked at
+    EXPECT_EQ(sw_evlan_attr_cmp(&a, &b), -1);
+    EXPECT_EQ(sw_evlan_attr_cmp(&b, &a), -1);
 }
 
 TEST_F(EvlanCompare, EachByteOfTheNineWordsCountsWhateverTheType)
@@ -283,6 +307,13 @@ TEST_F(EvlanMerge, KeepsSvlOnceAnyoneSetIt)
     EXPECT_FALSE(sw_evlan_attr_merge(0x10000005)->attr.underlay.svl);
     holders.first->attr.underlay.svl = true;
     EXPECT_TRUE(sw_evlan_attr_merge(0x10000005)->attr.underlay.svl);
+}
+
+TEST_F(EvlanMerge, SetsSvlForWhateverByteIsNotZero)
+{
+    const two_holders holders(0x10000005);
+    set_svl(*holders.first, 2);
+    EXPECT_EQ(svl_of(*sw_evlan_attr_merge(0x10000005)), 1);
 }
 
 TEST_F(EvlanMerge, OfUnderlayTakesNoOverlayField)
