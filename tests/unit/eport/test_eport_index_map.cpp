@@ -260,6 +260,24 @@ TEST_F(EportIndexMap, UpdateOfAStoredItemKeepsItsKeyFlagAndList)
                             "UDPIndex is 0x30000005 ds_flag:2."));
 }
 
+TEST_F(EportIndexMap, AGrantOfAnotherIdUpdatesTheReverseItemThatAnotherKeyHasOfIt)
+{
+    const sw_ebridge_list_item *owner = add_user({.name = "app", .callbacks = no_callbacks});
+    grant("app", ac, 7, 7, 0x30000003);
+    grant("app", ac, 7, 8, 0x30000005);
+    grant("app", ac, 7, 9, 0x30000006);
+    const sw_eport_index_map *reverse = udp_item(0x30000005);
+    recording::reset();
+    grant("other", ac, 7, 7, 0x30000005);
+    EXPECT_TRUE(
+        traced("info sw_eport_index_map_update_item: Update EPORT Index map for other, UDPIndex is 0x30000005, "
+               "appIndex is 0x7+0x7."));
+    EXPECT_EQ(udp_item(0x30000005), reverse);
+    EXPECT_EQ(reverse->value[2], 7u);
+    EXPECT_EQ(owner->eport_maps.next, &udp_item(0x30000006)->link);
+    EXPECT_EQ(owner->eport_maps.next->next->next, &reverse->link);
+}
+
 TEST_F(EportIndexMap, UpdateOfAStoredItemNeedsNoMemory)
 {
     add_user({.name = "app"});

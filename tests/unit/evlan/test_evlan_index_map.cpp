@@ -110,8 +110,10 @@ TEST_F(EvlanIndexMap, GetRefusesBadArguments)
     const sw_evlan_index_map key{};
     EXPECT_EQ(sw_evlan_index_map_get_item(10, &key), nullptr);
     EXPECT_EQ(sw_evlan_index_map_get_item(0, nullptr), nullptr);
+    EXPECT_EQ(sw_evlan_index_map_get_item(10, nullptr), nullptr);
     EXPECT_THAT(trace(), ElementsAre("error sw_evlan_index_map_get_item: Assert:Bad inst 10.",
-                                     "error sw_evlan_index_map_get_item: Assert:Bad map info."));
+                                     "error sw_evlan_index_map_get_item: Assert:Bad map info.",
+                                     "error sw_evlan_index_map_get_item: Assert:Bad inst 10."));
 }
 
 TEST_F(EvlanIndexMap, CreateStoresACopyAtTheHeadOfItsUsersList)
@@ -284,6 +286,24 @@ TEST_F(EvlanIndexMap, UpdateOfAStoredItemKeepsItsKeyFlagAndList)
                             "UDPIndex[0x20000005], ds_flag[2]\n"));
 }
 
+TEST_F(EvlanIndexMap, AGrantOfAnotherIdUpdatesTheReverseItemThatAnotherKeyHasOfIt)
+{
+    const sw_ebridge_list_item *owner = add_user({.name = "app", .callbacks = no_callbacks});
+    grant("app", vxlan, 7, 0x20000003);
+    grant("app", vxlan, 8, 0x20000005);
+    grant("app", vxlan, 9, 0x20000006);
+    const sw_evlan_index_map *reverse = udp_item(0x20000005);
+    recording::reset();
+    grant("other", vxlan, 7, 0x20000005);
+    EXPECT_TRUE(
+        traced("info sw_evlan_index_map_update_item: Update EVLAN Index map for other, UDPIndex[0x20000005] "
+               "map to appIndex[0x7].\n"));
+    EXPECT_EQ(udp_item(0x20000005), reverse);
+    EXPECT_EQ(reverse->value[1], 7u);
+    EXPECT_EQ(owner->evlan_maps.next, &udp_item(0x20000006)->link);
+    EXPECT_EQ(owner->evlan_maps.next->next->next, &reverse->link);
+}
+
 TEST_F(EvlanIndexMap, UpdateOfAnAbsentItemCreatesIt)
 {
     const sw_ebridge_list_item *owner = add_user({.name = "app"});
@@ -355,8 +375,10 @@ TEST_F(EvlanIndexMap, UpdateRefusesBadArguments)
     add_user({.name = "app"});
     EXPECT_EQ(update(app_to_udp("app", vxlan, 7), 10), nullptr);
     EXPECT_EQ(sw_evlan_index_map_update_item(0, nullptr), nullptr);
+    EXPECT_EQ(sw_evlan_index_map_update_item(10, nullptr), nullptr);
     EXPECT_THAT(trace(), ElementsAre("error sw_evlan_index_map_update_item: Assert:Bad inst 10.",
-                                     "error sw_evlan_index_map_update_item: Assert:Bad map info."));
+                                     "error sw_evlan_index_map_update_item: Assert:Bad map info.",
+                                     "error sw_evlan_index_map_update_item: Assert:Bad inst 10."));
 }
 
 TEST_F(EvlanIndexMap, DeleteUnlinksAndFreesTheItem)
@@ -390,8 +412,10 @@ TEST_F(EvlanIndexMap, DeleteRefusesBadArguments)
     const sw_evlan_index_map key{};
     EXPECT_EQ(sw_evlan_index_map_delete_item(10, &key), -2);
     EXPECT_EQ(sw_evlan_index_map_delete_item(0, nullptr), -2);
+    EXPECT_EQ(sw_evlan_index_map_delete_item(10, nullptr), -2);
     EXPECT_THAT(trace(), ElementsAre("error sw_evlan_index_map_delete_item: Assert:Bad inst 10.",
-                                     "error sw_evlan_index_map_delete_item: Assert:Bad map info."));
+                                     "error sw_evlan_index_map_delete_item: Assert:Bad map info.",
+                                     "error sw_evlan_index_map_delete_item: Assert:Bad inst 10."));
 }
 
 TEST_F(EvlanIndexMap, ItemsLeaveTheirUsersListWhenTheUserIsRegisteredAgain)
@@ -493,9 +517,11 @@ TEST_F(EvlanTranslation, OfAnApplicationKeyRefusesNull)
     udp_index out("", 99);
     EXPECT_EQ(sw_evlan_app2udp(nullptr, &out), -2);
     EXPECT_EQ(sw_evlan_app2udp(&key, nullptr), -2);
+    EXPECT_EQ(sw_evlan_app2udp(nullptr, nullptr), -2);
     EXPECT_EQ(out.evlan_id, 99);
     EXPECT_THAT(trace(), ElementsAre("error sw_evlan_app2udp: Assert:Bad App index.",
-                                     "error sw_evlan_app2udp: Assert:Bad EVLAN index."));
+                                     "error sw_evlan_app2udp: Assert:Bad EVLAN index.",
+                                     "error sw_evlan_app2udp: Assert:Bad App index."));
 }
 
 TEST_F(EvlanTranslation, OfAnEvlanGivesItsApplicationKey)
@@ -532,8 +558,10 @@ TEST_F(EvlanTranslation, OfAnEvlanRefusesNull)
     app_key out("mine", 1, 2);
     EXPECT_EQ(sw_evlan_udp2app(&index, nullptr), -2);
     EXPECT_EQ(sw_evlan_udp2app(nullptr, &out), -2);
+    EXPECT_EQ(sw_evlan_udp2app(nullptr, nullptr), -2);
     EXPECT_THAT(trace(), ElementsAre("error sw_evlan_udp2app: Assert:Bad App index.",
-                                     "error sw_evlan_udp2app: Assert:Bad EVLAN index."));
+                                     "error sw_evlan_udp2app: Assert:Bad EVLAN index.",
+                                     "error sw_evlan_udp2app: Assert:Bad App index."));
 }
 
 TEST_F(EvlanTranslation, LooksInSlot0Only)
