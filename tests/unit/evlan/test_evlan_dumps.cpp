@@ -17,6 +17,11 @@ std::string attr_header(int type, uint32_t id)
     return format("\n========== <evlan attr db, input evlan_type: %d, evlan_id: 0x%x> =============\n", type, id);
 }
 
+std::string sda_header(int type, uint32_t id)
+{
+    return format("\n========== <sda evlan attr db, input evlan_type: %d, evlan_id: 0x%x> =============\n", type, id);
+}
+
 std::string user_heading(const std::string &name)
 {
     return format("====================== user: %-10s ======================\n", name.c_str());
@@ -49,6 +54,16 @@ TEST_F(EvlanAttrDump, PrintsUnderlayByItsId)
     EXPECT_EQ(sw_evlan_attr_db_ut_dump_op(&record, &args, 0), 0);
     EXPECT_EQ(take_printed(), "app, 0x70000005, type:32, ClassID:abc, SVL:true, FID:-5.\n" + attr_line);
     EXPECT_EQ(args.count, 1u);
+}
+
+TEST_F(EvlanAttrDump, PrintsAnySvlButZeroAsTrue)
+{
+    sw_evlan_attr record{};
+    sw_evlan_init(&record, "app", 0x10000005);
+    std::memset(&record.attr.underlay.svl, 2, 1);
+    sw_ebridge_dump_args args{};
+    EXPECT_EQ(sw_evlan_attr_db_ut_dump_op(&record, &args, 0), 0);
+    EXPECT_EQ(take_printed(), "app, 0x10000005, type:0, ClassID:0, SVL:true, FID:0.\n" + attr_line);
 }
 
 TEST_F(EvlanAttrDump, PrintsOverlayByItsId)
@@ -148,8 +163,7 @@ TEST_F(EvlanAttrDump, GoesOnAfterNull)
 TEST_F(EvlanAttrDump, WithoutUsersPrintsTheHeader)
 {
     EXPECT_EQ(printed_by([] { return sw_evlan_attr_db_ut_dump(16, 0x10000005); }), attr_header(16, 0x10000005));
-    EXPECT_EQ(printed_by([] { return sda_evlan_attr_db_ut_dump(-1, 0); }),
-              "\n========== <sda evlan attr db, input evlan_type: -1, evlan_id: 0x0> =============\n");
+    EXPECT_EQ(printed_by([] { return sda_evlan_attr_db_ut_dump(-1, 0); }), sda_header(-1, 0));
 }
 
 TEST_F(EvlanAttrDump, PrintsEachUsersRecordsOfAllSlotsWithATotal)
@@ -177,12 +191,16 @@ TEST_F(EvlanAttrDump, TakesTheFiltersGiven)
     add_user({.name = "a"});
     insert("a", 0x10000005);
     insert("a", 0x20000005);
-    EXPECT_EQ(printed_by([] { return sw_evlan_attr_db_ut_dump(32, 0); }),
-              attr_header(32, 0) + user_heading("a") + blank_record("a", 0x20000005) + total(1));
-    EXPECT_EQ(printed_by([] { return sw_evlan_attr_db_ut_dump(0, 0x10000005); }),
-              attr_header(0, 0x10000005) + user_heading("a") + blank_record("a", 0x10000005) + total(1));
-    EXPECT_EQ(printed_by([] { return sw_evlan_attr_db_ut_dump(48, 0x10000005); }),
-              attr_header(48, 0x10000005) + user_heading("a") + total(0));
+    const auto expect_filters = [](auto dump, auto header) {
+        EXPECT_EQ(printed_by([=] { return dump(32, 0); }),
+                  header(32, 0) + user_heading("a") + blank_record("a", 0x20000005) + total(1));
+        EXPECT_EQ(printed_by([=] { return dump(0, 0x10000005); }),
+                  header(0, 0x10000005) + user_heading("a") + blank_record("a", 0x10000005) + total(1));
+        EXPECT_EQ(printed_by([=] { return dump(48, 0x10000005); }),
+                  header(48, 0x10000005) + user_heading("a") + total(0));
+    };
+    expect_filters(sw_evlan_attr_db_ut_dump, attr_header);
+    expect_filters(sda_evlan_attr_db_ut_dump, sda_header);
 }
 
 TEST_F(EvlanAttrDump, OfTheDataPlaneGoesThroughTheUsersOfAllSlots)
@@ -194,8 +212,7 @@ TEST_F(EvlanAttrDump, OfTheDataPlaneGoesThroughTheUsersOfAllSlots)
     insert("chip", 0x20000007, 2);
     const std::string of_a = user_heading("a") + blank_record("a", 0x20000006) + total(1);
     EXPECT_EQ(printed_by([] { return sda_evlan_attr_db_ut_dump(0, 0); }),
-              "\n========== <sda evlan attr db, input evlan_type: 0, evlan_id: 0x0> =============\n" + of_a +
-                  user_heading("chip") + blank_record("chip", 0x20000007) + total(1) + of_a);
+              sda_header(0, 0) + of_a + user_heading("chip") + blank_record("chip", 0x20000007) + total(1) + of_a);
 }
 
 TEST_F(EvlanAttrDump, OfOneVlanPrintsEveryUsersRecordsUnderEachHeading)
@@ -217,17 +234,28 @@ TEST_F(EvlanAttrDump, OfOneVlanPrintsEveryUsersRecordsUnderEachHeading)
 TEST_F(EvlanAttrDump, OfAVlanOutOfRangePrintsAllInTheOrderOfTheirNumbers)
 {
     add_user({.name = "a"});
+    add_user_in_slot(3, "a");
     for (const uint32_t number : {4094u, 1u, 77u, 4095u, 0u})
         insert("a", 0x10000000 | number);
+    insert("a", 0x10000001, 3);
     const std::string records = "======= user: a          ======================\n" + blank_record("a", 0x10000001) +
-                                blank_record("a", 0x1000004d) + blank_record("a", 0x10000ffe);
+                                blank_record("a", 0x10000001) + blank_record("a", 0x1000004d) +
+                                blank_record("a", 0x10000ffe);
     for (const int vid : {0, -1, 4095, 5000})
         EXPECT_EQ(printed_by([=] { return sw_vlan_attr_db_ut_dump(vid); }),
                   format("========== <evlan attr db, input vlan_id: %d> =============\n", vid) + records);
-    EXPECT_EQ(printed_by([] { return sw_vlan_attr_db_ut_dump(4094); }),
-              "========== <evlan attr db, input vlan_id: 4094> =============\n"
-              "======= user: a          ======================\n" +
-                  blank_record("a", 0x10000ffe));
+}
+
+TEST_F(EvlanAttrDump, OfTheFirstAndTheLastVlanPrintsThatOne)
+{
+    add_user({.name = "a"});
+    for (const uint32_t number : {0u, 1u, 2u, 4093u, 4094u, 4095u})
+        insert("a", 0x10000000 | number);
+    for (const int vid : {1, 4094})
+        EXPECT_EQ(printed_by([=] { return sw_vlan_attr_db_ut_dump(vid); }),
+                  format("========== <evlan attr db, input vlan_id: %d> =============\n", vid) +
+                      "======= user: a          ======================\n" +
+                      blank_record("a", 0x10000000 | static_cast<uint32_t>(vid)));
 }
 
 // ---- one item of the index map
