@@ -403,15 +403,19 @@ std::string conversion_text(const conversion &one, va_list &args)
 
 uint64_t counted = 0;
 uint64_t failing = 0;  // which counted allocation fails, 0 none
+uint64_t refused = 0;  // bytes
 bool failing_on = false;
 void (*free_hook)(void *) = nullptr;
 
-bool allocation_fails()
+bool allocation_fails(uint64_t size, uint64_t count = 1)
 {
     if (own_depth != 0)
         return false;
     ++counted;
-    return failing != 0 && (counted == failing || (failing_on && counted > failing));
+    const bool fails = failing != 0 && (counted == failing || (failing_on && counted > failing));
+    if (fails)
+        refused += size * count;
+    return fails;
 }
 
 }  // namespace
@@ -479,11 +483,14 @@ void fail_category(const std::string &name)
 void fail_allocation(uint64_t nth, bool all_after)
 {
     counted = 0;
+    refused = 0;
     failing = nth;
     failing_on = all_after;
 }
 
 uint64_t allocations() { return counted; }
+
+uint64_t refused_bytes() { return refused; }
 
 void on_free(void (*hook)(void *)) { free_hook = hook; }
 
@@ -507,16 +514,16 @@ void *__real_calloc(size_t count, size_t size);
 void *__real_realloc(void *block, size_t size);
 void __real_free(void *block);
 
-void *__wrap_malloc(size_t size) { return recording::allocation_fails() ? nullptr : __real_malloc(size); }
+void *__wrap_malloc(size_t size) { return recording::allocation_fails(size) ? nullptr : __real_malloc(size); }
 
 void *__wrap_calloc(size_t count, size_t size)
 {
-    return recording::allocation_fails() ? nullptr : __real_calloc(count, size);
+    return recording::allocation_fails(size, count) ? nullptr : __real_calloc(count, size);
 }
 
 void *__wrap_realloc(void *block, size_t size)
 {
-    return recording::allocation_fails() ? nullptr : __real_realloc(block, size);
+    return recording::allocation_fails(size) ? nullptr : __real_realloc(block, size);
 }
 
 void __wrap_free(void *block)
@@ -709,6 +716,7 @@ void qzdf_zlog(qz_zlog_category *category, const char *file, size_t file_length,
     va_start(args, format);
     made.text = recording::formatted(format, args);
     va_end(args);
+    made.printed_before = recording::the().printed.size();
     if (made.category == "sw_vlan_file")
         recording::the().sequence.push_back("log " + std::to_string(level) + " " + made.text);
     recording::the().log.push_back(std::move(made));

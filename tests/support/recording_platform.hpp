@@ -43,6 +43,7 @@ struct log_line {
     int32_t level = 0;   // zlog level
     std::string format;  // what the library handed over as format: always "%s"
     std::string text;
+    size_t printed_before = 0;  // characters that went through ssat_vprint before it
 };
 
 // Forgets calls, lines, prints and results. Arguments of accepted calls (result 0) stay reachable: a store holds them.
@@ -69,7 +70,8 @@ void fail_category(const std::string &name);
 // Allocations made by anyone in the process count from this call on; the nth from now fails once (0: none does).
 // With `all_after`, every later one fails too. Needs the --wrap linker options that the unit tests are linked with.
 void fail_allocation(uint64_t nth, bool all_after = false);
-uint64_t allocations();  // since fail_allocation() was called last
+uint64_t allocations();    // since fail_allocation() was called last
+uint64_t refused_bytes();  // of those that failed since then, in all
 // Called with each pointer that is freed while set, before it is freed.
 void on_free(void (*hook)(void *));
 

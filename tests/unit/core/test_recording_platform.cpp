@@ -117,14 +117,16 @@ TEST(RecordingPlatform, AllocationsFailByCount)
 {
     recording::fail_allocation(2);
     void *first = std::malloc(8);
-    void *second = std::calloc(1, 8);
+    void *second = std::calloc(3, 8);
     void *third = std::malloc(8);
     const uint64_t counted = recording::allocations();
+    const uint64_t refused = recording::refused_bytes();
     recording::fail_allocation(0);
     EXPECT_NE(nullptr, first);
     EXPECT_EQ(nullptr, second);
     EXPECT_NE(nullptr, third);
     EXPECT_EQ(3u, counted);
+    EXPECT_EQ(24u, refused);
     recording::fail_allocation(1, true);
     void *grown = std::realloc(first, 16);
     void *later = std::malloc(8);
