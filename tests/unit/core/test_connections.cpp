@@ -161,6 +161,32 @@ TEST_F(Connections, ConnectedUserMustBeRegistered)
     forget_user("user");
     EXPECT_EQ(-2, connected(ca));
     expect_line("No user named 'user'.", kError, kCoreFile, "sw_ebridge_mom_connected_callback");
+    EXPECT_THAT(recording::logged(), ElementsAre(HasSubstr("sw_ebridge_connecting_args:"),
+                                                 "current db_flags: 0x1000000, all_db_flags: 0x1000000, user: user.",
+                                                 "No user named 'user'."));
+    EXPECT_THAT(recording::calls(), IsEmpty());
+}
+
+// The database is up all the same, and nobody is looked for while another one is missing.
+TEST_F(Connections, ConnectionOfAnUnknownUserCountsAsConnected)
+{
+    sw_ebridge_list_init();
+    EXPECT_EQ(-2, connected(made_here("nobody", kUdp, kUdp)));
+    recording::reset();
+    EXPECT_EQ(0, connected(made_here("nobody", kApp, kApp)));
+    EXPECT_TRUE(recording::has_logged("current db_flags: 0x3000000, all_db_flags: 0x1000000, user: nobody.", kInfo));
+    EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(Connections, ConnectedUserOfAnotherTableIsUnknown)
+{
+    sw_ebridge_list_init();
+    auto user = record_of("user");
+    user.evlan_reply = no_evlan_reply;
+    for (uint32_t table = 1; table < SW_EBRIDGE_SLOTS; ++table)
+        EXPECT_EQ(0, sw_ebridge_list_add_inst(table, &user));
+    EXPECT_EQ(-2, connected(made_here("user", kApp, kApp)));
+    EXPECT_THAT(errors(), ElementsAre("No user named 'user'."));
     EXPECT_THAT(recording::calls(), IsEmpty());
 }
 
@@ -296,6 +322,15 @@ TEST_F(Connections, ExpectedSubscriptionsArePrintedAtInfoLevelOfStandardOutput)
     g_sw_vlan_std_zlog_level = 3;
     const auto hidden = output_of([] { connected(made_here("user", kUdp, kUdp)); });
     EXPECT_EQ("", hidden);
+}
+
+TEST_F(Connections, ExpectedSubscriptionsArePrintedBeforeTheFirstSubscription)
+{
+    EXPECT_EQ(0, connected(connecting(user_of_both_kinds("user"), 4)));
+    EXPECT_EQ("subscribing_flags:bmp[2]:0x00100000(pos:95-64), bmp[0]:0x00100000(pos:31-0), \n", recording::printed());
+    EXPECT_EQ(0u, only_line("libsw_ebridge all db connected, subscribe data.").printed_before);
+    ASSERT_EQ(2u, recording::calls().size());
+    EXPECT_EQ(recording::printed().size(), recording::calls()[0].printed_before);
 }
 
 TEST_F(Connections, CycleWaitsUntilEveryDatabaseIsConnected)
@@ -545,6 +580,21 @@ TEST_F(Connections, ConfirmedSubscriptionsArePrintedAtInfoLevelOfStandardOutput)
     ASSERT_EQ(1u, sa.size());
     g_sw_vlan_std_zlog_level = 3;
     EXPECT_EQ("", output_of([&] { subscribed(notification(), sa[0]); }));
+}
+
+// Each confirmation prints what is confirmed by then, whether others are missing or not.
+TEST_F(Connections, ConfirmedSubscriptionsArePrintedBeforeTheFirstScan)
+{
+    const auto sa = subscribing(kApp, user_of_both_kinds("user"));
+    ASSERT_EQ(2u, sa.size());
+    EXPECT_EQ(0, subscribed(notification(), sa[0]));
+    EXPECT_EQ("subscribing_flags_setted: bmp[0]:0x00100000(pos:31-0), \n", recording::printed());
+    recording::reset();
+    EXPECT_EQ(0, subscribed(notification(), sa[1]));
+    EXPECT_EQ("subscribing_flags_setted: bmp[2]:0x00100000(pos:95-64), bmp[0]:0x00100000(pos:31-0), \n",
+              recording::printed());
+    EXPECT_EQ(0u, recording::log().front().printed_before);
+    EXPECT_EQ(recording::printed().size(), only_line("begin to scan app_db evlan_data, user: user.").printed_before);
 }
 
 TEST_F(Connections, ScanWaitsForEveryConfirmationAndKeepsItsOrder)
@@ -838,6 +888,7 @@ TEST_F(Connections, ReconnectionReturnsWhatTheCycleReturns)
     auto unknown = *instance();
     std::snprintf(unknown.user_name, sizeof unknown.user_name, "nobody");
     EXPECT_EQ(-2, reconnect(4, 2, &unknown));
+    EXPECT_TRUE(recording::has_logged("current db_flags: 0x1000000, all_db_flags: 0x1000000, user: nobody.", kInfo));
     EXPECT_TRUE(recording::has_logged("No user named 'nobody'.", kError));
 }
 
