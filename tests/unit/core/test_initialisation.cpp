@@ -1,4 +1,7 @@
 // sw_ebridge_init: the checks, the record, the tables, the connections, and what a failure leaves behind.
+#include <algorithm>
+#include <fstream>
+
 #include "core_fixture.hpp"
 
 namespace core_test
@@ -53,14 +56,17 @@ TEST_F(Initialisation, NullNameIsRefused)
     EXPECT_EQ(1u, recording::logged().size());
 }
 
-TEST_F(Initialisation, NameOf32CharactersIsRefused)
+TEST_F(Initialisation, NameOf32CharactersOrMoreIsRefused)
 {
-    const std::string name(32, 'n');
-    const auto args = args_of(name.c_str());
-    EXPECT_EQ(-2, sw_ebridge_init(&args));
-    expect_line("Assert:Bad user_name, limit the user_name to 32 characters.", kError, kCoreFile,
-                "sw_ebridge_init_inst");
-    EXPECT_EQ(1u, recording::logged().size());
+    for (const size_t length : {32u, 33u, 64u, 1000u}) {
+        recording::reset();
+        const std::string name(length, 'n');
+        const auto args = args_of(name.c_str());
+        EXPECT_EQ(-2, sw_ebridge_init(&args)) << length;
+        expect_line("Assert:Bad user_name, limit the user_name to 32 characters.", kError, kCoreFile,
+                    "sw_ebridge_init_inst");
+        EXPECT_EQ(1u, recording::logged().size()) << length;
+    }
     sw_ebridge_list_init();
     EXPECT_EQ(0u, sw_ebridge_list_item_hash_size(0));
 }
@@ -98,6 +104,20 @@ TEST(InitialisationFromNothing, SetsUpLoggingAfterTheChecks)
     EXPECT_EQ(calls_by_name(), expected);
     EXPECT_EQ(1u, g_sw_vlan_file_zlog_level);
     EXPECT_EQ(0u, g_sw_vlan_std_zlog_level);
+}
+
+// The debug file opens the levels, so the lines of this very call are written.
+TEST(InitialisationFromNothing, SaysWhatItWasGivenOnceLoggingIsSetUp)
+{
+    const own_root root;
+    if (!root.entered())
+        GTEST_SKIP() << "no root folder of the test's own: " << root.reason();
+    std::ofstream("/etc/libvlan_user_dbg") << "0x40";
+    const auto args = args_of("user");
+    output_of([&] { EXPECT_EQ(0, sw_ebridge_init(&args)); });
+    ASSERT_GE(recording::logged().size(), 2u);
+    EXPECT_THAT(recording::logged()[0], testing::StartsWith("sw_vlan_zlog inited!!!, user: user,"));
+    EXPECT_THAT(recording::logged()[1], testing::StartsWith("ebridge_args->handle: "));
 }
 
 TEST_F(Initialisation, SaysWhatItWasGivenFirst)
@@ -244,6 +264,31 @@ TEST_F(Initialisation, SecondTimeReplacesTheSettings)
     EXPECT_TRUE(linked_to_itself(item));
 }
 
+TEST_F(Initialisation, SecondTimeInAnotherTableReplacesTheSettingsThere)
+{
+    auto args = args_of("user");
+    EXPECT_EQ(0, sw_ebridge_init_inst(3, &args));
+    args = full_args();
+    EXPECT_EQ(0, sw_ebridge_init_inst(3, &args));
+    EXPECT_TRUE(recording::has_logged("init twice, name: user.", kWarning));
+    expect_full_record(sw_ebridge_list_item_get_inst(3, "user"));
+    EXPECT_THAT(recording::calls(), IsEmpty());
+}
+
+TEST_F(Initialisation, SameNameInAnotherTableGoesAllTheWay)
+{
+    auto args = args_of("user");
+    EXPECT_EQ(0, sw_ebridge_init(&args));
+    recording::reset();
+    args.mom_db = 4;
+    EXPECT_EQ(0, sw_ebridge_init_inst(3, &args));
+    EXPECT_FALSE(recording::has_logged("init twice, name: user."));
+    EXPECT_TRUE(recording::has_logged("sw_ebridge_init successful.", kInfo));
+    EXPECT_EQ(1u, recording::calls_of("qz_mom_client_connect").size());
+    EXPECT_EQ(0u, sw_ebridge_list_item_get("user")->mod_db);
+    EXPECT_EQ(4u, sw_ebridge_list_item_get_inst(3, "user")->mod_db);
+}
+
 TEST_F(Initialisation, SecondTimeDoesNothingElseAgain)
 {
     const auto args = full_args();
@@ -296,8 +341,13 @@ TEST_F(Initialisation, OpensTheCongestionConnection)
     EXPECT_EQ(0x1000000u, user->db_flags);
     for (const uint32_t word : user->subscribing_flags)
         EXPECT_EQ(0u, word);
-    expect_line(format("connect_args: (p: %p), db_flags: 0x1000000, list_args: (p: %p).", connect.args, block->args2),
-                kInfo, kCoreFile, "sw_ebridge_alloc_connecting_args");
+    const auto text =
+        format("connect_args: (p: %p), db_flags: 0x1000000, list_args: (p: %p).", connect.args, block->args2);
+    expect_line(text, kInfo, kCoreFile, "sw_ebridge_alloc_connecting_args");
+    const auto &steps = recording::sequence();
+    const auto asked = std::find(steps.begin(), steps.end(), "call qz_mom_client_connect");
+    ASSERT_NE(steps.begin(), asked);
+    EXPECT_EQ("log 40 " + text, asked[-1]) << "told before the store is asked";
 }
 
 TEST_F(Initialisation, AnyDatabaseButFourHasTheOtherFlag)

@@ -60,6 +60,13 @@ TEST_F(Registry, FailedTableCreationIsNotRetried)
     EXPECT_THAT(errors(), ElementsAre("Assert:DL_HASH_CREATE fail."));
 }
 
+TEST_F(Registry, ListInitNamesTheFirstMissingTable)
+{
+    EXPECT_EQ(0, sw_ebridge_list_item_hash_init(3));
+    EXPECT_EQ(-1, sw_ebridge_list_init());
+    EXPECT_THAT(errors(), ElementsAre("Assert:HASH[3] init failed."));
+}
+
 TEST_F(Registry, EveryFailingAllocationOfListInitIsReported)
 {
     const auto runs = fail_each_allocation([](uint64_t nth) {
@@ -255,7 +262,7 @@ TEST_F(Registry, AddToATableThatIsNotThereFails)
     sw_ebridge_list_init();
     recording::reset();
     EXPECT_EQ(-5, sw_ebridge_list_add_inst(6, &record));
-    EXPECT_THAT(errors(), ElementsAre("Assert:DL_HASH_CREATE fail."));
+    EXPECT_THAT(recording::logged(), ElementsAre("user: user, reg mom_db: 0x0.", "Assert:DL_HASH_CREATE fail."));
 }
 
 TEST_F(Registry, AddWithoutMemoryLeavesNothingBehind)

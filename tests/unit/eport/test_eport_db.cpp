@@ -105,6 +105,15 @@ TEST_F(EportDb, MissingTablesAreReportedAndNotTriedAgain)
                                      "error sw_eport_db_init: Assert:HASH[0] init failed."));
 }
 
+TEST_F(EportDb, FirstMissingTableIsNamed)
+{
+    sw_vlan_debug_init("app", nullptr);
+    recording::reset();
+    EXPECT_EQ(sw_eport_hash_init(3), 0);
+    EXPECT_EQ(sw_eport_db_init(), -1);
+    EXPECT_THAT(trace(), ElementsAre("error sw_eport_db_init: Assert:HASH[3] init failed."));
+}
+
 // ---- insertion
 
 // An evlan record starts empty whatever the caller's holds.

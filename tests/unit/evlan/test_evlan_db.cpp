@@ -88,6 +88,15 @@ TEST_F(EvlanDb, MissingTablesAreReportedAndNotTriedAgain)
                                      "error sw_evlan_db_init: Assert:HASH[0] init failed."));
 }
 
+TEST_F(EvlanDb, FirstMissingTableIsNamed)
+{
+    sw_vlan_debug_init("app", nullptr);
+    recording::reset();
+    EXPECT_EQ(sw_evlan_hash_init(3), 0);
+    EXPECT_EQ(sw_evlan_db_init(), -1);
+    EXPECT_THAT(trace(), ElementsAre("error sw_evlan_db_init: Assert:HASH[3] init failed."));
+}
+
 TEST_F(EvlanDb, InsertMakesAnEmptyRecordOfTheUser)
 {
     add_user({.name = "app"});
