@@ -131,6 +131,14 @@ TEST_F(DebugCommand, TellsEachLevelThatIsOpenNow)
                     "sw_vlan_file warning WARN level is opened\r\n", "sw_vlan_file error ERROR level is opened\r\n"));
 }
 
+TEST_F(DebugCommand, PrintsTheLevelsBeforeItTellsThem)
+{
+    const std::string out = run("debug", {7, 7});
+    EXPECT_EQ(recording::log().size(), 8u);
+    for (const auto &line : recording::log())
+        EXPECT_EQ(line.printed_before, out.size()) << line.text;
+}
+
 TEST_F(DebugCommand, TellsEachCategoryItsOwnLevels)
 {
     run("debug", {1, 4});

@@ -232,10 +232,18 @@ TEST(DebugFileFromNothing, CategoriesAreMadeInOrder)
     EXPECT_EQ(qz_zlog_init("sw_vlan_std"), g_sw_vlan_std_zlog_category);
 }
 
+// What a set-up without that category prints on standard output itself.
+std::string set_up_without(const char *category)
+{
+    recording::fail_category(category);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(0, sw_vlan_debug_init("user", nullptr));
+    return testing::internal::GetCapturedStdout();
+}
+
 TEST(DebugFileFromNothing, FailedFileCategoryIsPrinted)
 {
-    recording::fail_category("sw_vlan_file");
-    const auto out = output_of([] { EXPECT_EQ(0, sw_vlan_debug_init("user", nullptr)); });
+    const auto out = set_up_without("sw_vlan_file");
     EXPECT_THAT(out, testing::StartsWith("g_sw_vlan_file_zlog_category init failed"));
     EXPECT_EQ(nullptr, g_sw_vlan_file_zlog_category);
     EXPECT_NE(nullptr, g_sw_vlan_std_zlog_category);
@@ -243,8 +251,7 @@ TEST(DebugFileFromNothing, FailedFileCategoryIsPrinted)
 
 TEST(DebugFileFromNothing, FailedStandardCategoryIsPrinted)
 {
-    recording::fail_category("sw_vlan_std");
-    const auto out = output_of([] { EXPECT_EQ(0, sw_vlan_debug_init("user", nullptr)); });
+    const auto out = set_up_without("sw_vlan_std");
     EXPECT_THAT(out, testing::StartsWith("g_sw_vlan_std_zlog_category init failed"));
     EXPECT_NE(nullptr, g_sw_vlan_file_zlog_category);
     EXPECT_EQ(nullptr, g_sw_vlan_std_zlog_category);

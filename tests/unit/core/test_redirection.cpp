@@ -241,11 +241,25 @@ TEST_F(Redirection, SecondRedirectionIsRefused)
     }
     EXPECT_EQ(0, first);
     EXPECT_EQ(-1, second);
+    EXPECT_TRUE(std::filesystem::is_directory("/data/collect")) << "made before anything else is looked at";
     ASSERT_EQ(1u, errors().size());
     int fd = -1;
     EXPECT_EQ(1, std::sscanf(errors()[0].c_str(), "Assert:Unmatch usage, fd is %d.\n", &fd));
     EXPECT_GT(fd, 2);
     expect_line(format("Assert:Unmatch usage, fd is %d.\n", fd), kError, kFile, kRedirect);
+}
+
+TEST_F(Redirection, SecondRedirectionIntoTheSameFolderFailsAtTheFolder)
+{
+    int32_t second = 0;
+    {
+        const kept_streams kept;
+        sw_bridge_logging_redirect2collectfile("app");
+        second = sw_bridge_logging_redirect2collectfile("app");
+        sw_bridge_logging_redirect2std();
+    }
+    EXPECT_LT(second, 0);
+    EXPECT_THAT(recording::logged(), ElementsAre(format("mkdir failed, rv: %d\n", second)));
 }
 
 TEST_F(Redirection, CanBeRepeatedAfterTheReturn)
