@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "recording_platform.hpp"
@@ -90,6 +91,19 @@ TEST(SwitchHashCreation, BucketCountIsTheExpectedCountByThreeQuartersTruncated)
     EXPECT_EQ(buckets_for(5), 6u);
     EXPECT_EQ(buckets_for(1024), 1365u);
     EXPECT_EQ(buckets_for(100000), 133333u);
+}
+
+// Not every machine has room for such a table: the memory that it asks for shows how many buckets it would have.
+TEST(SwitchHashCreation, BucketCountOfALargeExpectedCountIsNotCut)
+{
+    const auto memory_for = [](uint64_t buckets) { return buckets * (sizeof(uint8_t) + sizeof(sw_list_head)); };
+    for (const auto &[expected, buckets] : {std::pair(0x40000000, 1431655765u), std::pair(INT32_MAX, 2863311529u)}) {
+        recording::fail_allocation(2, true);  // all but the header
+        EXPECT_EQ(sw_switch_create_hash(expected, hash_item, compare_items), nullptr);
+        const uint64_t asked_for = recording::refused_bytes();
+        recording::fail_allocation(0);
+        EXPECT_EQ(asked_for, memory_for(buckets)) << expected;
+    }
 }
 
 TEST(SwitchHashCreation, RefusesNegativeCountsAndNullFunctions)
