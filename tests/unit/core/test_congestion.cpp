@@ -66,6 +66,13 @@ TEST_F(Congestion, ConnectedRefusesNoBlockAndFreesWhatItWasGiven)
     EXPECT_THAT(recording::calls(), IsEmpty());
 }
 
+TEST_F(Congestion, ConnectedLooksAtTheFlagFirst)
+{
+    auto *ca = static_cast<sw_ebridge_connecting_args *>(std::calloc(1, sizeof(sw_ebridge_connecting_args)));
+    EXPECT_EQ(1u, connected(ca, -2).size());
+    EXPECT_THAT(recording::logged(), ElementsAre("Assert:Bad global args."));
+}
+
 TEST_F(Congestion, ConnectedSaysWhatItWasGivenAndRegistersTheUser)
 {
     auto *ca = connecting("user", 8);
@@ -223,7 +230,9 @@ TEST_F(Congestion, FailedProducerHasNoTopics)
     recording::set_result("libcgstctrl_gen_init", -19);
     EXPECT_EQ(-19, sw_ebridge_congestion_init("user"));
     expect_line("Assert:MOM ctrl failed, error is -19.", kError, kFile, "sw_ebridge_congestion_init");
-    EXPECT_EQ(1u, recording::calls().size());
+    EXPECT_THAT(recording::sequence(),
+                ElementsAre("log 40 user: libvlan_user, mom_db: 6\n", "call libcgstctrl_gen_init",
+                            "log 100 Assert:MOM ctrl failed, error is -19."));
 }
 
 TEST_F(Congestion, ProducerOfPortVlansRegistersTheirTopicAlone)
