@@ -104,6 +104,9 @@ TEST_F(EportRelease, HasADelayOfItsOwn)
     sw_ebridge_delay_time_set(-1, 0);
     release("app", ac, 7, 8);
     EXPECT_EQ(recording::calls().at(1).delay.sec, 0);
+    sw_ebridge_delay_time_set(0, -3);
+    release("app", ac, 7, 8);
+    EXPECT_EQ(recording::calls().at(2).delay.sec, -3);
     end_delays();
 }
 

@@ -387,6 +387,12 @@ TEST_F(ReleaseDelay, SetsTheSecondsOfLaterReleases)
     sw_ebridge_delay_time_set(0, -1);
     release("app", vxlan, 7);
     EXPECT_EQ(recording::calls().at(1).delay.sec, 0);
+    recording::printed().clear();
+    sw_ebridge_delay_time_set(-3, INT32_MIN);
+    EXPECT_EQ(recording::printed(),
+              "evlan_delay_del_second has been set to -3, eport_delay_del_second has been set to -2147483648\n");
+    release("app", vxlan, 7);
+    EXPECT_EQ(recording::calls().at(2).delay.sec, -3);
     end_delays();
 }
 

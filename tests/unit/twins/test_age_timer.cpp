@@ -116,8 +116,8 @@ TEST_F(AgeTimer, ThatTheThreadLibraryRefusesIsNotArmed)
 {
     sw_ebridge_list_item *user = add_twin();
     recording::set_result("qz_thread_insert_timer", -2, 1);
-    EXPECT_EQ(freed_by([] { EXPECT_NE(sw_ebridge_age_timer_create("app"), 0); }).size(), 1u);
-    EXPECT_THAT(errors(), ElementsAre(StartsWith("Assert:")));
+    EXPECT_EQ(freed_by([] { EXPECT_EQ(sw_ebridge_age_timer_create("app"), -3); }).size(), 1u);
+    EXPECT_THAT(errors(), ElementsAre("Assert:qz_thread_insert_timer failed, rv: -2."));
     EXPECT_EQ(user->age_timer_armed, 0);
     EXPECT_EQ(user->stat, 0);
     EXPECT_EQ(sw_ebridge_age_timer_create("app"), 0);
