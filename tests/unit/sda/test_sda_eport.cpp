@@ -60,6 +60,7 @@ TEST_F(SdaEportCreate, TellsTheUsersOfTheUnitWhenThePairIsKept)
 {
     add_user(0, "elsewhere");
     add_user(1, "bridge");
+    add_user(1, "deaf", no_callbacks);
     eport index(ac_5);
     eport_sdk sdk(48, 0x102);
     EXPECT_THAT(
@@ -105,6 +106,17 @@ TEST_F(SdaEportCreate, AgainReplacesBothItems)
     EXPECT_EQ(items_of(0), 2u);
 }
 
+TEST_F(SdaEportCreate, AcrossTwoPairsReplacesTheContentsOfBothItems)
+{
+    start_without_users();
+    EXPECT_EQ(create(0, ac_5, eport_sdk(48, 7)), 0);
+    EXPECT_EQ(create(0, ac_6, eport_sdk(49, 8)), 0);
+    EXPECT_EQ(create(0, ac_5, eport_sdk(49, 8)), 0);
+    EXPECT_THAT(stored(0, SW_INDEX_MAP_UDP2SDK, ac_5).value, ElementsAre(49u, 8u, 0u));
+    EXPECT_THAT(stored(0, SW_INDEX_MAP_SDK2UDP, 0, 8).value, ElementsAre(ac_5, 0u, 0u));
+    EXPECT_EQ(items_of(0), 4u);
+}
+
 TEST_F(SdaEportCreate, OfAnotherEportTakesTheVportOver)
 {
     start_without_users();
@@ -114,23 +126,25 @@ TEST_F(SdaEportCreate, OfAnotherEportTakesTheVportOver)
     EXPECT_EQ(items_of(0), 3u);
 }
 
-TEST_F(SdaEportCreate, RefusesNull)
+TEST_F(SdaEportCreate, RefusesNullAndOfTwoTheEportFirst)
 {
     add_user(0, "bridge");
     eport index(ac_5);
     eport_sdk sdk(48, 7);
-    EXPECT_THAT(traced_by(-2, [&] { return sda_eport_create_callback(0, nullptr, &sdk); }),
-                ElementsAre("error sda_eport_create_callback: Assert:eport_indexis null\n"));
+    for (eport_sdk *second : {&sdk, static_cast<eport_sdk *>(nullptr)})
+        EXPECT_THAT(traced_by(-2, [=] { return sda_eport_create_callback(0, nullptr, second); }),
+                    ElementsAre("error sda_eport_create_callback: Assert:eport_indexis null\n"));
     EXPECT_THAT(traced_by(-2, [&] { return sda_eport_create_callback(0, &index, nullptr); }),
                 ElementsAre("error sda_eport_create_callback: Assert:sdk_index is null\n"));
     EXPECT_EQ(items_of(0), 0u);
 }
 
-TEST_F(SdaEportCreate, RefusesAUnitThatIsNotThere)
+TEST_F(SdaEportCreate, RefusesAUnitThatIsNotThereBeforeAnythingElse)
 {
     add_user(0, "bridge");
-    EXPECT_THAT(traced_by(-2, [] { return create(no_unit, ac_5, eport_sdk(48, 7)); }),
-                ElementsAre("error sda_eport_create_callback: Assert:Bad inst 6."));
+    for (const auto &call : {+[] { return create(no_unit, ac_5, eport_sdk(48, 7)); },
+                             +[] { return sda_eport_create_callback(no_unit, nullptr, nullptr); }})
+        EXPECT_THAT(traced_by(-2, call), ElementsAre("error sda_eport_create_callback: Assert:Bad inst 6."));
 }
 
 // In a map of two items the forward one takes a block, the reverse one another and room for more.
@@ -156,6 +170,7 @@ TEST_F(SdaEportCreate, WithoutMemoryTellsTheUsersAllTheSame)
 TEST_F(SdaEportDestroy, DropsBothDirectionsAndTellsTheChipKeyThatWasKept)
 {
     add_user(1, "bridge");
+    add_user(1, "deaf", no_callbacks);
     EXPECT_EQ(create(1, ac_5, eport_sdk(48, 0x102)), 0);
     eport index(ac_5);
     EXPECT_THAT(
@@ -168,6 +183,18 @@ TEST_F(SdaEportDestroy, DropsBothDirectionsAndTellsTheChipKeyThatWasKept)
             "bridge hears eport gone 1: driver/0x30000005 is /type 48 vport 0x102 unit 0 port 0 tid 0"));
     EXPECT_EQ(heard_index, &index);
     EXPECT_EQ(items_of(1), 0u);
+}
+
+// Whatever their callbacks return, as with create.
+TEST_F(SdaEportDestroy, TellsEveryUserWhoListens)
+{
+    for (const char *name : {"a", "b", "c"})
+        add_user(0, name);
+    EXPECT_EQ(create(0, ac_5, eport_sdk(48, 7)), 0);
+    recording::reset();
+    EXPECT_EQ(destroy(0, ac_5), 0);
+    const std::string what = " hears eport gone 0: driver/0x30000005 is /type 48 vport 0x7 unit 0 port 0 tid 0";
+    EXPECT_THAT(heard(), testing::UnorderedElementsAre("a" + what, "b" + what, "c" + what));
 }
 
 TEST_F(SdaEportDestroy, DoesNotLookAtTheGivenChipKey)
@@ -212,8 +239,9 @@ TEST_F(SdaEportDestroy, RefusesNullAndUnitsThatAreNotThere)
     add_user(0, "bridge");
     EXPECT_THAT(traced_by(-2, [] { return sda_eport_destroy_callback(0, nullptr, nullptr); }),
                 ElementsAre("error sda_eport_destroy_callback: Assert:eport_index is null\n"));
-    EXPECT_THAT(traced_by(-2, [] { return destroy(no_unit, ac_5); }),
-                ElementsAre("error sda_eport_destroy_callback: Assert:Bad inst 6."));
+    for (const auto &call : {+[] { return destroy(no_unit, ac_5); },
+                             +[] { return sda_eport_destroy_callback(no_unit, nullptr, nullptr); }})
+        EXPECT_THAT(traced_by(-2, call), ElementsAre("error sda_eport_destroy_callback: Assert:Bad inst 6."));
 }
 
 }  // namespace

@@ -74,6 +74,7 @@ TEST_F(SdaEvlanCreate, TellsTheUsersOfTheUnitWhenThePairIsKept)
 {
     add_user(0, "elsewhere");
     add_user(1, "bridge");
+    add_user(1, "deaf", no_callbacks);
     evlan index(vxlan_5);
     evlan_sdk sdk(32, 258, 9);
     EXPECT_THAT(traced_by(0, [&] { return sda_evlan_create_callback(1, &index, &sdk); }),
@@ -117,6 +118,17 @@ TEST_F(SdaEvlanCreate, AgainReplacesBothItems)
     EXPECT_EQ(items_of(0), 2u);
 }
 
+TEST_F(SdaEvlanCreate, AcrossTwoPairsReplacesTheContentsOfBothItems)
+{
+    start_without_users();
+    EXPECT_EQ(create(0, vxlan_5, evlan_sdk(32, 7, 9)), 0);
+    EXPECT_EQ(create(0, vxlan_6, evlan_sdk(33, 8, 10)), 0);
+    EXPECT_EQ(create(0, vxlan_5, evlan_sdk(33, 8, 10)), 0);
+    EXPECT_THAT(stored(0, SW_INDEX_MAP_UDP2SDK, vxlan_5).value, ElementsAre(33u, 8u, 10u));
+    EXPECT_THAT(stored(0, SW_INDEX_MAP_SDK2UDP, 33, 8, 10).value, ElementsAre(vxlan_5, 0u, 0u));
+    EXPECT_EQ(items_of(0), 4u);
+}
+
 TEST_F(SdaEvlanCreate, OfAnotherEvlanTakesTheChipKeyOver)
 {
     start_without_users();
@@ -149,25 +161,27 @@ TEST_F(SdaEvlanCreate, LeavesTheApplicationsItemsAlone)
     EXPECT_EQ(stored(0, SW_INDEX_MAP_UDP2APP, vxlan_5).value[1], 77u);
 }
 
-TEST_F(SdaEvlanCreate, RefusesNull)
+TEST_F(SdaEvlanCreate, RefusesNullAndOfTwoTheEvlanFirst)
 {
     add_user(0, "bridge");
     evlan index(vxlan_5);
     evlan_sdk sdk(32, 7);
-    EXPECT_THAT(traced_by(-2, [&] { return sda_evlan_create_callback(0, nullptr, &sdk); }),
-                ElementsAre(format("error sda_evlan_create_callback: Assert:evlan_index(%p) is null\n",
-                                   static_cast<void *>(nullptr))));
+    for (evlan_sdk *second : {&sdk, static_cast<evlan_sdk *>(nullptr)})
+        EXPECT_THAT(traced_by(-2, [=] { return sda_evlan_create_callback(0, nullptr, second); }),
+                    ElementsAre(format("error sda_evlan_create_callback: Assert:evlan_index(%p) is null\n",
+                                       static_cast<void *>(nullptr))));
     EXPECT_THAT(traced_by(-2, [&] { return sda_evlan_create_callback(0, &index, nullptr); }),
                 ElementsAre(format("error sda_evlan_create_callback: Assert:sdk_index(%p) is null\n",
                                    static_cast<void *>(nullptr))));
     EXPECT_EQ(items_of(0), 0u);
 }
 
-TEST_F(SdaEvlanCreate, RefusesAUnitThatIsNotThere)
+TEST_F(SdaEvlanCreate, RefusesAUnitThatIsNotThereBeforeAnythingElse)
 {
     add_user(0, "bridge");
-    EXPECT_THAT(traced_by(-2, [] { return create(no_unit, vxlan_5, evlan_sdk(32, 7)); }),
-                ElementsAre("error sda_evlan_create_callback: Assert:Bad inst 6."));
+    for (const auto &call : {+[] { return create(no_unit, vxlan_5, evlan_sdk(32, 7)); },
+                             +[] { return sda_evlan_create_callback(no_unit, nullptr, nullptr); }})
+        EXPECT_THAT(traced_by(-2, call), ElementsAre("error sda_evlan_create_callback: Assert:Bad inst 6."));
     EXPECT_EQ(create(UINT32_MAX, vxlan_5, evlan_sdk(32, 7)), -2);
 }
 
@@ -219,6 +233,7 @@ TEST_F(SdaEvlanCreate, CallbackMayAskForThePair)
 TEST_F(SdaEvlanDestroy, DropsBothDirectionsAndTellsTheChipKeyThatWasKept)
 {
     add_user(1, "bridge");
+    add_user(1, "deaf", no_callbacks);
     EXPECT_EQ(create(1, vxlan_5, evlan_sdk(33, 258, 9)), 0);
     evlan index(vxlan_5);
     EXPECT_THAT(traced_by(0, [&] { return sda_evlan_destroy_callback(1, &index, nullptr); }),
@@ -230,6 +245,18 @@ TEST_F(SdaEvlanDestroy, DropsBothDirectionsAndTellsTheChipKeyThatWasKept)
                             "bridge hears evlan gone 1: driver/0x20000005 is /type 33 vsi 258 vid 9"));
     EXPECT_EQ(heard_index, &index);
     EXPECT_EQ(items_of(1), 0u);
+}
+
+// Whatever their callbacks return, as with create.
+TEST_F(SdaEvlanDestroy, TellsEveryUserWhoListens)
+{
+    for (const char *name : {"a", "b", "c"})
+        add_user(0, name);
+    EXPECT_EQ(create(0, vxlan_5, evlan_sdk(32, 7)), 0);
+    recording::reset();
+    EXPECT_EQ(destroy(0, vxlan_5), 0);
+    const std::string what = " hears evlan gone 0: driver/0x20000005 is /type 32 vsi 7 vid 0";
+    EXPECT_THAT(heard(), testing::UnorderedElementsAre("a" + what, "b" + what, "c" + what));
 }
 
 TEST_F(SdaEvlanDestroy, DoesNotLookAtTheGivenChipKey)
@@ -284,8 +311,9 @@ TEST_F(SdaEvlanDestroy, RefusesNullAndUnitsThatAreNotThere)
     EXPECT_THAT(traced_by(-2, [] { return sda_evlan_destroy_callback(0, nullptr, nullptr); }),
                 ElementsAre(format("error sda_evlan_destroy_callback: Assert:evlan_index(%p) is null\n",
                                    static_cast<void *>(nullptr))));
-    EXPECT_THAT(traced_by(-2, [] { return destroy(no_unit, vxlan_5); }),
-                ElementsAre("error sda_evlan_destroy_callback: Assert:Bad inst 6."));
+    for (const auto &call : {+[] { return destroy(no_unit, vxlan_5); },
+                             +[] { return sda_evlan_destroy_callback(no_unit, nullptr, nullptr); }})
+        EXPECT_THAT(traced_by(-2, call), ElementsAre("error sda_evlan_destroy_callback: Assert:Bad inst 6."));
 }
 
 }  // namespace
