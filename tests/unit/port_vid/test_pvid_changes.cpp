@@ -47,6 +47,16 @@ void expect_func_call(const qz_mom_notification &msg)
     EXPECT_EQ(func_calls[0].arg, &user_argument);
 }
 
+// A user whose first call found no memory for the table. It is not made later.
+void add_user_without_table()
+{
+    recording::fail_allocation(1, true);
+    EXPECT_EQ(sw_vlan_pvid_db_init(), -1);
+    recording::fail_allocation(0);
+    add_user();
+    start_over();
+}
+
 const int32_t removals[] = {QZ_MOM_CMD_DEL, QZ_MOM_CMD_EXPIRED};
 
 // ---- messages that are no change
@@ -197,6 +207,12 @@ TEST_F(PvidNotice, OfAPortWithoutInterfaceIsRefused)
         EXPECT_EQ(trace().back(), refusal("Assert:sw_eport_udp2app failed"));
         EXPECT_THAT(heard(), IsEmpty());
     }
+    start_over();
+    recording::set_result("libddm_get_ifx_by_phyid", 5);  // a failure all the same
+    EXPECT_EQ(write(port_1, 20, 10, &with_func), -1);
+    EXPECT_EQ(remove(port_1, QZ_MOM_CMD_DEL, &with_func), -1);
+    EXPECT_THAT(errors(), Contains("Assert:sw_eport_udp2app failed").Times(2));
+    EXPECT_THAT(heard(), IsEmpty());
     EXPECT_THAT(func_calls, IsEmpty());
     EXPECT_EQ(cached_text(ifx_1), "10 was 0");
     EXPECT_EQ(counts(), "subscribe 0 set 0 get 0 delete 0 nums 1");
@@ -328,6 +344,17 @@ TEST_F(PvidWritten, WithoutMemoryForAnEntryIsToldToNobody)
     EXPECT_EQ(counts(), "subscribe 0 set 0 get 0 delete 0 nums 1");
 }
 
+TEST_F(PvidWritten, WithoutTableIsToldToNobody)
+{
+    add_user_without_table();
+    EXPECT_EQ(write(port_1, 10, 5, &with_func), -4);
+    EXPECT_THAT(errors(), ElementsAre("Assert:insert the (ifx = 11, new_pvid=10, old_pvid=5) into the pvid_db failed.",
+                                      "Assert:set_pvid(10) failed"));
+    EXPECT_THAT(heard(), IsEmpty());
+    EXPECT_THAT(func_calls, IsEmpty());
+    EXPECT_EQ(counts(), "subscribe 0 set 0 get 0 delete 0 nums 0");
+}
+
 TEST_F(PvidWritten, OfAKnownPortTakesNoMemory)
 {
     add_user();
@@ -386,6 +413,18 @@ TEST_F(PvidRemoved, OfAPortWithoutEntryIsToldWith0)
     EXPECT_EQ(func_calls.size(), 2u);
 }
 
+TEST_F(PvidRemoved, WithoutTableIsToldWith0)
+{
+    add_user_without_table();
+    for (const int32_t command : removals) {
+        start_over();
+        EXPECT_EQ(remove(port_1, command), 0);
+        EXPECT_THAT(heard(), ElementsAre("app hears port 11: 0 was 0"));
+        EXPECT_THAT(errors(), IsEmpty());
+    }
+    EXPECT_EQ(counts(), "subscribe 0 set 0 get 0 delete 0 nums 0");
+}
+
 TEST_F(PvidRemoved, ThenWrittenBeginsAnew)
 {
     add_user();
@@ -403,7 +442,10 @@ TEST_F(PvidTold, IsEveryUserOnceInTheirOrder)
 {
     for (const char *name : {"a", "b", "c", "d", "e"})
         add_user(name);
-    add_user_in_slot(1, "elsewhere");
+    sw_ebridge_list_item elsewhere{};
+    strcpy(elsewhere.user_name, "elsewhere");
+    elsewhere.pvid_change = ears<5>::pvid_change;
+    EXPECT_EQ(sw_ebridge_list_add_inst(1, &elsewhere), 0);
     start_over();
     EXPECT_EQ(write(port_1, 10, 0), 0);
     EXPECT_EQ(heard(), all_hear(ifx_1, 10, 0));

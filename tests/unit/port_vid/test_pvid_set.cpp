@@ -103,6 +103,21 @@ TEST_F(PvidSet, LeavesTheRestOfTheRecord)
     EXPECT_EQ(std::memcmp(sw_eport_db_get_item(0, "app", port), &wanted, sizeof wanted), 0);
 }
 
+// The two views of a record share their storage: part of match_vid gives way.
+TEST_F(PvidSet, GoesIntoTheRecordOfACircuitToo)
+{
+    add_user();
+    sw_eport_attr wanted;
+    sw_eport_init(&wanted, "app", circuit_4);
+    wanted.attr.overlay.match_vid = UINT32_MAX;
+    wanted.attr.overlay.match_port = port_1;
+    wanted.attr.overlay.evlan_id = 0x20000005;
+    ASSERT_NE(sw_eport_db_insert_item(0, "app", &wanted), nullptr);
+    EXPECT_EQ(sw_vlan_pvid_set("app", circuit_4, 10), 0);
+    wanted.attr.underlay.pvid = 10;
+    EXPECT_EQ(std::memcmp(sw_eport_db_get_item(0, "app", circuit_4), &wanted, sizeof wanted), 0);
+}
+
 TEST_F(PvidSet, IsOfOneUserAndOnePort)
 {
     add_user("app");
