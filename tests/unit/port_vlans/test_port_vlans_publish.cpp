@@ -171,7 +171,17 @@ TEST_F(PortVlansSet, PrintsNothingElsewhere)
     EXPECT_EQ(recording::calls().size(), 6u);
 }
 
-TEST_F(PortVlansSet, PrintsBeforeItWrites)
+// How much was printed before each line of the log.
+std::vector<size_t> printed_before_lines()
+{
+    std::vector<size_t> sizes;
+    for (const recording::log_line &line : recording::log())
+        if (line.category == "sw_vlan_file")
+            sizes.push_back(line.printed_before);
+    return sizes;
+}
+
+TEST_F(PortVlansSet, PrintsBeforeItSaysThatItWritesAndWrites)
 {
     add_user();
     g_sw_vlan_std_zlog_level = 5;
@@ -181,10 +191,11 @@ TEST_F(PortVlansSet, PrintsBeforeItWrites)
         const size_t before = only_call().printed_before;
         EXPECT_EQ(before, take_printed().size());
         EXPECT_GT(before, 0u);
+        EXPECT_THAT(printed_before_lines(), ElementsAre(before));
     }
 }
 
-TEST_F(PortVlansSetAll, PrintsEachPortBeforeItWritesIt)
+TEST_F(PortVlansSetAll, PrintsEachPortBetweenItsTwoLinesAndBeforeItWritesIt)
 {
     add_user();
     g_sw_vlan_std_zlog_level = 5;
@@ -196,6 +207,8 @@ TEST_F(PortVlansSetAll, PrintsEachPortBeforeItWritesIt)
     EXPECT_GT(calls[0].printed_before, 0u);
     EXPECT_GT(calls[1].printed_before, calls[0].printed_before);
     EXPECT_EQ(calls[1].printed_before, take_printed().size());
+    EXPECT_THAT(printed_before_lines(),
+                ElementsAre(0u, calls[0].printed_before, calls[0].printed_before, calls[1].printed_before));
 }
 
 TEST_F(PortVlansSetAll, PrintsNothingOfRoutedSubinterfaces)
