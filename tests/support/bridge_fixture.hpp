@@ -187,7 +187,8 @@ struct session_notice : notice {
     }
 };
 
-// The function that a program gives with a scan or a subscription, and what it was called with.
+// The function that a program gives with a scan or a subscription, and what it was called with. Its result would end a
+// walk over the users, as that of hear() would.
 struct func_call {
     qz_mom_handle *ctx;
     const qz_mom_notification *msg;
@@ -199,7 +200,7 @@ inline int32_t user_func(qz_mom_handle *ctx, const qz_mom_notification *msg, voi
 {
     func_calls.push_back({ctx, msg, arg});
     recording::sequence().push_back("user function");
-    return -9;
+    return SW_EBRIDGE_WALK_STOP;
 }
 
 inline int user_argument;

@@ -608,6 +608,19 @@ TEST_F(EmatchCalculation, LooksAtUsersOfSlot0Only)
     EXPECT_THAT(recording::calls(), SizeIs(1));
 }
 
+// Between the other two it would be the one that both are compared with.
+TEST_F(EmatchCalculation, PassesOverAUserWhoIsGone)
+{
+    const strings users = add_users(3);
+    const std::vector<sw_ematch_item *> items = insert_each(users, {5, 3, 4});
+    sw_ebridge_list_item_cache_destroy(0, sw_ebridge_list_item_get(users[1].c_str()));
+    recording::reset();
+    EXPECT_EQ(name_of(*calculate(1)), users[0]);
+    EXPECT_EQ(items[0]->current_result, success);
+    EXPECT_EQ(items[2]->current_result, fail_priority);
+    EXPECT_THAT(recording::calls(), SizeIs(2));
+}
+
 TEST_F(EmatchCalculation, RefusesANullIndex)
 {
     add_users(1);
@@ -708,8 +721,14 @@ TEST_F(EmatchResultReply, NamesAVersionSixAddress)
     add_user({.name = "app"});
     full_rule v6;
     v6.with_v6(ipv6_address());
-    EXPECT_EQ(sw_ematch_result_reply(recording::handle(), insert(v6)), 0);
-    EXPECT_THAT(recording::calls().at(0).record, testing::HasSubstr(" ip{v6{data:20010db8000000000000000000000042}} "));
+    sw_ematch_item item = *insert(v6);
+    for (const uint32_t version : {1u, 2u, UINT32_MAX}) {  // all but 0
+        recording::reset();
+        item.ip_ver = version;
+        EXPECT_EQ(sw_ematch_result_reply(recording::handle(), &item), 0);
+        EXPECT_THAT(recording::calls().at(0).record,
+                    testing::HasSubstr(" ip{v6{data:20010db8000000000000000000000042}} "));
+    }
 }
 
 TEST_F(EmatchResultReply, SaysWhatItWrites)

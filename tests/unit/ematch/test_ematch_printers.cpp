@@ -534,9 +534,10 @@ TEST_F(EmatchDump, PrintsTheItemsOfOneTypeWhenAsked)
     EXPECT_EQ(printed_table(-1), table_header(-1) + user_header("app") + total(0));
 }
 
-TEST_F(EmatchDump, PrintsUsersWithoutItemsToo)
+TEST_F(EmatchDump, PrintsUsersWithoutItemsTooButNoneWhoIsGone)
 {
     add_user({.name = "app"});
+    sw_ebridge_list_item_cache_destroy(0, add_user({.name = "gone"}));
     EXPECT_EQ(printed_table(0), table_header(0) + user_header("app") + total(0));
 }
 

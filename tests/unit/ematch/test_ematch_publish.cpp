@@ -297,9 +297,7 @@ TEST_P(EmatchAsk, AsksTheUsersOwnDatabase)
     app->ematch_mom_db = 9;
     EXPECT_EQ(GetParam().of_own_db("app", user_func, &user_argument), 0);
     expect_kept(*app, user_func, &user_argument);
-    EXPECT_TRUE(recording::has_logged(words(9), 20));
-    EXPECT_EQ(trace().back(), call_on(9));
-    EXPECT_THAT(trace(), SizeIs(2));
+    EXPECT_THAT(trace(), ElementsAre(format("debug %s: ", GetParam().function) + words(9), call_on(9)));
 }
 
 TEST_P(EmatchAsk, SaysNothingBelowTheDebugLevel)
@@ -318,13 +316,16 @@ TEST_P(EmatchAsk, ReplacesTheCallbackOfTheTimeBefore)
     expect_kept(*app, nullptr, nullptr);
 }
 
-TEST_P(EmatchAsk, PassesTheStoresCodeOn)
+TEST_P(EmatchAsk, PassesTheStoresCodeOnAndKeepsTheCallbackAllTheSame)
 {
-    add_app();
+    const sw_ebridge_list_item *app = add_app();
     recording::set_result(GetParam().store_call, -105);
-    EXPECT_EQ(GetParam().with_db("app", 5, nullptr, nullptr), -105);
+    EXPECT_EQ(GetParam().with_db("app", 5, user_func, &user_argument), -105);
     EXPECT_EQ(trace().back(), format("error %s_with_db: ", GetParam().function) + failure());
+    expect_kept(*app, user_func, &user_argument);
     EXPECT_EQ(GetParam().of_own_db("app", nullptr, nullptr), -105);
+    EXPECT_EQ(trace().back(), format("error %s: ", GetParam().function) + failure());
+    expect_kept(*app, nullptr, nullptr);
     EXPECT_EQ(errors(), strings(2, failure()));
 }
 

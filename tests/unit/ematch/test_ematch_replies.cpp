@@ -96,14 +96,17 @@ TEST_F(EmatchNotice, IsLoggedFromTheDebugLevelOn)
 
 // ---- confirmations
 
-// Two users wait for it and a third one for the other kind: the two are told, in the order of the walk.
+// Two users wait for it, a third one for the other kind, and a fourth one is gone: the two are told, in the order of
+// the walk.
 void expect_told(const qz_mom_notification &msg, const char *what, sw_ebridge_mom_func sw_ebridge_list_item::*callback,
                  void *sw_ebridge_list_item::*args, sw_ebridge_mom_func sw_ebridge_list_item::*other_callback)
 {
     int first, second;
     sw_ebridge_list_item *app = add_user({.name = "app"}), *other = add_user({.name = "other"});
     add_user({.name = "idle"})->*other_callback = user_func;
-    app->*callback = other->*callback = user_func;
+    sw_ebridge_list_item *gone = add_user({.name = "gone"});
+    app->*callback = other->*callback = gone->*callback = user_func;
+    sw_ebridge_list_item_cache_destroy(0, gone);
     app->*args = &first;
     other->*args = &second;
     EXPECT_EQ(deliver_notice(msg), 0);
@@ -288,6 +291,14 @@ TEST_F(EmatchReply, GoesToNobodyWhoHasNoCallback)
 {
     add_user({.name = "app", .callbacks = no_callbacks});
     EXPECT_EQ(sw_ematch_session_reply(entry_of(full_rule())), 0);
+    EXPECT_THAT(trace(), IsEmpty());
+}
+
+TEST_F(EmatchReply, GoesToNobodyWhoIsGone)
+{
+    add_user({.name = "app"});
+    sw_ebridge_list_item_cache_destroy(0, add_user({.name = "gone"}));
+    EXPECT_EQ(sw_ematch_session_reply(entry_of(full_rule("gone"))), 0);
     EXPECT_THAT(trace(), IsEmpty());
 }
 

@@ -649,6 +649,19 @@ TEST_F(EmatchInit, WithoutANameAddsNobody)
     EXPECT_THAT(visited(nullptr).items, IsEmpty());
 }
 
+TEST_F(EmatchInit, OfAListThatIsNotThereMakesTheTableAndAddsNobody)
+{
+    sw_vlan_debug_init("app", nullptr);
+    for (const int32_t list : {6, 7, -1, INT32_MIN}) {
+        recording::reset();
+        EXPECT_EQ(sw_ebridge_match_db_init(list, "app"), 0);
+        EXPECT_THAT(errors(), ElementsAre(format("Assert:Bad inst[%d].", list), "Assert:DL_HASH_CREATE fail."));
+    }
+    for (uint32_t table = 0; table < SW_EBRIDGE_SLOTS; ++table)
+        EXPECT_EQ(sw_ebridge_list_item_hash_size(table), 0u);
+    EXPECT_THAT(visited(nullptr).items, IsEmpty());
+}
+
 // ---- the comparison for programs
 
 // Differs from full_item in mac, mask and ip, and in nothing else.
