@@ -50,6 +50,15 @@ struct evlans {
     static int32_t number(const UBridge__Evlan &found) { return found.index->evlan_id & 0xffffff; }
 };
 
+// Plain VLANs, which have a mark of their own.
+struct vlans : evlans {
+    explicit vlans(int32_t n) : evlans(n)
+    {
+        key.type = VLAN;
+        record.reply_value = signed_id(VLAN, n);
+    }
+};
+
 struct eports {
     using session = UBridge__EportSession;
     static constexpr uint32_t attr_db = EPORT_ATTR_DB;
@@ -161,6 +170,7 @@ class AgingRoad : public world
 
 using kinds = testing::Types<evlans, eports>;
 TYPED_TEST_SUITE(AgingRoad, kinds);
+using VlanAgingRoad = AgingRoad<vlans>;
 
 }  // namespace
 
@@ -232,4 +242,20 @@ TYPED_TEST(AgingRoad, OfAttributesThoseThatWereNotSetAgainGo)
     EXPECT_THAT(this->held(), UnorderedElementsAre(1, 2, 3));
     this->advance(3600 * this->SECOND);
     EXPECT_THAT(this->published(), ElementsAre(2));
+}
+
+TEST_F(VlanAgingRoad, OfAllSessionsTheVlansThatWereNotAskedForAgainGoAfterHalfAnHour)
+{
+    hold({10, 11});
+    ASSERT_EQ(evlans(1).request(), 0);
+    settle();
+    int ends = 0;
+    ASSERT_EQ(sw_vlan_aging_flag_set("app", nullptr, note_end, &ends), 0);
+    request(11);
+    advance(1799 * SECOND);
+    EXPECT_THAT(held(), UnorderedElementsAre(1, 10, 11));
+    EXPECT_EQ(ends, 0);
+    advance(2 * SECOND);
+    EXPECT_THAT(held(), UnorderedElementsAre(1, 11));
+    EXPECT_EQ(ends, 1);
 }
