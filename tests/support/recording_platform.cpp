@@ -712,7 +712,6 @@ void qzdf_zlog(qz_zlog_category *category, const char *file, size_t file_length,
     made.line = line;
     made.level = level;
     made.format = format;
-    made.printed_before = recording::the().printed.size();
     va_list args;
     va_start(args, format);
     made.text = recording::formatted(format, args);
