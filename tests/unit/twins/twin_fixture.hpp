@@ -223,16 +223,21 @@ class Twin : public BridgeTest
 
 using kinds = testing::Types<evlans, eports>;
 
-// An item of the index map with these flags, on the user's list.
+// An item of the index map with this key and these flags, on the user's list.
 template <typename Kind>
-typename Kind::map *add_item(const char *user, int n, uint32_t flags)
+typename Kind::map *add_item(const char *user, typename Kind::map wanted, uint32_t flags)
 {
-    typename Kind::map wanted = Kind::key(n);
     snprintf(wanted.user_name, sizeof wanted.user_name, "%s", user);
     auto *item = Kind::store(wanted);
     item->ds_flag = flags;
     recording::reset();
     return item;
+}
+
+template <typename Kind>
+typename Kind::map *add_item(const char *user, int n, uint32_t flags)
+{
+    return add_item<Kind>(user, Kind::key(n), flags);
 }
 
 // ---- what is expected
