@@ -212,6 +212,19 @@ TEST_F(EportRequest, CancelsNothingForAKeyNotYetGranted)
     EXPECT_EQ(g_diagnosis_stat.eport_request, 2u);
 }
 
+TEST_F(EportRequest, GoesByTheIdNotByTheGrantedBit)
+{
+    add_user({.name = "app"});
+    request("app", ac, 7, 8);
+    app_item(ac, 7, 8)->ds_flag = SW_INDEX_MAP_GRANTED;
+    request("app", ac, 7, 8);
+    EXPECT_THAT(recording::calls_of("qz_mom_clear_expire"), IsEmpty());
+    app_item(ac, 7, 8)->ds_flag = 0;
+    app_item(ac, 7, 8)->value[0] = 0x30000005;
+    request("app", ac, 7, 8);
+    EXPECT_EQ(recording::calls_of("qz_mom_clear_expire").size(), 1u);
+}
+
 TEST_F(EportRequest, OfAKeyThatAnotherUserHoldsMarksItButCancelsNothing)
 {
     const sw_ebridge_list_item *holder = add_user({.name = "holder"});
