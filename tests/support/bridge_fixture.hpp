@@ -235,10 +235,20 @@ inline std::string arrival(const qz_mom_notification &msg, const void *args)
                          format("db: 0x%x, key: the key, field: the field, cmd: %d, args: %p.", msg.db, msg.cmd, args));
 }
 
-// The line before the call of a program's function, up to where its argument is told.
+// The line before the call of a program's function. Its argument is told, not the pair that was handed to the store.
 inline std::string func_line(const char *what, sw_ebridge_mom_func func)
 {
-    return callback_line("info", format("%s callback, func is %p, args is ", what, reinterpret_cast<void *>(func)));
+    return callback_line("info", format("%s callback, func is %p, args is %p.", what, reinterpret_cast<void *>(func),
+                                        static_cast<void *>(&user_argument)));
+}
+
+// The program's function was called once, with what was delivered and its own argument.
+inline void expect_handed_on(const qz_mom_notification &msg)
+{
+    ASSERT_EQ(func_calls.size(), 1u);
+    EXPECT_EQ(func_calls[0].ctx, recording::other_handle());
+    EXPECT_EQ(func_calls[0].msg, &msg);
+    EXPECT_EQ(func_calls[0].arg, &user_argument);
 }
 
 // Ends the delay of each release that the store was asked for, so that their arguments are freed.

@@ -16,6 +16,11 @@ using EvlanCounters = EvlanTest;
 
 std::string func_line(sw_ebridge_mom_func func) { return bridge_test::func_line("EVLAN session", func); }
 
+std::string scan_end_line(sw_ebridge_mom_func func)
+{
+    return callback_line("info", format("scan end callback %p.", address(func)));
+}
+
 TEST_F(EvlanSubscription, RefusesANullMessage)
 {
     add_user({.name = "app"});
@@ -60,11 +65,8 @@ TEST_F(EvlanSubscription, ConfirmationReachesTheUserFunction)
     notice msg(QZ_MOM_CMD_SUBSCRIBED);
     msg.db = 0x1f;
     EXPECT_EQ(deliver(msg, &with_func), 0);
-    EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), StartsWith(func_line(user_func)), "user function"));
-    ASSERT_EQ(func_calls.size(), 1u);
-    EXPECT_EQ(func_calls[0].ctx, recording::other_handle());
-    EXPECT_EQ(func_calls[0].msg, &msg);
-    EXPECT_EQ(func_calls[0].arg, &user_argument);
+    EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), func_line(user_func), "user function"));
+    expect_handed_on(msg);
 }
 
 TEST_F(EvlanSubscription, WorksWithoutAUserFunction)
@@ -72,7 +74,7 @@ TEST_F(EvlanSubscription, WorksWithoutAUserFunction)
     add_user({.name = "app"});
     notice msg(QZ_MOM_CMD_SUBSCRIBED);
     EXPECT_EQ(deliver(msg, &without_func), 0);
-    EXPECT_THAT(trace(), ElementsAre(arrival(msg, &without_func), StartsWith(func_line(nullptr))));
+    EXPECT_THAT(trace(), ElementsAre(arrival(msg, &without_func), func_line(nullptr)));
 }
 
 TEST_F(EvlanSubscription, IgnoresOtherCommands)
@@ -98,8 +100,8 @@ TEST_F(EvlanSubscription, EndOfAScanReachesTheUserFunctionWithWhateverCommand)
         notice msg(command);
         msg.end = QZ_MOM_END_SCAN;
         EXPECT_EQ(deliver(msg, &with_func), 0);
-        EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), StartsWith(func_line(user_func)), "user function",
-                                         StartsWith(callback_line("info", "scan end callback 0x"))));
+        EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), func_line(user_func), "user function",
+                                         scan_end_line(user_func)));
     }
     EXPECT_EQ(func_calls.size(), 3u);
 }
@@ -110,10 +112,13 @@ TEST_F(EvlanSubscription, AppliesNoSessionOfAConfirmationOrAnEnd)
     session of("app", vxlan, 7);
     of.answered(0x20000005);
     for (const int32_t command : {QZ_MOM_CMD_SUBSCRIBED, QZ_MOM_CMD_SET}) {
+        recording::reset();
         notice msg(command);
         msg.end = QZ_MOM_END_SCAN;
         msg.value = &of.base;
         EXPECT_EQ(deliver(msg, &with_func), 0);
+        EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), func_line(user_func), "user function",
+                                         scan_end_line(user_func)));
     }
     EXPECT_EQ(func_calls.size(), 2u);
     EXPECT_EQ(g_diagnosis_stat.evlan_add_reply + g_diagnosis_stat.evlan_del_reply, 0u);
@@ -144,10 +149,11 @@ TEST_P(EvlanSubscriptionOfWrites, RunTheUserFunctionThenApplyTheSession)
     const strings all = trace();
     ASSERT_GT(all.size(), 4u);
     EXPECT_EQ(all[0], arrival(msg, &with_func));
-    EXPECT_THAT(all[1], StartsWith(func_line(user_func)));
+    EXPECT_EQ(all[1], func_line(user_func));
     EXPECT_EQ(all[2], "user function");
     EXPECT_EQ(all[3], "info sw_evlan_session_reply_add: user: app, keyid: 7, reply value: 0x20000005.");
     EXPECT_THAT(heard(), ElementsAre("app hears evlan app/32/7: app 0x20000005"));
+    expect_handed_on(msg);
     ASSERT_NE(app_item(vxlan, 7), nullptr);
     EXPECT_EQ(app_item(vxlan, 7)->session_arg, 8u);
 }
@@ -155,9 +161,13 @@ TEST_P(EvlanSubscriptionOfWrites, RunTheUserFunctionThenApplyTheSession)
 TEST_P(EvlanSubscriptionOfWrites, NeedAValue)
 {
     add_user({.name = "app"});
-    notice msg(GetParam());
-    EXPECT_EQ(deliver(msg, &with_func), -2);
-    EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), refusal("Assert:MOM, value is NULL.")));
+    for (const int32_t end : {QZ_MOM_END_NONE, QZ_MOM_END_SCAN}) {
+        recording::reset();
+        notice msg(GetParam());
+        msg.end = end;
+        EXPECT_EQ(deliver(msg, &with_func), -2);
+        EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), refusal("Assert:MOM, value is NULL.")));
+    }
     EXPECT_THAT(func_calls, IsEmpty());
 }
 
@@ -167,8 +177,12 @@ TEST_P(EvlanSubscriptionOfWrites, NeedAValueWithoutError)
     session of("app", vxlan, 7);
     session_notice msg(GetParam(), of.answered(0x20000005));
     msg.hash.error = -101;
-    EXPECT_EQ(deliver(msg, &with_func), -2);
-    EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), refusal("Assert:MOM, error is -101.")));
+    for (const int32_t end : {QZ_MOM_END_NONE, QZ_MOM_END_SCAN}) {
+        recording::reset();
+        msg.end = end;
+        EXPECT_EQ(deliver(msg, &with_func), -2);
+        EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), refusal("Assert:MOM, error is -101.")));
+    }
     EXPECT_THAT(func_calls, IsEmpty());
 }
 
@@ -178,8 +192,12 @@ TEST_P(EvlanSubscriptionOfWrites, NeedADecodedSession)
     session of("app", vxlan, 7);
     session_notice msg(GetParam(), of);
     msg.hash.record = nullptr;
-    EXPECT_EQ(deliver(msg, &with_func), -2);
-    EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), refusal("Assert:evlan session is NULL.")));
+    for (const int32_t end : {QZ_MOM_END_NONE, QZ_MOM_END_SCAN}) {
+        recording::reset();
+        msg.end = end;
+        EXPECT_EQ(deliver(msg, &with_func), -2);
+        EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), refusal("Assert:evlan session is NULL.")));
+    }
     EXPECT_THAT(func_calls, IsEmpty());
 }
 
@@ -210,7 +228,11 @@ TEST_P(EvlanSubscriptionOfWrites, MayCarryTheEndOfAScanToo)
     session_notice msg(GetParam(), of.answered(0x20000005));
     msg.end = QZ_MOM_END_SCAN;
     EXPECT_EQ(deliver(msg, &with_func), 0);
-    EXPECT_THAT(trace(), Contains(StartsWith(callback_line("info", "scan end callback "))));
+    const strings all = trace();
+    ASSERT_GT(all.size(), 5u);
+    EXPECT_EQ(all[2], "user function");
+    EXPECT_EQ(all[3], scan_end_line(user_func));
+    EXPECT_EQ(all[4], "info sw_evlan_session_reply_add: user: app, keyid: 7, reply value: 0x20000005.");
     EXPECT_EQ(heard().size(), 1u);
 }
 
@@ -231,9 +253,10 @@ TEST_P(EvlanSubscriptionOfRemovals, RunTheUserFunctionThenRemove)
     const strings all = trace();
     ASSERT_GT(all.size(), 4u);
     EXPECT_EQ(all[0], arrival(msg, &with_func));
-    EXPECT_THAT(all[1], StartsWith(func_line(user_func)));
+    EXPECT_EQ(all[1], func_line(user_func));
     EXPECT_EQ(all[2], "user function");
     EXPECT_THAT(heard(), ElementsAre("app hears release app/32/7: app 0x20000005 event 2"));
+    expect_handed_on(msg);
     EXPECT_EQ(app_item(vxlan, 7), nullptr);
     EXPECT_EQ(g_diagnosis_stat.evlan_del_reply, 1u);
 }
@@ -241,10 +264,33 @@ TEST_P(EvlanSubscriptionOfRemovals, RunTheUserFunctionThenRemove)
 TEST_P(EvlanSubscriptionOfRemovals, NeedASession)
 {
     add_user({.name = "app"});
-    notice msg(GetParam());
-    EXPECT_EQ(deliver(msg, &with_func), -2);
-    EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), refusal("Assert:evlan session is NULL.")));
+    for (const int32_t end : {QZ_MOM_END_NONE, QZ_MOM_END_SCAN}) {
+        recording::reset();
+        notice msg(GetParam());
+        msg.end = end;
+        EXPECT_EQ(deliver(msg, &with_func), -2);
+        EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), refusal("Assert:evlan session is NULL.")));
+    }
     EXPECT_THAT(func_calls, IsEmpty());
+}
+
+TEST_P(EvlanSubscriptionOfRemovals, MayCarryTheEndOfAScanToo)
+{
+    add_user({.name = "app"});
+    grant("app", vxlan, 7, 0x20000005);
+    recording::reset();
+    session of("app", vxlan, 7);
+    session_notice msg(GetParam(), of.answered(0x20000005));
+    msg.end = QZ_MOM_END_SCAN;
+    EXPECT_EQ(deliver(msg, &with_func), 0);
+    const strings all = trace();
+    ASSERT_GT(all.size(), 5u);
+    EXPECT_EQ(all[2], "user function");
+    EXPECT_EQ(all[3], scan_end_line(user_func));
+    EXPECT_EQ(all[4], "info sw_evlan_app2udp: Mapping APP-index[32+0x7] to EVLAN-index[0x20000005].");
+    EXPECT_EQ(heard().size(), 1u);
+    EXPECT_EQ(app_item(vxlan, 7), nullptr);
+    EXPECT_EQ(g_diagnosis_stat.evlan_del_reply, 1u);
 }
 
 TEST_P(EvlanSubscriptionOfRemovals, WithoutIndexAreNoSessions)
