@@ -104,6 +104,15 @@ inline std::string session_key(const char *name, uint32_t type, int32_t keyid1, 
     return recording::render(&named.base);
 }
 
+// The record that names what a user has written of an eport.
+inline std::string attribute_key(const char *name, uint32_t id)
+{
+    udp_index index(name, id);
+    UBridge__Eport eport = U_BRIDGE__EPORT__INIT;
+    eport.index = &index;
+    return recording::render(&eport.base);
+}
+
 inline int32_t apply(UBridge__EportSession &of, int32_t add, uint32_t db = SW_EBRIDGE_APP_DB)
 {
     return sw_eport_session_reply(db, &of, add);

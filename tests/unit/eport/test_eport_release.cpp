@@ -20,14 +20,6 @@ int32_t release_direct(const char *name, uint32_t type, int32_t keyid1, int32_t 
     return sw_eport_release_direct(&key);
 }
 
-std::string attribute_key(const char *name, uint32_t id)
-{
-    udp_index index(name, id);
-    UBridge__Eport eport = U_BRIDGE__EPORT__INIT;
-    eport.index = &index;
-    return recording::render(&eport.base);
-}
-
 TEST_F(EportRelease, RefusesANullIndex)
 {
     add_user({.name = "app"});

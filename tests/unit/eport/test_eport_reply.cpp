@@ -391,6 +391,7 @@ TEST_F(EportGrant, HeardAgainUpdatesBothItems)
     add_user({.name = "app", .callbacks = no_callbacks});
     request("app", ac, 7, 8);
     grant("app", ac, 7, 8, 0x30000005, 4);
+    app_item(ac, 7, 8)->ds_flag = SW_INDEX_MAP_REQUESTED;
     recording::reset();
     session of("other", ac, 7, 8);
     of.priority = U_BRIDGE__RES_PRIORITY__LEVEL_1;
@@ -401,7 +402,7 @@ TEST_F(EportGrant, HeardAgainUpdatesBothItems)
                     "info sw_eport_session_reply_db_update: app_index-user: other, type: 48, keyid1: 7, keyid2: 8, "
                     "eport_index-eport_id: 0x30000005(priority: 1)\n",
                     "info sw_eport_index_map_update_item: Update EPORT Index map for other, appIndex is 0x7+0x8, "
-                    "UDPIndex is 0x30000005 ds_flag:3.",
+                    "UDPIndex is 0x30000005 ds_flag:2.",
                     "info sw_eport_index_map_update_item: Update EPORT Index map for other, UDPIndex is 0x30000005, "
                     "appIndex is 0x7+0x8."));
     const sw_eport_index_map *forward = app_item(ac, 7, 8);
@@ -732,6 +733,22 @@ TEST_F(EportRefusal, ReleasesTheSessionAndTellsTheRequester)
     EXPECT_EQ(sw_eport_hash_size(0), 0u);
 }
 
+TEST_F(EportRefusal, OfAHeldIdWithdrawsItBeforeTheSession)
+{
+    add_user({.name = "app"});
+    grant("app", ac, 7, 8, 0x30000005);
+    request("app", ac, 7, 8);
+    recording::reset();
+    session of("app", ac, 7, 8);
+    EXPECT_EQ(apply(of.refused(), 1), 0);
+    const auto calls = recording::calls();
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(call_text(calls[0]), "qz_mom_del 13 " + attribute_key("app", 0x30000005));
+    EXPECT_EQ(call_text(calls[1]), "qz_mom_del 4 " + session_key("app", ac, 7, 8));
+    EXPECT_EQ(held("app", 0x30000005), nullptr);
+    EXPECT_EQ(app_item(ac, 7, 8)->value[0], 0x30000005u);
+}
+
 // The release takes no mark off on this side.
 TEST_F(EportRefusal, LeavesTheKeyMarkedAsRequested)
 {
@@ -940,6 +957,20 @@ TEST_F(EportRemoval, OfAnotherUsersSessionOfTheKeyEmptiesTheMapToo)
     EXPECT_EQ(apply(of.answered(0x30000006), 0), 0);
     EXPECT_EQ(sw_eport_index_map_hash_size(0), 0u);
     EXPECT_NE(held("holder", 0x30000005), nullptr);
+}
+
+// A user who has left the scope since the grant.
+TEST_F(EportRemoval, ThatNobodyHearsEmptiesTheMapAllTheSame)
+{
+    sw_ebridge_list_item *user = add_user({.name = "app"});
+    grant("other", ac, 7, 8, 0x30000005);
+    ASSERT_EQ(sw_eport_index_map_hash_size(0), 2u);
+    recording::reset();
+    user->eport_data_type = 2;
+    session of("other", ac, 7, 8);
+    EXPECT_EQ(apply(of.answered(0x30000005), 0), 0);
+    EXPECT_THAT(heard(), IsEmpty());
+    EXPECT_EQ(sw_eport_index_map_hash_size(0), 0u);
 }
 
 // An evlan that was requested again keeps its items.

@@ -91,6 +91,22 @@ struct session : session_with<UBridge__EvlanSession, app_key> {
     }
 };
 
+// The record that names a session: nothing but its key.
+inline std::string session_key(const char *name, uint32_t type, int32_t keyid)
+{
+    const session named(name, type, keyid);
+    return recording::render(&named.base);
+}
+
+// The record that names what a user has written of an evlan.
+inline std::string attribute_key(const char *name, uint32_t id)
+{
+    udp_index index(name, id);
+    UBridge__Evlan evlan = U_BRIDGE__EVLAN__INIT;
+    evlan.index = &index;
+    return recording::render(&evlan.base);
+}
+
 inline int32_t apply(UBridge__EvlanSession &of, int32_t add, uint32_t db = SW_EBRIDGE_APP_DB)
 {
     return sw_evlan_session_reply(db, &of, add);

@@ -22,21 +22,6 @@ int32_t release_direct(const char *name, uint32_t type, int32_t keyid)
     return sw_evlan_release_direct(&key);
 }
 
-// The record that names a session: nothing but its key.
-std::string session_key(const char *name, uint32_t type, int32_t keyid)
-{
-    const session named(name, type, keyid);
-    return recording::render(&named.base);
-}
-
-std::string attribute_key(const char *name, uint32_t id)
-{
-    udp_index index(name, id);
-    UBridge__Evlan evlan = U_BRIDGE__EVLAN__INIT;
-    evlan.index = &index;
-    return recording::render(&evlan.base);
-}
-
 TEST_F(EvlanRelease, RefusesANullIndex)
 {
     add_user({.name = "app"});

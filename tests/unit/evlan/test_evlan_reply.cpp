@@ -421,6 +421,7 @@ TEST_F(EvlanGrant, HeardAgainUpdatesBothItems)
     add_user({.name = "app", .callbacks = no_callbacks});
     request("app", vxlan, 7);
     grant("app", vxlan, 7, 0x20000005, 4);
+    app_item(vxlan, 7)->ds_flag = SW_INDEX_MAP_REQUESTED;
     recording::reset();
     session of("other", vxlan, 7);
     of.priority = U_BRIDGE__RES_PRIORITY__LEVEL_1;
@@ -431,7 +432,7 @@ TEST_F(EvlanGrant, HeardAgainUpdatesBothItems)
                     "info sw_evlan_session_reply_db_update: app_index-user: other, type: 32, keyid: 7, "
                     "evlan_index-evlan_id: 0x20000005(priority: 1).",
                     "info sw_evlan_index_map_update_item: Update EVLAN Index map for other, appIndex[0x7] map to "
-                    "UDPIndex[0x20000005], ds_flag[3]\n",
+                    "UDPIndex[0x20000005], ds_flag[2]\n",
                     "info sw_evlan_index_map_update_item: Update EVLAN Index map for other, UDPIndex[0x20000005] map "
                     "to appIndex[0x7].\n"));
     const sw_evlan_index_map *forward = app_item(vxlan, 7);
@@ -730,7 +731,6 @@ TEST_F(EvlanRefusal, ReleasesTheSessionAndTellsBothCallbacks)
     recording::reset();
     session of("app", vxlan, 0x7b);
     EXPECT_EQ(apply(of.refused(), 1), 0);
-    const session named("app", vxlan, 0x7b);
     EXPECT_THAT(
         trace(),
         ElementsAre("warning sw_evlan_session_reply_add: no more evlan id available, user: app, app_index->type: 0x20, "
@@ -740,7 +740,7 @@ TEST_F(EvlanRefusal, ReleasesTheSessionAndTellsBothCallbacks)
                     "info sw_evlan_release_exec: user: app, type: 0x20, key(vid or ifx or vni) id: 123.",
                     "info sw_evlan_app2udp: Mapping APP-index[32+0x7b] to EVLAN-index[0x0].",
                     "info sw_evlan_release_exec: app2udp evlan_id: 0x0, rv: 0.",
-                    "qz_mom_del 4 " + recording::render(&named.base),
+                    "qz_mom_del 4 " + session_key("app", vxlan, 0x7b),
                     "info sw_evlan_session_reply_rollback_foreach: successfully reply vlan_id: 0xffffffff, type: 32.",
                     "app hears vlan app/32/123: -1",
                     "info sw_evlan_session_reply_rollback_foreach: reply evlan_id: 0xffffffff.",
@@ -750,6 +750,23 @@ TEST_F(EvlanRefusal, ReleasesTheSessionAndTellsBothCallbacks)
     EXPECT_EQ(app_item(vxlan, 0x7b)->value[0], 0u);
     EXPECT_EQ(udp_item(0xffffffff), nullptr);
     EXPECT_EQ(sw_evlan_hash_size(0), 0u);
+}
+
+TEST_F(EvlanRefusal, OfAHeldIdWithdrawsItBeforeTheSession)
+{
+    add_user({.name = "app"});
+    grant("app", vxlan, 7, 0x20000005);
+    request("app", vxlan, 7);
+    recording::reset();
+    session of("app", vxlan, 7);
+    EXPECT_EQ(apply(of.refused(), 1), 0);
+    const auto calls = recording::calls();
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(call_text(calls[0]), "qz_mom_del 12 " + attribute_key("app", 0x20000005));
+    EXPECT_EQ(call_text(calls[1]), "qz_mom_del 4 " + session_key("app", vxlan, 7));
+    EXPECT_EQ(sw_evlan_db_get_item(0, "app", 0x20000005), nullptr);
+    EXPECT_EQ(app_item(vxlan, 7)->ds_flag, 1u);
+    EXPECT_EQ(app_item(vxlan, 7)->value[0], 0x20000005u);
 }
 
 TEST_F(EvlanRefusal, CountsEachStep)
@@ -937,6 +954,19 @@ TEST_F(EvlanRemoval, OfAnotherUsersSessionOfTheKeyEmptiesTheMapToo)
     grant("holder", vxlan, 7, 0x20000005);
     session of("other", vxlan, 7);
     EXPECT_EQ(apply(of.answered(0x20000006), 0), 0);
+    EXPECT_EQ(sw_evlan_index_map_hash_size(0), 0u);
+}
+
+// An odd scope takes the grants of VLANs and hears no removal.
+TEST_F(EvlanRemoval, ThatNobodyHearsEmptiesTheMapAllTheSame)
+{
+    add_user({.name = "app", .scope = 1});
+    grant("other", vlan, 7, 0x10000005);
+    ASSERT_EQ(sw_evlan_index_map_hash_size(0), 2u);
+    recording::reset();
+    session of("other", vlan, 7);
+    EXPECT_EQ(apply(of.answered(0x10000005), 0), 0);
+    EXPECT_THAT(heard(), IsEmpty());
     EXPECT_EQ(sw_evlan_index_map_hash_size(0), 0u);
 }
 
