@@ -336,6 +336,30 @@ inline bool traced(const std::string &wanted)
     return false;
 }
 
+// ---- callbacks that read the counters: each counts once it has returned, a reply when all that it led to is done
+
+using readings = std::vector<uint32_t>;
+
+// What `read` gives within each callback that `work` leads to.
+inline std::vector<readings> seen_within_callbacks(const std::function<readings()> &read,
+                                                   const std::function<void()> &work)
+{
+    std::vector<readings> seen;
+    inside_callback = [&] { seen.push_back(read()); };
+    work();
+    inside_callback = nullptr;
+    return seen;
+}
+
+// Two users hear of `work`: what each of them reads of the counter of their callbacks and of that of the replies.
+inline void expect_omitted_by_their_readers(uint32_t sw_diagnosis_stat::*callbacks,
+                                            uint32_t sw_diagnosis_stat::*replies, const std::function<void()> &work)
+{
+    const auto read = [=] { return readings{g_diagnosis_stat.*callbacks, g_diagnosis_stat.*replies}; };
+    EXPECT_THAT(seen_within_callbacks(read, work), testing::ElementsAre(readings{0, 0}, readings{1, 0}));
+    EXPECT_EQ(read(), (readings{2, 1}));
+}
+
 // ---- dumps
 
 inline std::string dashes(size_t count) { return std::string(count, '-') + "\n"; }

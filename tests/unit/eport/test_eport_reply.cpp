@@ -10,6 +10,7 @@ using EportSubscription = EportTest;
 using EportGrant = EportTest;
 using EportRefusal = EportTest;
 using EportRemoval = EportTest;
+using EportCounters = EportTest;
 using EportReentry = EportTest;
 
 // ---- the slots of callback arguments
@@ -1062,6 +1063,38 @@ TEST_F(EportRemoval, BeforeAnyUserIsCounted)
     session of("app", ac, 7, 8);
     EXPECT_EQ(apply(of, 0), 0);
     EXPECT_EQ(g_diagnosis_stat.eport_del_reply, 1u);
+}
+
+// ---- callbacks that read the counters
+
+TEST_F(EportCounters, WithinAGrantOmitTheCallbackThatReadsThem)
+{
+    add_user({.name = "a"});
+    add_user({.name = "b"});
+    expect_omitted_by_their_readers(&sw_diagnosis_stat::eport_reply_cb, &sw_diagnosis_stat::eport_add_reply,
+                                    [] { grant("a", ac, 7, 8, 0x30000005); });
+}
+
+TEST_F(EportCounters, WithinARemovalOmitTheCallbackThatReadsThem)
+{
+    add_user({.name = "a"});
+    add_user({.name = "b"});
+    session of("a", ac, 7, 8);
+    expect_omitted_by_their_readers(&sw_diagnosis_stat::eport_release_cb, &sw_diagnosis_stat::eport_del_reply,
+                                    [&] { apply(of.answered(0x30000005), 0); });
+}
+
+TEST_F(EportCounters, WithinARefusalHoldTheReleaseAlready)
+{
+    add_user({.name = "app"});
+    const auto read = [] {
+        return readings{g_diagnosis_stat.eport_err_msg, g_diagnosis_stat.eport_total_release,
+                        g_diagnosis_stat.eport_auto_release, g_diagnosis_stat.eport_reply_cb,
+                        g_diagnosis_stat.eport_add_reply};
+    };
+    session of("app", ac, 7, 8);
+    EXPECT_THAT(seen_within_callbacks(read, [&] { apply(of.refused(), 1); }), ElementsAre(readings{1, 1, 1, 0, 0}));
+    EXPECT_EQ(read(), (readings{1, 1, 1, 1, 1}));
 }
 
 // ---- callbacks that call the library again

@@ -1031,45 +1031,28 @@ TEST_F(EvlanRemoval, BeforeAnyUserIsCounted)
     EXPECT_EQ(g_diagnosis_stat.evlan_del_reply, 1u);
 }
 
-// ---- callbacks that read the counters: each counts once it has returned, a reply when all that it led to is done
-
-using counts = std::vector<uint32_t>;
-
-// What `read` gives within each callback that `work` leads to.
-std::vector<counts> seen_within_callbacks(const std::function<counts()> &read, const std::function<void()> &work)
-{
-    std::vector<counts> seen;
-    inside_callback = [&] { seen.push_back(read()); };
-    work();
-    inside_callback = nullptr;
-    return seen;
-}
-
-// Two users hear of `work`: what each of them reads of the counter of their callbacks and of that of the replies.
-void expect_omitted_by_their_readers(uint32_t sw_diagnosis_stat::*callbacks, uint32_t sw_diagnosis_stat::*replies,
-                                     const std::function<void()> &work)
-{
-    add_user({.name = "a"});
-    add_user({.name = "b"});
-    const auto read = [=] { return counts{g_diagnosis_stat.*callbacks, g_diagnosis_stat.*replies}; };
-    EXPECT_THAT(seen_within_callbacks(read, work), ElementsAre(counts{0, 0}, counts{1, 0}));
-    EXPECT_EQ(read(), (counts{2, 1}));
-}
+// ---- callbacks that read the counters
 
 TEST_F(EvlanCounters, WithinAGrantOmitTheCallbackThatReadsThem)
 {
+    add_user({.name = "a"});
+    add_user({.name = "b"});
     expect_omitted_by_their_readers(&sw_diagnosis_stat::evlan_reply_evlancb, &sw_diagnosis_stat::evlan_add_reply,
                                     [] { grant("a", vxlan, 7, 0x20000005); });
 }
 
 TEST_F(EvlanCounters, WithinAGrantOfAVlanOmitTheCallbackThatReadsThem)
 {
+    add_user({.name = "a"});
+    add_user({.name = "b"});
     expect_omitted_by_their_readers(&sw_diagnosis_stat::evlan_reply_vlancb, &sw_diagnosis_stat::evlan_add_reply,
                                     [] { grant("a", vlan, 7, 0x10000005); });
 }
 
 TEST_F(EvlanCounters, WithinARemovalOmitTheCallbackThatReadsThem)
 {
+    add_user({.name = "a"});
+    add_user({.name = "b"});
     session of("a", vxlan, 7);
     expect_omitted_by_their_readers(&sw_diagnosis_stat::evlan_release_cb, &sw_diagnosis_stat::evlan_del_reply,
                                     [&] { apply(of.answered(0x20000005), 0); });
@@ -1079,14 +1062,14 @@ TEST_F(EvlanCounters, WithinARefusalHoldTheReleaseAlready)
 {
     add_user({.name = "app"});
     const auto read = [] {
-        return counts{g_diagnosis_stat.evlan_err_msg,       g_diagnosis_stat.evlan_total_release,
-                      g_diagnosis_stat.evlan_auto_release,  g_diagnosis_stat.evlan_reply_vlancb,
-                      g_diagnosis_stat.evlan_reply_evlancb, g_diagnosis_stat.evlan_add_reply};
+        return readings{g_diagnosis_stat.evlan_err_msg,       g_diagnosis_stat.evlan_total_release,
+                        g_diagnosis_stat.evlan_auto_release,  g_diagnosis_stat.evlan_reply_vlancb,
+                        g_diagnosis_stat.evlan_reply_evlancb, g_diagnosis_stat.evlan_add_reply};
     };
     session of("app", vxlan, 7);
     EXPECT_THAT(seen_within_callbacks(read, [&] { apply(of.refused(), 1); }),
-                ElementsAre(counts{1, 1, 1, 0, 0, 0}, counts{1, 1, 1, 1, 0, 0}));
-    EXPECT_EQ(read(), (counts{1, 1, 1, 1, 1, 1}));
+                ElementsAre(readings{1, 1, 1, 0, 0, 0}, readings{1, 1, 1, 1, 0, 0}));
+    EXPECT_EQ(read(), (readings{1, 1, 1, 1, 1, 1}));
 }
 
 // ---- callbacks that call the library again
