@@ -909,7 +909,8 @@ int32_t sw_vlan_port_aged_data_delete(const char *user_name, qz_mom_msg_cb callb
 /* Makes the cache. 0 or -1. */
 int32_t sw_vlan_pvid_db_init(void);
 /* Sets the user's pvid of a port (its eport id), locally and published: vid 1 or more is written, 0 withdrawn, a negative one
- * only kept locally. 0, -2, or the store's code. */
+ * only kept locally. Of a circuit's record it takes the place of the low half of match_vid: the views share their storage.
+ * 0, -2, or the store's code. */
 int32_t sw_vlan_pvid_set(const char *user_name, uint32_t port, int32_t vid);
 /* The port's current pvid by its interface index, 0 when it has none; the name takes no part. 0; -2 null. */
 int32_t sw_vlan_pvid_get(const char *user_name, uint32_t ifx, int32_t *out);

@@ -110,9 +110,25 @@ SW_EXPORT int32_t sw_eport_clear_all_db(void)
     return 0;
 }
 
+// Makes sure that the databases and the user exist, and gives the record that a verification inserts.
+static bool verification_record(sw::site where, uint32_t inst, const char *user_name, uint32_t eport_id,
+                                sw_eport_attr &record)
+{
+    if (user_name == nullptr) {
+        SW_LOG_AT(where, error, "Assert:Bad EPORT index.");
+        return false;
+    }
+    sw_ebridge_attr_db_init(inst, user_name);
+    sw_eport_init(&record, user_name, eport_id);
+    return true;
+}
+
 SW_EXPORT sw_eport_attr *sw_eport_attr_db_verify(uint32_t inst, const char *user_name, uint32_t eport_id)
 {
-    return sw_eport_attr_db_verify_new(inst, user_name, eport_id, nullptr);
+    sw_eport_attr record;
+    if (!verification_record(SW_HERE, inst, user_name, eport_id, record))
+        return nullptr;
+    return sw_eport_db_insert_item(inst, user_name, &record);
 }
 
 SW_EXPORT sw_eport_attr *sw_eport_attr_db_verify_new(uint32_t inst, const char *user_name, uint32_t eport_id,
@@ -120,13 +136,9 @@ SW_EXPORT sw_eport_attr *sw_eport_attr_db_verify_new(uint32_t inst, const char *
 {
     if (created != nullptr)
         *created = 0;
-    if (user_name == nullptr) {
-        SW_LOG(error, "Assert:Bad EPORT index.");
-        return nullptr;
-    }
-    sw_ebridge_attr_db_init(inst, user_name);
     sw_eport_attr record;
-    sw_eport_init(&record, user_name, eport_id);
+    if (!verification_record(SW_HERE, inst, user_name, eport_id, record))
+        return nullptr;
     return sw_eport_db_insert_item_new(inst, user_name, &record, created);
 }
 

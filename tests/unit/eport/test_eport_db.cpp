@@ -580,7 +580,9 @@ TEST_F(EportVerify, WithoutMemoryIsReported)
     recording::fail_allocation(1, true);
     EXPECT_EQ(sw_eport_attr_db_verify(0, "app", eport_id(ap, 3)), nullptr);
     recording::fail_allocation(0);
-    EXPECT_THAT(recording::logged(100), ElementsAre("Assert:Insert inst[0].user[app].eport[0x20000003] failed."));
+    EXPECT_THAT(
+        trace(),
+        ElementsAre("error sw_eport_db_insert_item: Assert:Insert inst[0].user[app].eport[0x20000003] failed."));
 }
 
 TEST_F(EportVerify, WithoutMemoryForTheUserIsReportedTwice)
