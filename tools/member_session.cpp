@@ -98,11 +98,15 @@ bool session::scan_members(std::string *error)
     return wait_for_ends(std::size(wanted), "VLANs of ports", error);
 }
 
-// The default VLANs that there are, for the library: what it subscribes tells of changes alone.
+// The default VLANs that there are, for the library: what it subscribes tells of changes alone. It does not tell whether the
+// store has taken its scan, so another call asks first; between the two nothing can happen.
 bool session::scan_pvids(std::string *error)
 {
     ended_ = 0;
-    const auto scan = [&] { return sw_vlan_pvid_table_scan(requester(), on_scanned, this); };
+    const auto scan = [&] {
+        const int32_t code = ask_for_writes(SW_EBRIDGE_UDP_DB, nullptr);
+        return code != 0 ? code : sw_vlan_pvid_table_scan(requester(), on_scanned, this);
+    };
     if (const int32_t code = patiently(scan); code != 0) {
         *error = std::string("the default VLANs cannot be scanned: ") + qz_mom_strerror(code);
         return false;

@@ -1,4 +1,5 @@
 // What a session of "ebridge run" reads back: the store's records, and the tables of the library. See session.hpp.
+#include <algorithm>
 #include <cstdio>
 
 #include "session.hpp"
@@ -41,7 +42,7 @@ const ProtobufCMessage *const ALL_ATTRIBUTES[2] = {&any_evlan.base, &any_eport.b
 
 bool session::wait_for_ends(int wanted, const char *what, std::string *error)
 {
-    if (wait_until([this, wanted] { return ended_ == wanted; }))
+    if (wait_until([this, wanted] { return ended_ == wanted; }, std::max(patience_usec_, SCAN_PATIENCE_USEC)))
         return true;
     *error = std::string("the scan of the ") + what + " did not end";
     return false;

@@ -45,8 +45,14 @@ bool run_config(const switch_config &config, const run_options &options, run_res
     const auto start = std::chrono::steady_clock::now();
     const bool spread = options.users > 0;
     run_books books(config, spread ? options.users : 1, out);
-    if (!(spread ? run_spread(options, &books, out, error) : run_here(options, &books, out, error)))
+    try {
+        if (!(spread ? run_spread(options, &books, out, error) : run_here(options, &books, out, error)))
+            return false;
+    } catch (const store_lost &lost) {
+        out->store_missing = true;
+        *error = lost.what();
         return false;
+    }
     out->seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     return true;
 }

@@ -154,10 +154,7 @@ int run_it(const arguments &given)
         return complain("standard output cannot be kept apart", SOMETHING_DIFFERS);
     end_tidily_on(SIGINT);
     end_tidily_on(SIGTERM);
-    run_options options{.ranges = given.ranges,
-
-                        .patience_usec = given.patience * 1'000'000,
-                        .progress = show_progress};
+    run_options options{.ranges = given.ranges, .patience_usec = given.patience * 1'000'000, .progress = show_progress};
     if (!given.store.empty()) {
         options.store = given.store;
         options.serve = false;
@@ -211,8 +208,9 @@ void add_run(CLI::App *ebridge, std::vector<command> *commands)
         ->needs(restart);
     run->add_flag("--delete-now", given->delete_now, "delete what is dropped at once, not by the timer")
         ->needs(restart);
-    run->add_option("--patience", given->patience,
-                    "without any answer for so long, what is open counts as refused, 1 to 3600; 30 unless given")
+    run->add_option(
+           "--patience", given->patience,
+           "without any answer for so long, what is open counts as refused, and a lost store as gone for good, 1 to 3600; 30 unless given")
         ->type_name("SECONDS")
         ->check(CLI::Range(1, 3600));
     run->add_option("--range", given->range_texts, "numbers that the allocator may give, may be repeated")

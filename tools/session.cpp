@@ -81,38 +81,36 @@ bool session::open(const run_options &options, std::string *error)
 
 // ---- waiting --------------------------------------------------------------------------------------------------------
 
-// The time for which the store has been away was spent: by another wait, or while this session had nothing to do.
-int64_t session::patience_left() const
-{
-    const int64_t since = link_.away_since();
-    return since == 0 ? patience_usec_ : std::max<int64_t>(since + patience_usec_ - qz_thread_now(master()), 0);
-}
-
-void session::check_store() const
-{
-    if (link_.away_since() != 0 && patience_left() == 0)
-        throw store_lost(config_text::printable_url(url_) + ": the store is lost, and has not come back for " +
-                         std::to_string(patience_usec_ / 1'000'000) + " s");
-}
-
-bool session::wait_until(const std::function<bool()> &condition)
+bool session::wait_until(const std::function<bool()> &condition, int64_t patience_usec)
 {
     for (;;) {
-        const int64_t patience = patience_left();
-        if (link_.wait_until(condition, patience))
+        const bool was_away = link_.away_since() != 0;
+        if (link_.wait_until(condition, was_away ? patience_with_store() : patience_usec))
             return true;
-        check_store();
-        if (link_.away_since() == 0 && patience == patience_usec_)
+        if (link_.away_since() == 0 && !was_away)
             return false;
+        if (link_.away_since() != 0 && qz_thread_now(master()) >= link_.away_since() + patience_usec_)
+            throw store_lost(config_text::printable_url(url_) + ": the store is lost, and has not come back for " +
+                             std::to_string(patience_usec_ / 1'000'000) + " s");
     }
+}
+
+// What is left of the time for which the store may be away: the rest was spent by another wait, or while this session had
+// nothing to do. Enough in any case to hear of its return.
+int64_t session::patience_with_store() const
+{
+    constexpr int64_t LOOK_USEC = 1000;
+    return std::max(link_.away_since() + patience_usec_ - qz_thread_now(master()), LOOK_USEC);
 }
 
 int32_t session::patiently(const std::function<int32_t()> &call)
 {
-    const int32_t code = link_.patiently(call, patience_left());
-    if (code == QZ_MOM_EDOWN)
-        check_store();
-    return code;
+    for (;;) {
+        const int32_t code = link_.patiently(call, patience_usec_);
+        if (code != QZ_MOM_EDOWN || link_.away_since() == 0)
+            return code;
+        wait_until([this] { return link_.away_since() == 0; });
+    }
 }
 
 // ---- opening --------------------------------------------------------------------------------------------------------
@@ -303,22 +301,27 @@ void session::describe_all()
     wait_for_writes(SW_EBRIDGE_UDP_DB);
 }
 
-// Some writes have no answer, and what is still under way when a process ends is lost. A call that has one is answered after
-// them.
-void session::wait_for_writes(uint32_t db)
+// A call that changes nothing. 0 when the store has taken it.
+int32_t session::ask_for_writes(uint32_t db, qz_mom_msg_cb told)
 {
     UBridge__EvlanIndex index = U_BRIDGE__EVLAN_INDEX__INIT;
     index.t_user = const_cast<char *>(requester());
     UBridge__Evlan none = U_BRIDGE__EVLAN__INIT;
     none.index = &index;
+    return qz_mom_clear_expire(link_.handle(), db, &none.base, told, this);
+}
+
+// Some writes have no answer, and what is still under way when a process ends is lost. A call that has one is answered after
+// them.
+void session::wait_for_writes(uint32_t db)
+{
     written_ = false;
     const auto note = [](qz_mom_handle *, const qz_mom_notification *, void *self) {
         static_cast<session *>(self)->written_ = true;
         static_cast<session *>(self)->happened();
         return int32_t{0};
     };
-    const auto ask = [&] { return qz_mom_clear_expire(link_.handle(), db, &none.base, note, this); };
-    if (patiently(ask) == 0)
+    if (patiently([&] { return ask_for_writes(db, note); }) == 0)
         wait_until([this] { return written_; });
 }
 

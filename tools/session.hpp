@@ -30,6 +30,7 @@ struct cast {
 
 // Patience is without anything heard, in microseconds.
 constexpr int64_t ENDLESS = int64_t{1} << 60;
+constexpr int64_t SCAN_PATIENCE_USEC = 30'000'000;
 
 // The store went away, and did not come back while patience lasted: nothing more can be learned.
 struct store_lost : std::runtime_error {
@@ -121,7 +122,7 @@ class session
 
     // Runs the loop until the condition holds. False when nothing has been heard for as long as the options say; throws
     // store_lost when the store has been away for so long.
-    bool wait_until(const std::function<bool()> &condition);
+    bool wait_until(const std::function<bool()> &condition) { return wait_until(condition, patience_usec_); }
     // The same for a shorter or an endless time, whether or not the store is there.
     bool look_until(const std::function<bool()> &condition, int64_t patience_usec)
     {
@@ -146,8 +147,9 @@ class session
     const char *requester() const { return requests_->users()[users_.requester].c_str(); }
     // Makes a call again as long as the store cannot take it: as wait_until().
     int32_t patiently(const std::function<int32_t()> &call);
-    int64_t patience_left() const;
-    void check_store() const;
+    bool wait_until(const std::function<bool()> &condition, int64_t patience_usec);
+    int64_t patience_with_store() const;
+    int32_t ask_for_writes(uint32_t db, qz_mom_msg_cb told);
     int32_t send(const request &wanted);
     int32_t describe(const request &of);
     void wait_for_writes(uint32_t db);

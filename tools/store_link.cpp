@@ -43,13 +43,13 @@ int32_t store_link::open(const std::string &url, std::span<const uint32_t> datab
 int32_t store_link::on_connection(qz_mom_handle *, uint32_t db, int32_t type, void *self)
 {
     auto *of = static_cast<store_link *>(self);
-    const bool was_whole = of->lost_.empty();
-    if (type == QZ_MOM_RECONNECT_ERROR)
-        of->lost_.insert(db);
-    if (was_whole)
+    const uint64_t bit = uint64_t{1} << (db % 64);  // a store that can be lost has 16
+    if (of->lost_ == 0)
         of->away_since_ = qz_thread_now(of->master_);
+    if (type == QZ_MOM_RECONNECT_ERROR)
+        of->lost_ |= bit;
     if (type == QZ_MOM_RECONNECT_DONE) {
-        of->lost_.erase(db);
+        of->lost_ &= ~bit;
         of->happened();
     }
     return 0;

@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <set>
 #include <span>
 #include <string>
 
@@ -34,7 +33,7 @@ class store_link
     int32_t patiently(const std::function<int32_t()> &call, int64_t patience_usec);
 
     // Since when one of the databases is lost; 0 while all are connected. It is heard of when the loop runs.
-    int64_t away_since() const { return lost_.empty() ? 0 : away_since_; }
+    int64_t away_since() const { return lost_ == 0 ? 0 : away_since_; }
 
     qz_thread_master *master() const { return master_; }
     qz_mom_handle *handle() const { return handle_; }
@@ -52,7 +51,7 @@ class store_link
     qz_thread_master *master_ = nullptr;
     qz_mom_handle *handle_ = nullptr;
     size_t connected_ = 0;  // databases
-    std::set<uint32_t> lost_{};
+    uint64_t lost_ = 0;     // a bit each
     int64_t away_since_ = 0;
 };
 

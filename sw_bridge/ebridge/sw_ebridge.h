@@ -327,7 +327,7 @@ typedef struct sw_ematch_item {
     int32_t final_result;   /* last calculated */
 } sw_ematch_item;
 
-/* Default VLAN of a port; also the change record of the pvid_change callback. */
+/* Default VLAN of a port; also the change record of the pvid_change callback, each user's own and gone after it. */
 typedef struct sw_vlan_pvid_entry {
     uint32_t ifx; /* key: interface index */
     uint16_t new_pvid;
