@@ -25,8 +25,8 @@ struct range_setting {
 struct run_options {
     std::string store = "mem:ebridge-run";  // URL
     std::vector<range_setting> ranges{};
-    int64_t patience_usec =
-        30'000'000;  // without any answer for so long, what is open counts as refused; the store may be away for so long
+    // Without any answer for so long, what is open counts as refused; the store may be away for so long.
+    int64_t patience_usec = 30'000'000;
     bool serve = true;  // false: no allocator in this process, so that nobody answers
     // 0: requester and observer live in this process. Otherwise the number of requester processes, beside that of the
     // observer; no allocator is started then, and the store is one that processes share.
@@ -76,8 +76,8 @@ struct run_result {
     std::vector<std::string> problems;      // a line for each entry that was refused or differs
     std::vector<std::string> notes;         // a line for each entry that is not expressed
     double seconds = 0;
-    bool store_missing =
-        false;  // the run failed because nobody is there behind the URL, or was not back for `patience`
+    // The run failed because nobody is there behind the URL, or nobody was back while patience lasted.
+    bool store_missing = false;
     // After a run: prints the library's users and tables, the observer's where it is a process of its own, on standard
     // output. False when that failed. Only once.
     std::function<bool()> dump{};

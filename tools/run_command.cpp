@@ -210,7 +210,8 @@ void add_run(CLI::App *ebridge, std::vector<command> *commands)
         ->needs(restart);
     run->add_option(
            "--patience", given->patience,
-           "without any answer for so long, what is open counts as refused, and a lost store as gone for good, 1 to 3600; 30 unless given")
+           "without any answer for so long, what is open counts as refused, and a lost store as gone for good, "
+           "1 to 3600; 30 unless given")
         ->type_name("SECONDS")
         ->check(CLI::Range(1, 3600));
     run->add_option("--range", given->range_texts, "numbers that the allocator may give, may be repeated")

@@ -462,12 +462,9 @@ void dump_map_vlans(uint32_t inst, int32_t first, int32_t last, sw_ebridge_dump_
 {
     if (!sw::family<sw_evlan_index_map>::exists(inst))
         return;
-    const auto dump = [](sw_evlan_index_map *item, void *args, int32_t position) {
-        return sw_evlan_index_map_dump_op(item, args, position);
-    };
     for (int32_t vid = first; vid <= last; ++vid) {
         filter.id = vlan_id_of(vid);
-        sw_evlan_index_map_hash_traverse(inst, dump, &filter);
+        sw_evlan_index_map_hash_traverse(inst, sw_evlan_index_map_dump_op, &filter);
     }
     sw::print_map_total<kind>(inst, filter);
 }

@@ -16,6 +16,17 @@ using EvlanCounters = EvlanTest;
 
 std::string func_line(sw_ebridge_mom_func func) { return bridge_test::func_line("EVLAN session", func); }
 
+// Whether or not it also ends a scan.
+void expect_refused_at_any_end(notice &msg, const char *text)
+{
+    for (const int32_t end : {QZ_MOM_END_NONE, QZ_MOM_END_SCAN}) {
+        recording::reset();
+        msg.end = end;
+        EXPECT_EQ(deliver(msg, &with_func), -2);
+        EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), refusal(text)));
+    }
+}
+
 std::string scan_end_line(sw_ebridge_mom_func func)
 {
     return callback_line("info", format("scan end callback %p.", address(func)));
@@ -161,13 +172,8 @@ TEST_P(EvlanSubscriptionOfWrites, RunTheUserFunctionThenApplyTheSession)
 TEST_P(EvlanSubscriptionOfWrites, NeedAValue)
 {
     add_user({.name = "app"});
-    for (const int32_t end : {QZ_MOM_END_NONE, QZ_MOM_END_SCAN}) {
-        recording::reset();
-        notice msg(GetParam());
-        msg.end = end;
-        EXPECT_EQ(deliver(msg, &with_func), -2);
-        EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), refusal("Assert:MOM, value is NULL.")));
-    }
+    notice msg(GetParam());
+    expect_refused_at_any_end(msg, "Assert:MOM, value is NULL.");
     EXPECT_THAT(func_calls, IsEmpty());
 }
 
@@ -177,12 +183,7 @@ TEST_P(EvlanSubscriptionOfWrites, NeedAValueWithoutError)
     session of("app", vxlan, 7);
     session_notice msg(GetParam(), of.answered(0x20000005));
     msg.hash.error = -101;
-    for (const int32_t end : {QZ_MOM_END_NONE, QZ_MOM_END_SCAN}) {
-        recording::reset();
-        msg.end = end;
-        EXPECT_EQ(deliver(msg, &with_func), -2);
-        EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), refusal("Assert:MOM, error is -101.")));
-    }
+    expect_refused_at_any_end(msg, "Assert:MOM, error is -101.");
     EXPECT_THAT(func_calls, IsEmpty());
 }
 
@@ -192,12 +193,7 @@ TEST_P(EvlanSubscriptionOfWrites, NeedADecodedSession)
     session of("app", vxlan, 7);
     session_notice msg(GetParam(), of);
     msg.hash.record = nullptr;
-    for (const int32_t end : {QZ_MOM_END_NONE, QZ_MOM_END_SCAN}) {
-        recording::reset();
-        msg.end = end;
-        EXPECT_EQ(deliver(msg, &with_func), -2);
-        EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), refusal("Assert:evlan session is NULL.")));
-    }
+    expect_refused_at_any_end(msg, "Assert:evlan session is NULL.");
     EXPECT_THAT(func_calls, IsEmpty());
 }
 
@@ -264,13 +260,8 @@ TEST_P(EvlanSubscriptionOfRemovals, RunTheUserFunctionThenRemove)
 TEST_P(EvlanSubscriptionOfRemovals, NeedASession)
 {
     add_user({.name = "app"});
-    for (const int32_t end : {QZ_MOM_END_NONE, QZ_MOM_END_SCAN}) {
-        recording::reset();
-        notice msg(GetParam());
-        msg.end = end;
-        EXPECT_EQ(deliver(msg, &with_func), -2);
-        EXPECT_THAT(trace(), ElementsAre(arrival(msg, &with_func), refusal("Assert:evlan session is NULL.")));
-    }
+    notice msg(GetParam());
+    expect_refused_at_any_end(msg, "Assert:evlan session is NULL.");
     EXPECT_THAT(func_calls, IsEmpty());
 }
 
