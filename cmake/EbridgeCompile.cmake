@@ -8,6 +8,8 @@ add_compile_definitions(_FILE_OFFSET_BITS=64)
 if(EBRIDGE_SANITIZE)
   add_compile_options(-fsanitize=${EBRIDGE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${EBRIDGE_SANITIZE})
+  # Programs in C bring the sanitizer's part for C++, too: their libraries are in C++.
+  add_link_options("$<$<LINK_LANG_AND_ID:C,Clang>:-fsanitize-link-c++-runtime;-lstdc++>")
 endif()
 
 # Our own code: warnings are errors. Generated code and the headers of dependencies are not ours to mend.

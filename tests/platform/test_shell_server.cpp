@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <random>
 #include <span>
@@ -161,6 +162,11 @@ class ShellServer : public testing::Test
         ssat_reg_mod_cmd(module, "talk", 0, "talks", talk);
         the_master = qz_thread_master_create(QZ_THREAD_CLOCK_REAL);
         loop_ = std::thread([] { qz_thread_run(the_master); });
+        // A test that takes all descriptors finds it running: a sanitizer needs some to look at how a thread starts.
+        std::promise<void> runs;
+        qz_thread_call(
+            the_master, [](void *known) { static_cast<std::promise<void> *>(known)->set_value(); }, &runs);
+        runs.get_future().wait();
     }
     ~ShellServer() override
     {
